@@ -1,0 +1,45 @@
+# What every target is compiled with.
+add_library(vigmond_options INTERFACE)
+target_compile_options(
+    vigmond_options
+    INTERFACE -Wall
+              -Wextra
+              -Wpedantic
+              -Wconversion
+              -Wshadow
+              -Wformat=2
+              -Werror
+              -fno-exceptions
+              -fno-rtti
+              -fno-common)
+# The places of a trace line are cut out of the journal's field texts, and traces take their variable
+# arguments as GNU C has them.
+target_compile_definitions(vigmond_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    target_compile_options(vigmond_options INTERFACE -ffunction-sections -fdata-sections -fstack-protector-strong)
+    target_compile_definitions(vigmond_options INTERFACE _FORTIFY_SOURCE=2)
+    target_link_options(vigmond_options INTERFACE -Wl,--gc-sections -Wl,-z,relro,-z,now)
+endif()
+if(VIGMOND_SANITIZE)
+    target_compile_options(vigmond_options INTERFACE -fsanitize=${VIGMOND_SANITIZE} -fno-omit-frame-pointer
+                                                     -fno-sanitize-recover=all)
+    target_link_options(vigmond_options INTERFACE -fsanitize=${VIGMOND_SANITIZE})
+endif()
+
+# Gives each source the file text of its trace lines: the module's name, as log filters in the field
+# know it. The parts that were split off a module go on tracing under its name.
+function(vigmond_trace_files)
+    set(module_of_options vigmond)
+    set(module_of_startup vigmond)
+    set(module_of_dump gdata)
+    foreach(source ${ARGN})
+        cmake_path(GET source STEM module)
+        if(DEFINED module_of_${module})
+            set(module ${module_of_${module}})
+        endif()
+        if(source MATCHES "/builtin/")
+            set(module "builtin/${module}")
+        endif()
+        set_property(SOURCE ${source} APPEND PROPERTY COMPILE_DEFINITIONS "TRACE_FILE=\"${module}.c\"")
+    endforeach()
+endfunction()

@@ -1,0 +1,59 @@
+#pragma once
+
+// The probes' operations, as the built-in tasks bind them. An exec operation returns 0 with `value`
+// stored and marked valid, or -1 with `error` stored and `value` left stale.
+
+#include "gdata.h"
+
+/// What the init operation of a simple probe does to its task.
+constexpr void probe_mark_initialised(Task *task) {
+    task->flags = (task->flags & ~std::uint32_t{TASK_REINIT}) | TASK_INITIALISED;
+}
+
+/// Stores a fresh measurement; returns 0.
+constexpr int probe_succeed(Task *task, std::int32_t value) {
+    task->value = value;
+    task->flags |= TASK_VALUE_VALID;
+    return 0;
+}
+
+/// Records a failed run, whose error number is left beside a stale value; returns -1.
+constexpr int probe_fail(Task *task, std::int32_t error) {
+    task->error = error;
+    return -1;
+}
+
+int temperature_init(Task *task);
+int temperature_exec(Task *task);
+
+int memoryusage_init(Task *task);
+int memoryusage_exec(Task *task);
+
+int wearout_init(Task *task);
+int wearout_exec(Task *task);
+
+int diskusage_init(Task *task);
+int diskusage_exec(Task *task);
+
+int bluetooth_init(Task *task);
+int bluetooth_exec(Task *task);
+int bluetooth_logger(Task *task);
+
+int ethernet_init(Task *task);
+int ethernet_exec(Task *task);
+int ethernet_logger(Task *task);
+
+int internet_init(Task *task);
+int internet_exec(Task *task);
+
+int wireless_init(Task *task);
+int wireless_exec(Task *task);
+int wireless_logger(Task *task);
+
+int service_init(Task *task);
+int service_exec(Task *task);
+int service_logger(Task *task);
+
+int load_init(Task *task);
+int load_exec(Task *task);
+int load_logger(Task *task);

@@ -1,0 +1,10 @@
+#pragma once
+
+/// What is to be done at exit, with the argument given to `cleanup_add`.
+using CleanupFunction = int (*)(void *argument);
+
+/// Runs the registered functions, the latest first, then the tasks' own cleanups and that of the
+/// status log. Returns the last function's result, or -1 when none is registered.
+int cleanup();
+/// Registers `function`; 0, or -1 when memory is out. `argument` stays the caller's.
+int cleanup_add(CleanupFunction function, void *argument);

@@ -1,0 +1,170 @@
+#pragma once
+
+// The task record and the one settings record.
+
+#include <cstdint>
+
+struct Task;
+
+/// What a task can do; the result's meaning belongs to the slot.
+using TaskOperation = int (*)(Task *);
+
+/// An operation and the name under which the dump shows it.
+struct NamedOperation {
+    TaskOperation run;
+    const char *name;
+};
+
+enum TaskFlag : std::uint32_t {
+    TASK_INITIALISED = 0x1,
+    TASK_REINIT = 0x2,
+    TASK_RUNNABLE = 0x4,
+    TASK_HAS_PRECONDITION = 0x8,
+    TASK_HAS_CLEANUP = 0x10,
+    TASK_HAS_SOURCE = 0x20,
+    TASK_HAS_ANALYZE = 0x40,
+    TASK_HAS_NOTIFY = 0x80,
+    TASK_HAS_LOGGING = 0x100,
+    TASK_HAS_ID = 0x200,
+    TASK_HAS_INTERVAL = 0x400,
+    TASK_HAS_MINFAIL = 0x800,
+    TASK_HAS_MINWARN = 0x1000,
+    TASK_HAS_MAXWARN = 0x2000,
+    TASK_HAS_MAXFAIL = 0x4000,
+    TASK_HAS_HYSTERESIS = 0x8000,
+    TASK_HAS_DELAY = 0x10000,
+    TASK_VALUE_VALID = 0x20000,
+    TASK_HAS_FORMAT = 0x40000,
+    TASK_HAS_PARAMETER = 0x80000,
+    TASK_BUILTIN = 0x100000,
+};
+
+/// The id of a task without an issue, shown as "CBnn".
+inline constexpr std::int32_t TASK_ID_UNSET = 99;
+/// The id whose parameter is the number in `minfail`; readers of the dump and the log rely on it.
+inline constexpr std::int32_t TASK_ID_NUMERIC_PARAMETER = 19;
+
+/// One check. The texts are borrowed; built-in tasks live for the whole process.
+struct Task {
+    Task *next;
+    Task *prev;
+    std::uint32_t flags;
+    TaskOperation init;         ///< called once at start
+    TaskOperation precondition; ///< 0 skips a run; asked when TASK_HAS_PRECONDITION is set
+    TaskOperation cleanup;      ///< called at exit when TASK_HAS_CLEANUP is set
+    TaskOperation exec;         ///< the probe: stores `value` and TASK_VALUE_VALID, or `error`
+    const char *source;
+    NamedOperation analyze;
+    NamedOperation notify;
+    NamedOperation logging;
+    const char *name;
+    std::int32_t id;
+    std::int32_t index;
+    std::int32_t interval; ///< seconds
+    std::int32_t minfail;
+    std::int32_t minwarn;
+    std::int32_t maxwarn;
+    std::int32_t maxfail;
+    std::int32_t hysteresis;
+    std::int32_t delay; ///< consecutive samples before a change of state
+    const char *parameter;
+    const char *format;
+    std::int64_t next_run; ///< seconds since the epoch
+    std::int32_t value;
+    std::int32_t error; ///< errno-style code of the last failed run
+    std::int32_t child_pid;
+    std::uint8_t counter_minfail;
+    std::uint8_t counter_minwarn;
+    std::uint8_t counter_ok;
+    std::uint8_t counter_maxwarn;
+    std::uint8_t counter_maxfail;
+    std::int8_t state; ///< -2 failure below, -1 warning below, 0 OK, 1 warning above, 2 failure above
+    std::uint8_t analyzable;
+    std::uint8_t do_notify;
+    std::uint8_t do_log;
+    std::uint8_t do_logfile;
+};
+
+/// Whether all bits of `mask` are set in the task's flags.
+constexpr bool task_has(const Task *task, std::uint32_t mask) { return (task->flags & mask) == mask; }
+
+/// A list of tasks linked through `next` and `prev`.
+struct TaskList {
+    Task *first;
+    Task *last;
+    std::int32_t count;
+};
+
+enum LogLevel : std::int32_t { LOGLEVEL_FAIL = 1, LOGLEVEL_WARNING = 2, LOGLEVEL_OK = 3 };
+enum SeverityLevel : std::int32_t { SEVERITY_CRITICAL = 2, SEVERITY_FAILED = 3, SEVERITY_WARNING = 4, SEVERITY_OK = 5 };
+
+inline constexpr std::int32_t LOGSIZE_MIN = 10240;
+inline constexpr std::int32_t LOGSIZE_MAX = 104857600;
+inline constexpr std::int32_t LOGCOUNT_MAX = 128;
+
+/// The settings of the daemon.
+struct GlobalData {
+    TaskList tasks;
+    const char *logfile;
+    std::int32_t logsize; ///< bytes
+    std::int32_t logcount;
+    std::int32_t loglevel;
+    std::int32_t severitylevel;
+    const char *dbus_busname;
+    const char *dbus_path;
+    const char *dbus_if;
+    std::int32_t interval;      ///< seconds
+    std::int32_t intervalsteps; ///< seconds between heartbeats
+    const char *analyze;
+    const char *notify;
+    const char *logging;
+    std::int32_t hysteresis;
+};
+
+/// The record itself, for the dump and for tests; everybody else uses the operations below.
+GlobalData &gdata_record();
+
+/// Hands over the list of tasks, which must outlive the process's use of it.
+void gdata_set_tasks(const TaskList &tasks);
+/// The first task, null when there is none.
+Task *gdata_get_task_head();
+
+/// The status log file in force.
+const char *gdata_get_logfile();
+/// Takes a copy of `path` when it can be opened for appending, creating it if missing. Returns the
+/// path in force, which is the old one after a failure; errno is then that of the open.
+const char *gdata_set_logfile(const char *path);
+
+std::int32_t gdata_get_logcount();
+/// Stores and returns the number of log generations, clamped to 0..128.
+std::int32_t gdata_set_logcount(std::int32_t count);
+
+std::int32_t gdata_get_logsize();
+/// Stores and returns the size limit in bytes, clamped to 10240..104857600.
+std::int32_t gdata_set_logsize(std::int32_t bytes);
+
+std::int32_t gdata_get_loglevel();
+/// Stores and returns the record level; outside 1..3 it becomes 2.
+std::int32_t gdata_set_loglevel(std::int32_t level);
+
+std::int32_t gdata_get_severitylevel();
+/// Stores and returns the severity level; outside 2..5 it becomes 4.
+std::int32_t gdata_set_severitylevel(std::int32_t level);
+
+/// The daemon's command line, null until set.
+const char *gdata_get_commandline();
+/// Builds one text: argv[0], then each further argument in double quotes after a blank, unescaped.
+/// Returns it, or null when memory is out; the old text is lost then.
+const char *gdata_set_commandline(int argc, char *const argv[]);
+
+const char *gdata_get_dbus_busname();
+const char *gdata_get_dbus_path();
+const char *gdata_get_dbus_if();
+std::int32_t gdata_get_interval();
+std::int32_t gdata_get_intervalsteps();
+
+/// Writes the settings in force and every task to stdout; returns 0.
+int gdata_config_print();
+/// The names of the levels as the dump and the options' warnings show them.
+const char *gdata_loglevel_name(std::int32_t level);
+const char *gdata_severitylevel_name(std::int32_t level);

@@ -1,0 +1,56 @@
+#pragma once
+
+// Owners of what the C libraries hand out.
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <unistd.h>
+#include <utility>
+
+/// Owns a file descriptor; -1 is none. Closing keeps no error.
+class Descriptor {
+  public:
+    constexpr Descriptor() = default;
+    constexpr explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor() { reset(); }
+
+    [[nodiscard]] int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+struct CloseFile {
+    void operator()(std::FILE *file) const { std::fclose(file); } // NOLINT(cert-err33-c): nowhere to report to
+};
+
+/// Owns a stdio stream.
+using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
+
+struct FreeMemory {
+    void operator()(void *memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)
+};
+
+/// Owns a text from the C allocator, null when memory was out.
+using TextHandle = std::unique_ptr<char[], FreeMemory>;
+
+/// A text buffer of `size` bytes, zeroed; null when memory is out.
+inline TextHandle text_allocate(std::size_t size) {
+    return TextHandle(static_cast<char *>(std::calloc(size, 1))); // NOLINT(cppcoreguidelines-no-malloc)
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+// What a probe's read step found, and the pure parsing behind it: text in, value or error out.
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+
+/// A measurement, or the error number of a failed one; `error` 0 is success.
+struct Reading {
+    std::int32_t value;
+    std::int32_t error;
+
+    static constexpr Reading of(std::int32_t value) { return {.value = value, .error = 0}; }
+    static constexpr Reading failed(std::int32_t error) { return {.value = 0, .error = error}; }
+
+    /// A call failed with `error`; with errno 0 the value prepared for it counts as measured, in
+    /// every probe alike.
+    static constexpr Reading failed_with_errno(std::int32_t error, std::int32_t prepared = 0) {
+        return error == 0 ? of(prepared) : failed(error);
+    }
+
+    /// A number truncated toward zero; EINVAL for what no 32-bit integer holds ("inf", "nan", 1e300).
+    static constexpr Reading of_number(double number) {
+        const bool fits = number > -2147483649.0 && number < 2147483648.0; // false for nan
+        return fits ? of(static_cast<std::int32_t>(number)) : failed(EINVAL);
+    }
+};
+
+/// The degrees in a line of millidegrees.
+Reading temperature_parse(const char *line);
+
+/// Memory figures in kB.
+struct MemoryFigures {
+    std::uint64_t total;
+    std::uint64_t free;
+};
+
+/// Takes MemTotal and MemFree from a line of /proc/meminfo, which it cuts up; other lines are skipped.
+void memoryusage_parse_line(char *line, MemoryFigures *figures);
+/// The free share in whole percent; EINVAL without a total.
+Reading memoryusage_percent(const MemoryFigures &figures);
+
+inline constexpr std::size_t EXT_CSD_SIZE = 512;
+using ExtCsd = std::array<std::uint8_t, EXT_CSD_SIZE>;
+
+/// The used share of the device's life in percent; EINVAL when it gives no estimate or exceeds it.
+Reading wearout_decode(const ExtCsd &registers);
+
+/// Block counts of a file system.
+struct BlockCounts {
+    std::uint32_t total;
+    std::uint32_t free;
+    std::uint32_t available;
+};
+
+/// Takes the counts from the third to fifth word of a line, which it cuts up; false if there are fewer.
+bool diskusage_parse_line(char *line, BlockCounts *counts);
+/// The available share in whole percent; EINVAL when all counts are 0.
+Reading diskusage_percent(const BlockCounts &counts);

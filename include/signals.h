@@ -1,0 +1,23 @@
+#pragma once
+
+// The main thread holds the daemon's signals and takes them at safe points only, so that no handler
+// ever runs inside malloc, stdio or a library.
+
+#include <csignal>
+
+/// The seven signals that the daemon handles.
+sigset_t signals_all();
+/// All of them but the heartbeat.
+sigset_t signals_held();
+
+/// Blocks the held signals for the calling thread; the mask before the first call is kept.
+void signals_hold();
+/// The mask that the process had before the first hold, which a child starts with.
+sigset_t signals_original_mask();
+
+/// Runs the installed handlers of all signals of `set` that are pending, one at a time.
+void signals_dispatch(const sigset_t &set);
+/// Waits for one signal of `set` and runs its handler, then those of the others pending.
+void signals_wait(const sigset_t &set);
+/// A place where held signals may be taken.
+void signals_safe_point();

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+/// A UTC time of day.
+struct TimeOfDay {
+    int hour;
+    int minute;
+    int second;
+};
+
+/// The UTC time of day of `seconds` since the epoch, before it too.
+constexpr TimeOfDay utc_time_of_day(std::int64_t seconds) {
+    constexpr std::int64_t day = 86400;
+    const auto rest = static_cast<int>(((seconds % day) + day) % day);
+    return {.hour = rest / 3600, .minute = (rest / 60) % 60, .second = rest % 60};
+}

@@ -1,0 +1,15 @@
+#pragma once
+
+// The heartbeat: SIGALRM on every wall-clock multiple of the heartbeat period.
+
+/// Starts the heartbeat with SIGALRM blocked; 0, or -1 after a trace.
+int timer_init();
+/// Counts a heartbeat.
+void sig_alarm_handler(int signo);
+/// Blocks SIGALRM for the calling thread.
+void timer_suspend();
+/// Unblocks SIGALRM for the calling thread; a beat that came meanwhile is counted now.
+void timer_continue();
+/// Waits for a signal, then until a heartbeat has been counted. A beat already counted when the
+/// wait begins is noticed only after the next signal: an overrun delays the next pass.
+void runrun_wait();

@@ -1,0 +1,28 @@
+#pragma once
+
+// Diagnostic traces: the journal in normal operation, stderr in debug mode.
+
+enum TraceLevel : int { TRACE_IMPORTANT = 0, TRACE_INFO = 1, TRACE_DEBUG = 2, TRACE_TRACE = 3 };
+
+/// Chooses the destination of every trace line: 3 is stderr, any other value is the journal. It
+/// filters nothing. Written during option parsing only.
+extern constinit int trace_mode;
+
+/// The name of a trace level as the start-up banner prints it; " --- " for an unknown one.
+const char *trace_level_name(int level);
+
+/// Writes one trace line of at most 1023 characters: level, thread id, UTC time of day, place,
+/// message. `code_file` and `code_line` are the journal fields "CODE_FILE=..." and "CODE_LINE=...",
+/// constants of the call site. Keeps errno; allocates nothing and takes no lock of ours.
+[[gnu::format(printf, 5, 6)]] void trace_write(int level, const char *code_file, const char *code_line,
+                                               const char *function, const char *format, ...);
+
+#define TRACE_STRING_(text) #text
+#define TRACE_STRING(text) TRACE_STRING_(text)
+
+/// Traces under a given place; for the few lines whose place is part of the interface.
+#define trace_at(level, file, function, line, ...)                                                                     \
+    trace_write((level), "CODE_FILE=" file, "CODE_LINE=" TRACE_STRING(line), (function), __VA_ARGS__)
+
+/// Traces under the caller's own place. The build gives each source its TRACE_FILE.
+#define trace(level, ...) trace_at((level), TRACE_FILE, __func__, __LINE__, __VA_ARGS__)

@@ -1,0 +1,64 @@
+#include "cleanup.h"
+
+#include "common.h"
+#include "gdata.h"
+#include "handle.h"
+#include "logfile.h"
+#include "trace.h"
+
+namespace {
+
+struct CleanupEntry {
+    CleanupFunction function;
+    void *argument;
+};
+
+constinit DListNode list_head{.next = nullptr, .prev = nullptr, .id = 0, .data = nullptr};
+
+int run_registered() {
+    int result = -1;
+    for (const DListNode *node = list_head.next; node != nullptr; node = node->next) {
+        const auto *entry = static_cast<const CleanupEntry *>(node->data);
+        result = entry->function(entry->argument);
+    }
+    return result;
+}
+
+void clean_up_tasks() {
+    for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "cleanup", __LINE__, "task: %s(CB%02d[%d])", task->name, task->id,
+                 task->index);
+        if (task_has(task, TASK_RUNNABLE | TASK_HAS_CLEANUP) && task->cleanup != nullptr) {
+            task->cleanup(task);
+        }
+    }
+}
+
+} // namespace
+
+int cleanup() {
+    trace(TRACE_INFO, " ");
+    const int result = run_registered();
+    clean_up_tasks();
+    logfile_cleanup();
+    trace(TRACE_TRACE, "DONE");
+    return result;
+}
+
+int cleanup_add(CleanupFunction function, void *argument) {
+    trace(TRACE_TRACE, " ");
+    DListNode *node = d_list_create();
+    if (node == nullptr) {
+        return -1;
+    }
+    std::unique_ptr<CleanupEntry, FreeMemory> entry(
+        static_cast<CleanupEntry *>(std::malloc(sizeof(CleanupEntry)))); // NOLINT(cppcoreguidelines-no-malloc)
+    if (!entry || d_list_add(&list_head, node) == nullptr) {
+        d_list_delete(node);
+        return -1;
+    }
+    *entry = {.function = function, .argument = argument};
+    node->data = entry.release(); // the list lives as long as the process
+    trace(TRACE_TRACE, "DONE");
+    return 0;
+}

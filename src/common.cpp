@@ -1,0 +1,143 @@
+#include "common.h"
+
+#include "trace.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+std::int32_t node_counter = 0; // main thread only
+
+std::int32_t id_of(const DListNode *node) { return node == nullptr ? -1 : node->id; }
+
+} // namespace
+
+DListNode *d_list_create() {
+    auto *node = static_cast<DListNode *>(std::malloc(sizeof(DListNode))); // NOLINT(cppcoreguidelines-no-malloc)
+    if (node == nullptr) {
+        return nullptr;
+    }
+    *node = {.next = nullptr, .prev = nullptr, .id = ++node_counter, .data = nullptr};
+    trace(TRACE_TRACE, "DL_ID NEW: %d", node->id);
+    return node;
+}
+
+int d_list_delete(DListNode *node) {
+    if (node != nullptr) {
+        trace(TRACE_TRACE, "DL_ID DEL: %d %p", node->id, static_cast<void *>(node));
+        std::free(node); // NOLINT(cppcoreguidelines-no-malloc)
+    }
+    return 0;
+}
+
+DListNode *d_list_add(DListNode *pos, DListNode *node) {
+    if (node == nullptr) {
+        return nullptr;
+    }
+    trace(TRACE_TRACE, "DL_ID: %d P: %d N: %d", node->id, id_of(pos), pos == nullptr ? -1 : id_of(pos->next));
+    if (pos == nullptr) {
+        return nullptr;
+    }
+    node->next = pos->next;
+    node->prev = pos;
+    if (pos->next != nullptr) {
+        pos->next->prev = node;
+    }
+    pos->next = node;
+    trace(TRACE_TRACE, "DONE");
+    return node;
+}
+
+DListNode *d_list_remove(DListNode *node) {
+    if (node == nullptr) {
+        return nullptr;
+    }
+    trace(TRACE_TRACE, "DL_ID: %d P: %d N: %d", node->id, id_of(node->prev), id_of(node->next));
+    if (node->next != nullptr) {
+        node->next->prev = node->prev;
+    }
+    if (node->prev != nullptr) {
+        node->prev->next = node->next;
+    }
+    node->next = nullptr;
+    node->prev = nullptr;
+    return node;
+}
+
+DListNode *d_list_search(DListNode *start, DListCompare compare, const void *key) {
+    if (start == nullptr || compare == nullptr || key == nullptr) {
+        return nullptr;
+    }
+    for (DListNode *node = start; node != nullptr; node = node->next) {
+        trace(TRACE_TRACE, "DL_ID: %d P: %d N: %d", node->id, id_of(node->prev), id_of(node->next));
+        if (node->data != nullptr && compare(node->data, key) != 0) {
+            trace(TRACE_TRACE, "FOUND: %d", node->id);
+            return node;
+        }
+    }
+    return nullptr;
+}
+
+int strsplit(char *text, char **tokens, int max) {
+    constexpr const char *separators = " \t\r\n";
+    char *rest = nullptr;
+    int count = 0;
+    do { // one token is tried whatever `max` is: callers rely on tokens[0]
+        tokens[count] = strtok_r(count == 0 ? text : nullptr, separators, &rest);
+        if (tokens[count] == nullptr) {
+            break;
+        }
+        ++count;
+    } while (count < max);
+    return count;
+}
+
+// The format is the caller's, whose declaration has it checked.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+std::time_t time_stamp(char *buffer, std::size_t size, const char *format) {
+    tzset(); // localtime_r alone does not follow a changed zone file
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    if (now == -1 || localtime_r(&now, &local) == nullptr || std::strftime(buffer, size, format, &local) == 0) {
+        return -1;
+    }
+    return now;
+}
+#pragma GCC diagnostic pop
+
+namespace {
+
+constexpr std::size_t DUMP_WIDTH = 16;
+
+void dump_line(const unsigned char *bytes, std::size_t count) {
+    std::array<char, DUMP_WIDTH + 1> characters{};
+    std::fprintf(stderr, "0x%08lX: ", reinterpret_cast<unsigned long>(bytes));
+    for (std::size_t i = 0; i < DUMP_WIDTH; ++i) {
+        if (i < count) {
+            std::fprintf(stderr, " %02X", unsigned{bytes[i]});
+            characters[i] = std::isprint(bytes[i]) != 0 ? static_cast<char>(bytes[i]) : '.';
+        } else {
+            std::fputs("   ", stderr);
+            characters[i] = ' ';
+        }
+    }
+    if (count != 1) { // deliberate: readers of these dumps know the bare last line, without its line end
+        std::fprintf(stderr, "  |%s|\n", characters.data());
+    }
+    std::fflush(stderr);
+}
+
+} // namespace
+
+void hex_dump(const void *address, std::size_t length) {
+    const auto *bytes = static_cast<const unsigned char *>(address);
+    for (std::size_t done = 0; done < length; done += DUMP_WIDTH) {
+        dump_line(bytes + done, std::min(DUMP_WIDTH, length - done));
+    }
+}

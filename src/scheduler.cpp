@@ -1,0 +1,71 @@
+#include "scheduler.h"
+
+#include "analyzer.h"
+#include "dbus-srv.h"
+#include "executer.h"
+#include "gdata.h"
+#include "logfile.h"
+#include "logger.h"
+#include "network.h"
+#include "notifier.h"
+#include "signals.h"
+#include "time_of_day.h"
+#include "timer.h"
+#include "trace.h"
+
+#include <ctime>
+
+namespace {
+
+bool is_due(const Task *task, std::int64_t now) { return task_has(task, TASK_RUNNABLE) && task->next_run <= now; }
+
+/// A task that is refused keeps its `next_run` and is asked again on the next heartbeat.
+bool is_refused(Task *task) { return task_has(task, TASK_HAS_PRECONDITION) && task->precondition(task) == 0; }
+
+/// The next multiple of the interval after `now`; a task without one is due on every heartbeat.
+std::int64_t following_run(std::int64_t now, std::int32_t interval) {
+    return interval <= 0 ? now : interval * (now / interval) + interval;
+}
+
+void run_pipeline(Task *task) {
+    task->error = 0;
+    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    executer(task);
+    analyzer(task);
+    notifier(task);
+    logger(task);
+    logfile_run(task);
+}
+
+} // namespace
+
+void scheduler_pass(std::int64_t now) {
+    network_check_daemon();
+    const TimeOfDay start = utc_time_of_day(now);
+    trace_at(TRACE_DEBUG, TRACE_FILE, "scheduler", __LINE__, "RUN: at %02d:%02d:%02d", start.hour, start.minute,
+             start.second);
+    for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
+        signals_safe_point();
+        if (!is_due(task, now) || is_refused(task)) {
+            continue;
+        }
+        run_pipeline(task);
+        task->next_run = following_run(now, task->interval);
+        const TimeOfDay next = utc_time_of_day(task->next_run);
+        trace_at(TRACE_TRACE, TRACE_FILE, "scheduler", __LINE__, "%s: next_run: %02d:%02d:%02d", task->source,
+                 next.hour, next.minute, next.second);
+    }
+    d_bus_srv_send_issues(now);
+}
+
+void scheduler() {
+    trace(TRACE_INFO, " ");
+    timer_continue();
+    for (;;) {
+        const std::int64_t now = std::time(nullptr); // before the block, so that a waiting beat is not dated late
+        timer_suspend();
+        scheduler_pass(now);
+        timer_continue();
+        runrun_wait();
+    }
+}

@@ -1,0 +1,88 @@
+#include "signals.h"
+
+#include <cerrno>
+#include <ctime>
+#include <initializer_list>
+#include <pthread.h>
+
+namespace {
+
+constinit sigset_t original_mask{};
+constinit bool holding = false;
+
+sigset_t set_of(std::initializer_list<int> signals) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signo : signals) {
+        sigaddset(&set, signo);
+    }
+    return set;
+}
+
+/// A signal whose handler could not be installed acts as if it had never been held.
+void deliver_default(int signo) {
+    const sigset_t open = set_of({signo});
+    raise(signo);
+    pthread_sigmask(SIG_UNBLOCK, &open, nullptr);
+    pthread_sigmask(SIG_BLOCK, &open, nullptr);
+}
+
+void run_handler(int signo, siginfo_t *info) {
+    const int saved_errno = errno;
+    struct sigaction action {};
+    if (sigaction(signo, nullptr, &action) == 0) {
+        if ((action.sa_flags & SA_SIGINFO) != 0) {
+            action.sa_sigaction(signo, info, nullptr);
+        } else if (action.sa_handler == SIG_DFL) {
+            deliver_default(signo);
+        } else if (action.sa_handler != SIG_IGN) {
+            action.sa_handler(signo);
+        }
+    }
+    errno = saved_errno;
+}
+
+} // namespace
+
+sigset_t signals_all() { return set_of({SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}); }
+
+sigset_t signals_held() { return set_of({SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}); }
+
+void signals_hold() {
+    const sigset_t held = signals_held();
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &held, &before);
+    if (!holding) {
+        original_mask = before;
+        holding = true;
+    }
+}
+
+sigset_t signals_original_mask() { return original_mask; }
+
+void signals_dispatch(const sigset_t &set) {
+    constexpr std::timespec at_once{};
+    siginfo_t info{};
+    while (true) {
+        const int signo = sigtimedwait(&set, &info, &at_once);
+        if (signo > 0) {
+            run_handler(signo, &info);
+        } else if (errno != EINTR) {
+            return;
+        }
+    }
+}
+
+void signals_wait(const sigset_t &set) {
+    siginfo_t info{};
+    int signo = -1;
+    do { // a stop and a continue of the process end the call without a signal
+        signo = sigwaitinfo(&set, &info);
+    } while (signo < 0 && errno == EINTR);
+    if (signo > 0) {
+        run_handler(signo, &info);
+    }
+    signals_dispatch(set);
+}
+
+void signals_safe_point() { signals_dispatch(signals_held()); }

@@ -1,0 +1,56 @@
+// The daemon's entry: options, single instance, signals, modules, then the endless loop.
+
+#include "cleanup.h"
+#include "gdata.h"
+#include "init.h"
+#include "options.h"
+#include "process.h"
+#include "scheduler.h"
+#include "startup.h"
+#include "tasks.h"
+#include "timer.h"
+#include "trace.h"
+
+namespace {
+
+/// Everything between the options and the loop; false when the daemon cannot run.
+bool start_up() {
+    if (!is_single_proc()) {
+        cleanup();
+        trace_at(TRACE_IMPORTANT, TRACE_FILE, "main", __LINE__, "vigmond is already running --> terminating");
+        return false;
+    }
+    signal_init();
+    if (timer_init() != 0 || process_init() != 0) {
+        return false;
+    }
+    init();
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char *argv[]) {
+    trace(TRACE_INFO, " ");
+    gdata_set_tasks(builtin_tasks());
+    const Options options = eat_arguments(argc, argv);
+    if (options.outcome == OptionsOutcome::version) {
+        return 0;
+    }
+    usage(2, options.program, nullptr);
+    gdata_set_commandline(argc, argv);
+    if (options.outcome != OptionsOutcome::run) {
+        return options.outcome == OptionsOutcome::helped ? 0 : -1;
+    }
+    trace(TRACE_INFO, "DBG %s", trace_level_name(trace_mode));
+    if (options.dump_requested) {
+        gdata_config_print();
+        return 0;
+    }
+    if (!start_up()) {
+        return -1;
+    }
+    scheduler();
+    cleanup(); // not reached: the loop ends with the process
+    return 0;
+}

@@ -1,0 +1,68 @@
+#include "captured_traces.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+std::mutex guard;
+
+std::vector<CapturedTrace> &captured() {
+    static std::vector<CapturedTrace> traces;
+    return traces;
+}
+
+/// The message starts behind "function(line) " of the prefix.
+std::string text_behind_prefix(const std::string &line, const char *function, const char *code_line) {
+    const std::string place = std::string(function) + "(" + (code_line + std::strlen("CODE_LINE=")) + ") ";
+    const std::size_t found = line.find(place);
+    return found == std::string::npos ? std::string{} : line.substr(found + place.size());
+}
+
+} // namespace
+
+// Linked in front of the library's own.
+extern "C" int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
+                                              const char *format, ...) {
+    std::array<char, 2048> message{};
+    std::va_list arguments;
+    va_start(arguments, format);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    std::vsnprintf(message.data(), message.size(), format, arguments);
+#pragma GCC diagnostic pop
+    va_end(arguments);
+    std::string text(message.data());
+    if (text.ends_with('\n')) {
+        text.pop_back();
+    }
+    const std::lock_guard<std::mutex> hold(guard);
+    captured().push_back({priority, file, line, function, text, text_behind_prefix(text, function, line)});
+    return 0;
+}
+
+CapturedTraces::CapturedTraces() {
+    const std::lock_guard<std::mutex> hold(guard);
+    captured().clear();
+}
+
+const std::vector<CapturedTrace> &CapturedTraces::all() const { return captured(); }
+
+std::vector<std::string> CapturedTraces::texts_of(std::string_view function) const {
+    std::vector<std::string> texts;
+    for (const CapturedTrace &trace : captured()) {
+        if (trace.function == function) {
+            texts.push_back(trace.text);
+        }
+    }
+    return texts;
+}
+
+bool CapturedTraces::has(std::string_view function, std::string_view text) const {
+    const std::vector<std::string> texts = texts_of(function);
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+// Takes the place of the journal in unit tests: every trace that would have gone there is kept here.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct CapturedTrace {
+    int priority;
+    std::string code_file; ///< "CODE_FILE=analyzer.c"
+    std::string code_line; ///< "CODE_LINE=90"
+    std::string function;
+    std::string line; ///< the whole prefixed line as handed to the journal, without its line end
+    std::string text; ///< the message behind the prefix
+};
+
+/// Collects from its construction on; the earlier ones are forgotten.
+class CapturedTraces {
+  public:
+    CapturedTraces();
+    /// All traces so far, in order.
+    [[nodiscard]] const std::vector<CapturedTrace> &all() const;
+    /// The texts traced by `function`, in order.
+    [[nodiscard]] std::vector<std::string> texts_of(std::string_view function) const;
+    /// Whether `function` has traced exactly `text`.
+    [[nodiscard]] bool has(std::string_view function, std::string_view text) const;
+};

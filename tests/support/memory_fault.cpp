@@ -1,0 +1,29 @@
+#include "memory_fault.h"
+
+#include <cstddef>
+
+namespace {
+
+int countdown = 0;
+
+bool fails_now() { return countdown > 0 && --countdown == 0; }
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+void *__real_malloc(std::size_t size);
+void *__real_calloc(std::size_t count, std::size_t size);
+char *__real_strdup(const char *text);
+
+void *__wrap_malloc(std::size_t size) { return fails_now() ? nullptr : __real_malloc(size); }
+void *__wrap_calloc(std::size_t count, std::size_t size) { return fails_now() ? nullptr : __real_calloc(count, size); }
+char *__wrap_strdup(const char *text) { return fails_now() ? nullptr : __real_strdup(text); }
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+MemoryFault::MemoryFault(int nth) { countdown = nth; }
+
+MemoryFault::~MemoryFault() { countdown = 0; }
+
+bool MemoryFault::happened() { return countdown == 0; }

@@ -68,17 +68,14 @@ INSTANTIATE_TEST_SUITE_P(PlainText, LoggerFormatTest,
                                          Case{"", 0, nullptr, 1, ""},           //
                                          Case{"abcdef%D", 2, nullptr, 4, "abc"}));
 
-INSTANTIATE_TEST_SUITE_P(States, LoggerFormatTest,
-                         testing::Values(Case{"%D %T", -2, nullptr, AMPLE, "below -40"},
-                                         Case{"%D %T", -1, nullptr, AMPLE, "below 20"},
-                                         Case{"%D %T", 0, nullptr, AMPLE, "at normal"},
-                                         Case{"%D %T", 1, nullptr, AMPLE, "above 70"},
-                                         Case{"%D %T", 2, nullptr, AMPLE, "above 80"},
-                                         // Every other state stands for the upper failure limit.
-                                         Case{"%D %T", 3, nullptr, AMPLE, "above 80"},
-                                         Case{"%D %T", 4, nullptr, AMPLE, "above 80"},
-                                         Case{"%D %T", 7, nullptr, AMPLE, "above 80"},
-                                         Case{"%D %T", -3, nullptr, AMPLE, "below 80"}));
+INSTANTIATE_TEST_SUITE_P(
+    States, LoggerFormatTest,
+    testing::Values(Case{"%D %T", -2, nullptr, AMPLE, "below -40"}, Case{"%D %T", -1, nullptr, AMPLE, "below 20"},
+                    Case{"%D %T", 0, nullptr, AMPLE, "at normal"}, Case{"%D %T", 1, nullptr, AMPLE, "above 70"},
+                    Case{"%D %T", 2, nullptr, AMPLE, "above 80"},
+                    // Every other state stands for the upper failure limit.
+                    Case{"%D %T", 3, nullptr, AMPLE, "above 80"}, Case{"%D %T", 4, nullptr, AMPLE, "above 80"},
+                    Case{"%D %T", 7, nullptr, AMPLE, "above 80"}, Case{"%D %T", -3, nullptr, AMPLE, "below 80"}));
 
 // "below" and "above" need 6 bytes, "at" 3, and a threshold its length and one more.
 INSTANTIATE_TEST_SUITE_P(Fits, LoggerFormatTest,
@@ -170,8 +167,8 @@ TEST(LoggerFormat, TracesReplacementsInsertionsAndTheResult) {
     std::array<char, AMPLE> buffer{};
     const CapturedTraces traces;
     logger_format(buffer.data(), buffer.size(), &task);
-    EXPECT_THAT(traces.texts_of("logger_format"), ElementsAre(" ", "%D", "%T", StartsWith("to "), "%P",
-                                                              StartsWith("to "), "%X", "%%", "aabove70/data%"));
+    EXPECT_THAT(traces.texts_of("logger_format"),
+                ElementsAre(" ", "%D", "%T", StartsWith("to "), "%P", StartsWith("to "), "%X", "%%", "aabove70/data%"));
     for (const CapturedTrace &line : traces.all()) {
         EXPECT_THAT(line.line, StartsWith(line.text == "aabove70/data%" ? "(2) " : "(3) "));
         EXPECT_EQ(line.code_file, "CODE_FILE=logger.c");

@@ -253,9 +253,8 @@ TEST_F(LoggerTest, ThresholdTellsWhereTheValueStands) {
 }
 
 TEST_F(LoggerTest, ThresholdTakesAnUnknownNegativeStateAsBelow) {
-    EXPECT_THAT(
-        written_by(threshold_logger, marked_task(-3)),
-        ElementsAre(SyslogMessage{UNKNOWN, "[unknown] ID: CB22[3]: value: 91 is below unknown threshold 80"}));
+    EXPECT_THAT(written_by(threshold_logger, marked_task(-3)),
+                ElementsAre(SyslogMessage{UNKNOWN, "[unknown] ID: CB22[3]: value: 91 is below unknown threshold 80"}));
 }
 
 TEST_F(LoggerTest, ThresholdFillsInTheIssueAndTheLimit) {

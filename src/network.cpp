@@ -90,3 +90,93 @@ int network_lan_handler(const char *section, const char *name, const char *value
     }
     return 1;
 }
+
+std::int32_t network_decide_wifi(const char *text, const JsonToken *tokens, std::int32_t count) {
+    if (count <= 0 || tokens[0].type != JSON_OBJECT) {
+        return 1;
+    }
+    for (std::int32_t i = 1; i < count; ++i) {
+        // To the end of the text, not of the token: the settings' writer counts on what comes of it.
+        if (strcasecmp(text + tokens[i].start, "enabled") == 0) {
+            return i + 1 < count && strcasecmp(text + tokens[i + 1].start, "true") == 0 ? 1 : 0;
+        }
+    }
+    return 0;
+}
+
+namespace {
+
+/// Whether networkd has changed state since the last look; true when that cannot be told.
+bool network_changed() {
+    const int opened = system_bus_open();
+    if (opened < 0) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "network_check_daemon", __LINE__, "bus_default FAILED: ret : %d (%s)", opened,
+                 std::strerror(-opened));
+        return true;
+    }
+    BusError error;
+    std::uint64_t timestamp = 0;
+    const int read = system_bus_read_number(NETWORKD_UNIT, "StateChangeTimestampMonotonic", &timestamp, &error);
+    if (read < 0) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "network_check_daemon", __LINE__, "get_property FAILEd: ret : %d (%s)", read,
+                 std::strerror(-read));
+        return true;
+    }
+    const bool changed = timestamp != networkd_timestamp;
+    networkd_timestamp = timestamp;
+    return changed;
+}
+
+void network_check_lan() {
+    trace(TRACE_TRACE, " ");
+    const FileHandle file(std::fopen(LAN_FILE, "re"));
+    if (!file || ini_parse_stream(read_line, file.get(), network_lan_handler) != 0) {
+        lan_available = 1;
+        return;
+    }
+    lan_available = network_decide_lan(lan_managed, lan_activation);
+}
+
+void network_check_wifi() {
+    constexpr std::size_t most = 2048;
+    constexpr std::int32_t max_tokens = 32;
+    // Not cleared between reads: what a shorter file leaves standing takes part in the comparison.
+    static constinit std::array<char, most + 1> text{};
+
+    trace(TRACE_TRACE, " ");
+    const Descriptor file(open(WIFI_FILE, O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        wifi_available = 0;
+        return;
+    }
+    const ssize_t length = read(file.get(), text.data(), most);
+    std::array<JsonToken, max_tokens> tokens{};
+    JsonParser parser{};
+    json_init(&parser, tokens.data(), max_tokens);
+    const std::int32_t count = json_parse(&parser, text.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
+    wifi_available = network_decide_wifi(text.data(), tokens.data(), count);
+}
+
+void network_check_mobile() {
+    trace(TRACE_TRACE, " ");
+    mobile_available = 0;
+}
+
+void network_check() {
+    trace(TRACE_TRACE, " ");
+    network_check_lan();
+    network_check_wifi();
+    network_check_mobile();
+}
+
+} // namespace
+
+int network_check_daemon() {
+    trace(TRACE_DEBUG, " ");
+    if (network_first_run == 0 && !network_changed()) {
+        return 0;
+    }
+    network_check();
+    network_first_run = 0;
+    return 0;
+}

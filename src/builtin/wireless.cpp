@@ -185,21 +185,20 @@ Reading wireless_read(const Record *record) {
         return wireless_quality(record);
     case ID_STRENGTH:
         return wireless_strength(record);
-    default:
+    case ID_HARDWARE:
+    case ID_LINK:
         return wireless_state(record);
+    default:
+        return Reading::failed(EINVAL);
     }
 }
 
-const char *issue_of(const Task *task) {
-    switch (task->id) {
-    case ID_HARDWARE:
-        return "CB01";
-    case ID_QUALITY:
-        return "CB04";
-    case ID_STRENGTH:
-        return "CB09";
-    default:
-        return "CB02";
+void trace_failure(const Task *task) {
+    constexpr const char *exec = "wireless_exec";
+    if (is_wireless_id(task->id)) {
+        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "CB%02d FAILED!", task->id);
+    } else {
+        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "%s(%d) FAILED!", "default", task->id);
     }
 }
 
@@ -270,7 +269,7 @@ int wireless_exec(Task *task) {
     task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
     const Reading reading = wireless_read(record);
     if (reading.error != 0) {
-        trace(TRACE_TRACE, "%s FAILED!", issue_of(task));
+        trace_failure(task);
         return probe_fail(task, reading.error);
     }
     trace(TRACE_TRACE, "%s: %d", task->parameter, reading.value);

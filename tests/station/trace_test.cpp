@@ -55,8 +55,9 @@ TEST(DebugMode, BeginsWhereTheOptionStands) {
     const std::vector<std::string> before = functions_of(station.journal());
     EXPECT_EQ(before.front(), "main");
     EXPECT_EQ(before.back(), "gdata_set_logsize");
-    EXPECT_THAT(station.trace().messages_of("gdata_set_logsize"), IsEmpty());
-    EXPECT_THAT(station.trace().messages_of("gdata_set_logcount"), ElementsAre("cnt: 3"));
+    ASSERT_FALSE(station.trace().lines().empty());
+    EXPECT_EQ(station.trace().lines().front().function, "gdata_set_logcount");
+    EXPECT_EQ(station.trace().lines().front().message, "cnt: 3");
 }
 
 TEST(JournalMode, WritesNothingToStderr) {

@@ -55,6 +55,7 @@ struct BlockCounts {
 };
 
 /// Takes the counts from the third to fifth word of a line, which it cuts up; false if there are fewer.
+/// What is no number counts as 0, and what does not fit is clamped.
 bool diskusage_parse_line(char *line, BlockCounts *counts);
 /// The available share in whole percent; EINVAL when all counts are 0.
 Reading diskusage_percent(const BlockCounts &counts);

@@ -34,7 +34,8 @@ class GenerationName {
     TextHandle text_;
 };
 
-/// The first number without a generation; `count` when there are that many.
+/// The first number without a generation; `count` when there are that many. A negative count has no
+/// gap to look for: generation 000 is replaced and nothing shifted.
 std::int32_t first_gap(GenerationName &name, std::int32_t count) {
     std::int32_t number = 0;
     while (number < count && exists(name.of(number))) {
@@ -56,16 +57,14 @@ void file_rotate(const char *file, std::int32_t count) {
         std::remove(file);
         return;
     }
-    if (count > 0) { // a negative count replaces generation 000 alone
-        std::int32_t gap = first_gap(older, count);
-        if (gap == count) {
-            const char *oldest = older.of(--gap);
-            trace(TRACE_TRACE, "remove %s", oldest);
-            std::remove(oldest);
-        }
-        for (std::int32_t number = gap; number > 0; --number) {
-            std::rename(newer.of(number - 1), older.of(number));
-        }
+    std::int32_t gap = first_gap(older, count);
+    if (gap == count) {
+        const char *oldest = older.of(--gap);
+        trace(TRACE_TRACE, "remove %s", oldest);
+        std::remove(oldest);
+    }
+    for (std::int32_t number = gap; number > 0; --number) {
+        std::rename(newer.of(number - 1), older.of(number));
     }
     const char *newest = newer.of(0);
     trace(TRACE_TRACE, "compress %s -> %s", file, newest);

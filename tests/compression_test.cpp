@@ -31,7 +31,10 @@ struct StreamOpening {
 /// The byte counts that a closing stream reports, where a test wants others than the true ones.
 struct {
     bool faked = false;
-    unsigned in_low, in_high, out_low, out_high;
+    unsigned in_low = 0;
+    unsigned in_high = 0;
+    unsigned out_low = 0;
+    unsigned out_high = 0;
 } counts;
 
 /// The clock's next readings; without any it stands still.
@@ -113,33 +116,51 @@ class CompressionTest : public testing::Test {
     const std::string back = folder / "back";
 };
 
-class CompressedTextTest : public CompressionTest, public testing::WithParamInterface<std::string> {};
+struct TextCase {
+    const char *name;
+    std::string (*make)(std::size_t size);
+    std::size_t size;
+};
+
+void PrintTo(const TextCase &text, std::ostream *out) { *out << text.name; }
+
+std::string letters(std::size_t size) { return std::string{}.append(size, 'a'); }
+std::string zeros(std::size_t size) { return std::string{}.append(size, '\0'); }
+
+class CompressedTextTest : public CompressionTest, public testing::WithParamInterface<TextCase> {
+  protected:
+    const std::string text = GetParam().make(GetParam().size); // NOLINT(*-non-private-member-variables-in-classes)
+};
 
 TEST_P(CompressedTextTest, ComesBackFromTheToolToTheByte) {
-    folder.write("log", GetParam());
+    folder.write("log", text);
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
-    EXPECT_EQ(bunzip2(to), GetParam());
+    EXPECT_TRUE(bunzip2(to) == text);
 }
 
 TEST_P(CompressedTextTest, ComesBackFromFileDecompressToTheByte) {
-    folder.write("log", GetParam());
+    folder.write("log", text);
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
     ASSERT_EQ(file_decompress(to.c_str(), back.c_str()), 0);
-    EXPECT_EQ(read_file(back), GetParam());
+    EXPECT_TRUE(exists(back));
+    EXPECT_TRUE(read_file(back) == text);
 }
 
 TEST_P(CompressedTextTest, OfTheToolIsReadToTheByte) {
-    folder.write("log.bz2", bzip2(GetParam(), "-9"));
+    folder.write("log.bz2", bzip2(text, "-9"));
     ASSERT_EQ(file_decompress(to.c_str(), back.c_str()), 0);
     EXPECT_TRUE(exists(back));
-    EXPECT_EQ(read_file(back), GetParam());
+    EXPECT_TRUE(read_file(back) == text);
 }
 
 // The copy buffer holds 65,536 bytes, a block 100,000.
 INSTANTIATE_TEST_SUITE_P(Texts, CompressedTextTest,
-                         testing::Values(std::string(), std::string(1, '\0'), log_text(65535), log_text(65536),
-                                         log_text(65537), log_text(350000), noise(350000), std::string(900000, 'a')),
-                         [](const auto &text) { return "OfText" + std::to_string(text.index); });
+                         testing::Values(TextCase{"Empty", letters, 0}, TextCase{"OneZero", zeros, 1},
+                                         TextCase{"BufferLessOne", log_text, 65535},
+                                         TextCase{"Buffer", log_text, 65536}, TextCase{"BufferAndOne", log_text, 65537},
+                                         TextCase{"Blocks", log_text, 350000}, TextCase{"Noise", noise, 350000},
+                                         TextCase{"Run", letters, 900000}),
+                         [](const auto &text) { return text.param.name; });
 
 TEST_F(CompressionTest, UsesTheSmallestBlocksAndWorkFactor30) {
     folder.write("log", "text");
@@ -183,6 +204,8 @@ struct FactorCase {
     int percent;
 };
 
+void PrintTo(const FactorCase &factor, std::ostream *out) { *out << factor.percent << '%'; }
+
 class FactorTest : public CompressionTest, public testing::WithParamInterface<FactorCase> {};
 
 TEST_P(FactorTest, IsTheCompressedSizeInPercentOfThePlainOne) {
@@ -218,6 +241,8 @@ struct TimeCase {
     const char *text;
 };
 
+void PrintTo(const TimeCase &times, std::ostream *out) { *out << times.text; }
+
 class ElapsedTimeTest : public CompressionTest, public testing::WithParamInterface<TimeCase> {};
 
 TEST_P(ElapsedTimeTest, IsTakenFromTheMicrosecondsAlone) {
@@ -250,7 +275,7 @@ TEST_F(CompressionTest, IntoAMissingFolderFails) {
 }
 
 TEST_F(CompressionTest, TakesAReadErrorForTheEnd) {
-    EXPECT_EQ(file_compress(folder.path().c_str(), (to + "").c_str()), 0); // a folder opens but is not read
+    EXPECT_EQ(file_compress(folder.path().c_str(), to.c_str()), 0); // a folder opens but is not read
     EXPECT_TRUE(exists(to));
     EXPECT_EQ(bunzip2(to), "");
 }
@@ -348,7 +373,7 @@ TEST_F(CompressionTest, GoesFromStdinToStdout) {
         EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1); // both stay open
         EXPECT_NE(fcntl(STDOUT_FILENO, F_GETFD), -1);
     }
-    EXPECT_EQ(bunzip2(to), text);
+    EXPECT_TRUE(bunzip2(to) == text);
     {
         const RedirectedDescriptor in(STDIN_FILENO, to, O_RDONLY);
         const RedirectedDescriptor out(STDOUT_FILENO, back, O_WRONLY | O_CREAT);
@@ -356,7 +381,7 @@ TEST_F(CompressionTest, GoesFromStdinToStdout) {
         EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
         EXPECT_NE(fcntl(STDOUT_FILENO, F_GETFD), -1);
     }
-    EXPECT_EQ(read_file(back), text);
+    EXPECT_TRUE(read_file(back) == text);
 }
 
 TEST_F(CompressionTest, ComesBehindWhatWasPrintedBefore) {
@@ -458,7 +483,7 @@ TEST_F(DecompressionTest, JoinsStreamsThatFollowEachOther) {
     EXPECT_EQ(decompress(streams), 0);
     EXPECT_EQ(read_file(back), text);
     EXPECT_EQ(decompress(bzip2(noise(70000), "") + bzip2(log_text(70000), "")), 0);
-    EXPECT_EQ(read_file(back), noise(70000) + log_text(70000));
+    EXPECT_TRUE(read_file(back) == noise(70000) + log_text(70000));
 }
 
 TEST_F(DecompressionTest, IgnoresWhatFollowsTheLastStreamAndIsNone) {

@@ -176,9 +176,9 @@ TEST_F(RotationTest, EachGenerationHoldsItsLogToTheByte) {
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2", "log.002.bz2"}));
     for (int number = 0; number < 3; ++number) {
         const std::string expected = std::to_string(5 - number) + log_text(120000);
-        EXPECT_EQ(bunzip2(generation(number)), expected) << number;
+        EXPECT_TRUE(bunzip2(generation(number)) == expected) << number;
         EXPECT_EQ(file_decompress(generation(number).c_str(), (folder / "back").c_str()), 0);
-        EXPECT_EQ(read_file(folder / "back"), expected) << number;
+        EXPECT_TRUE(read_file(folder / "back") == expected) << number;
     }
 }
 
@@ -262,6 +262,13 @@ TEST_F(RotationTest, WithoutMemoryForTheCompressionRemovesTheFile) {
     file_rotate(file.c_str(), 2);
     EXPECT_TRUE(MemoryFault::happened());
     EXPECT_EQ(names(), Names{"log.001.bz2"});
+}
+
+TEST_F(RotationTest, DropsTheOldestGenerationEvenWhenNoneFollows) {
+    put_generations({0});
+    const MemoryFault fault(3); // nothing is compressed
+    file_rotate(file.c_str(), 1);
+    EXPECT_EQ(names(), Names{});
 }
 
 TEST_F(RotationTest, LosesNoMemoryAndNoDescriptorInThirtyRotations) {

@@ -9,14 +9,14 @@
 
 /// The error that a failed bus call leaves behind; one for each try, since a call given a set error
 /// fails without asking.
-class BusError {
+class UnitError {
   public:
-    BusError() = default;
-    ~BusError() { sd_bus_error_free(&error_); }
-    BusError(const BusError &) = delete;
-    BusError(BusError &&) = delete;
-    BusError &operator=(const BusError &) = delete;
-    BusError &operator=(BusError &&) = delete;
+    UnitError() = default;
+    ~UnitError() { sd_bus_error_free(&error_); }
+    UnitError(const UnitError &) = delete;
+    UnitError(UnitError &&) = delete;
+    UnitError &operator=(const UnitError &) = delete;
+    UnitError &operator=(UnitError &&) = delete;
 
     /// The bus error's name and message, empty when there is none.
     [[nodiscard]] const char *name() const { return error_.name == nullptr ? "" : error_.name; }
@@ -32,5 +32,5 @@ int system_bus_open();
 
 /// Reads a property of the systemd unit at the object `path`; 0 or more, or a negative errno. A call
 /// without an answer ends after 5 s. A connection that died meanwhile is dropped.
-int system_bus_read_text(const char *path, const char *property, TextHandle *text, BusError *error);
-int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, BusError *error);
+int system_bus_read_text(const char *path, const char *property, TextHandle *text, UnitError *error);
+int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, UnitError *error);

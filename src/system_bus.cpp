@@ -44,7 +44,7 @@ int system_bus_open() {
     return result;
 }
 
-int system_bus_read_text(const char *path, const char *property, TextHandle *text, BusError *error) {
+int system_bus_read_text(const char *path, const char *property, TextHandle *text, UnitError *error) {
     if (!connection.get()) {
         return -ENOTCONN;
     }
@@ -56,7 +56,7 @@ int system_bus_read_text(const char *path, const char *property, TextHandle *tex
     return result;
 }
 
-int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, BusError *error) {
+int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, UnitError *error) {
     if (!connection.get()) {
         return -ENOTCONN;
     }

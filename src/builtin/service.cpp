@@ -102,7 +102,7 @@ bool service_path(const char *name, UnitPath *path) {
 
 /// Asks once; traces a failure under the name of the asking step.
 int ask(const char *step, const char *path, const char *property, TextHandle *state) {
-    BusError error;
+    UnitError error;
     int result = system_bus_open();
     if (result >= 0) {
         result = system_bus_read_text(path, property, state, &error);

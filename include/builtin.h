@@ -49,6 +49,8 @@ int internet_exec(Task *task);
 int wireless_init(Task *task);
 int wireless_exec(Task *task);
 int wireless_logger(Task *task);
+/// List comparison of two records: 1 when both are there and their id and index are equal.
+int wp_cmp(const void *left, const void *right);
 
 int service_init(Task *task);
 int service_exec(Task *task);

@@ -55,6 +55,13 @@ struct BlockCounts {
 };
 
 /// Takes the counts from the third to fifth word of a line, which it cuts up; false if there are fewer.
+/// What is no number counts as 0, and what does not fit is clamped.
 bool diskusage_parse_line(char *line, BlockCounts *counts);
 /// The available share in whole percent; EINVAL when all counts are 0.
 Reading diskusage_percent(const BlockCounts &counts);
+
+/// Takes the number in the `token`-th word (2 is the quality, 3 the level) of a line of
+/// /proc/net/wireless, which it cuts up; false for another device's line or an unusable number.
+bool wireless_parse_line(char *line, const char *device, int token, double *number);
+/// A level in dBm, rounded half away from zero.
+Reading wireless_round(double level);

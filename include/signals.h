@@ -16,7 +16,7 @@ void signals_hold();
 sigset_t signals_original_mask();
 
 /// Runs the installed handlers of all signals of `set` that are pending, one at a time and never one
-/// inside another. Keeps errno, as do the two below.
+/// inside another. Keeps errno, as do all below.
 void signals_dispatch(const sigset_t &set);
 /// Waits for one signal of `set` and runs its handler, then those of the others pending.
 void signals_wait(const sigset_t &set);

@@ -100,6 +100,7 @@ void signals_wait(const sigset_t &set) {
 void signals_safe_point() { signals_dispatch(signals_held()); }
 
 void signals_pause(int milliseconds) {
+    const int saved_errno = errno;
     const sigset_t held = signals_held();
     const std::timespec pause{.tv_sec = milliseconds / 1000, .tv_nsec = milliseconds % 1000 * 1'000'000L};
     siginfo_t info{};
@@ -107,5 +108,6 @@ void signals_pause(int milliseconds) {
     if (signo > 0) {
         run_handler(signo, &info);
     }
-    signals_dispatch(held);
+    dispatch_pending(held);
+    errno = saved_errno;
 }

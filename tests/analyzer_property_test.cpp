@@ -186,7 +186,9 @@ TEST(AnalyzerProperty, BoolFollowsAfterTheDelayOnly) {
                 continue;
             }
             seen.push_back(2 * value);
-            const bool follows = enough(task, support_for(seen, seen.back()));
+            const int count = support_for(seen, seen.back());
+            EXPECT_EQ(int{value == 1 ? task.counter_maxfail : task.counter_ok}, count % 256);
+            const bool follows = enough(task, count);
             EXPECT_EQ(int{task.state}, follows ? seen.back() : before) << "sample " << i;
         }
     }

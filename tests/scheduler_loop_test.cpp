@@ -142,6 +142,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 /// A beat that is about to come while the loop takes its time must not date the pass late.
 [[noreturn]] void time_around_the_block() {
+    const HangGuard guard;
     system_calls().clock = [] {
         sigset_t mask;
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
@@ -161,6 +162,7 @@ TEST(SchedulerStartDeathTest, TakesTheTimeBeforeItBlocksTheBeat) {
 }
 
 [[noreturn]] void enter_the_loop() {
+    const HangGuard guard;
     static const CapturedTraces traces;
     static Task task = only_task();
     task.exec = [](Task *) -> int {

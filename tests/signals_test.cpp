@@ -151,12 +151,25 @@ TEST_F(SignalsTest, AreTakenTogetherByOneWait) {
     EXPECT_FALSE(is_pending(SIGUSR1));
 }
 
+TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
+    constexpr int an_hour = 3600 * 1000;
+    raise(SIGALRM);
+    raise(SIGUSR1);
+    raise(SIGHUP);
+    signals_pause(an_hour);
+    EXPECT_EQ(events(), (Events{"begin HUP", "end HUP", "begin USR1", "end USR1"})); // in the order of their numbers
+    signals_pause(0);
+    EXPECT_EQ(events().size(), 4U);
+    EXPECT_TRUE(is_pending(SIGALRM));
+}
+
 TEST_F(SignalsTest, HandTheirInformationOn) {
     struct sigaction action {};
     action.sa_sigaction = informed_handler;
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGUSR1, &action, nullptr);
-    for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_wait(signals_all()); }}) {
+    for (void (*const take)() :
+         {+[] { signals_safe_point(); }, +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
         events().clear();
         last_info = {};
         const sigval value{.sival_int = 4711};
@@ -172,7 +185,7 @@ TEST_F(SignalsTest, HandTheirInformationOn) {
 
 TEST_F(SignalsTest, KeepErrno) {
     for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_dispatch(signals_all()); },
-                                 +[] { signals_wait(signals_all()); }}) {
+                                 +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
         raise(SIGUSR1); // its handler leaves EIO
         errno = ENOENT;
         take();
@@ -180,6 +193,7 @@ TEST_F(SignalsTest, KeepErrno) {
     }
     errno = ENOENT;
     signals_safe_point(); // nothing pending
+    signals_pause(0);
     EXPECT_EQ(errno, ENOENT);
 }
 

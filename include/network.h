@@ -2,7 +2,6 @@
 
 #include <cstdint>
 
-// Which network paths are in use, 1 or 0; written on the main thread, before the tasks of a pass run.
 // Which network paths are in use: 1 or 0, 0 until the first check. Main thread only; written by the
 // check and, to choose a path, by tests.
 extern constinit std::int32_t lan_available;

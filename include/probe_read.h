@@ -65,6 +65,7 @@ Reading diskusage_percent(const BlockCounts &counts);
 bool wireless_parse_line(char *line, const char *device, int token, double *number);
 /// A level in dBm, rounded half away from zero.
 Reading wireless_round(double level);
+
 /// 0 when the first line of an operstate file says that the link is up, else 1.
 Reading operstate_parse(const char *line);
 

@@ -1,18 +1,46 @@
 #pragma once
 
-// The status log: a tab-separated file of every evaluation, rotated when full.
+// The status log: a tab-separated file of every evaluation, rotated when full. Each record and each
+// block is in the kernel when its call returns; what finds no room is lost whole, never in part.
 
 #include "gdata.h"
+#include "handle.h"
 
+#include <array>
 #include <cstdint>
 
-/// Opens the status log with the settings in force and writes its first header; once. Returns 0.
+/// How a state is recorded: under `label`, from the record level `level` on.
+struct LogfileStateRow {
+    std::int32_t state;
+    std::int32_t level;
+    const char *label;
+};
+
+/// Searched from the first row.
+extern const std::array<LogfileStateRow, 8> logfile_state_table;
+
+/// What the module keeps from call to call.
+struct LogfileState {
+    TextHandle logfile_name;        ///< none: the status log is off
+    Descriptor logfile_stream;      ///< opened by the first record, closed by rotation only
+    int logfile_is_file = 0;        ///< 0 for a standard stream, which is never rotated
+    int logfile_header_written = 0; ///< the next header says "START" while 0, "ROTATE" from then on
+    int logfile_initialised = 0;
+    std::int32_t loglevel = LOGLEVEL_OK;
+    std::int32_t logsize = 1048576;
+    std::int32_t logcount = 10;
+};
+
+/// The one state, for tests: they set limits that no setting reaches.
+LogfileState &logfile_state();
+
+/// Takes the settings in force and writes the first header; once in a process. Returns 0.
 int logfile_init();
-/// Writes the task's record when its mark allows it; returns 0.
+/// Writes the task's record when its mark `do_logfile` is 1, which it leaves alone; returns 0.
 int logfile_run(Task *task);
 /// Writes the task's record; returns 0.
 int logfile_exec(Task *task);
-/// Writes the closing block; returns 0.
+/// Writes the closing block and leaves the stream open; returns 0.
 int logfile_cleanup();
 /// Appends a header block to the file `name`; nothing when it cannot be opened.
 void lf_header(const char *name);

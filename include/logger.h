@@ -3,12 +3,28 @@
 // Sentences about changes of state, to syslog.
 
 #include "gdata.h"
+#include "text_buffer.h"
 
+#include <array>
 #include <cstddef>
+#include <span>
+
+/// How a state is spoken of.
+struct LoggerState {
+    int state;
+    int priority; ///< of syslog
+    const char *label;
+    const char *description;
+};
+
+extern const std::array<LoggerState, 7> logger_state_table;
+
+/// The last row of `table` for `state`; null when there is none.
+const LoggerState *logger_state_row(std::span<const LoggerState> table, int state);
 
 /// Opens syslog the first time; until then nothing is written. Returns 0.
 int logger_init();
-/// Runs the task's logger and clears its mark; its result, or -1 when it has none.
+/// Runs the task's logger and clears its mark; its result, or -1, the mark untouched, when it has none.
 int logger(Task *task);
 
 /// Writes `text` under the label of `state` (-2..4), if the severity level lets it pass.
@@ -18,9 +34,16 @@ void logger_syslog(int state, const char *text);
 int logger_format(char *buffer, std::size_t size, const Task *task);
 /// Writes the head of every line, "ID: CB07[0]: ".
 void logger_id_prefix(char *buffer, std::size_t size, const Task *task);
+/// Begins a line that tells a value in `buffer`: "ID: CB07[0]: value: 91 ".
+TextBuffer logger_value_line(std::span<char> buffer, const Task *task);
 
 // The logging operations; all return 0.
+
+/// Speaks of a value that is either good or bad.
 int bool_logger(Task *task);
+/// Tells the value and where it stands to the limit.
 int threshold_logger(Task *task);
+/// `threshold_logger` for most built-in tasks.
 int common_logger(Task *task);
+/// Takes back the mark and writes nothing.
 int NULL_logger(Task *task);

@@ -55,6 +55,31 @@ struct BlockCounts {
 };
 
 /// Takes the counts from the third to fifth word of a line, which it cuts up; false if there are fewer.
+/// What is no number counts as 0, and what does not fit is clamped.
 bool diskusage_parse_line(char *line, BlockCounts *counts);
 /// The available share in whole percent; EINVAL when all counts are 0.
 Reading diskusage_percent(const BlockCounts &counts);
+
+/// Takes the number in the `token`-th word (2 is the quality, 3 the level) of a line of
+/// /proc/net/wireless, which it cuts up; false for another device's line or an unusable number.
+bool wireless_parse_line(char *line, const char *device, int token, double *number);
+/// A level in dBm, rounded half away from zero.
+Reading wireless_round(double level);
+/// 0 when the first line of an operstate file says that the link is up, else 1.
+Reading operstate_parse(const char *line);
+
+/// Whether the first word of a line of an interface table is `interface` and a colon, in any case;
+/// the colon is cut off.
+bool names_interface(char *word, const char *interface);
+
+/// Totals of an interface since it came up.
+struct TrafficCounters {
+    std::uint64_t packets; ///< received and sent
+    std::uint64_t lost;    ///< errors and drops of both directions
+};
+
+/// Takes the totals from a line of /proc/net/dev, which it cuts up; false when it is not the line of
+/// `interface`, whose case does not matter.
+bool internet_parse_line(char *line, const char *interface, TrafficCounters *counters);
+/// The lost share in percent, 1 without loss on a busy interface; ENOENT without packets.
+Reading internet_percent(const TrafficCounters &counters);

@@ -4,20 +4,23 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
-std::int32_t node_counter = 0; // main thread only
+constinit std::int32_t node_counter = 0; // main thread only
 
 std::int32_t id_of(const DListNode *node) { return node == nullptr ? -1 : node->id; }
 
 } // namespace
 
 DListNode *d_list_create() {
+    assert(gettid() == getpid());
     auto *node = static_cast<DListNode *>(std::malloc(sizeof(DListNode))); // NOLINT(cppcoreguidelines-no-malloc)
     if (node == nullptr) {
         return nullptr;

@@ -1,18 +1,52 @@
 #include "dbus-srv.h"
 
+#include "dbus-issues.h"
+#include "dbus-listener.h"
+#include "dbus-signals.h"
+#include "signals.h"
 #include "trace.h"
 
+#include <csignal>
+#include <dbus/dbus.h>
+#include <pthread.h>
+
+namespace {
+
+// Never joined: the threads end with the process.
+constinit pthread_t listener_thread{};
+constinit pthread_t sender_thread{};
+
+/// Holds all of the daemon's signals for a scope: a thread created in it never sees one.
+class SignalsHeld {
+  public:
+    SignalsHeld() {
+        const sigset_t all = signals_all();
+        pthread_sigmask(SIG_BLOCK, &all, &before_);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsHeld(const SignalsHeld &) = delete;
+    SignalsHeld(SignalsHeld &&) = delete;
+    SignalsHeld &operator=(const SignalsHeld &) = delete;
+    SignalsHeld &operator=(SignalsHeld &&) = delete;
+
+  private:
+    sigset_t before_{};
+};
+
+} // namespace
+
 int d_bus_srv_init() {
-    trace(TRACE_INFO, "the bus is not served by this version");
-    return 0;
-}
-
-int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state) {
-    trace(TRACE_DEBUG, "not registered by this version: id %u state %d", id, state);
-    return 0;
-}
-
-int d_bus_srv_send_issues(std::int64_t now) {
-    trace(TRACE_DEBUG, "not announced by this version: %lld", static_cast<long long>(now));
+    trace(TRACE_INFO, " ");
+    dbus_threads_init_default(); // older libraries on the boards need it before their first use
+    d_bus_srv_issue_init();
+    const SignalsHeld held;
+    if (pthread_create(&listener_thread, nullptr, d_bus_srv_main, nullptr) != 0) {
+        trace(TRACE_DEBUG, "unable to create D-Bus listener");
+        return -1;
+    }
+    if (pthread_create(&sender_thread, nullptr, d_bus_srv_msg_sender, nullptr) != 0) {
+        trace(TRACE_DEBUG, "unable to create D-Bus listener"); // the same words, as log filters know them
+        return -1;
+    }
     return 0;
 }

@@ -1,18 +1,262 @@
 #include "logfile.h"
 
+#include "common.h"
+#include "immortal.h"
+#include "logfile_header.h"
 #include "trace.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/uio.h>
+
+constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
+    {-2, 1, "FAIL"},
+    {-1, 2, "WARN"},
+    {0, 3, "OK"},
+    {1, 2, "WARN"},
+    {2, 1, "FAIL"},
+    {3, 2, "WARN"},
+    {4, 1, "FAIL"},
+    {-1, 2, "INV"}, // deliberately never found: readers of the log take "WARN" "NaN" for an invalid value
+}};
+
+namespace {
+
+constinit Immortal<LogfileState> the_state;
+
+/// A state that the table does not know passes every level.
+constexpr LogfileStateRow unknown_state{0, -1, "INV"};
+
+const LogfileStateRow &row_of(std::int32_t state) {
+    const auto *const row = std::find_if(logfile_state_table.begin(), logfile_state_table.end(),
+                                         [state](const LogfileStateRow &each) { return each.state == state; });
+    return row == logfile_state_table.end() ? unknown_state : *row;
+}
+
+bool same_name(const char *name, const char *other) { return strcasecmp(name, other) == 0; }
+
+/// The local time; a record is not lost for want of one.
+struct Stamp {
+    std::array<char, 32> text{};
+    Stamp() {
+        if (time_stamp(text.data(), text.size(), "%Y-%m-%d %H:%M:%S") == -1) {
+            text = {"0000-00-00 00:00:00"};
+        }
+    }
+};
+
+/// Never waits: a pipe without a reader or a busy terminal in the file's place must not stop a heartbeat.
+Descriptor open_for_append(const char *name) {
+    return Descriptor(open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+}
+
+/// A descriptor of our own for a standard stream, so that every stream may be closed alike.
+Descriptor duplicate(std::FILE *standard) {
+    return Descriptor(fcntl(fileno(standard), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+/// No text is an empty one.
+iovec piece(const char *text) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): writev only reads
+    return {.iov_base = const_cast<char *>(text), .iov_len = text == nullptr ? 0 : std::strlen(text)};
+}
+
+/// Takes the last `written` bytes off the end of the file again; keeps errno.
+void cut_back(const Descriptor &stream, ssize_t written) {
+    const int error = errno;
+    const off_t end = lseek(stream.get(), 0, SEEK_CUR);
+    if (end >= written && ftruncate(stream.get(), end - written) != 0) {
+        trace(TRACE_TRACE, "%s", std::strerror(errno)); // a piece of a record stays
+    }
+    errno = error;
+}
+
+/// Writes all pieces at once, or nothing: what goes into a file only in part is taken back. False
+/// with errno when they were lost.
+template <std::size_t N> bool write_whole(const Descriptor &stream, bool is_file, const std::array<iovec, N> &pieces) {
+    std::size_t size = 0;
+    for (const iovec &each : pieces) {
+        size += each.iov_len;
+    }
+    ssize_t written = -1;
+    do {
+        written = writev(stream.get(), pieces.data(), N);
+    } while (written == -1 && errno == EINTR);
+    if (written >= 0 && static_cast<std::size_t>(written) < size) {
+        errno = ENOSPC;
+        if (is_file) {
+            cut_back(stream, written);
+        }
+        return false;
+    }
+    return written >= 0;
+}
+
+/// False with errno when the header was lost.
+bool write_header(const Descriptor &file, const char *occasion) {
+    const TextHandle block = logfile_header_text(Stamp().text.data(), occasion);
+    if (!block) {
+        errno = ENOMEM;
+        return false;
+    }
+    return write_whole(file, true, std::array{piece(block.get())});
+}
+
+bool write_marker(const LogfileState &log, const char *text) {
+    const Stamp stamp;
+    return write_whole(log.logfile_stream, log.logfile_is_file == 1,
+                       std::array{piece("##\n##\t"), piece(stamp.text.data()), piece("\t"), piece(text), piece("\t"),
+                                  piece(gdata_get_commandline()), piece("\n##\n")});
+}
+
+bool write_record(const LogfileState &log, const char *label, const char *text) {
+    const Stamp stamp;
+    return write_whole(
+        log.logfile_stream, log.logfile_is_file == 1,
+        std::array{piece(stamp.text.data()), piece("\t"), piece(label), piece("\t"), piece(text), piece("\n")});
+}
+
+bool is_off(const LogfileState &log) {
+    const char *name = log.logfile_name.get();
+    return name == nullptr || std::strcmp(name, "/dev/null") == 0;
+}
+
+/// Opens what the name says; false with errno when that fails.
+bool open_stream(LogfileState &log) {
+    const char *name = log.logfile_name.get();
+    log.logfile_is_file = 0;
+    if (same_name(name, "stderr")) {
+        log.logfile_stream = duplicate(stderr);
+    } else if (same_name(name, "stdout")) {
+        log.logfile_stream = duplicate(stdout);
+    } else {
+        log.logfile_stream = open_for_append(name);
+        log.logfile_is_file = log.logfile_stream ? 1 : 0;
+    }
+    return static_cast<bool>(log.logfile_stream);
+}
+
+/// What the standard streams still hold goes out before a record that passes them by.
+void flush_standard_streams(const LogfileState &log) {
+    if (log.logfile_is_file == 0) {
+        std::fflush(stdout);
+        std::fflush(stderr);
+    }
+}
+
+/// Writes what the level lets pass; false with errno when it was lost.
+bool write_entry(const LogfileState &log, std::int32_t state, const char *text, int mark) {
+    if (mark == 1) {
+        return write_marker(log, text);
+    }
+    const LogfileStateRow &row = row_of(state);
+    return row.level > log.loglevel || write_record(log, row.label, text);
+}
+
+void rotate_when_full(LogfileState &log) {
+    if (log.logfile_is_file == 1 && lseek(log.logfile_stream.get(), 0, SEEK_END) >= log.logsize) {
+        log.logfile_stream.reset();
+        file_rotate(log.logfile_name.get(), log.logcount);
+        lf_header(log.logfile_name.get());
+    }
+}
+
+/// Takes the configured name, and with a file writes its first header; a file that cannot be opened
+/// leaves the status log off.
+void take_name(LogfileState &log, const char *name) {
+    const bool bare = same_name(name, "/dev/null") || same_name(name, "stderr") || same_name(name, "stdout");
+    if (!bare && !open_for_append(name)) {
+        return;
+    }
+    log.logfile_name.reset(strdup(name));
+    if (!bare && log.logfile_name) {
+        lf_header(log.logfile_name.get());
+    }
+}
+
+} // namespace
+
+LogfileState &logfile_state() { return the_state.get(); }
+
 int logfile_init() {
-    trace(TRACE_INFO, "no status log is written by this version");
+    trace(TRACE_INFO, " ");
+    LogfileState &log = logfile_state();
+    if (log.logfile_initialised == 1) {
+        return 0;
+    }
+    if (const char *name = gdata_get_logfile(); name != nullptr) {
+        take_name(log, name);
+    }
+    log.logcount = gdata_set_logcount(gdata_get_logcount());
+    log.logsize = gdata_set_logsize(gdata_get_logsize());
+    log.loglevel = gdata_set_loglevel(gdata_get_loglevel());
+    log.logfile_initialised = 1;
+    trace(TRACE_INFO, "level: %d file: %s size: %d count: %d", log.loglevel,
+          log.logfile_name ? log.logfile_name.get() : "(null)", log.logsize, log.logcount);
     return 0;
 }
 
-int logfile_run(Task * /*task*/) {
+void lf_header(const char *name) {
+    trace(TRACE_TRACE, " ");
+    LogfileState &log = logfile_state();
+    const Descriptor file = open_for_append(name);
+    if (!file || !write_header(file, log.logfile_header_written == 0 ? "START" : "ROTATE")) {
+        trace(TRACE_TRACE, "%s: %s", name, std::strerror(errno));
+        return;
+    }
+    log.logfile_header_written = 1;
+}
+
+void lf_print(std::int32_t state, const char *text, int mark) {
+    trace(TRACE_TRACE, " ");
+    LogfileState &log = logfile_state();
+    if (!log.logfile_stream) {
+        if (is_off(log)) {
+            return;
+        }
+        if (!open_stream(log)) {
+            trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
+            return;
+        }
+    }
+    flush_standard_streams(log);
+    if (!write_entry(log, state, text, mark)) {
+        trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
+    }
+    rotate_when_full(log);
+}
+
+int logfile_exec(Task *task) {
+    trace(TRACE_TRACE, " ");
+    std::array<char, 16> id{"CBnn"};
+    if (task->id != TASK_ID_UNSET) {
+        std::snprintf(id.data(), id.size(), "CB%02d", task->id);
+    }
+    const bool valid = task_has(task, TASK_VALUE_VALID);
+    std::array<char, 16> value{"NaN"};
+    if (valid) {
+        std::snprintf(value.data(), value.size(), "%d", task->value);
+    }
+    std::array<char, 1023> text{};
+    std::snprintf(text.data(), text.size(), "%s\t%d\t%s", id.data(), task->index, value.data());
+    lf_print(valid ? task->state : -1, text.data(), 0);
+    return 0;
+}
+
+int logfile_run(Task *task) {
     trace(TRACE_DEBUG, " ");
+    if (task->do_logfile == 1) {
+        logfile_exec(task);
+    }
     return 0;
 }
 
 int logfile_cleanup() {
     trace(TRACE_DEBUG, " ");
+    lf_print(0, "FINISHED", 1);
     return 0;
 }

@@ -4,8 +4,8 @@
 #include "trace.h"
 
 int notifier_init() {
-    trace(TRACE_DEBUG, " ");
-    trace(TRACE_DEBUG, "DONE");
+    trace(TRACE_INFO, " ");
+    trace(TRACE_TRACE, "DONE");
     return 0;
 }
 

@@ -20,7 +20,9 @@ namespace {
 bool is_due(const Task *task, std::int64_t now) { return task_has(task, TASK_RUNNABLE) && task->next_run <= now; }
 
 /// A task that is refused keeps its `next_run` and is asked again on the next heartbeat.
-bool is_refused(Task *task) { return task_has(task, TASK_HAS_PRECONDITION) && task->precondition(task) == 0; }
+bool is_refused(Task *task) {
+    return task_has(task, TASK_HAS_PRECONDITION) && task->precondition != nullptr && task->precondition(task) == 0;
+}
 
 /// The next multiple of the interval after `now`; a task without one is due on every heartbeat.
 std::int64_t following_run(std::int64_t now, std::int32_t interval) {
@@ -56,6 +58,7 @@ void scheduler_pass(std::int64_t now) {
                  next.hour, next.minute, next.second);
     }
     d_bus_srv_send_issues(now);
+    signals_safe_point(); // what came during the pass must not end the wait after it
 }
 
 void scheduler() {

@@ -9,6 +9,7 @@ namespace {
 
 constinit sigset_t original_mask{};
 constinit bool holding = false;
+constinit bool in_handler = false;
 
 sigset_t set_of(std::initializer_list<int> signals) {
     sigset_t set;
@@ -28,8 +29,8 @@ void deliver_default(int signo) {
 }
 
 void run_handler(int signo, siginfo_t *info) {
-    const int saved_errno = errno;
     struct sigaction action {};
+    in_handler = true;
     if (sigaction(signo, nullptr, &action) == 0) {
         if ((action.sa_flags & SA_SIGINFO) != 0) {
             action.sa_sigaction(signo, info, nullptr);
@@ -39,7 +40,20 @@ void run_handler(int signo, siginfo_t *info) {
             action.sa_handler(signo);
         }
     }
-    errno = saved_errno;
+    in_handler = false;
+}
+
+void dispatch_pending(const sigset_t &set) {
+    constexpr std::timespec at_once{};
+    siginfo_t info{};
+    while (true) {
+        const int signo = sigtimedwait(&set, &info, &at_once);
+        if (signo > 0) {
+            run_handler(signo, &info);
+        } else if (errno != EINTR) {
+            return;
+        }
+    }
 }
 
 } // namespace
@@ -61,19 +75,16 @@ void signals_hold() {
 sigset_t signals_original_mask() { return original_mask; }
 
 void signals_dispatch(const sigset_t &set) {
-    constexpr std::timespec at_once{};
-    siginfo_t info{};
-    while (true) {
-        const int signo = sigtimedwait(&set, &info, &at_once);
-        if (signo > 0) {
-            run_handler(signo, &info);
-        } else if (errno != EINTR) {
-            return;
-        }
+    if (in_handler) { // a handler that comes past a safe point finishes first
+        return;
     }
+    const int saved_errno = errno;
+    dispatch_pending(set);
+    errno = saved_errno;
 }
 
 void signals_wait(const sigset_t &set) {
+    const int saved_errno = errno;
     siginfo_t info{};
     int signo = -1;
     do { // a stop and a continue of the process end the call without a signal
@@ -82,7 +93,21 @@ void signals_wait(const sigset_t &set) {
     if (signo > 0) {
         run_handler(signo, &info);
     }
-    signals_dispatch(set);
+    dispatch_pending(set);
+    errno = saved_errno;
 }
 
 void signals_safe_point() { signals_dispatch(signals_held()); }
+
+void signals_pause(int milliseconds) {
+    const int saved_errno = errno;
+    const sigset_t held = signals_held();
+    const std::timespec pause{.tv_sec = milliseconds / 1000, .tv_nsec = milliseconds % 1000 * 1'000'000L};
+    siginfo_t info{};
+    const int signo = sigtimedwait(&held, &info, &pause);
+    if (signo > 0) {
+        run_handler(signo, &info);
+    }
+    dispatch_pending(held);
+    errno = saved_errno;
+}

@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -17,7 +20,9 @@ namespace {
 
 constexpr int MAX_TOKENS = 6;
 
-std::uint32_t to_blocks(const char *text) { return static_cast<std::uint32_t>(std::strtoll(text, nullptr, 10)); }
+std::uint32_t to_blocks(const char *text) {
+    return static_cast<std::uint32_t>(std::clamp<long long>(std::strtoll(text, nullptr, 10), 0, UINT32_MAX));
+}
 
 } // namespace
 
@@ -36,7 +41,8 @@ Reading diskusage_percent(const BlockCounts &counts) {
     if (divisor == 0) {
         return Reading::failed(EINVAL);
     }
-    // In 32 bits throughout, as other tools on the station compute it.
+    // Deliberately in 32 bits throughout; it stays within 0..100 even where the product wraps, which
+    // it does from 164 GiB of available 4 KiB blocks on.
     const std::uint32_t percent = (100U * counts.available + divisor / 2) / divisor;
     return Reading::of(static_cast<std::int32_t>(percent));
 }
@@ -81,7 +87,7 @@ Reading diskusage_read(const char *path) {
 } // namespace
 
 int diskusage_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     probe_mark_initialised(task);
     return 0;
 }

@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <strings.h>
 
@@ -65,7 +67,7 @@ Reading memoryusage_read() {
 } // namespace
 
 int memoryusage_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     probe_mark_initialised(task);
     return 0;
 }

@@ -1,21 +1,298 @@
+#include "service.h"
+
 #include "builtin.h"
+#include "common.h"
+#include "logger.h"
+#include "signals.h"
+#include "system_bus.h"
+#include "text_buffer.h"
 #include "trace.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr std::size_t PATH_SIZE = 1024;
+using UnitPath = std::array<char, PATH_SIZE>;
+
+constexpr std::uint8_t STOPPED = 0;
+constexpr std::uint8_t RUNNING = 1;
+constexpr std::uint8_t UNKNOWN = 255;
+
+/// One watched unit. Kept, like its name and its list node, as long as the process lives.
+struct Service {
+    char *name; ///< without its suffix
+    std::int32_t index;
+    std::uint8_t running;
+};
+
+/// The records hang behind this node, the newest first.
+constinit DListNode service_list{.next = nullptr, .prev = nullptr, .id = 0, .data = nullptr};
+
+bool begins_with(const char *text, const char *prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
+
+bool is_letter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+Service *service_of(const DListNode *node) { return static_cast<Service *>(node->data); }
+
+} // namespace
+
+TextHandle unit_path_escape(const char *name) {
+    constexpr const char *digits = "0123456789abcdef";
+    if (name == nullptr) {
+        return nullptr;
+    }
+    TextHandle escaped = text_allocate(3 * std::strlen(name) + 1);
+    if (!escaped) {
+        return nullptr;
+    }
+    char *end = escaped.get();
+    for (const char *c = name; *c != '\0'; ++c) {
+        if (is_letter(*c) || (is_digit(*c) && c != name)) {
+            *end++ = *c;
+        } else {
+            const auto byte = static_cast<unsigned char>(*c);
+            *end++ = '_';
+            *end++ = digits[byte >> 4U];
+            *end++ = digits[byte & 0xFU];
+        }
+    }
+    return escaped;
+}
+
+bool service_counts_as_loaded(const char *load_state) {
+    constexpr std::array absent{"masked", "stub", "not-found", "merged"};
+    return std::none_of(absent.begin(), absent.end(),
+                        [load_state](const char *prefix) { return begins_with(load_state, prefix); });
+}
+
+bool service_counts_as_running(const char *active_state) {
+    return begins_with(active_state, "activating") || begins_with(active_state, "active");
+}
+
+int service_retry_pause_ms(int repeat) {
+    constexpr int at_once = 3;
+    constexpr int first_ms = 100;
+    constexpr int longest_ms = 1000;
+    if (repeat <= at_once) {
+        return 0;
+    }
+    return std::min(first_ms << std::min(repeat - at_once - 1, 4), longest_ms);
+}
+
+namespace {
+
+/// Writes the unit's object path; false when it cannot be had.
+bool service_path(const char *name, UnitPath *path) {
+    const TextHandle escaped = unit_path_escape(name);
+    const int length = escaped ? std::snprintf(path->data(), path->size(), "%s%s_2eservice",
+                                               "/org/freedesktop/systemd1/unit/", escaped.get())
+                               : -1;
+    if (length < 0 || static_cast<std::size_t>(length) >= path->size()) {
+        trace(TRACE_TRACE, "FAILED");
+        return false;
+    }
+    return true;
+}
+
+/// Asks once; traces a failure under the name of the asking step.
+int ask(const char *step, const char *path, const char *property, TextHandle *state) {
+    UnitError error;
+    int result = system_bus_open();
+    if (result >= 0) {
+        result = system_bus_read_text(path, property, state, &error);
+    }
+    if (result < 0) {
+        trace_at(TRACE_TRACE, TRACE_FILE, step, __LINE__,
+                 "GET PROPERTY FAILED: ret : %d (%s) -- err.name: %s err.message: %s", result, std::strerror(-result),
+                 error.name(), error.message());
+    }
+    return result;
+}
+
+/// Asks for as long as it takes: only -EINVAL ends it, so that no unit is lost to a slow start-up.
+int ask_load_state(const char *path, TextHandle *state) {
+    for (int repeat = 1;; ++repeat) {
+        const int result = ask("service_is_loaded", path, "LoadState", state);
+        if (result >= 0 || result == -EINVAL) {
+            return result;
+        }
+        signals_pause(service_retry_pause_ms(repeat));
+    }
+}
+
+bool service_is_loaded(const char *name) {
+    trace(TRACE_TRACE, " ");
+    UnitPath path{};
+    TextHandle state;
+    if (!service_path(name, &path) || ask_load_state(path.data(), &state) < 0) {
+        return false;
+    }
+    if (!state) {
+        trace(TRACE_TRACE, "FAILED");
+        return false;
+    }
+    const bool loaded = service_counts_as_loaded(state.get());
+    trace(TRACE_TRACE, "DONE");
+    return loaded;
+}
+
+bool service_add(const char *name, std::int32_t index) {
+    trace(TRACE_TRACE, "service: %s", name);
+    DListNode *node = d_list_create();
+    std::unique_ptr<Service, FreeMemory> service(
+        static_cast<Service *>(std::malloc(sizeof(Service)))); // NOLINT(cppcoreguidelines-no-malloc)
+    TextHandle copy(strdup(name));
+    if (node == nullptr || !service || !copy || d_list_add(&service_list, node) == nullptr) {
+        d_list_delete(node);
+        trace(TRACE_TRACE, "FAILED");
+        return false;
+    }
+    *service = {.name = copy.release(), .index = index, .running = UNKNOWN};
+    node->data = service.release();
+    trace(TRACE_TRACE, "service: %s added", name);
+    return true;
+}
+
+/// Watches the unit if it is loaded and reports it if not; false when it could not be remembered.
+bool service_consider(const char *name, std::int32_t index) {
+    trace_at(TRACE_TRACE, TRACE_FILE, "service_init", __LINE__, "service: %s", name);
+    if (service_is_loaded(name)) {
+        return service_add(name, index);
+    }
+    std::array<char, 1024> text{};
+    std::snprintf(text.data(), text.size(), "service \"%s\" not loaded/installed", name);
+    constexpr int state_warning = 3;
+    logger_syslog(state_warning, text.data());
+    return true;
+}
+
+/// Cuts the names at each single blank, so that two in a row name the unit with the empty name.
+bool service_consider_all(char *names, std::int32_t index) {
+    bool all_added = true;
+    while (names != nullptr) {
+        const char *name = strsep(&names, " ");
+        all_added = service_consider(name, index) && all_added;
+    }
+    return all_added;
+}
+
+/// Asks whether the unit runs. An interrupted question is repeated, any other failure is final: the
+/// opposite of start-up, on purpose.
+std::uint8_t service_ask_running(const char *name) {
+    UnitPath path{};
+    if (!service_path(name, &path)) {
+        return STOPPED;
+    }
+    TextHandle state;
+    int result = -EINTR;
+    while (result == -EINTR) {
+        result = ask("service_read", path.data(), "ActiveState", &state);
+    }
+    if (result < 0) {
+        return UNKNOWN;
+    }
+    if (!state) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "service_read", __LINE__, "FAILED");
+        return UNKNOWN;
+    }
+    const bool running = service_counts_as_running(state.get());
+    trace_at(TRACE_TRACE, TRACE_FILE, "service_read", __LINE__, "service: %s -%s running (%s)", name,
+             running ? "" : " not", state.get());
+    trace_at(TRACE_TRACE, TRACE_FILE, "service_read", __LINE__, "DONE");
+    return running ? RUNNING : STOPPED;
+}
+
+/// 1 when a unit of the task does not run or could not be asked, else 0.
+std::int32_t service_read(const Task *task) {
+    std::int32_t result = 0;
+    for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
+        Service *service = service_of(node);
+        if (service->index != task->index) {
+            continue;
+        }
+        signals_safe_point();
+        trace(TRACE_TRACE, "service: %s", service->name);
+        service->running = service_ask_running(service->name);
+        if (service->running != RUNNING) {
+            result = 1;
+        }
+    }
+    return result;
+}
+
+/// How many units of all service tasks are known to be stopped.
+int count_stopped() {
+    int count = 0;
+    for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
+        count += service_of(node)->running == STOPPED ? 1 : 0;
+    }
+    return count;
+}
+
+} // namespace
 
 int service_init(Task *task) {
     trace(TRACE_TRACE, " ");
+    const int opened = system_bus_open();
+    if (opened < 0) {
+        trace(TRACE_TRACE, "FAILED: ret : %d (%s)", opened, std::strerror(-opened));
+        return -1;
+    }
+    const char *parameter = task->parameter;
+    trace(TRACE_TRACE, "param: <%s>", parameter == nullptr ? "" : parameter);
+    const TextHandle names(parameter == nullptr ? nullptr : strdup(parameter));
+    const bool all_added = service_consider_all(names.get(), task->index);
     probe_mark_initialised(task);
-    return 0;
+    trace(TRACE_TRACE, "DONE");
+    return all_added ? 0 : -1;
 }
 
 int service_exec(Task *task) {
-    trace(TRACE_DEBUG, "not measured by this version");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
-    return probe_fail(task, ENOSYS);
+    trace(TRACE_DEBUG, " ");
+    return probe_succeed(task, service_list.next == nullptr ? 0 : service_read(task));
 }
 
-int service_logger(Task * /*task*/) {
-    trace(TRACE_DEBUG, "not logged by this version");
+namespace {
+
+/// "Services: ocppd, nginx are not running", the units of all service tasks, the newest first.
+void append_stopped(TextBuffer *line, std::size_t size) {
+    constexpr std::size_t names_limit = 2024;
+    const int stopped = count_stopped();
+    const char *separator = "";
+    line->append_format("Service%s:", stopped == 1 ? "" : "s");
+    for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
+        if (service_of(node)->running == STOPPED && size - line->room() < names_limit) {
+            line->append_format("%s %s", separator, service_of(node)->name);
+            separator = ",";
+        }
+    }
+    line->append_format(" %s not running", stopped == 1 ? "is" : "are");
+}
+
+} // namespace
+
+int service_logger(Task *task) {
+    constexpr int code_ok = 0;
+    constexpr int code_failed = 2;
+
+    trace(TRACE_DEBUG, " ");
+    if (task->do_log != 1) {
+        return 0;
+    }
+    std::array<char, 2048> text{};
+    TextBuffer line = logger_value_line(text, task);
+    if (task->state == 0) {
+        line.append("all services are up and running");
+    } else {
+        append_stopped(&line, text.size());
+    }
+    logger_syslog(task->state == 0 ? code_ok : code_failed, line.c_str());
+    task->do_log = 0;
     return 0;
 }

@@ -5,6 +5,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 
 // /sys/class/thermal/thermal_zone0/temp, millidegrees Celsius:
 //     42999
@@ -41,7 +43,7 @@ Reading temperature_read(const char *path) {
 } // namespace
 
 int temperature_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     probe_mark_initialised(task);
     return 0;
 }

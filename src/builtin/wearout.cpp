@@ -6,9 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <fcntl.h>
 #include <linux/mmc/ioctl.h>
-#include <sys/ioctl.h> // before the next, which needs it
+#include <sys/ioctl.h>
 
 Reading wearout_decode(const ExtCsd &registers) {
     constexpr std::size_t ext_csd_rev = 192;
@@ -52,7 +53,7 @@ Reading wearout_read(const char *device) {
 } // namespace
 
 int wearout_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     probe_mark_initialised(task);
     return 0;
 }

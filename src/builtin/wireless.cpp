@@ -1,21 +1,297 @@
 #include "builtin.h"
+#include "common.h"
+#include "handle.h"
+#include "logger.h"
+#include "network.h"
+#include "probe_read.h"
+#include "text_buffer.h"
 #include "trace.h"
 
+#include <array>
 #include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <strings.h>
+
+// /proc/net/wireless; behind the name: status, link quality, signal level in dBm, noise:
+//     wlan0sta: 0000   70.  -40.  -256        0      0      0      0     45        0
+
+namespace {
+
+constexpr std::int32_t ID_HARDWARE = 1;
+constexpr std::int32_t ID_LINK = 2;
+constexpr std::int32_t ID_QUALITY = 4;
+constexpr std::int32_t ID_STRENGTH = 9;
+
+static_assert(ENONET == 64); // the error number of a path that is switched off is part of the interface
+
+constexpr int TOKEN_QUALITY = 2;
+constexpr int TOKEN_LEVEL = 3;
+
+using Line = std::array<char, 1024>;
+
+/// What a wireless task reads. Kept, like its list node, as long as the process lives.
+struct Record {
+    std::int32_t id;
+    std::int32_t index;
+    const char *dev;
+    const char *file;
+};
+
+/// The records hang behind this node, the newest first.
+constinit DListNode wireless_list{.next = nullptr, .prev = nullptr, .id = 0, .data = nullptr};
+
+} // namespace
+
+bool wireless_parse_line(char *line, const char *device, int token, double *number) {
+    constexpr int max_tokens = 8;
+    constexpr int needed = 5;
+    std::array<char *, max_tokens + 1> tokens{};
+    if (strsplit(line, tokens.data(), max_tokens) < needed) {
+        return false;
+    }
+    const std::size_t length = std::strlen(tokens[0]);
+    if (length < 2 || tokens[0][length - 1] != ':') {
+        return false;
+    }
+    tokens[0][length - 1] = '\0';
+    if (strcasecmp(tokens[0], device) != 0) {
+        return false;
+    }
+    char *end = nullptr;
+    *number = std::strtod(tokens[token], &end);
+    return end != tokens[token] && Reading::of_number(*number).error == 0;
+}
+
+Reading wireless_round(double level) {
+    return Reading::of_number(level >= 0 ? level + 0.5 : level - 0.5); // half away from zero
+}
+
+int wp_cmp(const void *left, const void *right) {
+    const auto *a = static_cast<const Record *>(left);
+    const auto *b = static_cast<const Record *>(right);
+    return a != nullptr && b != nullptr && a->id == b->id && a->index == b->index ? 1 : 0;
+}
+
+namespace {
+
+bool is_wireless_id(std::int32_t id) {
+    return id == ID_HARDWARE || id == ID_LINK || id == ID_QUALITY || id == ID_STRENGTH;
+}
+
+/// The file that a task reads, in a text that lives as long as the process; null when memory is out.
+const char *file_of(const Task *task) {
+    if (std::strchr(task->parameter, '/') != nullptr) {
+        return task->parameter;
+    }
+    trace_at(TRACE_TRACE, TRACE_FILE, "wireless_init", __LINE__, "create filename");
+    if (task->id == ID_QUALITY || task->id == ID_STRENGTH) {
+        return "/proc/net/wireless";
+    }
+    const std::size_t size = std::strlen(task->parameter) + 27;
+    TextHandle file = text_allocate(size);
+    if (file) {
+        std::snprintf(file.get(), size, "/sys/class/net/%s/operstate", task->parameter);
+    }
+    return file.release();
+}
+
+/// Hangs a record of the task into the list; the text of what failed, or none.
+const char *add_record(const Task *task) {
+    std::unique_ptr<Record, FreeMemory> record(
+        static_cast<Record *>(std::malloc(sizeof(Record)))); // NOLINT(cppcoreguidelines-no-malloc)
+    if (!record) {
+        return "no memory";
+    }
+    DListNode *node = d_list_create();
+    if (node == nullptr) {
+        return "create failed";
+    }
+    const char *file = file_of(task);
+    if (file == nullptr) {
+        d_list_delete(node);
+        return "no memory";
+    }
+    *record = {.id = task->id, .index = task->index, .dev = task->parameter, .file = file};
+    node->data = record.release();
+    d_list_add(&wireless_list, node);
+    return nullptr;
+}
+
+const Record *wireless_psearch(const Task *task) {
+    trace(TRACE_TRACE, "ID: %d, ID_ndx: %d", task->id, task->index);
+    const Record key{.id = task->id, .index = task->index, .dev = nullptr, .file = nullptr};
+    const DListNode *node = d_list_search(&wireless_list, wp_cmp, &key);
+    trace(TRACE_TRACE, "%s", node == nullptr ? "MISSING" : "FOUND");
+    return node == nullptr ? nullptr : static_cast<const Record *>(node->data);
+}
+
+/// Whether the interface is there (id 1) or up (id 2).
+Reading wireless_state(const Record *record) {
+    trace(TRACE_TRACE, "%s %d", record->file, record->id);
+    const FileHandle file(std::fopen(record->file, "re"));
+    if (record->id == ID_HARDWARE) {
+        return Reading::of(file ? 0 : 1);
+    }
+    Line line{};
+    if (!file || std::fgets(line.data(), static_cast<int>(line.size()), file.get()) == nullptr) {
+        return Reading::failed(EINVAL);
+    }
+    return Reading::of(strncasecmp(line.data(), "up", 2) == 0 ? 0 : 1);
+}
+
+/// The number of the first usable line of the device; false when there is none.
+bool search_number(std::FILE *file, const char *device, int token, double *number) {
+    Line line{};
+    while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
+        if (wireless_parse_line(line.data(), device, token, number)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Reading wireless_quality(const Record *record) {
+    trace(TRACE_TRACE, "%s %s", record->file, record->dev);
+    const FileHandle file(std::fopen(record->file, "re"));
+    if (!file) {
+        return Reading::failed_with_errno(errno);
+    }
+    double quality = 0;
+    return search_number(file.get(), record->dev, TOKEN_QUALITY, &quality) ? Reading::of_number(quality)
+                                                                           : Reading::failed(EINVAL);
+}
+
+/// Unlike the quality, any failure to open is EINVAL.
+Reading wireless_strength(const Record *record) {
+    trace(TRACE_TRACE, "%s %s", record->file, record->dev);
+    const FileHandle file(std::fopen(record->file, "re"));
+    if (!file) {
+        return Reading::failed_with_errno(errno == 0 ? 0 : EINVAL);
+    }
+    double level = 0;
+    if (!search_number(file.get(), record->dev, TOKEN_LEVEL, &level)) {
+        return Reading::failed(EINVAL);
+    }
+    const Reading reading = wireless_round(level);
+    trace(TRACE_TRACE, "value: %d (%f), level: %f", reading.value, level >= 0 ? level + 0.5 : level - 0.5, level);
+    return reading;
+}
+
+Reading wireless_read(const Record *record) {
+    switch (record->id) {
+    case ID_QUALITY:
+        return wireless_quality(record);
+    case ID_STRENGTH:
+        return wireless_strength(record);
+    case ID_HARDWARE:
+    case ID_LINK:
+        return wireless_state(record);
+    default:
+        return Reading::failed(EINVAL);
+    }
+}
+
+void trace_failure(const Task *task) {
+    constexpr const char *exec = "wireless_exec";
+    if (is_wireless_id(task->id)) {
+        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "CB%02d FAILED!", task->id);
+    } else {
+        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "%s(%d) FAILED!", "default", task->id);
+    }
+}
+
+/// Nothing holds the wireless tasks back.
+int wireless_active(Task * /*task*/) {
+    trace(TRACE_TRACE, " ");
+    return 1;
+}
+
+/// Appends what is said about the task; false for an id without a sentence. "sufficiant" and the
+/// capital "Signal" are matched by log filters in the field.
+bool append_sentence(TextBuffer *line, const Task *task) {
+    const bool good = task->state == 0;
+    if (!is_wireless_id(task->id)) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "wireless_logger", __LINE__, "unknown");
+        return false;
+    }
+    trace_at(TRACE_TRACE, TRACE_FILE, "wireless_logger", __LINE__, "Issue CB%02d", task->id);
+    switch (task->id) {
+    case ID_HARDWARE:
+        line->append_format("Wireless hardware %s available.", good ? "is" : "is not");
+        break;
+    case ID_LINK:
+        line->append_format("Wireless hardware %s working.", good ? "is" : "is not");
+        break;
+    case ID_QUALITY:
+        line->append_format("Wireless Signal quality is %ssufficiant.", good ? "" : "in");
+        break;
+    default:
+        line->append_format("Wireless signal strength is %ssufficiant.", good ? "" : "in");
+        break;
+    }
+    return true;
+}
+
+} // namespace
 
 int wireless_init(Task *task) {
     trace(TRACE_TRACE, " ");
+    if (!is_wireless_id(task->id)) {
+        trace(TRACE_TRACE, "wrong id: %d", task->id);
+        return -1;
+    }
+    const char *failure = add_record(task);
+    if (failure != nullptr) {
+        trace(TRACE_TRACE, "%s", failure);
+        return -1;
+    }
+    task->precondition = wireless_active;
     probe_mark_initialised(task);
+    task->flags |= TASK_HAS_PRECONDITION;
     return 0;
 }
 
 int wireless_exec(Task *task) {
-    trace(TRACE_DEBUG, "not measured by this version");
+    trace(TRACE_DEBUG, " ");
+    if (wifi_available != 1) {
+        task->do_logfile = 0;
+        return probe_fail(task, ENONET);
+    }
+    task->do_logfile = 1;
+    const Record *record = wireless_psearch(task);
+    if (record == nullptr || record->file == nullptr) {
+        trace(TRACE_TRACE, "CB%02d %d: FAILED", task->id, task->index);
+        return -1;
+    }
+    trace(TRACE_TRACE, "CB%02d %d: FOUND", task->id, task->index);
     task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
-    return probe_fail(task, ENOSYS);
+    const Reading reading = wireless_read(record);
+    if (reading.error != 0) {
+        trace_failure(task);
+        return probe_fail(task, reading.error);
+    }
+    trace(TRACE_TRACE, "%s: %d", task->parameter, reading.value);
+    return probe_succeed(task, reading.value);
 }
 
-int wireless_logger(Task * /*task*/) {
-    trace(TRACE_DEBUG, "not logged by this version");
+int wireless_logger(Task *task) {
+    constexpr int code_ok = 0;
+    constexpr int code_failed = 2;
+
+    trace(TRACE_DEBUG, " ");
+    if (task->do_log != 1) {
+        return 0;
+    }
+    task->do_log = 0;
+    std::array<char, 1023> text{}; // half of what the other probes' loggers have
+    TextBuffer line = logger_value_line(text, task);
+    if (task_has(task, TASK_HAS_FORMAT) && task->format != nullptr && *task->format != '\0') {
+        line.append_format("%s: ", task->format); // the slot holds the interface's name; no sentence follows
+    } else if (!append_sentence(&line, task)) {
+        return 0;
+    }
+    logger_syslog(task->state == 0 ? code_ok : code_failed, line.c_str());
     return 0;
 }

@@ -1,0 +1,87 @@
+#include "dbus-signals.h"
+
+#include "immortal.h"
+#include "mutex_lock.h"
+#include "trace.h"
+
+#include <memory>
+#include <new>
+#include <pthread.h>
+#include <utility>
+
+namespace {
+
+struct SignalNode {
+    BusMessage message;
+    std::unique_ptr<SignalNode> next;
+};
+
+struct SignalQueue {
+    std::unique_ptr<SignalNode> head;
+    SignalNode *tail = nullptr;
+};
+
+constinit Immortal<SignalQueue> signal_queue;
+constinit pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_mutex_t wakeup_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_cond_t wakeup_cond = PTHREAD_COND_INITIALIZER;
+/// Counts the wake-ups not yet taken. Not "is the queue filled": the sender must not start on a pass
+/// that is still being queued.
+constinit unsigned wakeups = 0;
+
+void link_node(SignalQueue &queue, std::unique_ptr<SignalNode> node) {
+    SignalNode *const last = node.get();
+    (queue.tail == nullptr ? queue.head : queue.tail->next) = std::move(node);
+    queue.tail = last;
+}
+
+std::unique_ptr<SignalNode> unlink_node(SignalQueue &queue) {
+    std::unique_ptr<SignalNode> node = std::move(queue.head);
+    if (node) {
+        queue.head = std::move(node->next);
+    }
+    if (!queue.head) {
+        queue.tail = nullptr;
+    }
+    return node;
+}
+
+} // namespace
+
+int d_bus_srv_msg_queue_add(BusMessage message) {
+    std::unique_ptr<SignalNode> node(new (std::nothrow) SignalNode{std::move(message), nullptr});
+    if (!node) {
+        trace(TRACE_TRACE, "FAIL");
+        return -1;
+    }
+    trace(TRACE_TRACE, "ADD");
+    {
+        const MutexLock lock(queue_lock);
+        link_node(signal_queue.get(), std::move(node));
+    }
+    trace(TRACE_TRACE, "DONE");
+    return 0;
+}
+
+BusMessage d_bus_srv_msg_queue_remove() {
+    std::unique_ptr<SignalNode> node;
+    {
+        const MutexLock lock(queue_lock);
+        node = unlink_node(signal_queue.get());
+    }
+    return node ? std::move(node->message) : nullptr;
+}
+
+void d_bus_srv_msg_queue_wait() {
+    const MutexLock lock(wakeup_lock);
+    while (wakeups == 0) {
+        pthread_cond_wait(&wakeup_cond, &wakeup_lock);
+    }
+    wakeups = 0;
+}
+
+void d_bus_srv_msg_queue_signal() {
+    const MutexLock lock(wakeup_lock);
+    ++wakeups;
+    pthread_cond_signal(&wakeup_cond);
+}

@@ -1,0 +1,170 @@
+// The bus goes away and comes back.
+
+#include "dbus-link.h"
+
+#include "bus_daemon.h"
+#include "message_bytes.h"
+#include "private_bus.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char *PATH = "/com/corvana/Monitoring1";
+constexpr const char *ISSUES = "com.corvana.State2.Issues";
+
+TEST(BusPauseTest, DoublesFromOneSecondToSixty) {
+    std::vector<unsigned> pauses;
+    for (unsigned attempt = 0; attempt < 9; ++attempt) {
+        pauses.push_back(bus_pause_seconds(attempt));
+    }
+    EXPECT_THAT(pauses, testing::ElementsAre(1, 2, 4, 8, 16, 32, 60, 60, 60));
+    EXPECT_EQ(bus_pause_seconds(4294967295), 60U);
+}
+
+bool is_listed(BusClient &client) {
+    const BusMessage reply = client.call(method_call(PATH, ISSUES, "GetListing"));
+    return reply && dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
+}
+
+class BusLossTest : public testing::Test {
+  protected:
+    /// Both threads are at work: what is lost then is an established bus.
+    BusLossTest() {
+        BusClient client(bus_);
+        client.watch("type='signal',member='NewIssues'");
+        client.wait_for_owner(SERVICE_NAME);
+        pass(1);
+        EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
+        EXPECT_TRUE(daemon_.traced("wait for request"));
+    }
+
+    /// One pass, known by its number, that announces CB05.
+    void pass(int number) {
+        daemon_.obey("update 5 1");
+        daemon_.obey("send " + std::to_string(number));
+    }
+
+    void lose_the_bus() {
+        bus_.stop();
+        EXPECT_TRUE(daemon_.traced("the bus is gone"));
+    }
+
+    PrivateBus bus_;
+    BusDaemon daemon_{bus_, Traces::to_stderr};
+};
+
+/// The passes announced by the next `count` signals NewIssues.
+std::vector<std::uint32_t> announced(BusClient &client, int count) {
+    std::vector<std::uint32_t> passes;
+    for (int i = 0; i < count; ++i) {
+        const BusMessage signal = client.wait_for_signal("NewIssues");
+        passes.push_back(signal ? number_of(signal) : 0);
+    }
+    return passes;
+}
+
+TEST_F(BusLossTest, NameCallsAndWaitingSignalsComeBackInOrder) {
+    lose_the_bus();
+    for (int number = 2; number <= 6; ++number) {
+        pass(number);
+    }
+    bus_.start();
+    BusClient client(bus_);
+    client.watch(std::string("type='signal',sender='") + SERVICE_NAME + "',member='NewIssues'");
+    EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_EQ(announced(client, 5), (std::vector<std::uint32_t>{2, 3, 4, 5, 6}));
+    EXPECT_TRUE(is_listed(client));
+    pass(7);
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{7});
+}
+
+TEST_F(BusLossTest, IsSaidOnceAndDoesNotSpin) {
+    lose_the_bus();
+    const std::size_t waits = daemon_.count_traces("wait for request");
+    pass(1);
+    bus_.start();
+    ASSERT_TRUE(daemon_.traced("the bus is back"));
+    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
+    EXPECT_LE(daemon_.count_traces("wait for request"), waits + 20); // a spin has thousands
+    EXPECT_LE(daemon_.count_traces("check request"), 20U);
+}
+
+TEST_F(BusLossTest, HappensAgainAndAgain) {
+    for (std::uint32_t round = 1; round <= 3; ++round) {
+        bus_.stop();
+        pass(static_cast<int>(round)); // the sender may notice the loss before the listener does
+        bus_.start();
+        BusClient client(bus_);
+        client.watch("type='signal',member='NewIssues'");
+        EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{round});
+        client.wait_for_owner(SERVICE_NAME);
+        EXPECT_TRUE(is_listed(client));
+    }
+}
+
+TEST_F(BusLossTest, WhileAClientFloods) {
+    {
+        BusClient client(bus_);
+        for (int i = 0; i < 5000; ++i) {
+            client.send(method_call(PATH, ISSUES, "GetListing"));
+        }
+        dbus_connection_flush(client.connection());
+        bus_.stop();
+    }
+    bus_.start();
+    BusClient client(bus_);
+    EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(client));
+}
+
+TEST_F(BusLossTest, ANameTakenMeanwhileIsAskedForAgain) {
+    lose_the_bus();
+    bus_.start();
+    BusClient monitor(bus_);
+    BusClient other(bus_);
+    monitor.become_monitor();
+    ASSERT_EQ(number_of(other.ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
+    pass(1);
+    // Having found the name taken, the daemon takes its request back, and asks again later.
+    ASSERT_NE(monitor.wait_for([](DBusMessage *message) {
+        return dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "ReleaseName") != 0;
+    }),
+              nullptr);
+    other.watch(std::string("type='signal',sender='") + SERVICE_NAME + "',member='NewIssues'");
+    ASSERT_EQ(number_of(other.ask_bus("ReleaseName", SERVICE_NAME)), 1U);
+    EXPECT_NE(other.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_EQ(announced(other, 1), std::vector<std::uint32_t>{1}); // held back until the name was there
+    EXPECT_TRUE(is_listed(other));
+}
+
+TEST_F(BusLossTest, ExitDoesNotWaitForTheBus) {
+    lose_the_bus();
+    daemon_.tell("exit");
+    EXPECT_EQ(daemon_.process().wait(), 1);
+}
+
+TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedComesBackByItself) {
+    PrivateBus bus;
+    std::optional<BusClient> owner(std::in_place, bus);
+    ASSERT_EQ(number_of(owner->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("dbus_bus_request_name() failed"));
+    owner->watch("type='signal',member='NewIssues'");
+    daemon.obey("update 5 1");
+    daemon.obey("send 1");
+    ASSERT_EQ(announced(*owner, 1), std::vector<std::uint32_t>{1});
+    owner.reset();
+    bus.stop();
+    daemon.obey("send 2");
+    ASSERT_TRUE(daemon.traced("the bus is gone"));
+    bus.start();
+    BusClient client(bus);
+    client.watch("type='signal',member='NewIssues'");
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
+}
+
+} // namespace

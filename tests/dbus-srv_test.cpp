@@ -1,0 +1,449 @@
+// The service as its clients meet it: the real threads, a real bus.
+
+#include "dbus-srv.h"
+
+#include "bus_daemon.h"
+#include "captured_traces.h"
+#include "message_bytes.h"
+#include "private_bus.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+using testing::ElementsAre;
+
+constexpr const char *PATH = "/com/corvana/Monitoring1";
+constexpr const char *ISSUES = "com.corvana.State2.Issues";
+constexpr const char *INTROSPECTABLE = "org.freedesktop.DBus.Introspectable";
+constexpr const char *NETWORK = "com.corvana.Config1.Network";
+constexpr std::int64_t LONG_AGO = 1; // a pass that began then announces every change since
+
+/// How many threads may still be created; negative is any number, and none is really created.
+int threads_left = -1;
+std::vector<sigset_t> masks_at_creation;
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's name
+extern "C" int __wrap_pthread_create(pthread_t * /*thread*/, const pthread_attr_t *attributes,
+                                     void *(* /*start*/)(void *), void *argument) {
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    masks_at_creation.push_back(mask);
+    EXPECT_EQ(attributes, nullptr);
+    EXPECT_EQ(argument, nullptr);
+    return threads_left-- == 0 ? EAGAIN : 0;
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+namespace {
+
+TEST(BusInitTest, ThreadsAreCreatedWhileAllSignalsOfTheDaemonAreHeld) {
+    sigset_t before;
+    sigset_t after;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    EXPECT_EQ(d_bus_srv_init(), 0);
+    pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    ASSERT_EQ(masks_at_creation.size(), 2U);
+    for (const sigset_t &mask : masks_at_creation) {
+        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
+            EXPECT_EQ(sigismember(&mask, signo), 1) << signo;
+        }
+    }
+    for (int signo = 1; signo < 32; ++signo) {
+        EXPECT_EQ(sigismember(&before, signo), sigismember(&after, signo)) << signo;
+    }
+}
+
+TEST(BusInitTest, EitherThreadThatCannotBeCreatedIsTheListenerInTheTraces) {
+    for (const int created : {0, 1}) {
+        const CapturedTraces traces;
+        threads_left = created;
+        EXPECT_EQ(d_bus_srv_init(), -1);
+        EXPECT_THAT(traces.texts_of("d_bus_srv_init"), ElementsAre(" ", "unable to create D-Bus listener"));
+        EXPECT_EQ(traces.all().front().priority, 6);
+        EXPECT_EQ(traces.all().back().code_file, "CODE_FILE=dbus-srv.c");
+    }
+    threads_left = -1;
+}
+
+BusMessage listing_call() { return method_call(PATH, ISSUES, "GetListing"); }
+
+BusMessage switch_call(const char *word, dbus_bool_t enable) {
+    BusMessage call = method_call("/any/path", NETWORK, "ChangeInterfaceAvailability");
+    dbus_message_append_args(call.get(), DBUS_TYPE_STRING, static_cast<const void *>(&word), DBUS_TYPE_BOOLEAN, &enable,
+                             DBUS_TYPE_INVALID);
+    return call;
+}
+
+bool is_return(const BusMessage &message) {
+    return message && dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
+}
+
+class BusServiceTest : public testing::Test {
+  protected:
+    BusServiceTest() { owner_ = client_.wait_for_owner(SERVICE_NAME); }
+
+    PrivateBus bus_;
+    BusClient client_{bus_};
+    BusDaemon daemon_{bus_};
+    std::string owner_;
+};
+
+TEST_F(BusServiceTest, ACallRightAfterTheStartIsAnswered) {
+    const BusMessage reply = client_.call(listing_call());
+    ASSERT_TRUE(is_return(reply));
+    EXPECT_STREQ(dbus_message_get_signature(reply.get()), "");
+    EXPECT_EQ(dbus_message_get_sender(reply.get()), owner_);
+}
+
+TEST_F(BusServiceTest, RaisedIssuesAreListedInRowOrder) {
+    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
+    daemon_.obey("update 99 1");
+    daemon_.obey("update 3 -2");
+    const auto after = static_cast<std::uint32_t>(std::time(nullptr));
+    const BusMessage reply = client_.call(listing_call());
+    ASSERT_TRUE(is_return(reply));
+    const std::string body = body_bytes(reply.get());
+    bool found = false;
+    for (std::uint32_t first = before; first <= after; ++first) {
+        for (std::uint32_t second = before; second <= after; ++second) {
+            const std::string padding(3, '\0');
+            found = found || body == wire(29) + wire(0) + wire(second) + wire(std::string("CB03")) + padding +
+                                         wire(first) + wire(std::string("CBnn"));
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(BusServiceTest, InterfaceAndPathOfACallAreNotLookedAt) {
+    EXPECT_TRUE(is_return(client_.call(method_call("/some/where", ISSUES, "GetListing"))));
+    EXPECT_TRUE(is_return(client_.call(method_call(PATH, nullptr, "GetListing"))));
+    EXPECT_EQ(text_of(client_.call(method_call("/", nullptr, "Introspect"))), "<node>\n</node>\n");
+    EXPECT_TRUE(text_of(client_.call(method_call(PATH, INTROSPECTABLE, "Introspect"))).ends_with("</node>\n"));
+}
+
+TEST_F(BusServiceTest, SwitchesAndMalformedCallsAreAnswered) {
+    EXPECT_EQ(text_of(client_.call(switch_call("Cell", FALSE))), "failed");
+    EXPECT_EQ(text_of(client_.call(switch_call("Bluetooth", TRUE))), "accepted");
+    EXPECT_EQ(text_of(client_.call(method_call(PATH, NETWORK, "ChangeInterfaceAvailability"))), "failed");
+    const std::string oversized(1000000, 'x');
+    EXPECT_EQ(text_of(client_.call(switch_call(oversized.c_str(), TRUE))), "accepted");
+}
+
+TEST_F(BusServiceTest, CallsOfNothingItKnowsStayUnanswered) {
+    std::vector<dbus_uint32_t> unanswered;
+    for (const auto &[interface, member] : std::vector<std::pair<const char *, const char *>>{
+             {ISSUES, "NoSuchMethod"}, {"no.such.interface", "GetListing"}, {DBUS_INTERFACE_PEER, "Ping"}}) {
+        unanswered.push_back(client_.send(method_call(PATH, interface, member)));
+    }
+    // Calls are answered in order: what has no answer before the one of a later call has none.
+    const dbus_uint32_t last = client_.send(listing_call());
+    const BusMessage first_answer = client_.wait_for([&](DBusMessage *message) {
+        const dbus_uint32_t serial = dbus_message_get_reply_serial(message);
+        return serial == last || std::count(unanswered.begin(), unanswered.end(), serial) != 0;
+    });
+    ASSERT_NE(first_answer, nullptr);
+    EXPECT_EQ(dbus_message_get_reply_serial(first_answer.get()), last);
+}
+
+TEST_F(BusServiceTest, SignalsComeFromTheOwnerOfTheNameNewBeforeCleared) {
+    client_.watch(std::string("type='signal',sender='") + SERVICE_NAME + "'");
+    daemon_.obey("update 5 1");
+    daemon_.obey("send " + std::to_string(LONG_AGO)); // announces CB05, and the others as cleared
+    const auto is_issue_signal = [](DBusMessage *message) {
+        return dbus_message_get_interface(message) != nullptr &&
+               std::string(dbus_message_get_interface(message)) == ISSUES;
+    };
+    const BusMessage first = client_.wait_for(is_issue_signal);
+    const BusMessage second = client_.wait_for(is_issue_signal);
+    ASSERT_TRUE(first && second);
+    EXPECT_STREQ(dbus_message_get_member(first.get()), "NewIssues");
+    EXPECT_STREQ(dbus_message_get_member(second.get()), "ClearedIssues");
+    EXPECT_EQ(dbus_message_get_sender(first.get()), owner_);
+    EXPECT_STREQ(dbus_message_get_path(first.get()), PATH);
+    EXPECT_EQ(body_bytes(first.get()), wire(1) + wire(9) + wire(std::string("CB05")));
+}
+
+TEST_F(BusServiceTest, AHundredCallsTogetherAreAnsweredWhileSignalsAreSent) {
+    client_.watch("type='signal',member='NewIssues'");
+    daemon_.tell("flood 200");
+    std::vector<dbus_uint32_t> serials;
+    for (int i = 0; i < 100; ++i) {
+        serials.push_back(client_.send(listing_call()));
+    }
+    for (const dbus_uint32_t serial : serials) {
+        ASSERT_TRUE(is_return(client_.wait_for(
+            [serial](DBusMessage *message) { return dbus_message_get_reply_serial(message) == serial; })));
+    }
+    for (int signal = 0; signal < 100; ++signal) { // each second pass raises
+        ASSERT_NE(client_.wait_for_signal("NewIssues"), nullptr);
+    }
+}
+
+TEST_F(BusServiceTest, NoCallIsLostToASenderThatReadsItIn) {
+    daemon_.tell("flood 20000");
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(is_return(client_.call(listing_call()))) << i;
+    }
+}
+
+std::size_t descriptors_of(pid_t pid) {
+    const std::filesystem::directory_iterator folder("/proc/" + std::to_string(pid) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
+}
+
+/// Resident pages.
+long memory_of(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
+    long total = 0;
+    long resident = 0;
+    file >> total >> resident;
+    return resident;
+}
+
+TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {
+    const auto call_all = [this](int rounds) {
+        for (int i = 0; i < rounds; ++i) {
+            ASSERT_TRUE(is_return(client_.call(listing_call())));
+            ASSERT_TRUE(is_return(client_.call(method_call("/", INTROSPECTABLE, "Introspect"))));
+            ASSERT_TRUE(is_return(client_.call(switch_call("LAN", TRUE))));
+            ASSERT_TRUE(is_return(client_.call(method_call(PATH, NETWORK, "ChangeInterfaceAvailability"))));
+        }
+    };
+    daemon_.obey("update 5 1");
+    call_all(100);
+    const pid_t pid = daemon_.process().pid();
+    const std::size_t descriptors = descriptors_of(pid);
+    [[maybe_unused]] const long memory = memory_of(pid);
+    call_all(2500);
+    EXPECT_EQ(descriptors_of(pid), descriptors);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they keep what was freed
+    EXPECT_LT(memory_of(pid) - memory, 64);                         // pages; one leaked reply a call were thousands
+#endif
+}
+
+TEST_F(BusServiceTest, DescriptorsThatAClientPassesAreClosed) {
+    const std::size_t descriptors = descriptors_of(daemon_.process().pid());
+    for (int i = 0; i < 50; ++i) {
+        const BusMessage call = listing_call();
+        const int passed = STDIN_FILENO;
+        ASSERT_NE(dbus_message_append_args(call.get(), DBUS_TYPE_UNIX_FD, &passed, DBUS_TYPE_INVALID), 0U);
+        ASSERT_TRUE(is_return(client_.call(call)));
+    }
+    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the one before has been let go by now
+    EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
+}
+
+TEST_F(BusServiceTest, ClientsOfOthersGetTheirAnswers) {
+    daemon_.obey("update 3 1");
+    const std::string address = "--address=" + bus_.address();
+    const std::string bus = "--bus=" + bus_.address();
+    const std::string destination = std::string("--dest=") + SERVICE_NAME;
+    const auto joined = [](const CommandResult &result) {
+        std::string text;
+        for (const std::string &line : result.output) {
+            text += line + "\n";
+        }
+        return text;
+    };
+    const CommandResult listing =
+        run_command({"dbus-send", bus, "--print-reply", destination, PATH, "com.corvana.State2.Issues.GetListing"});
+    EXPECT_EQ(listing.status, 0);
+    EXPECT_THAT(joined(listing), testing::HasSubstr("string \"CB03\""));
+    const CommandResult switched = run_command({"busctl", address, "call", SERVICE_NAME, PATH, NETWORK,
+                                                "ChangeInterfaceAvailability", "sb", "LANxyz", "false"});
+    EXPECT_EQ(switched.status, 0);
+    EXPECT_EQ(joined(switched), "s \"failed\"\n");
+    const CommandResult described = run_command({"busctl", address, "introspect", SERVICE_NAME, PATH, ISSUES});
+    EXPECT_EQ(described.status, 0);
+    EXPECT_THAT(joined(described), testing::HasSubstr("a(us)"));
+}
+
+TEST_F(BusServiceTest, NobodyCanTakeTheNameAway) {
+    EXPECT_EQ(number_of(client_.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_REPLACE_EXISTING)),
+              static_cast<dbus_uint32_t>(DBUS_REQUEST_NAME_REPLY_IN_QUEUE));
+    EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
+}
+
+/// The daemon's signals as bits of a mask in /proc.
+constexpr std::uint64_t bit_of(int signo) { return std::uint64_t{1} << static_cast<unsigned>(signo - 1); }
+
+TEST_F(BusServiceTest, BusThreadsSeeNoneOfTheSignals) {
+    ASSERT_TRUE(is_return(client_.call(listing_call())));
+    const std::string tasks = "/proc/" + std::to_string(daemon_.process().pid()) + "/task";
+    int holding = 0;
+    for (const auto &task : std::filesystem::directory_iterator(tasks)) {
+        const std::string status = read_file(task.path() / "status");
+        const std::string mask = status.substr(status.find("SigBlk:") + 7, 17);
+        std::uint64_t missing = 0;
+        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
+            missing |= bit_of(signo) & ~std::stoull(mask, nullptr, 16);
+        }
+        holding += missing == 0 ? 1 : 0;
+    }
+    EXPECT_GE(holding, 2); // a sanitizer may have a thread of its own that holds them too
+}
+
+TEST(BusStartTest, RequestsTheNameWithTheReplaceFlagOnly) {
+    PrivateBus bus;
+    BusClient monitor(bus);
+    monitor.become_monitor();
+    BusDaemon daemon(bus);
+    const BusMessage request = monitor.wait_for([](DBusMessage *message) {
+        return dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "RequestName") != 0;
+    });
+    ASSERT_NE(request, nullptr);
+    EXPECT_EQ(body_bytes(request.get()), wire(19) + wire(std::string(SERVICE_NAME)).substr(4) + wire(2));
+}
+
+TEST(BusStartTest, TracesItsStart) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    ASSERT_TRUE(is_return(client.call(listing_call())));
+    ASSERT_TRUE(daemon.traced("call method: GetListing"));
+    std::vector<std::string> texts;
+    for (const std::string &line : daemon.process().errors().lines()) {
+        const std::size_t place = line.find("dbus-srv.c: d_bus_srv_main(");
+        if (place != std::string::npos && line.find("unknown request") == std::string::npos &&
+            line.find("check request") == std::string::npos) {
+            texts.push_back(line.substr(line.find(") ", place) + 2));
+        }
+    }
+    ASSERT_GE(texts.size(), 6U);
+    texts.resize(6);
+    EXPECT_THAT(texts,
+                ElementsAre(" ", "DBUS_GET", "DBUS_REQUEST", "WHILE", "wait for request", "call method: GetListing"));
+    // The bus greets the new owner with two notices, both handled before the first wait.
+    EXPECT_EQ(daemon.count_traces("unknown request - type: signal"), 2U);
+}
+
+TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::none, "interface=some.other.Name");
+    client.wait_for_owner(SERVICE_NAME);
+    client.watch("type='signal',interface='some.other.Name'");
+    daemon.obey("update 5 1");
+    daemon.obey("send " + std::to_string(LONG_AGO));
+    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
+    const dbus_uint32_t renamed = client.send(method_call(PATH, "some.other.Name", "GetListing"));
+    const dbus_uint32_t fixed = client.send(listing_call());
+    const BusMessage first_answer = client.wait_for([&](DBusMessage *message) {
+        const dbus_uint32_t serial = dbus_message_get_reply_serial(message);
+        return serial == renamed || serial == fixed;
+    });
+    ASSERT_NE(first_answer, nullptr);
+    EXPECT_EQ(dbus_message_get_reply_serial(first_answer.get()), fixed);
+}
+
+TEST(BusStartTest, ANameThatSomebodyKeepsEndsTheListenerAndIsNotQueuedFor) {
+    PrivateBus bus;
+    BusClient owner(bus);
+    ASSERT_EQ(number_of(owner.ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("dbus_bus_request_name() failed"));
+    EXPECT_EQ(daemon.count_traces("Connection Error"), 0U);
+    ASSERT_EQ(number_of(owner.ask_bus("ReleaseName", SERVICE_NAME)), 1U);
+    EXPECT_EQ(dbus_message_get_type(owner.ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR);
+
+    owner.watch("type='signal',member='NewIssues'"); // the sender works on
+    daemon.obey("update 5 1");
+    daemon.obey("send " + std::to_string(LONG_AGO));
+    EXPECT_NE(owner.wait_for_signal("NewIssues"), nullptr);
+    daemon.tell("exit");
+    EXPECT_EQ(daemon.process().wait(), 1);
+}
+
+TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {
+    PrivateBus bus;
+    BusClient owner(bus);
+    ASSERT_EQ(number_of(owner.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_ALLOW_REPLACEMENT)), 1U);
+    owner.watch("type='signal',member='NameOwnerChanged',arg0='" + std::string(SERVICE_NAME) + "'");
+    BusDaemon daemon(bus);
+    ASSERT_NE(owner.wait_for_signal("NameOwnerChanged"), nullptr);
+    EXPECT_TRUE(is_return(owner.call(listing_call())));
+}
+
+TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
+    PrivateBus bus;
+    bus.stop();
+    std::filesystem::remove(bus.address().substr(std::string("unix:path=").size()));
+    BusDaemon daemon(bus, Traces::to_stderr);
+    for (const char *thread : {"d_bus_srv_main(", "d_bus_srv_msg_sender("}) {
+        for (const char *text : {" dbus_bus_get() failed", " Connection Error ("}) {
+            EXPECT_TRUE(daemon.traced(thread, text)) << thread << text;
+        }
+    }
+    for (int pass = 0; pass < 100; ++pass) {
+        ASSERT_TRUE(daemon.obey("update 5 " + std::to_string(pass % 2)));
+        ASSERT_TRUE(daemon.obey("send " + std::to_string(LONG_AGO)));
+    }
+    daemon.tell("exit");
+    EXPECT_EQ(daemon.process().wait(), 1);
+}
+
+TEST(BusStartTest, AConnectionErrorIsFollowedByAnEmptyLine) {
+    PrivateBus bus;
+    bus.stop();
+    BusDaemon daemon(bus, Traces::to_stderr);
+    LineReader &traces = daemon.process().errors();
+    const std::optional<std::size_t> line = traces.wait_for("Connection Error (");
+    ASSERT_TRUE(line && traces.wait_for("", *line + 1));
+    EXPECT_EQ(traces.lines()[*line + 1], "");
+}
+
+TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    client.wait_for_owner(SERVICE_NAME);
+    client.watch("type='signal',interface='com.corvana.State2.Issues'");
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    daemon.obey("update 5 1");
+    daemon.obey("fail-send");
+    daemon.obey("send 2");
+    ASSERT_TRUE(daemon.traced("dbus_connection_send(\"msg\") failed"));
+    // Of that pass the NewIssues is lost and the ClearedIssues is not; the next pass is whole.
+    daemon.obey("send 3");
+    for (const auto &[member, pass] : std::vector<std::pair<std::string, std::uint32_t>>{
+             {"ClearedIssues", 2}, {"NewIssues", 3}, {"ClearedIssues", 3}}) {
+        const BusMessage signal =
+            client.wait_for([](DBusMessage *message) { return dbus_message_has_interface(message, ISSUES) != 0; });
+        ASSERT_NE(signal, nullptr);
+        EXPECT_EQ(dbus_message_get_member(signal.get()), member);
+        EXPECT_EQ(body_bytes(signal.get()).substr(0, 4), wire(pass));
+    }
+}
+
+TEST(BusExitTest, TheProcessEndsWithItsStatusWhateverTheThreadsDo) {
+    PrivateBus bus;
+    for (int run = 0; run < 50; ++run) {
+        BusDaemon daemon(bus);
+        if (run % 3 == 1) { // while they wait
+            BusClient client(bus);
+            client.wait_for_owner(SERVICE_NAME);
+        } else if (run % 3 == 2) { // while they send
+            daemon.obey("flood 500");
+        } // otherwise while they start
+        daemon.tell("exit");
+        ASSERT_EQ(daemon.process().wait(), 1) << "run " << run;
+        EXPECT_EQ(daemon.process().errors().lines(), std::vector<std::string>{});
+    }
+}
+
+} // namespace

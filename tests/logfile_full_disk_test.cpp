@@ -1,0 +1,195 @@
+#include "logfile.h"
+
+#include "logfile_rig.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+using testing::IsEmpty;
+
+/// Files end at `bytes` while it lives, as on a disk with no more room.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) : ignored_(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit now{.rlim_cur = bytes, .rlim_max = before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &now), 0);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, ignored_);
+    }
+    FileSizeLimit(const FileSizeLimit &) = delete;
+    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+
+  private:
+    rlimit before_{};
+    void (*ignored_)(int);
+};
+
+constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its stamp of 19
+
+using FullDiskTest = LogfileTest;
+
+TEST_F(FullDiskTest, LosesARecordThatFindsNoRoomAtAll) {
+    use(path);
+    lf_print(0, "x", 0);
+    {
+        const FileSizeLimit full(25);
+        lf_print(0, "lost", 0);
+    }
+    EXPECT_EQ(log(), x_record);
+    EXPECT_TRUE(traces.has("lf_print", path + ": File too large"));
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), std::string(x_record) + "<time>\tOK\ty\n");
+}
+
+TEST_F(FullDiskTest, TakesBackARecordThatFitsOnlyInPart) {
+    use(path);
+    lf_print(0, "x", 0);
+    for (rlim_t room = 1; room < 25; ++room) {
+        const FileSizeLimit full(25 + room);
+        lf_print(0, "y", 0);
+        EXPECT_EQ(log(), x_record) << room;
+        EXPECT_EQ(std::filesystem::file_size(path), 25U) << room;
+    }
+    const FileSizeLimit just_enough(50);
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), std::string(x_record) + "<time>\tOK\ty\n");
+}
+
+TEST_F(FullDiskTest, SaysThatTheRecordIsLost) {
+    use(path);
+    const FileSizeLimit full(10);
+    lf_print(0, "x", 0);
+    EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
+}
+
+TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {
+    use(path);
+    lf_print(0, "x", 0);
+    {
+        const FileSizeLimit full(40);
+        logfile_cleanup();
+    }
+    EXPECT_EQ(log(), x_record);
+}
+
+TEST_F(FullDiskTest, TakesBackAHeaderThatFitsOnlyInPartWhichIsThenNotTheFirst) {
+    folder.write("logfile", "what stood there\n"); // 17 bytes
+    for (const rlim_t room : {0, 1, 100}) {
+        const FileSizeLimit full(17 + room);
+        lf_header(path.c_str());
+        EXPECT_EQ(log(), "what stood there\n") << room;
+        EXPECT_EQ(logfile_state().logfile_header_written, 0);
+    }
+    lf_header(path.c_str());
+    EXPECT_THAT(log(), testing::StartsWith("what stood there\n##\n##\t<time>\tSTART\tvigmond\n##\n"));
+}
+
+TEST_F(FullDiskTest, StaysBelowItsLimitWithoutRotation) {
+    use(path);
+    logfile_state().logsize = 26;
+    lf_print(0, "x", 0);
+    const FileSizeLimit full(40);
+    lf_print(0, "y", 0);
+    EXPECT_THAT(rotations().calls, IsEmpty());
+}
+
+TEST_F(FullDiskTest, RotatesTheFullFileAndMayLackTheHeader) {
+    use(path);
+    logfile_state().logsize = 25;
+    {
+        const FileSizeLimit full(25);
+        lf_print(0, "x", 0);
+    }
+    ASSERT_EQ(rotations().calls.size(), 1U);
+    EXPECT_EQ(mask_times(rotations().calls[0].content), x_record);
+    EXPECT_EQ(log(), "");
+    logfile_state().logsize = 10240;
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), "<time>\tOK\ty\n");
+}
+
+TEST_F(FullDiskTest, LosesWhatAFullDeviceRefuses) {
+    use("/dev/full");
+    lf_print(0, "x", 0);
+    lf_header("/dev/full");
+    EXPECT_TRUE(traces.has("lf_print", "/dev/full: No space left on device"));
+    EXPECT_TRUE(traces.has("lf_header", "/dev/full: No space left on device"));
+    EXPECT_EQ(logfile_state().logfile_header_written, 0);
+}
+
+TEST_F(FullDiskTest, NeverCutsAFileThatIsTheStandardOutput) {
+    const std::string file = folder.write("stdout", "what stood there\n"); // 17 bytes
+    const Descriptor saved(dup(STDOUT_FILENO));
+    ASSERT_NE(std::freopen(file.c_str(), "ae", stdout), nullptr);
+    use("stdout");
+    {
+        const FileSizeLimit full(27);
+        lf_print(0, "x", 0);
+    }
+    dup2(saved.get(), STDOUT_FILENO);
+    EXPECT_EQ(read_file(file).size(), 27U);
+}
+
+TEST_F(FullDiskTest, LeavesAPieceOnlyWhereTheFileCannotBeCut) {
+    const Descriptor uncuttable(memfd_create("log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    ASSERT_EQ(fcntl(uncuttable.get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
+    const std::string name = "/proc/self/fd/" + std::to_string(uncuttable.get());
+    use(name);
+    {
+        const FileSizeLimit full(22);
+        lf_print(0, "x", 0);
+    }
+    EXPECT_EQ(mask_times(read_file(name)), "<time>\tOK");
+    EXPECT_TRUE(traces.has("cut_back", "Operation not permitted"));
+    EXPECT_TRUE(traces.has("lf_print", name + ": No space left on device"));
+}
+
+/// A disk of 64 KiB in a mount namespace that ends with the test program.
+class SmallDiskTest : public LogfileTest {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+        ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        std::filesystem::create_directory(disk);
+        ASSERT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k"), 0);
+        use(disk + "/logfile");
+    }
+    void TearDown() override { umount2(disk.c_str(), MNT_DETACH); }
+
+    std::string disk = folder / "disk";
+};
+
+TEST_F(SmallDiskTest, EndsInAWholeRecordAndGoesOnWhenThereIsRoom) {
+    logfile_state().logsize = LOGSIZE_MAX;
+    std::ofstream(disk + "/ballast") << std::string(4096, 'x');
+    // 60 KiB are left: 2457 records of 25 bytes and 15 bytes of another.
+    for (int i = 0; i < 3000; ++i) {
+        lf_print(0, "x", 0);
+    }
+    const std::string full = read_file(disk + "/logfile");
+    EXPECT_EQ(full.size(), 2457U * 25U);
+    EXPECT_TRUE(full.ends_with("\tOK\tx\n"));
+    lf_header((disk + "/logfile").c_str());
+    EXPECT_EQ(read_file(disk + "/logfile"), full);
+    std::filesystem::remove(disk + "/ballast");
+    lf_print(0, "x", 0);
+    const std::string after = read_file(disk + "/logfile");
+    ASSERT_EQ(after.size(), full.size() + 25);
+    EXPECT_EQ(mask_times(after.substr(full.size())), x_record);
+}
+
+} // namespace

@@ -1,0 +1,218 @@
+#include "logfile.h"
+
+#include "logfile_rig.h"
+
+#include <array>
+#include <fcntl.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr const char *columns = "##\tname        \t    ID\t    ID\tinter-\t   min\t   min\t   max\t   max\tparam\n"
+                                "##\t            \t      \t index\t   val\t  fail\t  warn\t  warn\t  fail\t\n"
+                                "## date    time    \tstate\tID\tindex\tvalue\n";
+const std::string start_header = std::string("##\n##\t<time>\tSTART\tvigmond\n##\n") + columns;
+const std::string rotate_header = std::string("##\n##\t<time>\tROTATE\tvigmond\n##\n") + columns;
+constexpr const char *finished = "##\n##\t<time>\tFINISHED\tvigmond\n##\n";
+
+class LogRotationTest : public LogfileTest {
+  protected:
+    /// A log of `size` bytes, rotated at `limit`, its first header written before.
+    void full_file(std::size_t size, std::int32_t limit) const {
+        folder.write("logfile", std::string(size, 'x'));
+        use(path);
+        logfile_state().logsize = limit;
+        logfile_state().logfile_header_written = 1;
+    }
+};
+
+// A record of state 0 and text "x" is 19 (stamp) + 1 + 2 ("OK") + 1 + 1 + 1 (line feed) = 25 bytes.
+TEST_F(LogRotationTest, ComesWhenTheLimitIsReachedAndNotAByteBefore) {
+    full_file(100, 126);
+    lf_print(0, "x", 0);
+    EXPECT_THAT(rotations().calls, IsEmpty());
+    logfile_state() = {};
+    full_file(100, 125);
+    lf_print(0, "x", 0);
+    EXPECT_THAT(rotations().calls, SizeIs(1));
+}
+
+TEST_F(LogRotationTest, IsHandedTheClosedFileItsNameAndTheCount) {
+    full_file(100, 100);
+    logfile_state().logcount = 7;
+    lf_print(0, "x", 0);
+    ASSERT_THAT(rotations().calls, SizeIs(1));
+    const Rotation &rotation = rotations().calls.front();
+    EXPECT_EQ(rotation.name, path);
+    EXPECT_EQ(rotation.count, 7);
+    EXPECT_EQ(mask_times(rotation.content), std::string(100, 'x') + "<time>\tOK\tx\n");
+    EXPECT_TRUE(rotation.stream_closed);
+}
+
+TEST_F(LogRotationTest, IsFollowedByAHeaderAndAFreshStream) {
+    full_file(100, 100);
+    lf_print(0, "x", 0);
+    EXPECT_EQ(log(), rotate_header);
+    EXPECT_FALSE(logfile_state().logfile_stream);
+    logfile_state().logsize = 10240;
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), rotate_header + "<time>\tOK\ty\n");
+    EXPECT_THAT(rotations().calls, SizeIs(1));
+}
+
+TEST_F(LogRotationTest, ComesAfterEveryLineAtALimitOfOne) {
+    start(path.c_str());
+    logfile_state().logsize = 1;
+    lf_print(0, "x", 0);
+    lf_print(0, "y", 0);
+    lf_print(0, "z", 0);
+    ASSERT_THAT(rotations().calls, SizeIs(3));
+    EXPECT_EQ(mask_times(rotations().calls[0].content), start_header + "<time>\tOK\tx\n");
+    EXPECT_EQ(mask_times(rotations().calls[1].content), rotate_header + "<time>\tOK\ty\n");
+    EXPECT_EQ(mask_times(rotations().calls[2].content), rotate_header + "<time>\tOK\tz\n");
+    EXPECT_EQ(log(), rotate_header);
+}
+
+TEST_F(LogRotationTest, ComesWithARecordThatWasFilteredOut) {
+    full_file(100, 100);
+    logfile_state().loglevel = 1;
+    lf_print(0, "x", 0);
+    ASSERT_THAT(rotations().calls, SizeIs(1));
+    EXPECT_EQ(rotations().calls[0].content, std::string(100, 'x'));
+    EXPECT_EQ(log(), rotate_header);
+}
+
+TEST_F(LogRotationTest, ComesWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
+    full_file(100, 100);
+    logfile_cleanup();
+    ASSERT_THAT(rotations().calls, SizeIs(1));
+    EXPECT_EQ(mask_times(rotations().calls[0].content), std::string(100, 'x') + finished);
+    EXPECT_EQ(log(), rotate_header);
+}
+
+TEST_F(LogRotationTest, OfAnOversizeFileComesWithTheFirstRecordAndNotAtTheStart) {
+    folder.write("logfile", std::string(20000, 'x'));
+    gdata_record().logsize = 10240;
+    start(path.c_str());
+    EXPECT_EQ(log(), std::string(20000, 'x') + start_header);
+    EXPECT_THAT(rotations().calls, IsEmpty());
+    lf_print(0, "x", 0);
+    EXPECT_THAT(rotations().calls, SizeIs(1));
+    EXPECT_EQ(log(), rotate_header);
+}
+
+TEST_F(LogRotationTest, ThatLeftTheFileIsTriedAgainWithTheNextRecord) {
+    rotations().remove = false;
+    full_file(100, 100);
+    lf_print(0, "x", 0);
+    EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n" + rotate_header);
+    lf_print(0, "y", 0);
+    EXPECT_THAT(rotations().calls, SizeIs(2));
+}
+
+// An operator's "> logfile" empties it under the open stream.
+TEST_F(LogRotationTest, GoesByTheSizeOfAFileThatWasEmptied) {
+    full_file(100, 126);
+    lf_print(0, "x", 0);
+    std::filesystem::resize_file(path, 0);
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), "<time>\tOK\ty\n");
+    EXPECT_THAT(rotations().calls, IsEmpty());
+}
+
+// --- a file that is taken away
+
+using LostFileTest = LogRotationTest;
+
+TEST_F(LostFileTest, KeepsItsStreamUntilRotationBringsANewOne) {
+    start(path.c_str());
+    lf_print(0, "x", 0);
+    std::filesystem::remove(path);
+    lf_print(0, "lost with the file", 0);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    logfile_state().logsize = 1;
+    lf_print(0, "lost too", 0);
+    EXPECT_EQ(log(), rotate_header);
+}
+
+TEST_F(LostFileTest, LeavesTheFileThatTookItsPlaceAloneUntilRotation) {
+    start(path.c_str());
+    lf_print(0, "x", 0);
+    std::filesystem::rename(path, folder / "moved");
+    folder.write("logfile", "another\n");
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), "another\n");
+    EXPECT_EQ(mask_times(read_file(folder / "moved")), start_header + "<time>\tOK\tx\n<time>\tOK\ty\n");
+}
+
+TEST_F(LostFileTest, ComesBackWithItsFolder) {
+    const std::string sub = folder / "sub";
+    const std::string file = sub + "/logfile";
+    std::filesystem::create_directory(sub);
+    start(file.c_str());
+    std::filesystem::remove_all(sub);
+    lf_print(0, "lost", 0);
+    EXPECT_FALSE(std::filesystem::exists(sub));
+    EXPECT_FALSE(logfile_state().logfile_stream);
+    EXPECT_TRUE(traces.has("lf_print", file + ": No such file or directory"));
+    std::filesystem::create_directory(sub);
+    lf_print(0, "x", 0);
+    EXPECT_EQ(mask_times(read_file(file)), "<time>\tOK\tx\n");
+}
+
+TEST_F(LostFileTest, ComesBackWhenTheFolderInItsPlaceHasGone) {
+    rotations().remove = false;
+    start(path.c_str());
+    lf_print(0, "x", 0);
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    logfile_state().logsize = 1;
+    lf_print(0, "rotates into the folder", 0);
+    lf_print(0, "lost", 0);
+    EXPECT_TRUE(std::filesystem::is_empty(path));
+    EXPECT_FALSE(logfile_state().logfile_stream);
+    logfile_state().logsize = 10240;
+    std::filesystem::remove(path);
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), "<time>\tOK\ty\n");
+}
+
+TEST_F(LostFileTest, FeedsThePipeInItsPlaceWithoutRotation) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const Descriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    use(path);
+    logfile_state().logsize = 1;
+    lf_print(0, "x", 0);
+    std::array<char, 100> text{};
+    ASSERT_GT(read(reader.get(), text.data(), text.size() - 1), 0);
+    EXPECT_EQ(mask_times(text.data()), "<time>\tOK\tx\n");
+    EXPECT_THAT(rotations().calls, IsEmpty());
+}
+
+TEST_F(LostFileTest, DoesNotWaitForRoomInThePipeInItsPlace) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const Descriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_GE(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 4096);
+    use(path);
+    lf_print(0, std::string(100000, 'y').c_str(), 0); // more than it holds
+    lf_print(0, "x", 0);
+    EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
+    EXPECT_TRUE(traces.has("lf_print", path + ": Resource temporarily unavailable"));
+}
+
+TEST_F(LostFileTest, DoesNotWaitForTheReaderOfAPipeInItsPlace) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    use(path);
+    lf_print(0, "x", 0);
+    lf_header(path.c_str());
+    EXPECT_FALSE(logfile_state().logfile_stream);
+    EXPECT_EQ(logfile_state().logfile_header_written, 0);
+}
+
+} // namespace

@@ -1,0 +1,42 @@
+#pragma once
+
+// The sockets behind which the daemon expects the journal and syslog.
+
+#include "handle.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+/// A bound datagram socket that is read without waiting.
+class DatagramSocket {
+  public:
+    explicit DatagramSocket(const std::string &path);
+    [[nodiscard]] int fd() const { return fd_.get(); }
+    /// All datagrams that have come.
+    [[nodiscard]] std::vector<std::string> take() const;
+
+  private:
+    Descriptor fd_;
+};
+
+/// The fields of a record by name; "" for one that it does not have.
+class JournalRecord {
+  public:
+    /// Takes the journal's native protocol.
+    explicit JournalRecord(const std::string &datagram);
+    const std::string &operator[](const std::string &field) const;
+
+  private:
+    std::map<std::string, std::string> fields_;
+};
+
+struct SyslogRecord {
+    int facility;
+    int priority;
+    std::string identity;
+    std::string text;
+};
+
+/// Takes "<28>Mar  1 12:00:07 vigmond[812]: the text".
+SyslogRecord parse_syslog(const std::string &datagram);

@@ -1,0 +1,148 @@
+// One daemon a folder of the log file.
+
+#include "station.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+const std::string lock_file = std::string(STATUS_FOLDER) + "/.lock";
+constexpr const char *running = "vigmond is already running --> terminating\n";
+
+std::string own_line(const Station &station) { return std::to_string(station.pid()) + "\n"; }
+
+/// The flags of the process's descriptor that is open on `path`; 0 when there is none.
+int open_flags(pid_t pid, const std::string &path) {
+    const std::string folder = "/proc/" + std::to_string(pid);
+    for (const auto &entry : std::filesystem::directory_iterator(folder + "/fd")) {
+        std::error_code error;
+        if (std::filesystem::equivalent(entry.path(), path, error)) {
+            const std::string info = read_file(folder + "/fdinfo/" + entry.path().filename().string());
+            return std::stoi(info.substr(info.find("flags:") + 6), nullptr, 8);
+        }
+    }
+    return 0;
+}
+
+/// Who holds a write lock on the whole file; 0 when nobody does.
+pid_t owner_of_lock(const std::string &path) {
+    const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    EXPECT_EQ(fcntl(file.get(), F_GETLK, &lock), 0);
+    const bool is_whole_write_lock =
+        lock.l_type == F_WRLCK && lock.l_whence == SEEK_SET && lock.l_start == 0 && lock.l_len == 0;
+    return is_whole_write_lock ? lock.l_pid : 0;
+}
+
+} // namespace
+
+TEST(LockFile, HoldsTheProcessIdUnderAWriteLock) {
+    Station station;
+    station.start();
+    const std::string path = station.files().host_path(lock_file);
+    EXPECT_EQ(read_file(path), own_line(station));
+    EXPECT_EQ(owner_of_lock(path), station.pid());
+    EXPECT_NE(open_flags(station.pid(), path) & O_CLOEXEC, 0);
+    EXPECT_EQ(open_flags(station.pid(), path) & O_ACCMODE, O_RDWR);
+}
+
+TEST(LockFile, IsMadeReadableForAllAndWritableForItsOwner) {
+    Station station;
+    station.umask = 0;
+    station.start();
+    struct stat status {};
+    ASSERT_EQ(stat(station.files().host_path(lock_file).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
+}
+
+// Known and relied on: the newcomer empties the file before it learns that it is not alone.
+TEST(SecondDaemon, EmptiesTheFileOfTheFirstAndGivesUp) {
+    Station station;
+    station.start();
+    const Outcome second = station.run({"-D"});
+    EXPECT_EQ(second.status, 255);
+    EXPECT_THAT(second.err, EndsWith(running));
+    EXPECT_EQ(station.read(lock_file), "");
+    EXPECT_EQ(owner_of_lock(station.files().host_path(lock_file)), station.pid());
+
+    station.step();
+    EXPECT_EQ(station.run({"-D"}).status, 255) << "the first still holds its lock";
+    EXPECT_EQ(station.stop(), 1);
+}
+
+TEST(SecondDaemon, SaysSoAtTheHighestLevelAfterItsCleanup) {
+    Station station;
+    station.start();
+    TraceLog traces;
+    traces.append(station.run({"-D"}).err);
+    ASSERT_GE(traces.lines().size(), 3U);
+    const TraceLine &last = traces.lines().back();
+    EXPECT_EQ(last.level, 0);
+    EXPECT_EQ(last.file, "vigmond.c");
+    EXPECT_EQ(last.function, "main");
+    EXPECT_EQ(traces.lines()[traces.lines().size() - 2].function, "cleanup");
+    EXPECT_EQ(traces.lines()[traces.lines().size() - 2].message, "DONE");
+    EXPECT_THAT(traces.messages_of("is_single_proc"), testing::ElementsAre(" ", "Resource temporarily unavailable"));
+    EXPECT_TRUE(traces.messages_of("signal_init").empty());
+}
+
+TEST(SecondDaemon, RunsOnlyWithALogFileInAnotherFolder) {
+    Station station(Board().folder("/tmp/other"));
+    station.start();
+    const std::string beside_the_first = std::string(STATUS_FOLDER) + "/another";
+    EXPECT_EQ(station.run({"-D", "-L", beside_the_first}).status, 255);
+    const Outcome second = station.run_one_pass({"-D", "-L", "/tmp/other/log"});
+    EXPECT_EQ(second.status, 1) << "terminated";
+    EXPECT_THAT(second.err, HasSubstr("runrun_wait"));
+}
+
+TEST(Lock, IsFreeAgainWhenItsOwnerHasEnded) {
+    Station station;
+    for (const int signo : {SIGTERM, SIGKILL}) {
+        station.start();
+        EXPECT_EQ(station.read(lock_file), own_line(station));
+        station.send(signo);
+        station.await_exit();
+    }
+    station.start();
+    EXPECT_EQ(station.read(lock_file), own_line(station));
+}
+
+TEST(Lock, InAMissingFolderIsReportedAsRunning) {
+    Station station;
+    std::filesystem::remove_all(station.files().host_path(STATUS_FOLDER));
+    const Outcome outcome = station.run({"-D"});
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_THAT(outcome.err, HasSubstr(") No such file or directory\n"));
+    EXPECT_THAT(outcome.err, EndsWith(running));
+}
+
+TEST(Lock, InAReadOnlyFolderIsReportedAsRunning) {
+    Station station(Board().read_only_folder(STATUS_FOLDER));
+    const Outcome outcome = station.run({"-D"});
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_THAT(outcome.err, HasSubstr(") Read-only file system\n"));
+    EXPECT_THAT(outcome.err, EndsWith(running));
+}
+
+TEST(Lock, LiesBesideTheLogFileHoweverShortItsName) {
+    Station station;
+    station.start({"-D", "-L", "x"});
+    EXPECT_EQ(read_file(station.files().scratch() + "/work/.lock"), own_line(station));
+    EXPECT_FALSE(std::filesystem::exists(station.files().host_path(lock_file)));
+}
+
+TEST(Lock, LiesInTheRootForALogFileInTheRoot) {
+    Station station;
+    station.start({"-D", "-L", "/x"});
+    EXPECT_EQ(station.read("/.lock"), own_line(station));
+}

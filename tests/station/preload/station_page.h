@@ -1,0 +1,59 @@
+#pragma once
+
+// The page that the rig shares with the library preloaded into the daemon: what the rig sets there is
+// the station's reality, what the library counts there is how the rig knows what the daemon does.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+/// The answer of one file system to statvfs; errno is `error` when the result is not 0.
+struct StationDisk {
+    char path[64]; ///< empty in an unused row
+    std::int32_t result;
+    std::int32_t error;
+    std::uint64_t blocks;
+    std::uint64_t free;
+    std::uint64_t available;
+};
+
+/// The eMMC: its answer to MMC_IOC_CMD, and the last command that it was given.
+struct StationMmc {
+    std::int32_t result;
+    std::int32_t error;
+    std::uint8_t ext_csd[512];
+    std::uint32_t commands;
+    std::int32_t write_flag;
+    std::int32_t is_acmd;
+    std::uint32_t opcode;
+    std::uint32_t argument;
+    std::uint32_t flags;
+    std::uint32_t blksz;
+    std::uint32_t blocks;
+};
+
+/// The last setitimer, which was recorded instead of armed; times in microseconds.
+struct StationTimer {
+    std::uint32_t calls;
+    std::int32_t which;
+    std::int64_t period;
+    std::int64_t first;
+};
+
+struct StationPage {
+    std::atomic<std::int64_t> now;      ///< the wall clock, nanoseconds since the epoch
+    std::int32_t wake_fd;               ///< an eventfd, written at each entry of the wait
+    std::atomic<std::uint32_t> waits;   ///< entries of the wait
+    std::atomic<std::uint32_t> taken;   ///< SIGALRM taken in the wait
+    std::atomic<std::uint32_t> settled; ///< `taken` at the last entry: the pass of that beat is over
+    StationTimer timer;
+    StationMmc mmc;
+    StationDisk disks[16];
+};
+
+inline constexpr std::size_t STATION_PAGE_SIZE = 4096;
+static_assert(sizeof(StationPage) <= STATION_PAGE_SIZE);
+static_assert(std::atomic<std::int64_t>::is_always_lock_free);
+
+/// The environment variable with the page's descriptor.
+inline constexpr const char *STATION_PAGE_VARIABLE = "STATION_PAGE_FD";

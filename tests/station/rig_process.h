@@ -1,0 +1,69 @@
+#pragma once
+
+// One program run in a sandbox with the preloaded library, and what comes out of it.
+
+#include "board.h"
+#include "handle.h"
+#include "preload/station_page.h"
+#include "sandbox.h"
+#include "trace_line.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+/// The exit status of a process that a sanitizer has ended.
+inline constexpr int SANITIZER_STATUS = 99;
+
+struct Launch {
+    std::string program; ///< a path outside and inside alike
+    std::string argv0;
+    std::vector<std::string> arguments;
+    std::vector<std::string> environment; ///< "NAME=value", beside what the rig sets
+    mode_t umask;
+};
+
+struct UnmapPage {
+    void operator()(StationPage *page) const;
+};
+
+class RigProcess {
+  public:
+    /// Starts the program; the page is the process's own.
+    RigProcess(const Launch &launch, const Sandbox &sandbox, const Board &board);
+    /// Kills what still runs.
+    ~RigProcess();
+    RigProcess(const RigProcess &) = delete;
+    RigProcess &operator=(const RigProcess &) = delete;
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    [[nodiscard]] StationPage &page() const { return *page_; }
+    void send(int signo) const;
+
+    /// Descriptors to poll; one that becomes readable calls for a drain().
+    [[nodiscard]] std::vector<int> descriptors() const;
+    /// Takes in all that has come, without waiting.
+    void drain();
+
+    [[nodiscard]] const std::string &out() const { return out_; }
+    [[nodiscard]] TraceLog &err() { return err_; }
+    /// The exit status, the negative number of the signal that ended it, or none while it runs.
+    [[nodiscard]] const std::optional<int> &status() const { return status_; }
+
+  private:
+    [[noreturn]] void become(const Launch &launch, const Sandbox &sandbox, int out, int err) const;
+    void reap();
+
+    Descriptor page_fd_;
+    std::unique_ptr<StationPage, UnmapPage> page_;
+    Descriptor wake_;
+    Descriptor out_pipe_;
+    Descriptor err_pipe_;
+    Descriptor pidfd_;
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+    std::string out_;
+    TraceLog err_;
+};

@@ -1,0 +1,192 @@
+// How the daemon takes its signals, and that it always ends when it is told to.
+
+#include "passes.h"
+#include "station.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <random>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+constexpr std::array handled{SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+
+/// A signal mask of /proc/PID/status.
+std::uint64_t mask_of(pid_t pid, const std::string &name) {
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    return std::stoull(status.substr(status.find(name + ":") + name.size() + 1), nullptr, 16);
+}
+
+bool has_signal(std::uint64_t mask, int signo) { return (mask >> (signo - 1) & 1U) != 0; }
+
+std::vector<std::string> functions_of(const TraceLog &trace) {
+    std::vector<std::string> functions;
+    for (const TraceLine &line : trace.lines()) {
+        functions.push_back(line.function);
+    }
+    return functions;
+}
+
+std::size_t first_line_of(const TraceLog &trace, const std::string &function) {
+    const std::vector<std::string> functions = functions_of(trace);
+    return static_cast<std::size_t>(std::find(functions.begin(), functions.end(), function) - functions.begin());
+}
+
+/// Starts a daemon and keeps its heart beating until it has written `count` traces or has got through
+/// `passes` passes.
+void live_until(Station &station, std::size_t count, unsigned passes) {
+    station.launch({"-D"});
+    unsigned seen = 0;
+    station.await("trace " + std::to_string(count), [&] {
+        if (station.trace().lines().size() >= count || station.waits() >= passes) {
+            return true;
+        }
+        if (station.waits() > seen) {
+            seen = station.waits();
+            station.advance(10);
+            station.send(SIGALRM);
+        }
+        return false;
+    });
+}
+
+unsigned seed_of_the_day() {
+    const char *given = std::getenv("STATION_SEED");
+    const unsigned seed =
+        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
+    std::cout << "STATION_SEED=" << seed << '\n';
+    return seed;
+}
+
+} // namespace
+
+class Termination : public testing::TestWithParam<int> {};
+
+TEST_P(Termination, InTheWaitCleansUpAndEndsWithStatus1) {
+    Station station;
+    station.start();
+    station.forget();
+    station.send(GetParam());
+    EXPECT_EQ(station.await_exit(), 1);
+    const std::vector<std::string> cleanup = station.trace().messages_of("cleanup");
+    ASSERT_THAT(cleanup, SizeIs(25)) << "entry, 23 tasks and the end";
+    EXPECT_EQ(cleanup.front(), " ");
+    EXPECT_EQ(cleanup[1], "task: temperature(CB20[0])");
+    EXPECT_EQ(cleanup[20], "task: diskusage(CB22[7])");
+    EXPECT_EQ(cleanup[23], "task: load(CB32[0])");
+    EXPECT_EQ(cleanup.back(), "DONE");
+    EXPECT_THAT(station.trace().messages_of("sig_exit_handler"), ElementsAre(" "));
+    EXPECT_EQ(station.trace().lines().front().function, "sig_exit_handler");
+}
+
+// The probe at work is the longest that a termination waits for.
+TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
+    Station station;
+    station.start();
+    const HeldFile held(station, TEMPERATURE_FILE);
+    station.forget();
+    station.advance(3);
+    station.send(SIGALRM);
+    station.await_trace("temperature_exec");
+    station.send(GetParam());
+    held.release("42000\n");
+    EXPECT_EQ(station.await_exit(), 1);
+    EXPECT_THAT(station.trace().messages_with("temperature: next_run"), SizeIs(1));
+    EXPECT_THAT(station.trace().messages_of("memoryusage_exec"), IsEmpty());
+    EXPECT_THAT(station.trace().messages_of("cleanup"), Contains("DONE"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Termination, testing::ValuesIn(terminations));
+
+// From the installed handlers on: what comes before ends the process as signals do.
+TEST(Terminations, AtRandomInstantsAllEndWithStatus1) {
+    constexpr unsigned passes = 4;
+    constexpr int count = 200;
+    Station rehearsal;
+    live_until(rehearsal, SIZE_MAX, passes);
+    const std::size_t all = rehearsal.trace().lines().size();
+    const std::size_t handlers_installed = first_line_of(rehearsal.trace(), "timer_init") + 1;
+    ASSERT_LT(handlers_installed, all);
+
+    std::mt19937 random(seed_of_the_day());
+    std::uniform_int_distribution<std::size_t> instant(handlers_installed, all);
+    for (int i = 0; i < count; ++i) {
+        const std::size_t line = instant(random);
+        const int signo = terminations.at(random() % terminations.size());
+        SCOPED_TRACE("signal " + std::to_string(signo) + " at trace " + std::to_string(line));
+        Station station;
+        live_until(station, line, passes);
+        station.send(signo);
+        ASSERT_EQ(station.await_exit(), 1);
+        ASSERT_THAT(station.trace().messages_of("sig_exit_handler"), SizeIs(1));
+        ASSERT_EQ(station.trace().lines().back().function, "cleanup");
+        ASSERT_EQ(station.trace().lines().back().message, "DONE");
+    }
+}
+
+TEST(Reinit, ChangesNothingButItsOwnTraces) {
+    Station station;
+    station.start();
+    station.step(3);
+    station.forget();
+    station.step();
+    const std::vector<std::string> usual = functions_of(station.trace());
+    station.forget();
+    station.signal(SIGUSR1);
+    EXPECT_THAT(station.trace().messages_of("sig_reinit_handler"), ElementsAre(" "));
+    EXPECT_THAT(station.trace().messages_with("init "), IsEmpty());
+    EXPECT_THAT(pass_times(station.trace()), IsEmpty());
+    station.forget();
+    station.step();
+    EXPECT_EQ(functions_of(station.trace()), usual);
+}
+
+TEST(Handlers, AreInstalledForAllSevenSignals) {
+    Station station;
+    station.start();
+    for (const int signo : handled) {
+        EXPECT_TRUE(has_signal(mask_of(station.pid(), "SigCgt"), signo)) << signo;
+    }
+}
+
+TEST(Pass, HoldsAllSevenSignals) {
+    Station station;
+    station.start();
+    const HeldFile held(station, TEMPERATURE_FILE);
+    station.advance(3);
+    station.send(SIGALRM);
+    station.await_trace("temperature_exec");
+    for (const int signo : handled) {
+        EXPECT_TRUE(has_signal(mask_of(station.pid(), "SigBlk"), signo)) << signo;
+    }
+    const unsigned before = station.waits();
+    held.release("42000\n");
+    station.await_wait_after(before);
+}
+
+TEST(Pass, TakesASignalBeforeItsNextTask) {
+    Station station;
+    station.start();
+    const HeldFile held(station, TEMPERATURE_FILE);
+    station.forget();
+    station.advance(3);
+    station.send(SIGALRM);
+    station.await_trace("temperature_exec");
+    station.send(SIGUSR1);
+    const unsigned before = station.waits();
+    held.release("42000\n");
+    station.await_wait_after(before);
+    EXPECT_LT(first_line_of(station.trace(), "temperature_exec"), first_line_of(station.trace(), "sig_reinit_handler"));
+    EXPECT_LT(first_line_of(station.trace(), "sig_reinit_handler"), first_line_of(station.trace(), "memoryusage_exec"));
+}

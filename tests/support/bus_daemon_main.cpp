@@ -1,0 +1,92 @@
+// The bus service alone, in a process of its own since its threads never end. It obeys the lines that
+// it reads and answers each with "ok", so that a test knows that it was done.
+//   update ID STATE   a report to the registry
+//   send NOW          the end of a pass that began at NOW
+//   flood COUNT       that many passes, each raising or clearing CB07
+//   fail-send         the next message that is to be sent fails
+//   exit              exit(1), as at a termination signal
+// With the argument "trace" every trace goes to stderr, otherwise none anywhere; "interface=NAME"
+// configures the interface.
+
+#include "dbus-srv.h"
+#include "gdata.h"
+#include "trace.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <dbus/dbus.h>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view INTERFACE = "interface=";
+
+std::atomic<bool> send_fails = false;
+
+void flood(int count) {
+    for (int pass = 0; pass < count; ++pass) {
+        const std::int64_t start = std::time(nullptr);
+        d_bus_srv_issue_update(7, 1 - pass % 2);
+        d_bus_srv_send_issues(start);
+    }
+}
+
+void obey(const std::string &line) {
+    std::istringstream words(line);
+    std::string command;
+    std::int64_t first = 0;
+    std::int32_t second = 0;
+    words >> command >> first >> second;
+    if (command == "update") {
+        d_bus_srv_issue_update(static_cast<std::uint32_t>(first), second);
+    } else if (command == "send") {
+        d_bus_srv_send_issues(first);
+    } else if (command == "flood") {
+        flood(static_cast<int>(first));
+    } else if (command == "fail-send") {
+        send_fails = true;
+    } else if (command == "exit") {
+        std::exit(1);
+    }
+}
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+dbus_bool_t __real_dbus_connection_send(DBusConnection *connection, DBusMessage *message, dbus_uint32_t *serial);
+
+dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage *message, dbus_uint32_t *serial) {
+    return send_fails.exchange(false) ? FALSE : __real_dbus_connection_send(connection, message, serial);
+}
+
+// Linked in front of the library's own.
+int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, const char * /*line*/,
+                                   const char * /*function*/, const char * /*format*/, ...) {
+    return 0;
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+int main(int argc, char *argv[]) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == "trace") {
+            trace_mode = 3;
+        } else if (argument.starts_with(INTERFACE)) {
+            gdata_record().dbus_if = argv[i] + INTERFACE.size();
+        }
+    }
+    std::cout << "init: " << d_bus_srv_init() << std::endl;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        obey(line);
+        std::cout << "ok" << std::endl;
+    }
+    return 0;
+}

@@ -1,0 +1,152 @@
+#include "child_process.h"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::chrono::seconds PATIENCE{60};
+
+struct Pipe {
+    Descriptor read_end;
+    Descriptor write_end;
+};
+
+Pipe make_pipe() {
+    std::array<int, 2> ends{-1, -1};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+std::vector<char *> pointers(std::vector<std::string> &texts) {
+    std::vector<char *> list;
+    for (std::string &text : texts) {
+        list.push_back(text.data());
+    }
+    list.push_back(nullptr);
+    return list;
+}
+
+/// The test's own environment with `additions` in front, which win.
+std::vector<std::string> environment_with(std::vector<std::string> additions) {
+    const std::size_t added = additions.size();
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const std::string name = text.substr(0, text.find('=') + 1);
+        bool replaced = false;
+        for (std::size_t i = 0; i < added; ++i) {
+            replaced = replaced || additions[i].starts_with(name);
+        }
+        if (!replaced) {
+            additions.push_back(text);
+        }
+    }
+    return additions;
+}
+
+} // namespace
+
+LineReader::LineReader(Descriptor stream) : stream_(std::move(stream)), reader_(&LineReader::read, this) {}
+
+LineReader::~LineReader() { reader_.join(); }
+
+void LineReader::read() {
+    std::string pending;
+    std::array<char, 4096> chunk{};
+    ssize_t size = 0;
+    while ((size = ::read(stream_.get(), chunk.data(), chunk.size())) > 0) {
+        pending.append(chunk.data(), static_cast<std::size_t>(size));
+        const std::lock_guard<std::mutex> hold(lock_);
+        for (std::size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
+            lines_.push_back(pending.substr(0, end));
+            pending.erase(0, end + 1);
+        }
+        changed_.notify_all();
+    }
+    const std::lock_guard<std::mutex> hold(lock_);
+    ended_ = true;
+    changed_.notify_all();
+}
+
+std::optional<std::size_t> LineReader::wait_for(const std::string &text, std::size_t from) {
+    std::unique_lock<std::mutex> hold(lock_);
+    while (true) {
+        for (; from < lines_.size(); ++from) {
+            if (lines_[from].find(text) != std::string::npos) {
+                return from;
+            }
+        }
+        if (ended_ ||
+            changed_.wait_until(hold, std::chrono::system_clock::now() + PATIENCE) == std::cv_status::timeout) {
+            return std::nullopt;
+        }
+    }
+}
+
+std::vector<std::string> LineReader::lines() {
+    const std::lock_guard<std::mutex> hold(lock_);
+    return lines_;
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string> &command, const std::vector<std::string> &environment) {
+    Pipe in = make_pipe();
+    Pipe out = make_pipe();
+    Pipe err = make_pipe();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in.read_end.get(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out.write_end.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err.write_end.get(), STDERR_FILENO);
+    std::vector<std::string> arguments = command;
+    std::vector<std::string> variables = environment_with(environment);
+    const int error = posix_spawnp(&pid_, command.front().c_str(), &actions, nullptr, pointers(arguments).data(),
+                                   pointers(variables).data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        ADD_FAILURE() << "cannot start " << command.front() << ": error " << error;
+        pid_ = -1;
+    }
+    out.write_end.reset();
+    err.write_end.reset();
+    input_ = std::move(in.write_end);
+    output_.emplace(std::move(out.read_end));
+    errors_.emplace(std::move(err.read_end));
+}
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        wait();
+    }
+}
+
+void ChildProcess::write(const std::string &text) const {
+    EXPECT_EQ(::write(input_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+void ChildProcess::kill(int signo) const {
+    if (pid_ > 0) {
+        ::kill(pid_, signo);
+    }
+}
+
+int ChildProcess::wait() {
+    int status = 0;
+    if (pid_ <= 0 || waitpid(std::exchange(pid_, -1), &status, 0) < 0) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+CommandResult run_command(const std::vector<std::string> &command) {
+    ChildProcess child(command);
+    const int status = child.wait();
+    child.output().wait_for("\n"); // never in a line: waits for the end of the stream
+    return {status, child.output().lines()};
+}

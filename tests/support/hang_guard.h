@@ -1,0 +1,29 @@
+#pragma once
+
+#include <csignal>
+#include <ctime>
+
+/// Aborts the test program when it is still there after a minute. For tests that would wait for ever
+/// if the code under test were wrong; SIGALRM is not free for that there.
+class HangGuard {
+  public:
+    HangGuard() {
+        sigevent event{};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = SIGABRT;
+        armed_ = timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
+        constexpr itimerspec a_minute{.it_interval = {}, .it_value = {.tv_sec = 60, .tv_nsec = 0}};
+        timer_settime(timer_, 0, &a_minute, nullptr);
+    }
+    ~HangGuard() {
+        if (armed_) {
+            timer_delete(timer_);
+        }
+    }
+    HangGuard(const HangGuard &) = delete;
+    HangGuard &operator=(const HangGuard &) = delete;
+
+  private:
+    timer_t timer_{};
+    bool armed_ = false;
+};

@@ -1,0 +1,83 @@
+#include "logfile_rig.h"
+
+#include "logfile.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view stamp_shape = "dddd-dd-dd dd:dd:dd";
+
+bool starts_with_stamp(std::string_view text) {
+    if (text.size() < stamp_shape.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < stamp_shape.size(); ++i) {
+        const bool digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
+        if (stamp_shape[i] == 'd' ? !digit : text[i] != stamp_shape[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+Rotations &rotations() {
+    static Rotations noted;
+    return noted;
+}
+
+// Linked in place of file_rotate(const char *, std::int32_t).
+extern "C" void __wrap__Z11file_rotatePKci(const char *file, std::int32_t count);
+extern "C" void __wrap__Z11file_rotatePKci(const char *file, std::int32_t count) {
+    const std::string content = std::filesystem::is_regular_file(file) ? read_file(file) : "";
+    rotations().calls.push_back({file, count, content, !logfile_state().logfile_stream});
+    if (rotations().remove) {
+        std::remove(file);
+    }
+}
+
+std::string mask_times(const std::string &text) {
+    std::string masked;
+    for (std::size_t i = 0; i < text.size();) {
+        if (starts_with_stamp(std::string_view(text).substr(i))) {
+            masked += "<time>";
+            i += stamp_shape.size();
+        } else {
+            masked += text[i++];
+        }
+    }
+    return masked;
+}
+
+LogfileTest::LogfileTest() : settings_(gdata_record()) {
+    logfile_state() = {};
+    rotations() = {};
+    set_commandline({"vigmond"});
+}
+
+LogfileTest::~LogfileTest() {
+    logfile_state() = {};
+    rotations() = {};
+    gdata_record() = settings_;
+}
+
+void LogfileTest::start(const char *name) {
+    gdata_record().logfile = name;
+    logfile_init();
+}
+
+void LogfileTest::use(const std::string &name) { logfile_state().logfile_name.reset(strdup(name.c_str())); }
+
+void LogfileTest::set_commandline(std::vector<std::string> words) {
+    std::vector<char *> argv;
+    argv.reserve(words.size());
+    for (std::string &word : words) {
+        argv.push_back(word.data());
+    }
+    gdata_set_commandline(static_cast<int>(argv.size()), argv.data());
+}

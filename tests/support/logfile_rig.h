@@ -1,0 +1,55 @@
+#pragma once
+
+// A status log of the test's own. Programs linked with --wrap for file_rotate see its rotations noted
+// here instead of done.
+
+#include "captured_traces.h"
+#include "gdata.h"
+#include "scratch_folder.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+struct Rotation {
+    std::string name;
+    std::int32_t count;
+    std::string content; ///< of the file when its turn came
+    bool stream_closed;
+};
+
+struct Rotations {
+    std::vector<Rotation> calls;
+    bool remove = true; ///< whether the file goes, as it does when all is well
+};
+
+/// Those since the start of the test.
+Rotations &rotations();
+
+/// `text` with every time stamp replaced by "<time>".
+std::string mask_times(const std::string &text);
+
+/// Resets the module, the settings and the noted rotations before and after each test.
+class LogfileTest : public testing::Test {
+  public:
+    LogfileTest();
+    ~LogfileTest() override;
+
+  protected:
+    /// Configures `name` and initialises the module.
+    static void start(const char *name);
+    /// Makes `name` the log as it stands, without a header.
+    static void use(const std::string &name);
+    /// Sets the daemon's command line.
+    static void set_commandline(std::vector<std::string> words);
+    /// The log, its time stamps masked.
+    [[nodiscard]] std::string log() const { return mask_times(read_file(path)); }
+
+    ScratchFolder folder;
+    std::string path = folder / "logfile";
+    CapturedTraces traces;
+
+  private:
+    GlobalData settings_;
+};

@@ -1,0 +1,68 @@
+#pragma once
+
+// A real bus of the test's own, and a client on it.
+
+#include "child_process.h"
+#include "dbus_handle.h"
+#include "scratch_folder.h"
+
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+
+/// A dbus-daemon on a socket in a scratch folder, ready when constructed, ended with the object.
+class PrivateBus {
+  public:
+    PrivateBus();
+    /// Starts it again on the same address after `stop`; returns when it is ready.
+    void start();
+    /// Ends it the hard way.
+    void stop();
+    [[nodiscard]] std::string address() const { return "unix:path=" + (folder_ / "bus"); }
+    /// As "NAME=value", for a program that is to take it for the system bus.
+    [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=" + address(); }
+
+  private:
+    ScratchFolder folder_;
+    std::optional<ChildProcess> daemon_;
+};
+
+/// A connection of the test's own, which shares nothing with the code under test.
+class BusClient {
+  public:
+    explicit BusClient(const PrivateBus &bus);
+    ~BusClient();
+    BusClient(const BusClient &) = delete;
+    BusClient &operator=(const BusClient &) = delete;
+
+    [[nodiscard]] DBusConnection *connection() const { return connection_.get(); }
+    /// Sends a call without waiting; its serial.
+    dbus_uint32_t send(const BusMessage &call) const;
+    /// Sends a call and waits up to a minute; the reply or the error, none if nothing came.
+    BusMessage call(const BusMessage &call);
+    /// Waits up to a minute for the next message that is `wanted`; the others stay for later calls.
+    BusMessage wait_for(const std::function<bool(DBusMessage *)> &wanted);
+    BusMessage wait_for_signal(const std::string &member);
+    /// Asks the bus for all signals that match `rule`.
+    void watch(const std::string &rule);
+    /// Turns into a witness of everything that passes on the bus, good for `wait_for` only.
+    void become_monitor();
+    /// Asks the bus: a method with one text and, if `flags` is not negative, one number.
+    BusMessage ask_bus(const char *member, const std::string &name, int flags = -1);
+    /// The unique name of the owner of `name`, waiting for it to have one.
+    std::string wait_for_owner(const std::string &name);
+
+  private:
+    BusConnection connection_;
+    std::deque<BusMessage> waiting_;
+};
+
+/// A call of the daemon's method; no interface when it is null.
+BusMessage method_call(const char *path, const char *interface, const char *member);
+/// The first text of a message; empty when there is none.
+std::string text_of(const BusMessage &message);
+/// The first number of a message; 0 when there is none.
+dbus_uint32_t number_of(const BusMessage &message);
+
+inline constexpr const char *SERVICE_NAME = "com.corvana.vigmond";

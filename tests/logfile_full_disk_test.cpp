@@ -88,7 +88,7 @@ TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {
 
 TEST_F(FullDiskTest, TakesBackAHeaderThatFitsOnlyInPartWhichIsThenNotTheFirst) {
     folder.write("logfile", "what stood there\n"); // 17 bytes
-    for (const rlim_t room : {0, 1, 100}) {
+    for (const rlim_t room : {rlim_t{0}, rlim_t{1}, rlim_t{100}}) {
         const FileSizeLimit full(17 + room);
         lf_header(path.c_str());
         EXPECT_EQ(log(), "what stood there\n") << room;

@@ -5,6 +5,9 @@
 
 #include "gdata.h"
 
+#include <cstddef>
+#include <cstdint>
+
 /// What the init operation of a simple probe does to its task.
 constexpr void probe_mark_initialised(Task *task) {
     task->flags = (task->flags & ~std::uint32_t{TASK_REINIT}) | TASK_INITIALISED;
@@ -22,6 +25,12 @@ constexpr int probe_fail(Task *task, std::int32_t error) {
     task->error = error;
     return -1;
 }
+
+/// The state that a probe's own logger passes on: good or failed, whatever the exact state.
+constexpr int probe_log_state(const Task *task) { return task->state == 0 ? 0 : 2; }
+
+/// The room of a probe's own line.
+inline constexpr std::size_t PROBE_LINE_SIZE = 2024;
 
 int temperature_init(Task *task);
 int temperature_exec(Task *task);

@@ -132,7 +132,7 @@ Task *gdata_get_task_head();
 /// The status log file in force.
 const char *gdata_get_logfile();
 /// Takes a copy of `path` when it can be opened for appending, creating it if missing. Returns the
-/// path in force, which is the old one after a failure; errno is then that of the open.
+/// path in force, which is the old one after a failure; errno then tells why.
 const char *gdata_set_logfile(const char *path);
 
 std::int32_t gdata_get_logcount();

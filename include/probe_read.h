@@ -65,3 +65,22 @@ Reading diskusage_percent(const BlockCounts &counts);
 bool wireless_parse_line(char *line, const char *device, int token, double *number);
 /// A level in dBm, rounded half away from zero.
 Reading wireless_round(double level);
+
+/// 0 when the first line of an operstate file says that the link is up, else 1.
+Reading operstate_parse(const char *line);
+
+/// Whether the first word of a line of an interface table is `interface` and a colon, in any case;
+/// the colon is cut off.
+bool names_interface(char *word, const char *interface);
+
+/// Totals of an interface since it came up.
+struct TrafficCounters {
+    std::uint64_t packets; ///< received and sent
+    std::uint64_t lost;    ///< errors and drops of both directions
+};
+
+/// Takes the totals from a line of /proc/net/dev, which it cuts up; false when it is not the line of
+/// `interface`, whose case does not matter.
+bool internet_parse_line(char *line, const char *interface, TrafficCounters *counters);
+/// The lost share in percent, 1 without loss on a busy interface; ENOENT without packets.
+Reading internet_percent(const TrafficCounters &counters);

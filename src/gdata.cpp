@@ -5,8 +5,7 @@
 #include "trace.h"
 
 #include <algorithm>
-#include <array>
-#include <climits>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -30,8 +29,7 @@ constinit GlobalData data{
 };
 
 constinit Immortal<TextHandle> commandline;
-constinit Immortal<TextHandle> logfile;
-constinit int logfile_allocated = 0;
+constinit Immortal<TextHandle> logfile_allocated; // none while the built-in text is in force
 
 /// `argument` in double quotes behind a blank, written at `end`; returns the new end.
 char *append_quoted(char *end, const char *argument) {
@@ -77,9 +75,8 @@ const char *gdata_set_logfile(const char *path) {
     if (!copy) {
         return data.logfile;
     }
-    logfile.get() = std::move(copy); // frees the earlier copy, never the built-in text
-    logfile_allocated = 1;
-    data.logfile = logfile.get().get();
+    logfile_allocated.get() = std::move(copy);
+    data.logfile = logfile_allocated.get().get();
     return data.logfile;
 }
 

@@ -28,7 +28,7 @@ namespace {
 
 constinit Immortal<LogfileState> the_state;
 
-/// A state that the table does not know passes every level.
+/// A state that the table does not know passes every level that can be set.
 constexpr LogfileStateRow unknown_state{0, -1, "INV"};
 
 const LogfileStateRow &row_of(std::int32_t state) {

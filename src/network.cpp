@@ -1,12 +1,180 @@
 #include "network.h"
 
+#include "handle.h"
+#include "parse_ini.h"
+#include "parse_json.h"
+#include "system_bus.h"
 #include "trace.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
 
 constinit std::int32_t lan_available = 0;
 constinit std::int32_t wifi_available = 0;
 constinit std::int32_t mobile_available = 0;
 
+namespace {
+
+constexpr const char *LAN_FILE = "/var/lib/evse/etc/systemd/network/eth0.network";
+constexpr const char *WIFI_FILE = "/var/lib/evse/portapi/wifi.conf";
+constexpr const char *NETWORKD_UNIT = "/org/freedesktop/systemd1/unit/systemd_2dnetworkd_2eservice";
+
+constexpr std::int32_t UNSET = -1;
+
+// Never reset between reads: a key that is removed from the file keeps its last value.
+constinit std::int32_t lan_managed = UNSET;
+constinit std::int32_t lan_activation = UNSET;
+
+constinit int network_first_run = 1;
+constinit std::uint64_t networkd_timestamp = 0;
+
+struct ValueRow {
+    const char *text;
+    std::int32_t value;
+};
+
+constexpr std::array<ValueRow, 4> unmanaged_values{{
+    {"true", 0},
+    {"yes", 0},
+    {"false", 1},
+    {"no", 1},
+}};
+
+constexpr std::array<ValueRow, 6> activation_values{{
+    {"down", 0},
+    {"always-down", 0},
+    {"up", 1},
+    {"always-up", 1},
+    {"manual", 1},
+    {"bound", 1},
+}};
+
+/// Stores the value that the table has for `text` in any case; an unknown one leaves things as they are.
+template <std::size_t N>
+void store_value(const std::array<ValueRow, N> &table, const char *text, std::int32_t *stored) {
+    const auto *row = std::find_if(table.begin(), table.end(),
+                                   [text](const ValueRow &entry) { return strcasecmp(entry.text, text) == 0; });
+    if (row != table.end()) {
+        *stored = row->value;
+    }
+}
+
+} // namespace
+
+std::int32_t network_decide_lan(std::int32_t managed, std::int32_t activation) {
+    if (activation == UNSET) {
+        return managed == UNSET ? 0 : managed;
+    }
+    if (managed == UNSET) {
+        return activation;
+    }
+    return managed == 1 && activation == 1 ? 1 : 0;
+}
+
+int network_lan_handler(const char *section, const char *name, const char *value) {
+    trace(TRACE_TRACE, "section: %s -- name: %s -- value: %s", section, name, value);
+    if (strcasecmp(section, "Link") != 0) {
+        return 1;
+    }
+    if (strcasecmp(name, "Unmanaged") == 0) {
+        store_value(unmanaged_values, value, &lan_managed);
+    } else if (strcasecmp(name, "ActivationPolicy") == 0) {
+        store_value(activation_values, value, &lan_activation);
+    }
+    return 1;
+}
+
+std::int32_t network_decide_wifi(const char *text, const JsonToken *tokens, std::int32_t count) {
+    if (count <= 0 || tokens[0].type != JSON_OBJECT) {
+        return 1;
+    }
+    for (std::int32_t i = 1; i < count; ++i) {
+        // To the end of the text, not of the token: the settings' writer counts on what comes of it.
+        if (strcasecmp(text + tokens[i].start, "enabled") == 0) {
+            return i + 1 < count && strcasecmp(text + tokens[i + 1].start, "true") == 0 ? 1 : 0;
+        }
+    }
+    return 0;
+}
+
+namespace {
+
+/// Whether networkd has changed state since the last look; true when that cannot be told.
+bool network_changed() {
+    const int opened = system_bus_open();
+    if (opened < 0) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "network_check_daemon", __LINE__, "bus_default FAILED: ret : %d (%s)", opened,
+                 std::strerror(-opened));
+        return true;
+    }
+    UnitError error;
+    std::uint64_t timestamp = 0;
+    const int read = system_bus_read_number(NETWORKD_UNIT, "StateChangeTimestampMonotonic", &timestamp, &error);
+    if (read < 0) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "network_check_daemon", __LINE__, "get_property FAILEd: ret : %d (%s)", read,
+                 std::strerror(-read));
+        return true;
+    }
+    const bool changed = timestamp != networkd_timestamp;
+    networkd_timestamp = timestamp;
+    return changed;
+}
+
+void network_check_lan() {
+    trace(TRACE_TRACE, " ");
+    const FileHandle file(std::fopen(LAN_FILE, "re"));
+    if (!file || ini_parse_stream(ini_read_line, file.get(), network_lan_handler) != 0) {
+        lan_available = 1;
+        return;
+    }
+    lan_available = network_decide_lan(lan_managed, lan_activation);
+}
+
+void network_check_wifi() {
+    constexpr std::size_t most = 2048;
+    constexpr std::int32_t max_tokens = 32;
+    // Not cleared between reads: what a shorter file leaves standing takes part in the comparison.
+    static constinit std::array<char, most + 1> text{};
+
+    trace(TRACE_TRACE, " ");
+    const Descriptor file(open(WIFI_FILE, O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        wifi_available = 0;
+        return;
+    }
+    const ssize_t length = read(file.get(), text.data(), most);
+    std::array<JsonToken, max_tokens> tokens{};
+    JsonParser parser{};
+    json_init(&parser, tokens.data(), max_tokens);
+    const std::int32_t count = json_parse(&parser, text.data(), static_cast<std::int32_t>(length));
+    wifi_available = network_decide_wifi(text.data(), tokens.data(), count);
+}
+
+void network_check_mobile() {
+    trace(TRACE_TRACE, " ");
+    mobile_available = 0;
+}
+
+void network_check() {
+    trace(TRACE_TRACE, " ");
+    network_check_lan();
+    network_check_wifi();
+    network_check_mobile();
+}
+
+} // namespace
+
 int network_check_daemon() {
-    trace(TRACE_DEBUG, "network paths are not checked by this version");
+    trace(TRACE_DEBUG, " ");
+    if (network_first_run == 0 && !network_changed()) {
+        return 0;
+    }
+    network_check();
+    network_first_run = 0;
     return 0;
 }

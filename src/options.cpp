@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
@@ -119,11 +119,10 @@ void set_logsize(const char *prog, const char *text) {
 bool is_appendable(const char *path) { return FileHandle(std::fopen(path, "ae")) != nullptr; }
 
 void set_logfile(const char *prog, const char *path) {
-    if (is_appendable(path)) {
-        gdata_set_logfile(path);
+    if (is_appendable(path) && std::strcmp(gdata_set_logfile(path), path) == 0) {
         return;
     }
-    const int error = errno;
+    const int error = errno; // of the open, or of the copy when memory is out
     usage(0, prog, "WARNING: option -%c: \"%s\": %s - using \"%s\" instead.", 'L', path, std::strerror(error),
           gdata_get_logfile());
 }

@@ -37,19 +37,11 @@ struct {
     unsigned out_high = 0;
 } counts;
 
+/// The close of a stdio stream that fails, counted from 1; 0 for none.
+int failing_close = 0;
+
 /// The clock's next readings; without any it stands still.
 std::deque<timeval> clock_readings;
-
-std::vector<int> descriptors_open_over_exec() {
-    std::vector<int> found;
-    for (int fd = STDERR_FILENO + 1; fd < 64; ++fd) {
-        const int flags = fcntl(fd, F_GETFD);
-        if (flags != -1 && (flags & FD_CLOEXEC) == 0) {
-            found.push_back(fd);
-        }
-    }
-    return found;
-}
 
 template <typename Time> int read_clock(Time *now) {
     *now = {};
@@ -89,6 +81,12 @@ void __wrap_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned
     }
 }
 
+int __real_fclose(std::FILE *file);
+int __wrap_fclose(std::FILE *file) {
+    const int result = __real_fclose(file);
+    return failing_close > 0 && --failing_close == 0 ? EOF : result;
+}
+
 int __wrap_gettimeofday(timeval *now, void * /*zone*/) { return read_clock(now); }
 int __wrap___gettimeofday64(timeval *now, void * /*zone*/) { return read_clock(now); }
 }
@@ -101,6 +99,7 @@ class CompressionTest : public testing::Test {
     CompressionTest() {
         opening = {};
         counts = {};
+        failing_close = 0;
         clock_readings.clear();
     }
 
@@ -290,6 +289,14 @@ TEST_F(CompressionTest, RemovesTheDestinationWhenTheDiskIsFullAtTheEnd) {
     folder.write("log", "text"); // written at the close, not before
     EXPECT_EQ(file_compress(from.c_str(), full_disk().c_str()), -1);
     EXPECT_FALSE(is_symlink(to));
+}
+
+TEST_F(CompressionTest, RemovesTheDestinationThatReportsItsErrorAtTheClose) { // as a remote disk does
+    folder.write("log", "text");
+    failing_close = 2; // behind the source's
+    EXPECT_EQ(file_compress(from.c_str(), to.c_str()), -1);
+    EXPECT_EQ(failing_close, 0);
+    EXPECT_FALSE(exists(to));
 }
 
 TEST_F(CompressionTest, RemovesTheDestinationThatReachedTheLimitOfItsSize) {

@@ -332,6 +332,25 @@ TEST(BusStartTest, TracesItsStart) {
     EXPECT_EQ(daemon.count_traces("unknown request - type: signal"), 2U);
 }
 
+TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::none, "interface=some.other.Name");
+    client.wait_for_owner(SERVICE_NAME);
+    client.watch("type='signal',interface='some.other.Name'");
+    daemon.obey("update 5 1");
+    daemon.obey("send " + std::to_string(LONG_AGO));
+    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
+    const dbus_uint32_t renamed = client.send(method_call(PATH, "some.other.Name", "GetListing"));
+    const dbus_uint32_t fixed = client.send(listing_call());
+    const BusMessage first_answer = client.wait_for([&](DBusMessage *message) {
+        const dbus_uint32_t serial = dbus_message_get_reply_serial(message);
+        return serial == renamed || serial == fixed;
+    });
+    ASSERT_NE(first_answer, nullptr);
+    EXPECT_EQ(dbus_message_get_reply_serial(first_answer.get()), fixed);
+}
+
 TEST(BusStartTest, ANameThatSomebodyKeepsEndsTheListenerAndIsNotQueuedFor) {
     PrivateBus bus;
     BusClient owner(bus);

@@ -3,12 +3,16 @@
 #include "logfile_rig.h"
 
 #include <csignal>
+#include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -84,7 +88,7 @@ TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {
 
 TEST_F(FullDiskTest, TakesBackAHeaderThatFitsOnlyInPartWhichIsThenNotTheFirst) {
     folder.write("logfile", "what stood there\n"); // 17 bytes
-    for (const rlim_t room : {0, 1, 100}) {
+    for (const rlim_t room : {rlim_t{0}, rlim_t{1}, rlim_t{100}}) {
         const FileSizeLimit full(17 + room);
         lf_header(path.c_str());
         EXPECT_EQ(log(), "what stood there\n") << room;
@@ -138,6 +142,20 @@ TEST_F(FullDiskTest, NeverCutsAFileThatIsTheStandardOutput) {
     }
     dup2(saved.get(), STDOUT_FILENO);
     EXPECT_EQ(read_file(file).size(), 27U);
+}
+
+TEST_F(FullDiskTest, LeavesAPieceOnlyWhereTheFileCannotBeCut) {
+    const Descriptor uncuttable(memfd_create("log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    ASSERT_EQ(fcntl(uncuttable.get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
+    const std::string name = "/proc/self/fd/" + std::to_string(uncuttable.get());
+    use(name);
+    {
+        const FileSizeLimit full(22);
+        lf_print(0, "x", 0);
+    }
+    EXPECT_EQ(mask_times(read_file(name)), "<time>\tOK");
+    EXPECT_TRUE(traces.has("cut_back", "Operation not permitted"));
+    EXPECT_TRUE(traces.has("lf_print", name + ": No space left on device"));
 }
 
 /// A disk of 64 KiB in a mount namespace that ends with the test program.

@@ -195,6 +195,17 @@ TEST_F(LostFileTest, FeedsThePipeInItsPlaceWithoutRotation) {
     EXPECT_THAT(rotations().calls, IsEmpty());
 }
 
+TEST_F(LostFileTest, DoesNotWaitForRoomInThePipeInItsPlace) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const Descriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_GE(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 4096);
+    use(path);
+    lf_print(0, std::string(100000, 'y').c_str(), 0); // more than it holds
+    lf_print(0, "x", 0);
+    EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
+    EXPECT_TRUE(traces.has("lf_print", path + ": Resource temporarily unavailable"));
+}
+
 TEST_F(LostFileTest, DoesNotWaitForTheReaderOfAPipeInItsPlace) {
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     use(path);

@@ -310,6 +310,7 @@ TEST_F(StandardStreamTest, StderrTakesRecordsWithoutHeaderOrRotation) {
         logfile_state() = {};
         EXPECT_THAT(outputs_of(name), testing::Pair("", bare_log)) << name;
         EXPECT_EQ(logfile_state().logfile_is_file, 0);
+        EXPECT_EQ(logfile_state().logfile_header_written, 0);
     }
     EXPECT_THAT(rotations().calls, testing::IsEmpty());
 }
@@ -319,6 +320,7 @@ TEST_F(StandardStreamTest, StdoutTakesRecordsWithoutHeaderOrRotation) {
         logfile_state() = {};
         EXPECT_THAT(outputs_of(name), testing::Pair(bare_log, "")) << name;
         EXPECT_EQ(logfile_state().logfile_is_file, 0);
+        EXPECT_EQ(logfile_state().logfile_header_written, 0);
     }
     EXPECT_THAT(rotations().calls, testing::IsEmpty());
 }

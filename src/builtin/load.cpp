@@ -88,7 +88,7 @@ int load_read_values(std::int32_t *user, std::int32_t *system, std::int32_t *idl
 }
 
 int load_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     if (first_run) {
         first_run = false;
         load_read_values(&previous.user, &previous.system, &previous.idle);

@@ -238,7 +238,7 @@ int count_stopped() {
 } // namespace
 
 int service_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     const int opened = system_bus_open();
     if (opened < 0) {
         trace(TRACE_TRACE, "FAILED: ret : %d (%s)", opened, std::strerror(-opened));
@@ -278,9 +278,6 @@ void append_stopped(TextBuffer *line, std::size_t size) {
 } // namespace
 
 int service_logger(Task *task) {
-    constexpr int code_ok = 0;
-    constexpr int code_failed = 2;
-
     trace(TRACE_DEBUG, " ");
     if (task->do_log != 1) {
         return 0;
@@ -292,7 +289,7 @@ int service_logger(Task *task) {
     } else {
         append_stopped(&line, text.size());
     }
-    logger_syslog(task->state == 0 ? code_ok : code_failed, line.c_str());
+    logger_syslog(probe_log_state(task), line.c_str());
     task->do_log = 0;
     return 0;
 }

@@ -12,7 +12,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <strings.h>
 
 // /proc/net/wireless; behind the name: status, link quality, signal level in dBm, noise:
 //     wlan0sta: 0000   70.  -40.  -256        0      0      0      0     45        0
@@ -48,15 +47,7 @@ bool wireless_parse_line(char *line, const char *device, int token, double *numb
     constexpr int max_tokens = 8;
     constexpr int needed = 5;
     std::array<char *, max_tokens + 1> tokens{};
-    if (strsplit(line, tokens.data(), max_tokens) < needed) {
-        return false;
-    }
-    const std::size_t length = std::strlen(tokens[0]);
-    if (length < 2 || tokens[0][length - 1] != ':') {
-        return false;
-    }
-    tokens[0][length - 1] = '\0';
-    if (strcasecmp(tokens[0], device) != 0) {
+    if (strsplit(line, tokens.data(), max_tokens) < needed || !names_interface(tokens[0], device)) {
         return false;
     }
     char *end = nullptr;
@@ -138,7 +129,7 @@ Reading wireless_state(const Record *record) {
     if (!file || std::fgets(line.data(), static_cast<int>(line.size()), file.get()) == nullptr) {
         return Reading::failed(EINVAL);
     }
-    return Reading::of(strncasecmp(line.data(), "up", 2) == 0 ? 0 : 1);
+    return operstate_parse(line.data());
 }
 
 /// The number of the first usable line of the device; false when there is none.
@@ -237,7 +228,7 @@ bool append_sentence(TextBuffer *line, const Task *task) {
 } // namespace
 
 int wireless_init(Task *task) {
-    trace(TRACE_TRACE, " ");
+    trace(TRACE_INFO, " ");
     if (!is_wireless_id(task->id)) {
         trace(TRACE_TRACE, "wrong id: %d", task->id);
         return -1;
@@ -277,9 +268,6 @@ int wireless_exec(Task *task) {
 }
 
 int wireless_logger(Task *task) {
-    constexpr int code_ok = 0;
-    constexpr int code_failed = 2;
-
     trace(TRACE_DEBUG, " ");
     if (task->do_log != 1) {
         return 0;
@@ -292,6 +280,6 @@ int wireless_logger(Task *task) {
     } else if (!append_sentence(&line, task)) {
         return 0;
     }
-    logger_syslog(task->state == 0 ? code_ok : code_failed, line.c_str());
+    logger_syslog(probe_log_state(task), line.c_str());
     return 0;
 }

@@ -68,6 +68,7 @@ inline void expect_init_marks(TaskOperation init, const char *name) {
     Task task = sample_task();
     init(&task);
     EXPECT_THAT(traces.texts_of(name), testing::ElementsAre(" "));
+    EXPECT_THAT(traces.all().front().line, testing::StartsWith("(1) "));
 }
 
 /// A run's traces are the entry at level 2, then `rest` at level 3, all under the operation's name.

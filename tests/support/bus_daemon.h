@@ -12,7 +12,7 @@
 enum class Traces { none, to_stderr };
 
 /// The program, with the emulator in front of it where there is one; empty words are left out.
-inline std::vector<std::string> bus_daemon_command(Traces traces) {
+inline std::vector<std::string> bus_daemon_command(Traces traces, const std::string &argument) {
     std::vector<std::string> command;
     std::istringstream words(BUS_DAEMON);
     for (std::string word; std::getline(words, word, '|');) {
@@ -23,13 +23,14 @@ inline std::vector<std::string> bus_daemon_command(Traces traces) {
     if (traces == Traces::to_stderr) {
         command.emplace_back("trace");
     }
+    command.push_back(argument);
     return command;
 }
 
 class BusDaemon {
   public:
-    explicit BusDaemon(const PrivateBus &bus, Traces traces = Traces::none)
-        : child_(bus_daemon_command(traces), {bus.variable()}) {}
+    explicit BusDaemon(const PrivateBus &bus, Traces traces = Traces::none, const std::string &argument = "")
+        : child_(bus_daemon_command(traces, argument), {bus.variable()}) {}
 
     /// Sends one command without waiting for it.
     void tell(const std::string &command) { child_.write(command + "\n"); }

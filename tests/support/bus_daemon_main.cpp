@@ -5,9 +5,11 @@
 //   flood COUNT       that many passes, each raising or clearing CB07
 //   fail-send         the next message that is to be sent fails
 //   exit              exit(1), as at a termination signal
-// With the argument "trace" every trace goes to stderr, otherwise none anywhere.
+// With the argument "trace" every trace goes to stderr, otherwise none anywhere; "interface=NAME"
+// configures the interface.
 
 #include "dbus-srv.h"
+#include "gdata.h"
 #include "trace.h"
 
 #include <atomic>
@@ -18,8 +20,11 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 namespace {
+
+constexpr std::string_view INTERFACE = "interface=";
 
 std::atomic<bool> send_fails = false;
 
@@ -69,8 +74,13 @@ int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, cons
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 int main(int argc, char *argv[]) {
-    if (argc > 1 && std::string(argv[1]) == "trace") {
-        trace_mode = 3;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == "trace") {
+            trace_mode = 3;
+        } else if (argument.starts_with(INTERFACE)) {
+            gdata_record().dbus_if = argv[i] + INTERFACE.size();
+        }
     }
     std::cout << "init: " << d_bus_srv_init() << std::endl;
     std::string line;

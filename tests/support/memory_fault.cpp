@@ -1,12 +1,23 @@
 #include "memory_fault.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstddef>
 
 namespace {
 
 int countdown = 0;
+std::atomic<int> allocations{0};
 
-bool fails_now() { return countdown > 0 && --countdown == 0; }
+/// Called at each allocation: whether it is the one to fail, errno set then.
+bool fails_now() {
+    ++allocations;
+    if (countdown > 0 && --countdown == 0) {
+        errno = ENOMEM;
+        return true;
+    }
+    return false;
+}
 
 } // namespace
 
@@ -27,3 +38,5 @@ MemoryFault::MemoryFault(int nth) { countdown = nth; }
 MemoryFault::~MemoryFault() { countdown = 0; }
 
 bool MemoryFault::happened() { return countdown == 0; }
+
+int allocation_count() { return allocations; }

@@ -11,3 +11,6 @@ class MemoryFault {
     /// Whether the failure has happened.
     [[nodiscard]] static bool happened();
 };
+
+/// How many such calls there were so far. What the C library allocates inside is not seen.
+int allocation_count();

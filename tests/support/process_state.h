@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <vector>
 
 /// Puts the file `path` in the place of descriptor `fd`.
 class RedirectedDescriptor {
@@ -78,4 +79,17 @@ class FileSizeLimit {
 
 inline std::ptrdiff_t open_descriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// The descriptors that a program started now would inherit.
+inline std::vector<int> descriptors_open_over_exec() {
+    std::vector<int> found;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        const int flags = fcntl(fd, F_GETFD);
+        if (flags != -1 && (flags & FD_CLOEXEC) == 0) {
+            found.push_back(fd);
+        }
+    }
+    return found;
 }

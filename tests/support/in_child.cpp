@@ -1,0 +1,25 @@
+#include "in_child.h"
+
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+int run_child(const std::function<void()> &body) {
+    std::fflush(nullptr); // or both processes would write what is buffered now
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? CHILD_FAILED : CHILD_DONE);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return status;
+}
+
+void in_child(const std::function<void()> &body) {
+    const int status = run_child(body);
+    EXPECT_TRUE(WIFEXITED(status)) << "wait status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), CHILD_DONE) << "the child's own failures stand above";
+}

@@ -1,0 +1,75 @@
+// One evaluation, with its traces sent to the journal and with its traces dropped once they reach the
+// library.
+
+#include "analyzer.h"
+
+#include "journal_sink.h"
+#include "ratio.h"
+
+#include <benchmark/benchmark.h>
+#include <cstdarg>
+#include <systemd/sd-journal.h>
+
+namespace {
+
+constinit bool dropping = false;
+
+} // namespace
+
+// In front of the library's own.
+extern "C" int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
+                                              const char *format, ...) {
+    if (dropping) {
+        return 0;
+    }
+    std::va_list arguments;
+    va_start(arguments, format);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    const int result = sd_journal_printv_with_location(priority, file, line, function, format, arguments);
+#pragma GCC diagnostic pop
+    va_end(arguments);
+    return result;
+}
+
+namespace {
+
+/// The built-in temperature check, its value wandering through all five classes.
+void evaluate(benchmark::State &bench) {
+    Task task{};
+    task.flags = TASK_RUNNABLE | TASK_VALUE_VALID | TASK_HAS_MINFAIL | TASK_HAS_MINWARN | TASK_HAS_MAXWARN |
+                 TASK_HAS_MAXFAIL | TASK_HAS_HYSTERESIS | TASK_HAS_DELAY;
+    task.id = 20;
+    task.minfail = -40;
+    task.minwarn = -30;
+    task.maxwarn = 70;
+    task.maxfail = 80;
+    task.hysteresis = 5;
+    task.delay = 5;
+    task.analyzable = 1;
+    task.value = -60;
+    while (bench.KeepRunning()) {
+        task.value = task.value == 100 ? -60 : task.value + 1;
+        threshold_analyzer(&task);
+    }
+    benchmark::DoNotOptimize(task.state);
+}
+
+void traced_evaluation(benchmark::State &bench) {
+    dropping = false;
+    evaluate(bench);
+}
+BENCHMARK(traced_evaluation);
+
+void evaluation(benchmark::State &bench) {
+    dropping = true;
+    evaluate(bench);
+}
+BENCHMARK(evaluation);
+
+} // namespace
+
+int main(int argc, char **argv) {
+    start_journal_sink();
+    return run_and_print_ratio(argc, argv, "traced_evaluation", "evaluation");
+}

@@ -7,9 +7,11 @@
 #include "message_bytes.h"
 
 #include <array>
+#include <chrono>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
-#include <cstdlib>
+#include <ctime>
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,11 +33,8 @@ bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 
 // The queue's nodes are the one thing that the daemon takes with the new that may fail.
 void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
-    return fails_now(failing_node) ? nullptr : std::malloc(size);
+    return fails_now(failing_node) ? nullptr : ::operator new(size);
 }
-void *operator new(std::size_t size) { return std::malloc(size); }
-void operator delete(void *memory) noexcept { std::free(memory); }
-void operator delete(void *memory, std::size_t /*size*/) noexcept { std::free(memory); }
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
@@ -60,9 +59,7 @@ dbus_bool_t __wrap_dbus_message_append_args(DBusMessage *message, int first, ...
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr std::int64_t NOW = 1700000000;
 constexpr const char *CREATE = "d_bus_srv_create_signal_messages";

@@ -181,6 +181,7 @@ TEST_F(BusServiceTest, AHundredCallsTogetherAreAnsweredWhileSignalsAreSent) {
     client_.watch("type='signal',member='NewIssues'");
     daemon_.tell("flood 200");
     std::vector<dbus_uint32_t> serials;
+    serials.reserve(100);
     for (int i = 0; i < 100; ++i) {
         serials.push_back(client_.send(listing_call()));
     }

@@ -26,6 +26,7 @@ Pipe make_pipe() {
 
 std::vector<char *> pointers(std::vector<std::string> &texts) {
     std::vector<char *> list;
+    list.reserve(texts.size() + 1);
     for (std::string &text : texts) {
         list.push_back(text.data());
     }

@@ -24,7 +24,7 @@ class UnitError {
     sd_bus_error *get() { return &error_; }
 
   private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error_{}; // as SD_BUS_ERROR_NULL, which is no C++
 };
 
 /// Makes sure of a connection, replacing one that has died; 0 or more, or a negative errno.

@@ -45,7 +45,7 @@ class Fixture {
 void run_probe(benchmark::State &state, TaskOperation exec, const char *parameter, int result) {
     Task task{};
     task.parameter = parameter;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto iteration : state) {
         if (exec(&task) != result) {
             state.SkipWithError("the probe does not answer as expected");
             return;
@@ -56,7 +56,7 @@ void run_probe(benchmark::State &state, TaskOperation exec, const char *paramete
 
 void bare_read(benchmark::State &state, const char *path) {
     std::array<char, 4096> buffer{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto iteration : state) {
         const int fd = open(path, O_RDONLY | O_CLOEXEC);
         while (read(fd, buffer.data(), buffer.size()) > 0) {
         }
@@ -91,7 +91,7 @@ void wearout_decoding(benchmark::State &state) {
     registers[192] = 7;
     registers[268] = 1;
     registers[269] = 3;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto iteration : state) {
         benchmark::DoNotOptimize(registers);
         benchmark::DoNotOptimize(wearout_decode(registers));
     }
@@ -102,7 +102,7 @@ void diskusage(benchmark::State &state) { run_probe(state, diskusage_exec, "/", 
 BENCHMARK(diskusage);
 
 void diskusage_bare(benchmark::State &state) {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto iteration : state) {
         struct statvfs counts {};
         benchmark::DoNotOptimize(statvfs("/", &counts));
     }
@@ -119,7 +119,7 @@ void split_line(benchmark::State &state) {
     constexpr int max = 8;
     const std::string line = "MemTotal:        1024000 kB\n";
     std::array<char *, max + 1> tokens{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto iteration : state) {
         std::string text = line;
         benchmark::DoNotOptimize(strsplit(text.data(), tokens.data(), max));
     }

@@ -24,7 +24,7 @@ class UnitError {
     sd_bus_error *get() { return &error_; }
 
   private:
-    sd_bus_error error_{}; // as SD_BUS_ERROR_NULL, which is no C++
+    sd_bus_error error_{}; // as SD_BUS_ERROR_NULL, which is a literal of C99
 };
 
 /// Makes sure of a connection, replacing one that has died; 0 or more, or a negative errno.

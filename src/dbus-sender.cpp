@@ -34,7 +34,8 @@ bool find_connection(Sender &sender) {
     return sender.alone;
 }
 
-/// Writes one signal. If the connection dies under it, the signal is kept for the next one.
+/// Writes one signal. If the connection dies under it, the signal is kept for the next one: it may
+/// then come twice, which is better than not at all.
 void send_signal(Sender &sender, BusMessage message) {
     DBusConnection *const connection = sender.connection.get();
     trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "SEND");

@@ -32,11 +32,14 @@ int three = 3;
 
 } // namespace
 
-// In place of the library's own.
-int logfile_cleanup() {
+// In place of the library's own logfile_cleanup.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's name
+extern "C" int __wrap__Z15logfile_cleanupv();
+extern "C" int __wrap__Z15logfile_cleanupv() {
     calls.emplace_back("status log");
     return 7;
 }
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

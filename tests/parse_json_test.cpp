@@ -80,9 +80,10 @@ INSTANTIATE_TEST_SUITE_P(
                     {2, 13, 14, 1, 2},
                     {2, 17, 18, 0, 5}}},
         TokensCase{R"({"a"})", {{1, 0, 5, 1, -1}, {2, 2, 3, 0, 0}}}, // a key without a value
-        TokensCase{"{,}", {{1, 0, 3, 0, -1}}},                       //
-        TokensCase{"{:}", {{1, 0, 3, 0, -1}}},                       //
-        TokensCase{"{}{}", {{1, 0, 2, 0, -1}, {1, 2, 4, 0, -1}}},    //
+        TokensCase{R"({"a","b":1})", {{1, 0, 11, 2, -1}, {2, 2, 3, 0, 0}, {2, 6, 7, 1, 0}, {4, 9, 10, 0, 2}}},
+        TokensCase{"{,}", {{1, 0, 3, 0, -1}}},                    //
+        TokensCase{"{:}", {{1, 0, 3, 0, -1}}},                    //
+        TokensCase{"{}{}", {{1, 0, 2, 0, -1}, {1, 2, 4, 0, -1}}}, //
         TokensCase{R"({}:"x")", {{1, 0, 2, 1, -1}, {2, 4, 5, 0, 0}}}));
 
 INSTANTIATE_TEST_SUITE_P(
@@ -213,6 +214,22 @@ TEST(Json, WritesNothingBehindItsTokens) {
     json_init(&parser, tokens.data(), 3);
     EXPECT_EQ(json_parse(&parser, "{}", 2), 1);
     EXPECT_EQ(tokens[2], UNTOUCHED);
+}
+
+TEST(Json, ElementsBeginWithTheirCharactersAlone) {
+    const std::string blanks = "\t\n\r ";
+    const std::string marks = ":,";
+    const std::string primitives = "+-0123456789FNTfnt";
+    for (int c = 1; c < 256; ++c) {
+        const std::string text{static_cast<char>(c), ' '};
+        if ((blanks + marks).find(text[0]) != std::string::npos) {
+            EXPECT_EQ(parse(text).result, 0) << c;
+        } else if (primitives.find(text[0]) != std::string::npos) {
+            EXPECT_EQ(parse(text).tokens, (Tokens{{4, 0, 1, 0, -1}})) << c;
+        } else {
+            EXPECT_EQ(parse(text).result, c == '{' || c == '"' ? -3 : -2) << c;
+        }
+    }
 }
 
 TEST(Json, ReadsNoFurtherThanItsLength) {

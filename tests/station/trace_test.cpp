@@ -135,8 +135,10 @@ TEST(TraceLines, AllHaveTheirShapeButTheEmptyOneOfTheWait) {
     for (std::size_t i = 0; i < lines.size(); ++i) {
         if (lines[i].empty()) {
             ASSERT_GT(i, 0U);
-            EXPECT_THAT(lines[i - 1], MatchesRegex(".*timer\\.c: runrun_wait\\([0-9]+\\) "));
-            ++empty;
+            if (lines[i - 1].find("Connection Error (") == std::string::npos) { // which ends alike, without a bus
+                EXPECT_THAT(lines[i - 1], MatchesRegex(".*timer\\.c: runrun_wait\\([0-9]+\\) "));
+                ++empty;
+            }
         } else {
             EXPECT_THAT(lines[i],
                         MatchesRegex("\\([0-3]\\) \\[[0-9]+\\] 12:00:(07|10) [a-z_/-]+\\.c: [a-z_A-Z]+\\([0-9]+\\) .+"

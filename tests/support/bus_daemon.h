@@ -5,6 +5,7 @@
 #include "child_process.h"
 #include "private_bus.h"
 
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -44,13 +45,14 @@ class BusDaemon {
     ChildProcess &process() { return child_; }
     /// Waits for a trace line with `text`.
     bool traced(const std::string &text) { return child_.errors().wait_for(text).has_value(); }
-    /// Waits for a trace line with both texts.
-    bool traced(const std::string &function, const std::string &text) {
-        std::optional<std::size_t> line = child_.errors().wait_for(function);
+    /// Waits for a trace line of `function` with `text`; its number.
+    std::optional<std::size_t> find_trace(const std::string &function, const std::string &text) {
+        const std::string place = " " + function + "(";
+        std::optional<std::size_t> line = child_.errors().wait_for(place);
         while (line && child_.errors().lines()[*line].find(text) == std::string::npos) {
-            line = child_.errors().wait_for(function, *line + 1);
+            line = child_.errors().wait_for(place, *line + 1);
         }
-        return line.has_value();
+        return line;
     }
     /// The number of trace lines so far with `text`.
     std::size_t count_traces(const std::string &text) {

@@ -4,6 +4,7 @@
 //   send NOW          the end of a pass that began at NOW
 //   flood COUNT       that many passes, each raising or clearing CB07
 //   fail-send         the next message that is to be sent fails
+//   lose-bus PID      the bus, which is process PID, ends just before the next message is sent
 //   exit              exit(1), as at a termination signal
 // With the argument "trace" every trace goes to stderr, otherwise none anywhere; "interface=NAME"
 // configures the interface.
@@ -13,20 +14,24 @@
 #include "trace.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <dbus/dbus.h>
 #include <iostream>
+#include <poll.h>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace {
 
 constexpr std::string_view INTERFACE = "interface=";
 
 std::atomic<bool> send_fails = false;
+std::atomic<pid_t> bus_to_end = 0;
 
 void flood(int count) {
     for (int pass = 0; pass < count; ++pass) {
@@ -50,9 +55,19 @@ void obey(const std::string &line) {
         flood(static_cast<int>(first));
     } else if (command == "fail-send") {
         send_fails = true;
+    } else if (command == "lose-bus") {
+        bus_to_end = static_cast<pid_t>(first);
     } else if (command == "exit") {
         std::exit(1);
     }
+}
+
+/// Ends the bus and waits until its end of the connection is closed.
+void end_bus(pid_t bus, DBusConnection *connection) {
+    pollfd socket{-1, 0, 0};
+    dbus_connection_get_unix_fd(connection, &socket.fd);
+    kill(bus, SIGKILL);
+    poll(&socket, 1, 60000);
 }
 
 } // namespace
@@ -62,6 +77,9 @@ extern "C" {
 dbus_bool_t __real_dbus_connection_send(DBusConnection *connection, DBusMessage *message, dbus_uint32_t *serial);
 
 dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage *message, dbus_uint32_t *serial) {
+    if (const pid_t bus = bus_to_end.exchange(0); bus > 0) {
+        end_bus(bus, connection);
+    }
     return send_fails.exchange(false) ? FALSE : __real_dbus_connection_send(connection, message, serial);
 }
 

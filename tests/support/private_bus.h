@@ -19,6 +19,7 @@ class PrivateBus {
     void start();
     /// Ends it the hard way.
     void stop();
+    [[nodiscard]] pid_t pid() const { return daemon_->pid(); }
     [[nodiscard]] std::string address() const { return "unix:path=" + (folder_ / "bus"); }
     /// As "NAME=value", for a program that is to take it for the system bus.
     [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=" + address(); }
@@ -38,7 +39,7 @@ class BusClient {
 
     [[nodiscard]] DBusConnection *connection() const { return connection_.get(); }
     /// Sends a call without waiting; its serial.
-    dbus_uint32_t send(const BusMessage &call) const;
+    dbus_uint32_t send(const BusMessage &call) const; // NOLINT(modernize-use-nodiscard)
     /// Sends a call and waits up to a minute; the reply or the error, none if nothing came.
     BusMessage call(const BusMessage &call);
     /// Waits up to a minute for the next message that is `wanted`; the others stay for later calls.

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -50,9 +51,10 @@ bool wireless_parse_line(char *line, const char *device, int token, double *numb
     if (strsplit(line, tokens.data(), max_tokens) < needed || !names_interface(tokens[0], device)) {
         return false;
     }
+    const char *text = tokens[static_cast<std::size_t>(token)];
     char *end = nullptr;
-    *number = std::strtod(tokens[token], &end);
-    return end != tokens[token] && Reading::of_number(*number).error == 0;
+    *number = std::strtod(text, &end);
+    return end != text && Reading::of_number(*number).error == 0;
 }
 
 Reading wireless_round(double level) {

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <malloc.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -69,5 +70,6 @@ void file_rotate(const char *file, std::int32_t count) {
     const char *newest = newer.of(0);
     trace(TRACE_TRACE, "compress %s -> %s", file, newest);
     file_compress(file, newest);
+    malloc_trim(0);    // or the compressor's megabyte would stay with the process until the next rotation
     std::remove(file); // deliberate also after a failure: the disk of the board must not fill up
 }

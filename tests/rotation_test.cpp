@@ -16,6 +16,22 @@
 
 namespace {
 
+int trims = 0; ///< how often the heap was given back
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+int __real_malloc_trim(std::size_t keep);
+int __wrap_malloc_trim(std::size_t keep) {
+    trims += keep == 0 ? 1 : 0;
+    return __real_malloc_trim(keep);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+namespace {
+
 using std::filesystem::create_symlink;
 using std::filesystem::exists;
 using std::filesystem::is_directory;
@@ -287,6 +303,12 @@ TEST_F(RotationTest, LosesNoMemoryAndNoDescriptorInThirtyRotations) {
     }
     EXPECT_LT(heap_in_use(), heap + 50000); // one lost stream is a megabyte
     EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST_F(RotationTest, GivesTheCompressorsMemoryBack) {
+    trims = 0;
+    file_rotate(file.c_str(), 1);
+    EXPECT_EQ(trims, 1);
 }
 
 class StreamNameTest : public RotationTest, public testing::WithParamInterface<const char *> {};

@@ -1,5 +1,6 @@
-# The target lint: clang-format and clang-tidy, one stamp a source, so that only what changed is
-# looked at again.
+# The targets lint and lint_tests: clang-format and clang-tidy, one stamp a source, so that only what
+# changed is looked at again. lint formats everything and looks into what is installed or lasts;
+# lint_tests looks into the tests too, which takes a quarter of an hour.
 find_program(CLANG_FORMAT clang-format)
 find_program(CLANG_TIDY clang-tidy)
 if(NOT CLANG_FORMAT OR NOT CLANG_TIDY)
@@ -7,32 +8,39 @@ if(NOT CLANG_FORMAT OR NOT CLANG_TIDY)
 endif()
 
 file(GLOB_RECURSE HEADERS CONFIGURE_DEPENDS include/*.h tests/*.h bench/*.h fuzz/*.h)
-file(GLOB_RECURSE TIDY_SOURCES CONFIGURE_DEPENDS src/*.cpp tests/*.cpp bench/*.cpp)
+file(GLOB_RECURSE SOURCES_TO_TIDY CONFIGURE_DEPENDS src/*.cpp)
+file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp)
 file(GLOB_RECURSE FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
-set(stamps)
-foreach(file ${HEADERS} ${TIDY_SOURCES} ${FUZZ_SOURCES})
-    file(RELATIVE_PATH name ${CMAKE_CURRENT_SOURCE_DIR} ${file})
-    set(stamp ${CMAKE_BINARY_DIR}/lint/${name}.format)
-    cmake_path(GET stamp PARENT_PATH folder)
-    file(MAKE_DIRECTORY ${folder})
-    add_custom_command(
-        OUTPUT ${stamp}
-        COMMAND ${CLANG_FORMAT} --dry-run --Werror ${file}
-        COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-        DEPENDS ${file} ${CMAKE_CURRENT_SOURCE_DIR}/.clang-format
-        COMMENT "clang-format ${name}")
-    list(APPEND stamps ${stamp})
-endforeach()
-foreach(file ${TIDY_SOURCES})
-    file(RELATIVE_PATH name ${CMAKE_CURRENT_SOURCE_DIR} ${file})
-    set(stamp ${CMAKE_BINARY_DIR}/lint/${name}.tidy)
-    add_custom_command(
-        OUTPUT ${stamp}
-        COMMAND ${CLANG_TIDY} --quiet -p ${CMAKE_BINARY_DIR} ${file} 2>/dev/null # the count of what is not ours
-        COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-        DEPENDS ${file} ${HEADERS} ${CMAKE_CURRENT_SOURCE_DIR}/.clang-tidy
-        COMMENT "clang-tidy ${name}")
-    list(APPEND stamps ${stamp})
-endforeach()
-add_custom_target(lint DEPENDS ${stamps})
+
+# Appends to `stamps` one stamp for each file, made when the tool, whose configuration is the file
+# `settings`, finds nothing.
+function(add_stamps stamps tool settings)
+    cmake_parse_arguments(ARG "" "" "COMMAND;FILES;DEPENDS" ${ARGN})
+    foreach(file ${ARG_FILES})
+        file(RELATIVE_PATH name ${CMAKE_CURRENT_SOURCE_DIR} ${file})
+        set(stamp ${CMAKE_BINARY_DIR}/lint/${name}.${tool})
+        cmake_path(GET stamp PARENT_PATH folder)
+        file(MAKE_DIRECTORY ${folder})
+        add_custom_command(
+            OUTPUT ${stamp}
+            COMMAND ${ARG_COMMAND} ${file} 2>/dev/null # the count of findings in headers that are not ours
+            COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+            DEPENDS ${file} ${ARG_DEPENDS} ${CMAKE_CURRENT_SOURCE_DIR}/${settings}
+            COMMENT "${tool} ${name}")
+        list(APPEND ${stamps} ${stamp})
+    endforeach()
+    set(${stamps} ${${stamps}} PARENT_SCOPE)
+endfunction()
+
+set(lint_stamps)
+set(lint_tests_stamps)
+set(FORMAT ${CLANG_FORMAT} --dry-run --Werror)
+set(TIDY ${CLANG_TIDY} --quiet -p ${CMAKE_BINARY_DIR})
+add_stamps(lint_stamps format .clang-format COMMAND ${FORMAT} FILES ${HEADERS} ${SOURCES_TO_TIDY} ${TESTS_TO_TIDY}
+           ${FUZZ_SOURCES})
+add_stamps(lint_stamps tidy .clang-tidy COMMAND ${TIDY} FILES ${SOURCES_TO_TIDY} DEPENDS ${HEADERS})
+add_stamps(lint_tests_stamps tidy .clang-tidy COMMAND ${TIDY} FILES ${TESTS_TO_TIDY} DEPENDS ${HEADERS})
+add_custom_target(lint DEPENDS ${lint_stamps})
+add_custom_target(lint_tests DEPENDS ${lint_tests_stamps})
 add_dependencies(lint vigmond_revision_header)
+add_dependencies(lint_tests vigmond_revision_header)

@@ -232,6 +232,25 @@ TEST(InternetSentences, IsToldByItsLosses) {
                             "5 [notice] ID: CB10[0]: value: 2 internet connection via ethernet at normal threshold."));
 }
 
+// Known: instead of a sentence there is the interface's name.
+TEST(WirelessSentences, NameTheInterfaceOnly) {
+    const auto wireless = [](const char *level) {
+        return std::string(" wlan0sta: 0000 70. ") + level + " -256 0 0 0 0 0 0\n";
+    };
+    Station station(even_board()
+                        .file("/var/lib/evse/portapi/wifi.conf", "on")
+                        .file("/sys/class/net/wlan0sta/operstate", "up\n")
+                        .file("/proc/net/wireless", wireless("-29.")));
+    station.start();
+    for (const char *level : {"-80.", "-29.", "-24."}) { // the limits are left 5 above -70 and -30
+        station.files().write("/proc/net/wireless", wireless(level));
+        samples(station, 4, 10);
+    }
+    EXPECT_THAT(sentences_of(station), ElementsAre("3 [failed] ID: CB09[0]: value: -80 wlan0sta: ",
+                                                   "3 [failed] ID: CB09[0]: value: -29 wlan0sta: ",
+                                                   "5 [notice] ID: CB09[0]: value: -24 wlan0sta: "));
+}
+
 // 80 of each further 100 ticks are busy. The limit is shown in words where a check has no template.
 TEST(LoadSentences, IsToldWithItsLimit) {
     Station station(even_board());

@@ -146,7 +146,7 @@ std::string first_difference(const std::string &actual, const std::string &expec
     std::string actual_line;
     for (std::string expected_line; std::getline(expected_lines, expected_line);) {
         if (!std::getline(actual_lines, actual_line) || actual_line != expected_line) {
-            return "expected: " + expected_line + "\nactual:   " + actual_line;
+            return "expected: " + expected_line.append("\nactual:   ").append(actual_line);
         }
     }
     return actual == expected ? "" : "more than expected";

@@ -12,7 +12,6 @@
 
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace {
@@ -40,14 +39,14 @@ class Generations {
     }
     [[nodiscard]] const std::string &current() const { return current_; }
     [[nodiscard]] const std::deque<std::string> &packed() const { return packed_; }
-    [[nodiscard]] int rotations() const { return rotations_; }
+    [[nodiscard]] std::size_t rotations() const { return rotations_; }
 
   private:
     std::string command_line_;
     std::size_t count_;
     std::string current_;
     std::deque<std::string> packed_; ///< the newest first
-    int rotations_ = 0;
+    std::size_t rotations_ = 0;
 };
 
 std::string generation_path(const Station &station, std::size_t number) {
@@ -102,8 +101,8 @@ class RotationCount : public Rotation, public testing::WithParamInterface<std::s
 TEST_P(RotationCount, KeepsTheNewestGenerationsWhole) {
     const std::size_t count = GetParam();
     const Generations foretold = run({"-S", "10", "-C", std::to_string(count)}, count, 1000);
-    ASSERT_GT(foretold.rotations(), 6);
-    ASSERT_EQ(foretold.packed().size(), std::min<std::size_t>(count, foretold.rotations()));
+    ASSERT_GT(foretold.rotations(), 6U);
+    ASSERT_EQ(foretold.packed().size(), std::min(count, foretold.rotations()));
     EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(foretold.packed().size()));
     for (std::size_t number = 0; number < foretold.packed().size(); ++number) {
         EXPECT_EQ(bunzip2(generation_path(station, number)), foretold.packed()[number]) << number;
@@ -117,8 +116,8 @@ INSTANTIATE_TEST_SUITE_P(Counts, RotationCount, testing::Values(0, 1, 3));
 // Some five files of which none falls away.
 TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
     const Generations foretold = run({"-S", "10"}, 20, 300);
-    ASSERT_GT(foretold.rotations(), 2);
-    ASSERT_LE(foretold.rotations(), 10);
+    ASSERT_GT(foretold.rotations(), 2U);
+    ASSERT_LE(foretold.rotations(), 10U);
     std::string all;
     for (std::size_t number = foretold.packed().size(); number-- > 0;) {
         all += bunzip2(generation_path(station, number));
@@ -130,7 +129,7 @@ TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
 TEST_F(Rotation, LeavesGenerationsAboveAGapAlone) {
     station.files().write(std::string(STATUS_LOG) + ".001.bz2", "of old\n");
     const Generations foretold = run({"-S", "10", "-C", "3"}, 3, 80);
-    ASSERT_EQ(foretold.rotations(), 1);
+    ASSERT_EQ(foretold.rotations(), 1U);
     EXPECT_EQ(bunzip2(generation_path(station, 0)), foretold.packed()[0]);
     EXPECT_EQ(station.read(std::string(STATUS_LOG) + ".001.bz2"), "of old\n");
 }

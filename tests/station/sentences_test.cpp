@@ -144,7 +144,7 @@ TEST(TemperatureSentences, ThatCannotBeReadIsNotToldOfHoweverLong) {
 TEST(MemorySentences, IsToldWhileItRunsOut) {
     Station station(even_board());
     station.start();
-    for (const std::uint64_t free : {250, 100, 360}) { // of 1000; 36 is above 25 + 10
+    for (const std::uint64_t free : {250U, 100U, 360U}) { // of 1000; 36 is above 25 + 10
         station.files().write(MEMORY_FILE, meminfo(1000, free));
         samples(station, 5, 10);
     }
@@ -157,7 +157,7 @@ TEST(MemorySentences, IsToldWhileItRunsOut) {
 TEST(DiskSentences, IsToldByItsMountPoint) {
     Station station(even_board());
     station.start();
-    for (const std::uint64_t available : {20, 5, 31}) { // 31 is above 25 + 5
+    for (const std::uint64_t available : {20U, 5U, 31U}) { // 31 is above 25 + 5
         station.disk("/tmp", {.blocks = 100, .free = available, .available = available});
         samples(station, 5, 900);
     }

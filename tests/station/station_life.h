@@ -14,10 +14,10 @@
 /// A stretch of one check's samples that all find the same.
 struct Plateau {
     int samples;
-    std::string input;         ///< what is put there for the probe
-    std::string value;         ///< as recorded: "72", "NaN"
-    std::string label = "OK";  ///< the state in which the stretch ends: "OK", "WARN" or "FAIL"
-    std::string sentence = ""; ///< priority and text at the change of state; empty when there is none
+    std::string input;        ///< what is put there for the probe
+    std::string value;        ///< as recorded: "72", "NaN"
+    std::string label = "OK"; ///< the state in which the stretch ends: "OK", "WARN" or "FAIL"
+    std::string sentence{};   ///< priority and text at the change of state; empty when there is none
 };
 
 /// One check; its plateaus follow each other round and round.

@@ -12,7 +12,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 namespace {
@@ -280,6 +279,26 @@ TEST_F(StatusLog, StaysOffWhenItsPlaceIsAFolder) {
     barred.heartbeats(3);
     EXPECT_EQ(barred.stop(), 1);
     EXPECT_FALSE(fs::exists(barred.files().host_path(STATUS_LOG)));
+}
+
+TEST_F(StatusLog, IsNotWaitedForWhenItIsAFifoThatNobodyReads) {
+    station.files().make_fifo(STATUS_LOG);
+    station.start();
+    station.heartbeats(3);
+    EXPECT_EQ(station.stop(), 1);
+}
+
+TEST_F(StatusLog, StandsBetweenTheTracesOnStderrInWholeLines) {
+    life.start(&station, {"-D", "-L", "stderr"});
+    life.steps(&station, 12);
+    std::vector<std::string> records;
+    std::istringstream lines(station.trace().text());
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("2024-")) {
+            records.push_back(line);
+        }
+    }
+    EXPECT_EQ(records, life.records());
 }
 
 /// Steps until the file that is written, wherever it is, has reached its 10240 bytes.

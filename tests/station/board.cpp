@@ -39,6 +39,12 @@ Board &Board::read_only_folder(const std::string &path) {
     return *this;
 }
 
+Board &Board::small_disk(const std::string &path, std::size_t bytes) {
+    folders_.insert(path);
+    small_disks_[path] = bytes;
+    return *this;
+}
+
 Board &Board::without(const std::string &path) {
     files_.erase(path);
     return *this;

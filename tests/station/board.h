@@ -31,6 +31,8 @@ class Board {
     Board &folder(const std::string &path);
     /// A folder that nobody can write to, root included.
     Board &read_only_folder(const std::string &path);
+    /// A folder on a disk of this size of its own; what is on it is seen in /proc/<pid>/root only.
+    Board &small_disk(const std::string &path, std::size_t bytes);
     /// Without this file.
     Board &without(const std::string &path);
 
@@ -47,6 +49,7 @@ class Board {
     [[nodiscard]] const std::map<std::string, std::string> &files() const { return files_; }
     [[nodiscard]] const std::set<std::string> &folders() const { return folders_; }
     [[nodiscard]] const std::set<std::string> &read_only_folders() const { return read_only_; }
+    [[nodiscard]] const std::map<std::string, std::size_t> &small_disks() const { return small_disks_; }
     /// Writes its devices and clock into the page.
     void fill(StationPage *page) const;
 
@@ -54,6 +57,7 @@ class Board {
     std::map<std::string, std::string> files_;
     std::set<std::string> folders_;
     std::set<std::string> read_only_;
+    std::map<std::string, std::size_t> small_disks_;
     std::map<std::string, Disk> disks_;
     StationMmc mmc_{};
     std::int64_t clock_;

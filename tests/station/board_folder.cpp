@@ -38,7 +38,7 @@ void write_file(const std::string &path, const std::string &content) {
 } // namespace
 
 BoardFolder::BoardFolder(const Board &board, std::string scratch)
-    : scratch_(std::move(scratch)), root_(scratch_ + "/board") {
+    : scratch_(std::move(scratch)), root_(scratch_ + "/board"), small_disks_(board.small_disks()) {
     for (const auto &[path, content] : board.files()) {
         faked_.push_back(path);
     }
@@ -158,6 +158,9 @@ Sandbox BoardFolder::sandbox(const std::vector<std::string> &programs) const {
     show_proc(&result.mounts);
     for (const std::string &path : read_only_) {
         result.mounts.push_back({.source = "", .target = root_ + path});
+    }
+    for (const auto &[path, bytes] : small_disks_) {
+        result.mounts.push_back({.source = "", .target = root_ + path, .memory = bytes});
     }
     return result;
 }

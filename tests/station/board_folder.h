@@ -6,6 +6,8 @@
 #include "board.h"
 #include "sandbox.h"
 
+#include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -40,4 +42,5 @@ class BoardFolder {
     std::string root_;
     std::vector<std::string> faked_; ///< all faked paths
     std::vector<std::string> read_only_;
+    std::map<std::string, std::size_t> small_disks_;
 };

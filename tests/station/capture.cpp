@@ -90,8 +90,11 @@ SyslogRecord parse_syslog(const std::string &datagram) {
     }
     const int code = std::atoi(datagram.c_str() + 1); // NOLINT(cert-err34-c): up to the '>'
     const std::string sender = datagram.substr(stamp + stamp_size, colon - stamp - stamp_size);
+    const std::size_t bracket = sender.find('[');
     return {.facility = LOG_FAC(code) << 3,
             .priority = LOG_PRI(code),
-            .identity = sender.substr(0, sender.find('[')),
+            .identity = sender.substr(0, bracket),
+            // NOLINTNEXTLINE(cert-err34-c): up to the ']'
+            .pid = bracket == std::string::npos ? 0 : std::atoi(sender.c_str() + bracket + 1),
             .text = datagram.substr(colon + 2)};
 }

@@ -6,6 +6,7 @@
 
 #include <map>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 /// A bound datagram socket that is read without waiting.
@@ -35,6 +36,7 @@ struct SyslogRecord {
     int facility;
     int priority;
     std::string identity;
+    pid_t pid; ///< 0 without one
     std::string text;
 };
 

@@ -38,7 +38,12 @@ void leave_namespaces() {
 
 void make(const Mount &mount_) {
     const char *target = mount_.target.c_str();
-    if (!mount_.source.empty()) {
+    if (mount_.memory != 0) {
+        const std::string size = "size=" + std::to_string(mount_.memory);
+        if (mount("tmpfs", target, "tmpfs", 0, size.c_str()) != 0) {
+            rig_failure_of("disk in memory " + mount_.target);
+        }
+    } else if (!mount_.source.empty()) {
         if (mount(mount_.source.c_str(), target, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
             rig_failure_of("mount " + mount_.target);
         }

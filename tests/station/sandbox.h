@@ -2,12 +2,14 @@
 
 // A mount namespace of the child's own, in which a folder is the root.
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 struct Mount {
-    std::string source; ///< empty: makes `target` read-only
-    std::string target; ///< as seen before the change of root
+    std::string source;     ///< empty: makes `target` read-only, or a disk in memory
+    std::string target;     ///< as seen before the change of root
+    std::size_t memory = 0; ///< the bytes of the disk in memory
 };
 
 struct Sandbox {

@@ -1,0 +1,237 @@
+// A full status log becomes generations, which together hold what was recorded.
+
+#include "bzip2_tool.h"
+#include "station_life.h"
+#include "status_log.h"
+
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t LIMIT = 10240; // -S 10
+
+/// What the files have to hold, from the records and their times alone.
+class Generations {
+  public:
+    Generations(std::string command_line, std::size_t count, const std::string &start)
+        : command_line_(std::move(command_line)), count_(count), current_(header_text(start, "START", command_line_)) {}
+
+    /// A file that has reached the limit with a record is packed at once; the next begins with its header.
+    void take(const std::string &record) {
+        current_ += record + "\n";
+        if (current_.size() >= LIMIT) {
+            packed_.push_front(current_);
+            packed_.resize(std::min(packed_.size(), count_));
+            const std::string stamp = record.substr(0, record.find('\t'));
+            current_ = header_text(stamp, "ROTATE", command_line_);
+            ++rotations_;
+        }
+    }
+    [[nodiscard]] const std::string &current() const { return current_; }
+    [[nodiscard]] const std::deque<std::string> &packed() const { return packed_; }
+    [[nodiscard]] std::size_t rotations() const { return rotations_; }
+
+  private:
+    std::string command_line_;
+    std::size_t count_;
+    std::string current_;
+    std::deque<std::string> packed_; ///< the newest first
+    std::size_t rotations_ = 0;
+};
+
+std::string generation_path(const Station &station, std::size_t number) {
+    return station.files().host_path(STATUS_LOG) + ".00" + std::to_string(number) + ".bz2";
+}
+
+std::string names_in(const std::string &folder) {
+    std::vector<std::string> names;
+    for (const auto &entry : fs::directory_iterator(folder)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return text_of(names);
+}
+
+std::string expected_names(std::size_t generations) {
+    std::string names = ".lock\nlogfile\n";
+    for (std::size_t number = 0; number < generations; ++number) {
+        names += "logfile.00" + std::to_string(number) + ".bz2\n";
+    }
+    return names;
+}
+
+struct Rotation : testing::Test {
+    Rotation() { station.environment = {"TZ=UTC0"}; }
+
+    /// Runs `beats` heartbeats, with the files foretold.
+    Generations run(const std::vector<std::string> &arguments, std::size_t count, int beats) {
+        std::string command_line = "vigmond";
+        for (const std::string &argument : arguments) {
+            command_line += " \"" + argument + "\"";
+        }
+        const std::string start = stamp_of(1709294407);
+        life.start(&station, arguments);
+        life.steps(&station, beats);
+        Generations foretold(command_line, count, start);
+        for (const std::string &record : life.records()) {
+            foretold.take(record);
+        }
+        return foretold;
+    }
+
+    Station station{even_board()};
+    StationLife life{even_checks()};
+};
+
+class RotationCount : public Rotation, public testing::WithParamInterface<std::size_t> {};
+
+} // namespace
+
+// Next to its header a file has room for some 240 records, the three to eighteen of each heartbeat.
+TEST_P(RotationCount, KeepsTheNewestGenerationsWhole) {
+    const std::size_t count = GetParam();
+    const Generations foretold = run({"-S", "10", "-C", std::to_string(count)}, count, 1000);
+    ASSERT_GT(foretold.rotations(), 6U);
+    ASSERT_EQ(foretold.packed().size(), std::min(count, foretold.rotations()));
+    EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(foretold.packed().size()));
+    for (std::size_t number = 0; number < foretold.packed().size(); ++number) {
+        EXPECT_EQ(bunzip2(generation_path(station, number)), foretold.packed()[number]) << number;
+    }
+    EXPECT_EQ(station.read(STATUS_LOG), foretold.current());
+    EXPECT_THAT(foretold.current(), HasSubstr("\tROTATE\t"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, RotationCount, testing::Values(0, 1, 3));
+
+// Some five files of which none falls away.
+TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
+    const Generations foretold = run({"-S", "10"}, 20, 300);
+    ASSERT_GT(foretold.rotations(), 2U);
+    ASSERT_LE(foretold.rotations(), 10U);
+    std::string all;
+    for (std::size_t number = foretold.packed().size(); number-- > 0;) {
+        all += bunzip2(generation_path(station, number));
+    }
+    EXPECT_EQ(records_in(all + station.read(STATUS_LOG)), life.records());
+    EXPECT_THAT(all, StartsWith("##\n##\t2024-03-01 12:00:07\tSTART\t"));
+}
+
+TEST_F(Rotation, LeavesGenerationsAboveAGapAlone) {
+    station.files().write(std::string(STATUS_LOG) + ".001.bz2", "of old\n");
+    const Generations foretold = run({"-S", "10", "-C", "3"}, 3, 80);
+    ASSERT_EQ(foretold.rotations(), 1U);
+    EXPECT_EQ(bunzip2(generation_path(station, 0)), foretold.packed()[0]);
+    EXPECT_EQ(station.read(std::string(STATUS_LOG) + ".001.bz2"), "of old\n");
+}
+
+TEST_F(Rotation, TakesAFileThatWasTooLargeAtTheStartWithItsFirstRecord) {
+    const std::string old(LIMIT, '#');
+    station.files().write(STATUS_LOG, old);
+    station.start({"-S", "10"});
+    const std::string command_line = "vigmond \"-S\" \"10\"";
+    EXPECT_EQ(bunzip2(generation_path(station, 0)), old + header_text("2024-03-01 12:00:07", "START", command_line) +
+                                                        "2024-03-01 12:00:07\tOK\tCB20\t0\t42\n");
+    EXPECT_THAT(station.read(STATUS_LOG), StartsWith(header_text("2024-03-01 12:00:07", "ROTATE", command_line) +
+                                                     "2024-03-01 12:00:07\tOK\tCB05\t0\t0\n"));
+}
+
+// The check of the size does not ask whether the record was written.
+TEST_F(Rotation, IsDueWithARecordThatTheLevelLeavesOut) {
+    const std::string old(LIMIT, '#');
+    station.files().write(STATUS_LOG, old);
+    station.start({"-S", "10", "-l", "fail"});
+    const std::string command_line = "vigmond \"-S\" \"10\" \"-l\" \"fail\"";
+    EXPECT_EQ(bunzip2(generation_path(station, 0)), old + header_text("2024-03-01 12:00:07", "START", command_line));
+    EXPECT_EQ(station.read(STATUS_LOG), header_text("2024-03-01 12:00:07", "ROTATE", command_line));
+}
+
+TEST_F(Rotation, CanBeDueWithTheLastMark) {
+    station.start({"-S", "10", "-l", "fail"});
+    const std::string before = station.read(STATUS_LOG);
+    const std::string ballast(LIMIT - 1 - before.size(), '#'); // a byte is left
+    std::ofstream(station.files().host_path(STATUS_LOG), std::ios::app) << ballast;
+    station.step(3);
+    ASSERT_FALSE(fs::exists(generation_path(station, 0)));
+    EXPECT_EQ(station.stop(), 1);
+    const std::string command_line = "vigmond \"-S\" \"10\" \"-l\" \"fail\"";
+    EXPECT_EQ(bunzip2(generation_path(station, 0)),
+              before + ballast + finished_text("2024-03-01 12:00:10", command_line));
+    EXPECT_EQ(station.read(STATUS_LOG), header_text("2024-03-01 12:00:10", "ROTATE", command_line));
+}
+
+// --- a full disk
+
+namespace {
+
+/// The log on a disk of 64 KiB, which only the daemon's own view of the files shows.
+struct SmallDisk : testing::Test {
+    SmallDisk() { station.environment = {"TZ=UTC0"}; }
+
+    [[nodiscard]] std::string seen(const std::string &path) const {
+        return "/proc/" + std::to_string(station.pid()) + "/root" + path;
+    }
+    /// Leaves no free page on the disk.
+    void fill() const {
+        std::ofstream ballast(seen("/var/lib/evse/vigmond/ballast"));
+        ballast << noise(1U << 20U) << std::flush;
+        ASSERT_FALSE(ballast) << "the disk is not full";
+    }
+    void make_room() const { fs::remove(seen("/var/lib/evse/vigmond/ballast")); }
+
+    Station station{even_board().small_disk(STATUS_FOLDER, 65536)};
+    StationLife life{even_checks()};
+};
+
+} // namespace
+
+TEST_F(SmallDisk, LosesWholeRecordsWhileItIsFullAndNoOthers) {
+    life.start(&station, {"-D"});
+    life.steps(&station, 5);
+    const std::string before = read_file(seen(STATUS_LOG));
+    ASSERT_EQ(before, header_text("2024-03-01 12:00:07", "START", "vigmond \"-D\"") + text_of(life.records()));
+    fill();
+    const std::size_t recorded = life.records().size();
+    life.steps(&station, 100);
+    const std::string full = read_file(seen(STATUS_LOG));
+    EXPECT_LT(full.size(), before.size() + 4096) << "what was left of its last page";
+    const std::string all =
+        text_of({life.records().begin() + static_cast<std::ptrdiff_t>(recorded), life.records().end()});
+    EXPECT_LT(full.size(), before.size() + all.size());
+    make_room();
+    life.step(&station);
+    EXPECT_EQ(read_file(seen(STATUS_LOG)), full + text_of(life.last_records()));
+    std::size_t at = 0;
+    for (const std::string &record : records_in(full.substr(before.size()))) {
+        at = all.find(record + "\n", at);
+        ASSERT_NE(at, std::string::npos) << record << " is torn or out of its order";
+        at += record.size();
+    }
+}
+
+// Neither the file nor half a generation stays; the pages of the file have room for the next header.
+TEST_F(SmallDisk, LosesTheFileThatItCannotPack) {
+    life.start(&station, {"-S", "10", "-C", "3"});
+    while (fs::file_size(seen(STATUS_LOG)) < LIMIT - 100) {
+        life.step(&station);
+    }
+    fill();
+    while (fs::exists(seen(STATUS_LOG)) && fs::file_size(seen(STATUS_LOG)) >= LIMIT - 100) {
+        life.step(&station);
+    }
+    EXPECT_FALSE(fs::exists(seen(std::string(STATUS_LOG) + ".000.bz2")));
+    EXPECT_THAT(read_file(seen(STATUS_LOG)), HasSubstr("\tROTATE\tvigmond \"-S\" \"10\" \"-C\" \"3\"\n"));
+    make_room();
+    life.step(&station);
+    EXPECT_THAT(read_file(seen(STATUS_LOG)), EndsWith("\n" + text_of(life.last_records())));
+    EXPECT_EQ(station.stop(), 1);
+}

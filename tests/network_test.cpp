@@ -137,15 +137,8 @@ TEST(NetworkDecideLan, FollowsWhatIsSet) {
         std::int32_t activation;
         std::int32_t available;
     };
-    constexpr std::array<Case, 9> cases{{{-1, -1, 0},
-                                         {0, -1, 0},
-                                         {1, -1, 1},
-                                         {-1, 0, 0},
-                                         {-1, 1, 1},
-                                         {0, 0, 0},
-                                         {0, 1, 0},
-                                         {1, 0, 0},
-                                         {1, 1, 1}}};
+    constexpr std::array<Case, 9> cases{
+        {{-1, -1, 0}, {0, -1, 0}, {1, -1, 1}, {-1, 0, 0}, {-1, 1, 1}, {0, 0, 0}, {0, 1, 0}, {1, 0, 0}, {1, 1, 1}}};
     for (const Case &row : cases) {
         EXPECT_EQ(network_decide_lan(row.managed, row.activation), row.available) << row.managed << row.activation;
     }
@@ -496,8 +489,8 @@ TEST(NetworkCheck, TracesItsStepsInOrder) {
             EXPECT_EQ(trace.text, " ");
             EXPECT_EQ(trace.code_file, "CODE_FILE=network.c");
         }
-        EXPECT_THAT(functions,
-                    ElementsAre(CHECK, "network_check", "network_check_lan", "network_check_wifi", "network_check_mobile"));
+        EXPECT_THAT(functions, ElementsAre(CHECK, "network_check", "network_check_lan", "network_check_wifi",
+                                           "network_check_mobile"));
         EXPECT_EQ(levels, "(2)(3)(3)(3)(3)");
     });
 }

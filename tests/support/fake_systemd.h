@@ -43,7 +43,9 @@ class FakeSystemd {
     void activate(const std::string &unit, const std::string &state = "active") {
         obey("set " + unit + " ActiveState s " + state);
     }
-    void change_time(const std::string &number) { obey(std::string("set ") + NETWORKD + " " + CHANGE_TIME + " t " + number); }
+    void change_time(const std::string &number) {
+        obey(std::string("set ") + NETWORKD + " " + CHANGE_TIME + " t " + number);
+    }
     /// "System.Error.EINTR" makes the asker's call fail with -4, and so on; -1 is for ever.
     void fail(const std::string &unit, const std::string &property, const std::string &error, int times = -1) {
         obey("error " + unit + " " + property + " " + error + " " + std::to_string(times));

@@ -126,10 +126,9 @@ std::string property_asked(DBusMessage *call) {
     const char *interface = "";
     const char *name = "";
     const bool is_unit = std::string(dbus_message_get_path(call)).starts_with("/org/freedesktop/systemd1/unit/");
-    const bool found =
-        dbus_message_is_method_call(call, DBUS_INTERFACE_PROPERTIES, "Get") != 0 &&
-        dbus_message_get_args(call, nullptr, DBUS_TYPE_STRING, static_cast<void *>(&interface), DBUS_TYPE_STRING,
-                              static_cast<void *>(&name), DBUS_TYPE_INVALID) != 0;
+    const bool found = dbus_message_is_method_call(call, DBUS_INTERFACE_PROPERTIES, "Get") != 0 &&
+                       dbus_message_get_args(call, nullptr, DBUS_TYPE_STRING, static_cast<void *>(&interface),
+                                             DBUS_TYPE_STRING, static_cast<void *>(&name), DBUS_TYPE_INVALID) != 0;
     return found && is_unit && std::string(interface) == UNIT_INTERFACE ? name : "";
 }
 

@@ -68,7 +68,6 @@ void tidy_connection() {
 } // namespace
 
 int system_bus_open() {
-    drop_dead_connection();
     if (connection.get()) {
         return 0;
     }

@@ -268,9 +268,9 @@ void end_in_handler(int /*signo*/) { _exit(ENDED_BY_HANDLER); }
 int status_of_ended_start(int signo, int nth) {
     return run_child([signo, nth] {
         const HangGuard guard;
-        Start rig;
-        signals_hold();
+        signals_hold(); // before the rig starts its threads, which would else take the signal
         signal(signo, end_in_handler);
+        Start rig;
         rig.systemd.fail("a_2eservice", LOAD_STATE, "System.Error.EHOSTUNREACH");
         rig.systemd.strike(getpid(), signo, nth);
         rig.init("a");

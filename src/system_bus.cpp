@@ -3,6 +3,7 @@
 #include "immortal.h"
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 
 namespace {
@@ -28,10 +29,45 @@ void drop_dead_connection() {
     }
 }
 
+/// Waits for the bus to admit a new connection; the library would wait 90 s. A negative errno when it
+/// does not, the connection then given up.
+int await_admission(sd_bus *bus) {
+    using namespace std::chrono;
+    const auto deadline = steady_clock::now() + microseconds(CALL_TIMEOUT_USEC);
+    while (sd_bus_is_ready(bus) == 0) {
+        const int processed = sd_bus_is_open(bus) > 0 ? sd_bus_process(bus, nullptr) : -ENOTCONN;
+        const auto left = duration_cast<microseconds>(deadline - steady_clock::now()).count();
+        if (processed < 0 || (processed == 0 && left <= 0)) {
+            connection.get().reset();
+            return processed < 0 ? processed : -ETIMEDOUT;
+        }
+        if (processed == 0) {
+            sd_bus_wait(bus, static_cast<std::uint64_t>(left));
+        }
+    }
+    return 0;
+}
+
+/// Ready to be asked, or a negative errno.
+int ready_connection() {
+    sd_bus *bus = connection.get().get();
+    return bus == nullptr ? -ENOTCONN : await_admission(bus);
+}
+
+/// Throws away what nobody waits for, such as an answer that came too late: the library keeps all of
+/// it, and fails every call when it holds too much.
+void tidy_connection() {
+    sd_bus *bus = connection.get().get();
+    int processed = 1;
+    while (processed > 0 && sd_bus_is_open(bus) > 0) {
+        processed = sd_bus_process(bus, nullptr);
+    }
+    drop_dead_connection();
+}
+
 } // namespace
 
 int system_bus_open() {
-    drop_dead_connection();
     if (connection.get()) {
         return 0;
     }
@@ -40,28 +76,29 @@ int system_bus_open() {
     if (result >= 0) {
         connection.get().reset(bus);
         sd_bus_set_method_call_timeout(bus, CALL_TIMEOUT_USEC);
+        sd_bus_set_exit_on_disconnect(bus, 0);
     }
     return result;
 }
 
 int system_bus_read_text(const char *path, const char *property, TextHandle *text, UnitError *error) {
-    if (!connection.get()) {
-        return -ENOTCONN;
+    if (const int ready = ready_connection(); ready < 0) {
+        return ready;
     }
     char *read = nullptr;
     const int result =
         sd_bus_get_property_string(connection.get().get(), DESTINATION, path, INTERFACE, property, error->get(), &read);
     text->reset(read);
-    drop_dead_connection();
+    tidy_connection();
     return result;
 }
 
 int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, UnitError *error) {
-    if (!connection.get()) {
-        return -ENOTCONN;
+    if (const int ready = ready_connection(); ready < 0) {
+        return ready;
     }
     const int result = sd_bus_get_property_trivial(connection.get().get(), DESTINATION, path, INTERFACE, property,
                                                    error->get(), 't', number);
-    drop_dead_connection();
+    tidy_connection();
     return result;
 }

@@ -1,0 +1,87 @@
+#include "network_station.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+
+namespace {
+
+constexpr const char *LAN_FILE = "/var/lib/evse/etc/systemd/network/eth0.network";
+constexpr const char *WIFI_FILE = "/var/lib/evse/portapi/wifi.conf";
+constexpr std::uint64_t SHORT_TIMEOUT = 100'000;
+
+constinit const ScratchFolder *station = nullptr;
+constinit NetworkCalls calls;
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+std::FILE *__real_fopen64(const char *path, const char *mode);
+int __real_open64(const char *path, int flags, ...);
+int __real_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout);
+
+std::FILE *__wrap_fopen64(const char *path, const char *mode) {
+    if (station == nullptr || std::strcmp(path, LAN_FILE) != 0) {
+        return __real_fopen64(path, mode);
+    }
+    ++calls.lan_opened;
+    calls.all_close_on_exec = calls.all_close_on_exec && std::strchr(mode, 'e') != nullptr;
+    return __real_fopen64((*station / "lan").c_str(), mode);
+}
+
+int __wrap_open64(const char *path, int flags, ...) {
+    if (station == nullptr || std::strcmp(path, WIFI_FILE) != 0) {
+        return __real_open64(path, flags, 0600);
+    }
+    ++calls.wifi_opened;
+    calls.all_close_on_exec = calls.all_close_on_exec && (flags & O_CLOEXEC) != 0;
+    return __real_open64((*station / "wifi").c_str(), flags);
+}
+
+/// Nobody has to wait for the whole of it.
+int __wrap_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout) {
+    calls.call_timeout = timeout;
+    return __real_sd_bus_set_method_call_timeout(bus, SHORT_TIMEOUT);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+void use_system_bus(const std::string &address) { setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1); }
+
+const NetworkCalls &network_calls() { return calls; }
+
+Station::Station() {
+    use_system_bus("unix:path=" + (folder / "nowhere"));
+    station = &folder;
+    calls = {};
+}
+
+Station::~Station() { station = nullptr; }
+
+void Station::remove(const std::string &name) const { std::filesystem::remove_all(folder / name); }
+
+bool Station::reads() const {
+    const NetworkCalls before = calls;
+    EXPECT_EQ(network_check_daemon(), 0);
+    const int opened = calls.lan_opened - before.lan_opened;
+    EXPECT_EQ(calls.wifi_opened - before.wifi_opened, opened) << "both or none";
+    EXPECT_LE(opened, 1);
+    return opened != 0;
+}
+
+std::int32_t Station::lan_after(const std::string &content) const {
+    lan(content);
+    EXPECT_TRUE(reads());
+    return lan_available;
+}
+
+std::int32_t Station::wifi_after(const std::string &content) const {
+    wifi(content);
+    EXPECT_TRUE(reads());
+    return wifi_available;
+}

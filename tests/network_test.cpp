@@ -1,0 +1,258 @@
+#include "network.h"
+
+#include "captured_traces.h"
+#include "in_child.h"
+#include "network_station.h"
+#include "parse_json.h"
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using testing::ElementsAre;
+
+// --- the LAN's decision
+
+TEST(NetworkDecideLan, FollowsWhatIsSet) {
+    struct Case {
+        std::int32_t managed;
+        std::int32_t activation;
+        std::int32_t available;
+    };
+    constexpr std::array<Case, 9> cases{
+        {{-1, -1, 0}, {0, -1, 0}, {1, -1, 1}, {-1, 0, 0}, {-1, 1, 1}, {0, 0, 0}, {0, 1, 0}, {1, 0, 0}, {1, 1, 1}}};
+    for (const Case &row : cases) {
+        EXPECT_EQ(network_decide_lan(row.managed, row.activation), row.available) << row.managed << row.activation;
+    }
+}
+
+/// What a daemon that has just started makes of a file.
+std::int32_t lan_of(const std::string &content) {
+    std::int32_t available = -1;
+    std::array<int, 2> result{};
+    EXPECT_EQ(pipe(result.data()), 0);
+    in_child([&] {
+        const Station rig;
+        const std::int32_t found = rig.lan_after(content);
+        EXPECT_EQ(write(result[1], &found, sizeof found), static_cast<ssize_t>(sizeof found));
+    });
+    EXPECT_EQ(read(result[0], &available, sizeof available), static_cast<ssize_t>(sizeof available));
+    close(result[0]);
+    close(result[1]);
+    return available;
+}
+
+TEST(NetworkLan, TakesTheKnownValuesInAnyCase) {
+    // With the other key at 1 the outcome is the value itself.
+    for (const char *value : {"true", "yes", "TRUE", "Yes"}) {
+        EXPECT_EQ(lan_of(std::string("[Link]\nActivationPolicy=up\nUnmanaged=") + value + "\n"), 0) << value;
+    }
+    for (const char *value : {"false", "no", "False", "NO"}) {
+        EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=") + value + "\n"), 1) << value;
+    }
+    for (const char *value : {"down", "always-down", "Down", "ALWAYS-DOWN"}) {
+        EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=no\nActivationPolicy=") + value + "\n"), 0) << value;
+    }
+    for (const char *value : {"up", "always-up", "manual", "bound", "UP", "Manual"}) {
+        EXPECT_EQ(lan_of(std::string("[Link]\nActivationPolicy=") + value + "\n"), 1) << value;
+    }
+}
+
+TEST(NetworkLan, LeavesThingsAsTheyAreAtAnUnknownValue) {
+    // The key before it says 1, so a value taken for "true" or "down" would show, ...
+    for (const char *value : {"1", "0", "on", "off", "", "yes!", "tru", "true1"}) {
+        EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=no\nUnmanaged=") + value + "\n"), 1) << value;
+        // ... and here one taken for "false".
+        EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=") + value + "\n"), 0) << value;
+    }
+    for (const char *value : {"1", "always", "upward", ""}) {
+        EXPECT_EQ(lan_of(std::string("[Link]\nActivationPolicy=up\nActivationPolicy=") + value + "\n"), 1) << value;
+        EXPECT_EQ(lan_of(std::string("[Link]\nActivationPolicy=") + value + "\n"), 0) << value;
+    }
+}
+
+TEST(NetworkLan, LooksAtItsSectionAndKeysInAnyCase) {
+    EXPECT_EQ(lan_of("[link]\nunmanaged=no\n"), 1);
+    EXPECT_EQ(lan_of("[LINK]\nACTIVATIONPOLICY=up\n"), 1);
+    EXPECT_EQ(lan_of("[Network]\nUnmanaged=no\n"), 0);
+    EXPECT_EQ(lan_of("[Links]\nUnmanaged=no\n"), 0);
+    EXPECT_EQ(lan_of("Unmanaged=no\n"), 0);
+    EXPECT_EQ(lan_of("[Link]\nManaged=no\nActivation=up\n"), 0);
+    EXPECT_EQ(lan_of("[Network]\nUnmanaged=yes\n[Link]\nUnmanaged=no\n[Match]\nUnmanaged=yes\n"), 1);
+}
+
+TEST(NetworkLan, IsInUseWhenTheFileSaysNothingUsable) {
+    in_child([] {
+        const Station rig;
+        EXPECT_TRUE(rig.reads()) << "no file";
+        EXPECT_EQ(lan_available, 1);
+        EXPECT_EQ(rig.lan_after(""), 0) << "a file without the keys is another thing";
+        EXPECT_EQ(rig.lan_after("[Link\n"), 1);
+        EXPECT_EQ(rig.lan_after("[Match]\nName=eth0\n"), 0);
+        EXPECT_EQ(rig.lan_after("no separator\n"), 1);
+        // What stands in front of the error counts from then on, not in this pass.
+        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=yes\nbroken\n"), 1);
+        EXPECT_EQ(rig.lan_after("[Link]\nActivationPolicy=up\n"), 0);
+        // One byte more than a line may have: the second piece has no separator.
+        EXPECT_EQ(rig.lan_after("a=" + std::string(4094, 'x') + "\n"), 1);
+        EXPECT_EQ(rig.lan_after("a=" + std::string(4093, 'x') + "\n"), 0);
+    });
+}
+
+TEST(NetworkLan, KeepsTheValueOfAKeyThatDisappears) {
+    in_child([] {
+        const Station rig;
+        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=no\n"), 1);
+        EXPECT_EQ(rig.lan_after("[Link]\n"), 1);
+        EXPECT_EQ(rig.lan_after("[Link]\nActivationPolicy=down\n"), 0);
+        EXPECT_EQ(rig.lan_after("[Link]\n"), 0);
+        EXPECT_EQ(rig.lan_after("[Link]\nActivationPolicy=bound\n"), 1);
+        EXPECT_EQ(rig.lan_after(""), 1);
+        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=yes\n"), 0);
+        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=perhaps\n"), 0);
+        rig.remove("lan");
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+        EXPECT_EQ(rig.lan_after(""), 0);
+    });
+}
+
+TEST(NetworkLanHandler, TracesThePairAndAlwaysGoesOn) {
+    in_child([] {
+        const CapturedTraces traces;
+        EXPECT_EQ(network_lan_handler("Other", "Unmanaged", "no"), 1);
+        EXPECT_EQ(network_lan_handler("Link", "Unmanaged", "never"), 1);
+        EXPECT_EQ(network_lan_handler("Link", "Unmanaged", "yes"), 1);
+        EXPECT_EQ(network_lan_handler("Link", "Other", ""), 1);
+        EXPECT_THAT(traces.texts_of("network_lan_handler"),
+                    ElementsAre("section: Other -- name: Unmanaged -- value: no",
+                                "section: Link -- name: Unmanaged -- value: never",
+                                "section: Link -- name: Unmanaged -- value: yes",
+                                "section: Link -- name: Other -- value: "));
+        EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
+        EXPECT_EQ(traces.all().front().code_file, "CODE_FILE=network.c");
+    });
+}
+
+// --- the WiFi's decision
+
+constexpr JsonToken OBJECT_AT_0{.type = JSON_OBJECT, .start = 0, .end = 1, .size = 1, .parent = -1};
+
+JsonToken token_at(std::int32_t start) {
+    return {.type = JSON_STRING, .start = start, .end = start + 1, .size = 0, .parent = 0};
+}
+
+TEST(NetworkDecideWifi, IsInUseWithoutAnObject) {
+    const std::array<JsonToken, 2> tokens{OBJECT_AT_0, token_at(1)};
+    for (const std::int32_t count : {0, -1, -2, -3}) {
+        EXPECT_EQ(network_decide_wifi("{", tokens.data(), count), 1) << count;
+    }
+    const std::array<JsonToken, 1> text{token_at(1)};
+    EXPECT_EQ(network_decide_wifi("\"enabled\"", text.data(), 1), 1);
+    EXPECT_EQ(network_decide_wifi("{}", tokens.data(), 1), 0) << "an object and nothing else";
+}
+
+TEST(NetworkDecideWifi, ComparesToTheEndOfTheTextNotOfTheToken) {
+    // The value's text ends where the buffer's does, as the key's has to: the offsets are swapped.
+    const std::string text("{true\0enabled", 13);
+    const std::array<JsonToken, 3> swapped{OBJECT_AT_0, token_at(6), token_at(1)};
+    EXPECT_EQ(network_decide_wifi(text.data(), swapped.data(), 3), 1);
+    EXPECT_EQ(network_decide_wifi("{TRUE\0EnAbLeD", swapped.data(), 3), 1) << "in any case";
+    EXPECT_EQ(network_decide_wifi("{true \0nabled", swapped.data(), 3), 0);
+    EXPECT_EQ(network_decide_wifi("{trua\0enabled", swapped.data(), 3), 0);
+    EXPECT_EQ(network_decide_wifi("{true\0enabled\"", swapped.data(), 3), 0) << "a quote follows the key";
+    EXPECT_EQ(network_decide_wifi("{true\"enabled", swapped.data(), 3), 0) << "something follows the value";
+}
+
+TEST(NetworkDecideWifi, StopsAtTheFirstEqualToken) {
+    const std::string text("{true\0enabled", 13);
+    // The key, then what is not "true", then the key and "true".
+    const std::array<JsonToken, 5> tokens{OBJECT_AT_0, token_at(6), token_at(2), token_at(6), token_at(1)};
+    EXPECT_EQ(network_decide_wifi(text.data(), tokens.data(), 5), 0);
+}
+
+TEST(NetworkDecideWifi, LooksAtNoTokenBehindTheLast) {
+    const std::string text("{true\0enabled", 13);
+    const std::array<JsonToken, 3> tokens{OBJECT_AT_0, token_at(6), token_at(1)};
+    EXPECT_EQ(network_decide_wifi(text.data(), tokens.data(), 2), 0);
+    const std::array<JsonToken, 2> first{token_at(6), token_at(1)};
+    JsonToken object = first[0];
+    object.type = JSON_OBJECT; // the object's own text is no key
+    const std::array<JsonToken, 2> own{object, token_at(1)};
+    EXPECT_EQ(network_decide_wifi(text.data(), own.data(), 2), 0);
+}
+
+TEST(NetworkWifi, FollowsTheFile) {
+    in_child([] {
+        const Station rig;
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(wifi_available, 0) << "no file";
+        EXPECT_EQ(rig.wifi_after(""), 1);
+        EXPECT_EQ(rig.wifi_after("{\"enabled\": true}"), 0) << "the quote behind the key is compared too";
+        EXPECT_EQ(rig.wifi_after("{\"enabled\": \"true\"}"), 0);
+        EXPECT_EQ(rig.wifi_after("[\"enabled\"]"), 1);
+        EXPECT_EQ(rig.wifi_after("{}"), 0);
+        EXPECT_EQ(rig.wifi_after("plain text"), 1);
+        EXPECT_EQ(rig.wifi_after("{\"ssid\": \"x\"}"), 0);
+        EXPECT_EQ(rig.wifi_after("{\"ssid\": \"x"), 1) << "cut";
+        EXPECT_EQ(rig.wifi_after("true "), 1) << "no object";
+        rig.remove("wifi");
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(wifi_available, 0);
+    });
+}
+
+TEST(NetworkWifi, IsInUseWithADirectoryInTheFilesPlace) {
+    in_child([] {
+        const Station rig;
+        EXPECT_EQ(rig.wifi_after("{}"), 0);
+        rig.remove("wifi");
+        std::filesystem::create_directory(rig.folder / "wifi");
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(wifi_available, 1);
+    });
+}
+
+TEST(NetworkWifi, IsInUseBeyond32Tokens) {
+    in_child([] {
+        const Station rig;
+        std::string pairs = "{\"a\":1"; // an object and two tokens a pair: 15 pairs are 31 tokens
+        for (int pair = 1; pair < 15; ++pair) {
+            pairs += ",\"a\":1";
+        }
+        EXPECT_EQ(rig.wifi_after(pairs + ",\"a\"}"), 0) << "32";
+        EXPECT_EQ(rig.wifi_after(pairs + ",\"a\":1}"), 1) << "33";
+    });
+}
+
+TEST(NetworkWifi, ReadsAtMost2048Bytes) {
+    in_child([] {
+        const Station rig;
+        const std::string object = "{\"a\":1}";
+        EXPECT_EQ(rig.wifi_after(std::string(2048 - object.size(), ' ') + object), 0) << "2048";
+        EXPECT_EQ(rig.wifi_after(std::string(2049 - object.size(), ' ') + object), 1) << "2049: the brace is cut off";
+        EXPECT_EQ(rig.wifi_after(object + std::string(4000, '}')), 1);
+        EXPECT_EQ(rig.wifi_after(object + std::string(2041, ' ') + "}"), 0) << "nothing behind is seen";
+    });
+}
+
+TEST(NetworkWifi, LeavesTheEndOfALongerFileStanding) {
+    in_child([] {
+        const Station rig;
+        // A key's text only ends where the buffer's does, so with a quote behind it in the file the byte
+        // behind that has to be the end, and is compared: never equal, whatever an earlier file left.
+        EXPECT_EQ(rig.wifi_after(std::string(64, 'x')), 1);
+        EXPECT_EQ(rig.wifi_after("{\"a\":1}"), 0) << "the x behind it are not parsed";
+        EXPECT_EQ(rig.wifi_after("{\"enabled\":true}"), 0);
+        // A zero byte ends the text: what stands behind it is neither parsed nor compared.
+        EXPECT_EQ(rig.wifi_after(std::string("{\"a\":1}\0[", 9)), 0);
+        EXPECT_EQ(rig.wifi_after(std::string("\0{}", 3)), 1);
+    });
+}
+
+} // namespace

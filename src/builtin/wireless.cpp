@@ -43,6 +43,10 @@ constinit DListNode wireless_list{.next = nullptr, .prev = nullptr, .id = 0, .da
 
 } // namespace
 
+Reading wireless_round(double level) {
+    return Reading::of_number(level >= 0 ? level + 0.5 : level - 0.5); // half away from zero
+}
+
 bool wireless_parse_line(char *line, const char *device, int token, double *number) {
     constexpr int max_tokens = 8;
     constexpr int needed = 5;
@@ -53,10 +57,6 @@ bool wireless_parse_line(char *line, const char *device, int token, double *numb
     char *end = nullptr;
     *number = std::strtod(tokens[token], &end);
     return end != tokens[token] && Reading::of_number(*number).error == 0;
-}
-
-Reading wireless_round(double level) {
-    return Reading::of_number(level >= 0 ? level + 0.5 : level - 0.5); // half away from zero
 }
 
 int wp_cmp(const void *left, const void *right) {
@@ -127,6 +127,7 @@ Reading wireless_state(const Record *record) {
     }
     Line line{};
     if (!file || std::fgets(line.data(), static_cast<int>(line.size()), file.get()) == nullptr) {
+        trace(TRACE_TRACE, "%s FAILED!", "CB02");
         return Reading::failed(EINVAL);
     }
     return operstate_parse(line.data());
@@ -146,27 +147,35 @@ bool search_number(std::FILE *file, const char *device, int token, double *numbe
 Reading wireless_quality(const Record *record) {
     trace(TRACE_TRACE, "%s %s", record->file, record->dev);
     const FileHandle file(std::fopen(record->file, "re"));
-    if (!file) {
-        return Reading::failed_with_errno(errno);
-    }
+    const int open_error = errno;
     double quality = 0;
-    return search_number(file.get(), record->dev, TOKEN_QUALITY, &quality) ? Reading::of_number(quality)
-                                                                           : Reading::failed(EINVAL);
+    Reading reading = Reading::failed(EINVAL);
+    if (!file) {
+        reading = Reading::failed_with_errno(open_error);
+    } else if (search_number(file.get(), record->dev, TOKEN_QUALITY, &quality)) {
+        reading = Reading::of_number(quality);
+    }
+    if (reading.error != 0) {
+        trace(TRACE_TRACE, "%s FAILED!", "CB04");
+    }
+    return reading;
 }
 
 /// Unlike the quality, any failure to open is EINVAL.
 Reading wireless_strength(const Record *record) {
     trace(TRACE_TRACE, "%s %s", record->file, record->dev);
     const FileHandle file(std::fopen(record->file, "re"));
-    if (!file) {
-        return Reading::failed_with_errno(errno == 0 ? 0 : EINVAL);
+    if (!file && errno == 0) {
+        return Reading::of(0);
     }
     double level = 0;
-    if (!search_number(file.get(), record->dev, TOKEN_LEVEL, &level)) {
-        return Reading::failed(EINVAL);
+    const bool found = file && search_number(file.get(), record->dev, TOKEN_LEVEL, &level);
+    const Reading reading = found ? wireless_round(level) : Reading::failed(EINVAL);
+    if (reading.error != 0) {
+        trace(TRACE_TRACE, "%s FAILED!", "CB09");
+    } else {
+        trace(TRACE_TRACE, "value: %d (%f), level: %f", reading.value, level >= 0 ? level + 0.5 : level - 0.5, level);
     }
-    const Reading reading = wireless_round(level);
-    trace(TRACE_TRACE, "value: %d (%f), level: %f", reading.value, level >= 0 ? level + 0.5 : level - 0.5, level);
     return reading;
 }
 
@@ -180,16 +189,8 @@ Reading wireless_read(const Record *record) {
     case ID_LINK:
         return wireless_state(record);
     default:
+        trace_at(TRACE_TRACE, TRACE_FILE, "wireless_exec", __LINE__, "%s(%d) FAILED!", "default", record->id);
         return Reading::failed(EINVAL);
-    }
-}
-
-void trace_failure(const Task *task) {
-    constexpr const char *exec = "wireless_exec";
-    if (is_wireless_id(task->id)) {
-        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "CB%02d FAILED!", task->id);
-    } else {
-        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "%s(%d) FAILED!", "default", task->id);
     }
 }
 
@@ -260,7 +261,6 @@ int wireless_exec(Task *task) {
     task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
     const Reading reading = wireless_read(record);
     if (reading.error != 0) {
-        trace_failure(task);
         return probe_fail(task, reading.error);
     }
     trace(TRACE_TRACE, "%s: %d", task->parameter, reading.value);

@@ -54,9 +54,10 @@ bool wireless_parse_line(char *line, const char *device, int token, double *numb
     if (strsplit(line, tokens.data(), max_tokens) < needed || !names_interface(tokens[0], device)) {
         return false;
     }
+    const char *word = tokens[static_cast<std::size_t>(token)];
     char *end = nullptr;
-    *number = std::strtod(tokens[token], &end);
-    return end != tokens[token] && Reading::of_number(*number).error == 0;
+    *number = std::strtod(word, &end);
+    return end != word && Reading::of_number(*number).error == 0;
 }
 
 int wp_cmp(const void *left, const void *right) {

@@ -2,6 +2,7 @@
 # that script/setup extracts; binaries of the build run under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # notes on what changed before our compiler
 set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)

@@ -7,6 +7,7 @@
 #include "trace.h"
 
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -139,7 +140,7 @@ int load_logger(Task *task) {
 int load_cleanup(Task *task) {
     const pid_t pid = task->child_pid;
     trace(TRACE_TRACE, "pid: %d", pid);
-    if (pid > 1 && kill(-pid, SIGTERM) != 0) {
+    if (pid > 1 && kill(-pid, SIGTERM) != 0 && errno == ESRCH) {
         kill(pid, SIGTERM); // too young to have its group
     }
     task->child_pid = 0;

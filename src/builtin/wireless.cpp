@@ -10,7 +10,6 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -44,6 +43,10 @@ constinit DListNode wireless_list{.next = nullptr, .prev = nullptr, .id = 0, .da
 
 } // namespace
 
+Reading wireless_round(double level) {
+    return Reading::of_number(level >= 0 ? level + 0.5 : level - 0.5); // half away from zero
+}
+
 bool wireless_parse_line(char *line, const char *device, int token, double *number) {
     constexpr int max_tokens = 8;
     constexpr int needed = 5;
@@ -51,14 +54,10 @@ bool wireless_parse_line(char *line, const char *device, int token, double *numb
     if (strsplit(line, tokens.data(), max_tokens) < needed || !names_interface(tokens[0], device)) {
         return false;
     }
-    const char *text = tokens[static_cast<std::size_t>(token)];
+    const char *word = tokens[static_cast<std::size_t>(token)];
     char *end = nullptr;
-    *number = std::strtod(text, &end);
-    return end != text && Reading::of_number(*number).error == 0;
-}
-
-Reading wireless_round(double level) {
-    return Reading::of_number(level >= 0 ? level + 0.5 : level - 0.5); // half away from zero
+    *number = std::strtod(word, &end);
+    return end != word && Reading::of_number(*number).error == 0;
 }
 
 int wp_cmp(const void *left, const void *right) {
@@ -129,6 +128,7 @@ Reading wireless_state(const Record *record) {
     }
     Line line{};
     if (!file || std::fgets(line.data(), static_cast<int>(line.size()), file.get()) == nullptr) {
+        trace(TRACE_TRACE, "%s FAILED!", "CB02");
         return Reading::failed(EINVAL);
     }
     return operstate_parse(line.data());
@@ -148,27 +148,35 @@ bool search_number(std::FILE *file, const char *device, int token, double *numbe
 Reading wireless_quality(const Record *record) {
     trace(TRACE_TRACE, "%s %s", record->file, record->dev);
     const FileHandle file(std::fopen(record->file, "re"));
-    if (!file) {
-        return Reading::failed_with_errno(errno);
-    }
+    const int open_error = errno;
     double quality = 0;
-    return search_number(file.get(), record->dev, TOKEN_QUALITY, &quality) ? Reading::of_number(quality)
-                                                                           : Reading::failed(EINVAL);
+    Reading reading = Reading::failed(EINVAL);
+    if (!file) {
+        reading = Reading::failed_with_errno(open_error);
+    } else if (search_number(file.get(), record->dev, TOKEN_QUALITY, &quality)) {
+        reading = Reading::of_number(quality);
+    }
+    if (reading.error != 0) {
+        trace(TRACE_TRACE, "%s FAILED!", "CB04");
+    }
+    return reading;
 }
 
 /// Unlike the quality, any failure to open is EINVAL.
 Reading wireless_strength(const Record *record) {
     trace(TRACE_TRACE, "%s %s", record->file, record->dev);
     const FileHandle file(std::fopen(record->file, "re"));
-    if (!file) {
-        return Reading::failed_with_errno(errno == 0 ? 0 : EINVAL);
+    if (!file && errno == 0) {
+        return Reading::of(0);
     }
     double level = 0;
-    if (!search_number(file.get(), record->dev, TOKEN_LEVEL, &level)) {
-        return Reading::failed(EINVAL);
+    const bool found = file && search_number(file.get(), record->dev, TOKEN_LEVEL, &level);
+    const Reading reading = found ? wireless_round(level) : Reading::failed(EINVAL);
+    if (reading.error != 0) {
+        trace(TRACE_TRACE, "%s FAILED!", "CB09");
+    } else {
+        trace(TRACE_TRACE, "value: %d (%f), level: %f", reading.value, level >= 0 ? level + 0.5 : level - 0.5, level);
     }
-    const Reading reading = wireless_round(level);
-    trace(TRACE_TRACE, "value: %d (%f), level: %f", reading.value, level >= 0 ? level + 0.5 : level - 0.5, level);
     return reading;
 }
 
@@ -182,16 +190,8 @@ Reading wireless_read(const Record *record) {
     case ID_LINK:
         return wireless_state(record);
     default:
+        trace_at(TRACE_TRACE, TRACE_FILE, "wireless_exec", __LINE__, "%s(%d) FAILED!", "default", record->id);
         return Reading::failed(EINVAL);
-    }
-}
-
-void trace_failure(const Task *task) {
-    constexpr const char *exec = "wireless_exec";
-    if (is_wireless_id(task->id)) {
-        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "CB%02d FAILED!", task->id);
-    } else {
-        trace_at(TRACE_TRACE, TRACE_FILE, exec, __LINE__, "%s(%d) FAILED!", "default", task->id);
     }
 }
 
@@ -262,7 +262,6 @@ int wireless_exec(Task *task) {
     task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
     const Reading reading = wireless_read(record);
     if (reading.error != 0) {
-        trace_failure(task);
         return probe_fail(task, reading.error);
     }
     trace(TRACE_TRACE, "%s: %d", task->parameter, reading.value);

@@ -1,0 +1,74 @@
+// Stands in for the load logger: writes how it was started to the file "report" in the folder that the
+// argument behind "-d" names. Where that folder has a pipe "alive", it then opens it and lives until it
+// is killed.
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::string folder_of(const std::vector<std::string> &arguments) {
+    for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
+        if (arguments[i] == "-d") {
+            return arguments[i + 1];
+        }
+    }
+    return ".";
+}
+
+std::vector<std::string> open_descriptors() {
+    std::vector<std::string> found;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const auto target = std::filesystem::read_symlink(entry.path(), error);
+        if (!error && !target.string().ends_with("/fd")) { // the one that lists them
+            found.push_back(entry.path().filename());
+        }
+    }
+    return found;
+}
+
+void write_report(std::ostream &report, const std::vector<std::string> &arguments) {
+    for (const std::string &argument : arguments) {
+        report << "argument " << argument << '\n';
+    }
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        report << "environment " << *entry << '\n';
+    }
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("SigBlk:") || line.starts_with("SigIgn:")) {
+            report << line << '\n';
+        }
+    }
+    report << "leads its group " << (getpgrp() == getpid()) << '\n';
+    report << "leads its session " << (getsid(0) == getpid()) << '\n';
+}
+
+} // namespace
+
+int main(int count, char **values) {
+    const std::vector<std::string> descriptors = open_descriptors(); // before the report is one
+    const std::vector<std::string> arguments(values, values + count);
+    const std::string folder = folder_of(arguments);
+    {
+        std::ofstream report(folder + "/report");
+        write_report(report, arguments);
+        for (const std::string &descriptor : descriptors) {
+            report << "descriptor " << descriptor << '\n';
+        }
+    }
+    const std::string pipe = folder + "/alive";
+    if (access(pipe.c_str(), F_OK) == 0) {
+        const std::ofstream alive(pipe);
+        while (true) {
+            pause();
+        }
+    }
+    return 0;
+}

@@ -32,8 +32,10 @@ std::vector<std::string> with_script(std::vector<std::string> options) {
 
 class Run : public testing::Test {
   protected:
-    /// What the script leaves behind becomes a child of the test's.
-    Run() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+    Run() {
+        prctl(PR_SET_CHILD_SUBREAPER, 1); // what the script leaves behind becomes a child of the test's
+        std::signal(SIGINT, SIG_DFL);     // a shell cannot take what was ignored when it started
+    }
 
     void start(const std::vector<std::string> &options, const std::string &variable = "LC_ALL=C") {
         script.emplace(with_script(options), std::vector<std::string>{std::string("VIGMOND_BUILD=") + BUILD_FOLDER,

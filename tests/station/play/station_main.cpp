@@ -75,7 +75,7 @@ class Play {
   private:
     void add_disks();
     void add_services();
-    void add(std::string file, std::string content, std::function<void(const std::string &)> apply);
+    void add(const std::string &file, std::string content, std::function<void(const std::string &)> apply);
     void tell_systemd(const std::string &command) const { std::ofstream(systemd_) << command + "\n"; }
     void apply_controls();
     void work();
@@ -116,7 +116,7 @@ Play::~Play() {
     fs::remove(link_, ignored);
 }
 
-void Play::add(std::string file, std::string content, std::function<void(const std::string &)> apply) {
+void Play::add(const std::string &file, std::string content, std::function<void(const std::string &)> apply) {
     const std::string path = station_.files().scratch() + "/controls/" + file;
     std::error_code ignored;
     fs::create_directories(fs::path(path).parent_path(), ignored);

@@ -15,17 +15,22 @@
 class PrivateBus {
   public:
     PrivateBus();
+    /// With its socket in `folder`.
+    explicit PrivateBus(std::string folder);
     /// Starts it again on the same address after `stop`; returns when it is ready.
     void start();
     /// Ends it the hard way.
     void stop();
+    /// Ends it and leaves nothing of it behind, as if it had never been there.
+    void remove();
     [[nodiscard]] pid_t pid() const { return daemon_->pid(); }
-    [[nodiscard]] std::string address() const { return "unix:path=" + (folder_ / "bus"); }
+    [[nodiscard]] std::string address() const { return "unix:path=" + folder_ + "/bus"; }
     /// As "NAME=value", for a program that is to take it for the system bus.
     [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=" + address(); }
 
   private:
-    ScratchFolder folder_;
+    ScratchFolder own_folder_;
+    std::string folder_;
     std::optional<ChildProcess> daemon_;
 };
 
@@ -40,9 +45,9 @@ class BusClient {
     [[nodiscard]] DBusConnection *connection() const { return connection_.get(); }
     /// Sends a call without waiting; its serial.
     dbus_uint32_t send(const BusMessage &call) const; // NOLINT(modernize-use-nodiscard)
-    /// Sends a call and waits up to a minute; the reply or the error, none if nothing came.
+    /// Sends a call and waits up to half a minute; the reply or the error, none if nothing came.
     BusMessage call(const BusMessage &call);
-    /// Waits up to a minute for the next message that is `wanted`; the others stay for later calls.
+    /// Waits up to half a minute for the next message that is `wanted`; the others stay for later calls.
     BusMessage wait_for(const std::function<bool(DBusMessage *)> &wanted);
     BusMessage wait_for_signal(const std::string &member);
     /// Asks the bus for all signals that match `rule`.

@@ -59,7 +59,7 @@ timeval time_of_day() {
     return now;
 }
 
-/// From the microseconds alone: readers of the trace know that it never says a second or more.
+/// From the microseconds alone, deliberately: it never says a second or more.
 long elapsed_microseconds(const timeval &start, const timeval &end) {
     const auto elapsed = static_cast<long>(end.tv_usec - start.tv_usec);
     return elapsed > 0 ? elapsed : elapsed + 1000000;

@@ -101,7 +101,7 @@ void *d_bus_srv_main(void * /*none*/) {
     if (failure != nullptr) {
         trace(TRACE_DEBUG, "%s", failure);
         if (error.is_set()) {
-            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // log filters know the empty line
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
         }
         bus_link_set(BusLink::ended, nullptr);
         return &listener_status;

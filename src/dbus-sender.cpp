@@ -87,7 +87,7 @@ void *d_bus_srv_msg_sender(void * /*none*/) {
     if (!sender.connection) {
         trace(TRACE_DEBUG, "dbus_bus_get() failed");
         if (error.is_set()) {
-            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // log filters know the empty line
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
         }
         sender_status = -1;
         return &sender_status;

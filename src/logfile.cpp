@@ -21,7 +21,7 @@ constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
     {2, 1, "FAIL"},
     {3, 2, "WARN"},
     {4, 1, "FAIL"},
-    {-1, 2, "INV"}, // deliberately never found: readers of the log take "WARN" "NaN" for an invalid value
+    {-1, 2, "INV"}, // deliberately never found
 }};
 
 namespace {

@@ -41,8 +41,7 @@ constexpr std::array<LevelName, 4> severity_levels{{
     {"OK", SEVERITY_OK},
 }};
 
-/// The usage text says "fail" for severity 3 though only "failed" is accepted; integrators' scripts
-/// compare the text.
+/// The usage text says "fail" for severity 3 though only "failed" is accepted; deliberate.
 const char *usage_severity_name(std::int32_t level) {
     return level == SEVERITY_FAILED ? "fail" : gdata_severitylevel_name(level);
 }

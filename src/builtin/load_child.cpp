@@ -29,7 +29,7 @@ struct Command {
     std::array<const char *, ARGUMENTS + 1> arguments;
 };
 
-// The load logger finds its own helpers here; the home directory is where technicians leave theirs.
+// All that the load logger gets of an environment; the home directory at the end is kept.
 constexpr std::array<const char *, 2> environment{"PATH=/usr/bin:/usr/sbin:/home/tovik/bin", nullptr};
 
 /// The directory of the status log file, "." when it has none; null when memory is out.

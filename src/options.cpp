@@ -19,7 +19,7 @@
 namespace {
 
 constexpr std::int32_t KIB = 1024;
-constexpr const char *VERSION = "Revision: 0.14.0 -- GIT-ID: " REVISION_GIT_ID;
+constexpr const char *VERSION = "Revision: " REVISION_VERSION " -- GIT-ID: " REVISION_GIT_ID;
 
 constinit int usage_count = 0;
 

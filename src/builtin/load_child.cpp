@@ -80,9 +80,7 @@ bool build_command(const Task *task, Command *command) {
     const int count = strsplit(command->parameter.get(), command->tokens.data(), MAX_TOKENS);
     if (count > 0) {
         command->arguments[0] = base_name(command->tokens[0]);
-        const char *program = command->tokens[0];
-        take_options(command, count);                     // permutes the tokens, the first stays
-        command->tokens[0] = const_cast<char *>(program); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+        take_options(command, count); // permutes the tokens, the first stays
     }
     return true;
 }

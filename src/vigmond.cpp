@@ -11,10 +11,13 @@
 #include "timer.h"
 #include "trace.h"
 
+#include <csignal>
+
 namespace {
 
 /// Everything between the options and the loop; false when the daemon cannot run.
 bool start_up() {
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
     if (!is_single_proc()) {
         cleanup();
         trace_at(TRACE_IMPORTANT, TRACE_FILE, "main", __LINE__, "vigmond is already running --> terminating");

@@ -96,7 +96,7 @@ void trace_execve(const Command &command) {
 /// Gives the program the signals as the daemon itself was given them: until then every one is held,
 /// so that no handler of the daemon runs in the child.
 void restore_signals() {
-    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE}) {
+    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
         std::signal(signo, SIG_DFL);
     }
     sigset_t mask = signals_original_mask();

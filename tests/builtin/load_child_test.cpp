@@ -362,13 +362,13 @@ TEST_F(LoadChildTest, GetsTheSignalsAsTheDaemonWasStartedWith) {
         for (const int signo : {SIGALRM, SIGUSR1, SIGTERM, SIGQUIT}) {
             std::signal(signo, ignore_handler);
         }
-        for (const int signo : {SIGHUP, SIGINT, SIGPIPE}) {
+        for (const int signo : {SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
             std::signal(signo, SIG_IGN);
         }
         Task task = load_task();
         run_to_its_end(&task);
         EXPECT_EQ(reported_mask("SigBlk:"), bit_of(SIGUSR2)); // neither those of the children and the heartbeat
-        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE}) {
+        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
             EXPECT_EQ(reported_mask("SigIgn:") & bit_of(signo), 0U) << signo;
         }
     });

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -178,6 +179,26 @@ TEST_F(StatusLog, LosesNothingToAKillAfterTheHeartbeat) {
 }
 
 // --- links
+
+namespace {
+
+void limit_file_size(const Station &station, rlim_t bytes) {
+    const rlimit limit{.rlim_cur = bytes, .rlim_max = RLIM_INFINITY};
+    EXPECT_EQ(prlimit(station.pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+}
+
+} // namespace
+
+TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
+    life.start(&station, {"-D"});
+    const std::string before = log_of(station);
+    limit_file_size(station, before.size() + 20); // half of a record
+    life.step(&station);
+    EXPECT_EQ(log_of(station), before);
+    limit_file_size(station, RLIM_INFINITY);
+    life.step(&station);
+    EXPECT_EQ(log_of(station), before + text_of(life.last_records()));
+}
 
 TEST(StatusLogLinks, AreRecordedWhileTheyAreInUse) {
     const std::string network = "/var/lib/evse/etc/systemd/network/eth0.network";

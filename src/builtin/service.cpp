@@ -190,8 +190,9 @@ std::uint8_t service_ask_running(const char *name) {
         return STOPPED;
     }
     TextHandle state;
-    int result = -EINTR;
+    int result = ask("service_read", path.data(), "ActiveState", &state);
     while (result == -EINTR) {
+        signals_safe_point();
         result = ask("service_read", path.data(), "ActiveState", &state);
     }
     if (result < 0) {

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <utility>
@@ -95,6 +96,7 @@ using testing::UnorderedElementsAreArray;
 using Texts = std::vector<std::string>;
 
 constexpr pid_t NOBODY = 0x7ffffff0; // above the kernel's largest pid
+constexpr uid_t NOBODYS_UID = 65534;
 
 /// Holds each child right after the fork, until released.
 class HeldChildren {
@@ -296,8 +298,7 @@ TEST_F(LoadChildTest, TheDirectoryIsTheCurrentOneForALogFileWithoutAFolder) {
 TEST_F(LoadChildTest, TheDirectoryIsTheRootForALogFileInIt) {
     in_child([&] {
         const std::string traces = folder.write("traces", "");
-        EXPECT_STREQ(gdata_set_logfile("/vigmond_test_log"), "/vigmond_test_log");
-        unlink("/vigmond_test_log");
+        gdata_record().logfile = "/log"; // the setter would make the file
         trace_mode = TRACE_TRACE;
         const RedirectedDescriptor errors(STDERR_FILENO, traces, O_WRONLY | O_APPEND);
         Task task = load_task();
@@ -618,6 +619,29 @@ TEST_F(LoadChildTest, AFailedForkIsTracedAndTriedAgainAtTheNextLine) {
         task.do_log = 1;
         run_to_its_end(&task);
         EXPECT_EQ(forking.count, 2);
+    });
+}
+
+TEST_F(LoadChildTest, AUserWithTooManyProcessesGetsNoChild) {
+    in_child([&] {
+        if (geteuid() == 0) { // whom no limit holds
+            EXPECT_EQ(setresuid(NOBODYS_UID, NOBODYS_UID, NOBODYS_UID), 0);
+        }
+        rlimit limit{};
+        getrlimit(RLIMIT_NPROC, &limit);
+        const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
+        Task task = load_task();
+        task.parameter = "/missing/program";
+        {
+            const CapturedTraces traces;
+            EXPECT_EQ(load_logger(&task), -1);
+            EXPECT_EQ(traces.texts_of("load_logger").back(), "fork failed: Resource temporarily unavailable");
+        }
+        EXPECT_EQ(task.child_pid, 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &limit), 0);
+        task.do_log = 1;
+        run_to_its_end(&task, 1);
     });
 }
 

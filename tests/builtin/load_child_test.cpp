@@ -187,9 +187,15 @@ class LoadChildTest : public testing::Test {
         return lines.empty() ? 0 : std::stoull(lines[0], nullptr, 16);
     }
 
-    /// Lets children of this folder live on; waits until one has written its report.
-    void make_alive_pipe() const { EXPECT_EQ(mkfifo((folder / "alive").c_str(), 0600), 0); }
-    void await_alive() const { EXPECT_GE(Descriptor(open((folder / "alive").c_str(), O_RDONLY | O_CLOEXEC)).get(), 0); }
+    /// Starts a child of `task` that lives on; its process id.
+    pid_t start_living(Task *task) const {
+        set_logfile();
+        const std::string pipe = folder / "alive";
+        EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+        EXPECT_EQ(load_logger(task), 0);
+        EXPECT_GE(Descriptor(open(pipe.c_str(), O_RDONLY | O_CLOEXEC)).get(), 0); // when it has reported
+        return task->child_pid;
+    }
 
     /// Starts the child of `task` and waits for its end.
     static void run_to_its_end(Task *task, int status = 0) {
@@ -382,13 +388,13 @@ TEST_F(LoadChildTest, IsNotSearchedForOnThePath) {
         Task task = load_task();
         task.parameter = "true"; // is on every PATH
         run_to_its_end(&task, 1);
-        std::filesystem::create_symlink(CHILD_REPORT, folder / "logger");
+        std::filesystem::create_symlink(CHILD_REPORT, folder / "report_child");
         load_init(&task);
         task.child_pid = 0;
         task.do_log = 1;
-        task.parameter = "logger";
+        task.parameter = "report_child";
         run_to_its_end(&task);
-        EXPECT_EQ(reported("argument").at(0), "logger");
+        EXPECT_EQ(reported("argument").at(0), "report_child");
     });
 }
 
@@ -580,12 +586,8 @@ TEST_F(LoadChildTest, StartsOneChildForBothTasksUntilOneIsMarkedForRestart) {
 TEST_F(LoadChildTest, AReturnToGoodDoesNotStopTheChild) {
     in_child([&] {
         const HangGuard guard;
-        set_logfile();
-        make_alive_pipe();
         Task task = load_task();
-        load_logger(&task);
-        await_alive();
-        const pid_t child = task.child_pid;
+        const pid_t child = start_living(&task);
         task.state = 0;
         task.do_log = 1;
         EXPECT_EQ(load_logger(&task), 0);
@@ -696,12 +698,8 @@ TEST_F(LoadChildTest, EndsAChildThatCannotBeRegisteredAndForgetsItsPid) {
 TEST_F(LoadChildTest, CleanupEndsTheWholeGroup) {
     in_child([&] {
         const HangGuard guard;
-        set_logfile();
-        make_alive_pipe();
         Task task = load_task();
-        load_logger(&task);
-        await_alive();
-        const pid_t child = task.child_pid;
+        const pid_t child = start_living(&task);
         const CapturedTraces traces;
         EXPECT_EQ(load_cleanup(&task), 0);
         EXPECT_EQ(task.child_pid, 0);

@@ -280,6 +280,20 @@ TEST(ServiceExec, RecoversFromABusThatDies) {
     });
 }
 
+TEST(ServiceExec, AsksOverANewConnectionAtOnceWhenTheBusIsBack) {
+    in_child([] {
+        Services rig;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        rig.systemd.activate("a_2eservice");
+        rig.systemd.strike(rig.bus.pid(), SIGKILL, 1);
+        EXPECT_EQ(run(task), 1);
+        rig.bus.stop();
+        rig.bus.start();
+        rig.systemd.connect();
+        EXPECT_EQ(run(task), 0);
+    });
+}
+
 TEST(ServiceExec, KeepsNothingFromRunToRun) {
     in_child([] {
         Services rig;

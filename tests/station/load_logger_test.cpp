@@ -3,6 +3,7 @@
 
 #include "fake_systemd.h"
 #include "process_state.h"
+#include "seed.h"
 #include "station.h"
 #include "station_life.h"
 #include "status_log.h"
@@ -10,11 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdlib>
 #include <gmock/gmock.h>
-#include <iostream>
 #include <poll.h>
-#include <random>
 #include <set>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -292,15 +290,21 @@ TEST(LoadLogger, ThatIsMissingIsTriedAgainAndNothingIsWrittenTwice) {
     EXPECT_EQ(station.out().find("FINISHED"), station.out().rfind("FINISHED"));
 }
 
-TEST(LoadLoggers, OfBothChecksThatEndTogetherAreReapedInOneGo) {
-    LoadedStation station;
-    LivingLoggers living(station);
+/// Starts the daemon and a load logger for either check.
+std::vector<pid_t> start_two(LoadedStation &station, LivingLoggers &living) {
     station.start();
     station.measure(80, 5);  // the warning alone
     station.signal(SIGUSR1); // allows another one
     station.measure(95, 5);
     const std::vector<pid_t> pids = living.await(2);
     EXPECT_EQ(station.load_loggers(), pids);
+    return pids;
+}
+
+TEST(LoadLoggers, OfBothChecksThatEndTogetherAreReapedInOneGo) {
+    LoadedStation station;
+    LivingLoggers living(station);
+    const std::vector<pid_t> pids = start_two(station, living);
     const HeldFile held(station, TEMPERATURE_FILE);
     station.forget();
     station.begin_to_measure(95);
@@ -323,11 +327,7 @@ TEST(LoadLoggers, OfBothChecksAreEndedWithTheDaemon) {
     const Subreaper orphans;
     LoadedStation station;
     LivingLoggers living(station);
-    station.start();
-    station.measure(80, 5);
-    station.signal(SIGUSR1);
-    station.measure(95, 5);
-    const std::vector<pid_t> pids = living.await(2);
+    const std::vector<pid_t> pids = start_two(station, living);
     EXPECT_EQ(station.stop(), 1);
     for (const pid_t pid : pids) {
         EXPECT_EQ(signal_that_ended(pid), SIGTERM);
@@ -365,14 +365,6 @@ TEST(LoadLogger, ThatIgnoresTheTerminationHoldsNothingUp) {
 }
 
 namespace {
-
-unsigned seed_of_the_day() {
-    const char *given = std::getenv("STATION_SEED");
-    const unsigned seed =
-        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
-    std::cout << "STATION_SEED=" << seed << '\n';
-    return seed;
-}
 
 /// The traces, the child's included, from the registration of the load logger on.
 std::size_t traces_since_fork(LoadedStation &station) {

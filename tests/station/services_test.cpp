@@ -239,15 +239,19 @@ TEST_P(RefusedStart, EndsByATermination) {
 
 INSTANTIATE_TEST_SUITE_P(Errors, RefusedStart, testing::Values(interrupted, unreachable, timed_out, unconnected));
 
-TEST(InterruptedForEver, HoldsThePassUntilItIsAnswered) {
-    StationWithBus rig;
+/// Starts the daemon and awaits many questions of its second pass, each of which is interrupted.
+void interrupt_for_ever(StationWithBus &rig) {
     rig.station.start();
-    rig.station.forget();
     rig.systemd.fail(NGINX, ACTIVE_STATE, interrupted.error);
     rig.station.advance(10);
     rig.station.send(SIGALRM);
     rig.station.await("a hundred questions",
                       [&] { return rig.station.trace().messages_with(interrupted.error).size() > 100; });
+}
+
+TEST(InterruptedForEver, HoldsThePassUntilItIsAnswered) {
+    StationWithBus rig;
+    interrupt_for_ever(rig);
     const unsigned before = rig.station.waits();
     rig.systemd.activate(NGINX);
     rig.station.await_wait_after(before);
@@ -256,12 +260,7 @@ TEST(InterruptedForEver, HoldsThePassUntilItIsAnswered) {
 
 TEST(InterruptedForEver, EndsByATermination) {
     StationWithBus rig;
-    rig.station.start();
-    rig.station.forget();
-    rig.systemd.fail(NGINX, ACTIVE_STATE, interrupted.error);
-    rig.station.advance(10);
-    rig.station.send(SIGALRM);
-    rig.station.await("a question", [&] { return !rig.station.trace().messages_with(interrupted.error).empty(); });
+    interrupt_for_ever(rig);
     EXPECT_EQ(rig.station.stop(), 1);
     EXPECT_THAT(rig.station.read(STATUS_LOG), EndsWith("\tFINISHED\tvigmond \"-D\"\n##\n"));
 }

@@ -1,16 +1,14 @@
 // How the daemon takes its signals, and that it always ends when it is told to.
 
 #include "passes.h"
+#include "seed.h"
 #include "station.h"
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iostream>
-#include <random>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -69,12 +67,15 @@ void live_until(Station &station, std::size_t count, unsigned passes) {
     });
 }
 
-unsigned seed_of_the_day() {
-    const char *given = std::getenv("STATION_SEED");
-    const unsigned seed =
-        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
-    std::cout << "STATION_SEED=" << seed << '\n';
-    return seed;
+/// Starts the daemon and holds its second pass, whose traces alone are kept, in its first task.
+HeldFile hold_second_pass(Station &station) {
+    station.start();
+    HeldFile held(station, TEMPERATURE_FILE);
+    station.forget();
+    station.advance(3);
+    station.send(SIGALRM);
+    station.await_trace("temperature_exec");
+    return held;
 }
 
 } // namespace
@@ -101,12 +102,7 @@ TEST_P(Termination, InTheWaitCleansUpAndEndsWithStatus1) {
 // The probe at work is the longest that a termination waits for.
 TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
     Station station;
-    station.start();
-    const HeldFile held(station, TEMPERATURE_FILE);
-    station.forget();
-    station.advance(3);
-    station.send(SIGALRM);
-    station.await_trace("temperature_exec");
+    const HeldFile held = hold_second_pass(station);
     station.send(GetParam());
     held.release("42000\n");
     EXPECT_EQ(station.await_exit(), 1);
@@ -171,11 +167,7 @@ TEST(Handlers, AreInstalledForAllSevenSignals) {
 
 TEST(Pass, HoldsAllSevenSignals) {
     Station station;
-    station.start();
-    const HeldFile held(station, TEMPERATURE_FILE);
-    station.advance(3);
-    station.send(SIGALRM);
-    station.await_trace("temperature_exec");
+    const HeldFile held = hold_second_pass(station);
     for (const int signo : handled) {
         EXPECT_TRUE(has_signal(mask_of(station.pid(), "SigBlk"), signo)) << signo;
     }
@@ -186,12 +178,7 @@ TEST(Pass, HoldsAllSevenSignals) {
 
 TEST(Pass, TakesASignalBeforeItsNextTask) {
     Station station;
-    station.start();
-    const HeldFile held(station, TEMPERATURE_FILE);
-    station.forget();
-    station.advance(3);
-    station.send(SIGALRM);
-    station.await_trace("temperature_exec");
+    const HeldFile held = hold_second_pass(station);
     station.send(SIGUSR1);
     const unsigned before = station.waits();
     held.release("42000\n");

@@ -192,9 +192,11 @@ void limit_file_size(const Station &station, rlim_t bytes) {
 TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
     life.start(&station, {"-D"});
     const std::string before = log_of(station);
-    limit_file_size(station, before.size() + 20); // half of a record
-    life.step(&station);
-    EXPECT_EQ(log_of(station), before);
+    for (const rlim_t room : {20, 0}) { // of half a record, and of none, for which a signal would end others
+        limit_file_size(station, before.size() + room);
+        life.step(&station);
+        EXPECT_EQ(log_of(station), before) << room;
+    }
     limit_file_size(station, RLIM_INFINITY);
     life.step(&station);
     EXPECT_EQ(log_of(station), before + text_of(life.last_records()));

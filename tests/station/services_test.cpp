@@ -76,7 +76,10 @@ struct StationWithBus {
     FakeSystemd systemd{bus};
 };
 
-Texts repeated(const std::string &text, int count) { return Texts(static_cast<std::size_t>(count), text); }
+Texts repeated(const std::string &text, int count) {
+    Texts texts(static_cast<std::size_t>(count), text);
+    return texts;
+}
 
 Texts joined(Texts first, const Texts &second) {
     first.insert(first.end(), second.begin(), second.end());

@@ -192,7 +192,7 @@ void limit_file_size(const Station &station, rlim_t bytes) {
 TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
     life.start(&station, {"-D"});
     const std::string before = log_of(station);
-    for (const rlim_t room : {20, 0}) { // of half a record, and of none, for which a signal would end others
+    for (const rlim_t room : {rlim_t{20}, rlim_t{0}}) { // at its end a signal would end others
         limit_file_size(station, before.size() + room);
         life.step(&station);
         EXPECT_EQ(log_of(station), before) << room;

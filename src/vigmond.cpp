@@ -17,7 +17,6 @@ namespace {
 
 /// Everything between the options and the loop; false when the daemon cannot run.
 bool start_up() {
-    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
     if (!is_single_proc()) {
         cleanup();
         trace_at(TRACE_IMPORTANT, TRACE_FILE, "main", __LINE__, "vigmond is already running --> terminating");
@@ -34,6 +33,7 @@ bool start_up() {
 } // namespace
 
 int main(int argc, char *argv[]) {
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
     trace(TRACE_INFO, " ");
     gdata_set_tasks(builtin_tasks());
     const Options options = eat_arguments(argc, argv);

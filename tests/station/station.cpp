@@ -34,7 +34,12 @@ Station::~Station() {
 }
 
 Launch Station::launch_of(const std::vector<std::string> &arguments) const {
-    return {.program = program, .argv0 = argv0, .arguments = arguments, .environment = environment, .umask = umask};
+    return {.program = program,
+            .argv0 = argv0,
+            .arguments = arguments,
+            .environment = environment,
+            .umask = umask,
+            .file_size = file_size};
 }
 
 Sandbox Station::sandbox() const { return folder_.sandbox({program, STATION_PRELOAD}); }

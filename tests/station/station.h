@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <sys/resource.h>
 #include <vector>
 
 /// What a program that ran to its end has left.
@@ -38,6 +39,7 @@ class Station {
     std::string argv0 = "vigmond";
     std::vector<std::string> environment; ///< "NAME=value"
     mode_t umask = 022;
+    rlim_t file_size = RLIM_INFINITY; ///< no file of theirs grows beyond it
 
     /// Starts the daemon and awaits the end of its first pass.
     void start(const std::vector<std::string> &arguments = {"-D"});

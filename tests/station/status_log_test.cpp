@@ -202,6 +202,14 @@ TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
     EXPECT_EQ(log_of(station), before + text_of(life.last_records()));
 }
 
+TEST_F(StatusLog, StaysEmptyWhereNoFileMayGrow) {
+    station.file_size = 0;
+    station.start();
+    station.heartbeats(2);
+    EXPECT_EQ(log_of(station), "");
+    EXPECT_EQ(station.stop(), 1);
+}
+
 TEST(StatusLogLinks, AreRecordedWhileTheyAreInUse) {
     const std::string network = "/var/lib/evse/etc/systemd/network/eth0.network";
     Station station(even_board().file(network, "[Link]\nUnmanaged=yes\n"));

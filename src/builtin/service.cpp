@@ -176,6 +176,7 @@ bool service_consider(const char *name, std::int32_t index) {
 bool service_consider_all(char *names, std::int32_t index) {
     bool all_added = true;
     while (names != nullptr) {
+        signals_safe_point();
         const char *name = strsep(&names, " ");
         all_added = service_consider(name, index) && all_added;
     }

@@ -264,26 +264,32 @@ constexpr int ENDED_BY_HANDLER = 77;
 
 void end_in_handler(int /*signo*/) { _exit(ENDED_BY_HANDLER); }
 
-/// The status of a start that a signal ends at its n-th question, every one of which fails.
-int status_of_ended_start(int signo, int nth) {
-    return run_child([signo, nth] {
+/// A start that gets a signal at its n-th question, and that the signal's handler has to end.
+void expect_end_of_start(const char *parameter, int signo, int nth) {
+    const int status = run_child([parameter, signo, nth] {
         const HangGuard guard;
         signals_hold(); // before the rig starts its threads, which would else take the signal
         signal(signo, end_in_handler);
         Start rig;
         rig.systemd.fail("a_2eservice", LOAD_STATE, "System.Error.EHOSTUNREACH");
         rig.systemd.strike(getpid(), signo, nth);
-        rig.init("a");
+        rig.init(parameter);
     });
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), ENDED_BY_HANDLER) << parameter << ": " << signo << " at " << nth;
 }
 
 TEST(ServiceInit, TakesASignalBetweenItsQuestions) {
     for (const int nth : {1, 2, 4, 5}) {
         for (const int signo : {SIGTERM, SIGHUP}) {
-            const int status = status_of_ended_start(signo, nth);
-            EXPECT_TRUE(WIFEXITED(status));
-            EXPECT_EQ(WEXITSTATUS(status), ENDED_BY_HANDLER) << signo << " at " << nth;
+            expect_end_of_start("a", signo, nth);
         }
+    }
+}
+
+TEST(ServiceInit, TakesASignalBetweenItsUnits) {
+    for (const int nth : {1, 2}) {
+        expect_end_of_start("b c d", SIGTERM, nth);
     }
 }
 

@@ -264,19 +264,29 @@ constexpr int ENDED_BY_HANDLER = 77;
 
 void end_in_handler(int /*signo*/) { _exit(ENDED_BY_HANDLER); }
 
-/// A start that gets a signal at its n-th question, and that the signal's handler has to end.
+/// A start that gets a signal at its n-th question, and that the signal's handler has to end. It is a
+/// process of its own, so that the rig around it ends as it should.
 void expect_end_of_start(const char *parameter, int signo, int nth) {
-    const int status = run_child([parameter, signo, nth] {
+    in_child([parameter, signo, nth] {
         const HangGuard guard;
-        signals_hold(); // before the rig starts its threads, which would else take the signal
-        signal(signo, end_in_handler);
         Start rig;
         rig.systemd.fail("a_2eservice", LOAD_STATE, "System.Error.EHOSTUNREACH");
-        rig.systemd.strike(getpid(), signo, nth);
-        rig.init(parameter);
+        const pid_t probe = fork();
+        if (probe == 0) {
+            signals_hold();
+            signal(signo, end_in_handler);
+            raise(SIGSTOP);
+            rig.init(parameter);
+            _exit(CHILD_DONE);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(probe, &status, WUNTRACED), probe);
+        rig.systemd.strike(probe, signo, nth);
+        kill(probe, SIGCONT);
+        EXPECT_EQ(waitpid(probe, &status, 0), probe);
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), ENDED_BY_HANDLER) << parameter << ": " << signo << " at " << nth;
     });
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), ENDED_BY_HANDLER) << parameter << ": " << signo << " at " << nth;
 }
 
 TEST(ServiceInit, TakesASignalBetweenItsQuestions) {

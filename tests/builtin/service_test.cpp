@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <gmock/gmock.h>
-#include <ranges>
 #include <string>
 #include <systemd/sd-bus.h>
 #include <vector>
@@ -360,7 +359,8 @@ TEST(ServiceLogger, NamesTheStoppedUnits) {
 Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
     std::string parameter;
     std::vector<std::string> units;
-    for (const std::string &name : std::views::reverse(names)) {
+    const std::vector<std::string> in_order_of_watch(names.rbegin(), names.rend());
+    for (const std::string &name : in_order_of_watch) {
         parameter += (parameter.empty() ? "" : " ") + name;
         units.push_back(name + "_2eservice");
     }

@@ -1,0 +1,39 @@
+#pragma once
+
+// What a script finds to put on the board: mostly at the limits of the checks and where hysteresis moves
+// them, now and then missing, empty or no sense at all.
+
+#include "board_state.h"
+#include "random.h"
+
+namespace model {
+
+/// A board on which all is well and all paths are in use.
+std::vector<Input> healthy_board();
+
+Input any_temperature(Random *random);
+Input any_memory(Random *random);
+Input any_emmc(Random *random);
+Input any_disk(Random *random, const std::string &path);
+Input any_bluetooth(Random *random);
+Input any_link(Random *random, const char *path);
+Input any_cpu(Random *random, std::int64_t *counters);
+/// A line of /proc/net/dev; empty for an interface that is not there.
+std::string any_traffic(Random *random, const std::string &interface);
+std::string any_quality(Random *random);
+std::string any_strength(Random *random);
+/// /proc/net/wireless with these two.
+Input wireless_file(Random *random, const std::string &quality, const std::string &strength);
+Input traffic_file(const std::string &lan, const std::string &wifi);
+Input any_lan_configuration(Random *random);
+Input any_wifi_configuration(Random *random);
+std::vector<Input> any_networkd(Random *random, std::int64_t *time);
+Input any_load_state(Random *random, const std::string &unit);
+Input any_active_state(Random *random, const std::string &unit);
+
+/// The disks' mount points.
+std::vector<std::string> mount_points();
+/// The watched units.
+std::vector<std::string> units();
+
+} // namespace model

@@ -1,0 +1,67 @@
+#pragma once
+
+// The model's daemon: told of the time and the board, it foretells what the real one shows.
+
+#include "analyzer.h"
+#include "cpu_load.h"
+#include "log_file.h"
+#include "paths.h"
+#include "registry.h"
+#include "units.h"
+
+namespace model {
+
+/// What a pass shows, beside its records.
+struct Shown {
+    std::vector<std::string> sentences;
+    std::vector<std::string> signals;
+    std::vector<std::string> started; ///< load loggers, as called
+};
+
+class Daemon {
+  public:
+    /// Is started; `old_log` is what it finds of a status log.
+    Daemon(const Settings &settings, std::vector<Check> checks, BoardState *board, const std::string &old_log,
+           std::int64_t now);
+
+    /// The first one includes what the start shows.
+    Shown pass(std::int64_t now);
+    /// The signal that asks for a new beginning.
+    void begin_anew();
+    void end_load_logger(const std::string &issue) { loggers_.end(issue); }
+    void finish(std::int64_t now) { log_.finish(now); }
+    void lose_generation(int number) { log_.lose_generation(number); }
+
+    [[nodiscard]] const LogFile &log() const { return log_; }
+    [[nodiscard]] const Registry &registry() const { return registry_; }
+    [[nodiscard]] const LoadLoggers &loggers() const { return loggers_; }
+    /// How the check of this issue ("CB20[0]") stands, for a report.
+    [[nodiscard]] std::string standing(const std::string &issue) const;
+
+  private:
+    struct Course {
+        Check check;
+        Judgement judgement;
+        std::optional<std::int32_t> value;
+        std::int64_t next_run = 0;
+    };
+
+    void run(Course *course, std::int64_t now);
+    [[nodiscard]] bool is_in_use(const Check &check) const;
+    Reading read(const Check &check);
+    Reading read_wireless(const Check &check) const;
+    void tell(const Course &course, std::int64_t now);
+
+    Settings settings_;
+    BoardState *board_;
+    std::vector<Course> courses_;
+    Registry registry_;
+    LogFile log_;
+    Paths paths_;
+    Units units_;
+    CpuLoad load_;
+    LoadLoggers loggers_;
+    Shown shown_;
+};
+
+} // namespace model

@@ -126,6 +126,14 @@ const File &BoardState::file(const std::string &path) const {
     return found == files.end() ? missing : found->second;
 }
 
+BoardState board_after(const std::vector<Input> &inputs) {
+    BoardState board;
+    for (const Input &input : inputs) {
+        board.take(input);
+    }
+    return board;
+}
+
 bool ask(Property *property, std::string *value, std::string *error) {
     if (property->errors_left == 0) {
         *value = property->value;

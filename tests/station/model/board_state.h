@@ -78,9 +78,13 @@ struct BoardState {
     Property networkd{.value = "0"};
     bool has_bus = true;
 
+    /// What is not done to the board is passed over.
     void take(const Input &input);
     [[nodiscard]] const File &file(const std::string &path) const;
 };
+
+/// The board that these leave.
+BoardState board_after(const std::vector<Input> &inputs);
 
 /// The next answer to a question for the property: its value, or the error with its name in `error`.
 bool ask(Property *property, std::string *value, std::string *error);

@@ -237,12 +237,13 @@ Input any_link(Random *random, const char *path) {
     }
 }
 
-// `counters` are user, system and idle.
-Input any_cpu(Random *random, std::int64_t *counters) {
-    const std::int64_t total = random->of<std::int64_t>({0, 1, 50, 98, 99, 100, 101, 199, 1000, 18000, 72000, 18000});
-    const std::int64_t idle_percent = 100 - near_limits(random, {75, 90}, 5, 20);
-    const std::int64_t half = random->between(-1, 1);
-    const std::int64_t idle = std::max<std::int64_t>(0, total * idle_percent / 100 + half);
+std::int64_t any_load(Random *random) { return near_limits(random, {75, 90}, 5, 20); }
+
+Input any_cpu(Random *random, std::int64_t load, std::int64_t *counters) {
+    const std::int64_t total =
+        random->of<std::int64_t>({0, 50, 99, 100, 101, 199, 1000, 18000, 72000, 18000, 18000, 18000});
+    const std::int64_t hair = random->once_in(3) ? random->between(-1, 1) : 0;
+    const std::int64_t idle = std::max<std::int64_t>(0, total * (100 - load) / 100 + hair);
     const std::int64_t user = (total - idle) * random->below(4) / 3;
     const std::array<std::int64_t, 3> steps{user, total - idle - user, idle};
     for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -444,6 +445,29 @@ std::vector<Input> any_networkd(Random *random, std::int64_t *time) {
     default:
         *time += random->below(3);
         return {{.kind = Kind::networkd_time, .target = "networkd", .text = text(*time)}};
+    }
+}
+
+void garble(Random *random, Input *input) {
+    const std::vector<char> bytes{'\0', '\n', '\r', '\t', '\v', ' ', ':', '=', ';',    '"',   '{',
+                                  '}',  '-',  '.',  '0',  '9',  'e', 'x', 'U', '\x7f', '\xff'};
+    std::string &text = input->text;
+    for (std::int64_t changes = random->between(1, 4); changes > 0 && !text.empty(); --changes) {
+        const auto at = static_cast<std::size_t>(random->below(static_cast<std::int64_t>(text.size())));
+        switch (random->below(4)) {
+        case 0:
+            text.erase(at, 1);
+            break;
+        case 1:
+            text.insert(at, text, at, 3);
+            break;
+        case 2:
+            text.resize(at);
+            break;
+        default:
+            text[at] = random->of(bytes);
+            break;
+        }
     }
 }
 

@@ -17,7 +17,10 @@ Input any_emmc(Random *random);
 Input any_disk(Random *random, const std::string &path);
 Input any_bluetooth(Random *random);
 Input any_link(Random *random, const char *path);
-Input any_cpu(Random *random, std::int64_t *counters);
+/// In percent.
+std::int64_t any_load(Random *random);
+/// The counters, user, system and idle, after some time at that load.
+Input any_cpu(Random *random, std::int64_t load, std::int64_t *counters);
 /// A line of /proc/net/dev; empty for an interface that is not there.
 std::string any_traffic(Random *random, const std::string &interface);
 std::string any_quality(Random *random);
@@ -30,6 +33,9 @@ Input any_wifi_configuration(Random *random);
 std::vector<Input> any_networkd(Random *random, std::int64_t *time);
 Input any_load_state(Random *random, const std::string &unit);
 Input any_active_state(Random *random, const std::string &unit);
+
+/// A file's content with a few bytes in it lost, doubled or replaced.
+void garble(Random *random, Input *input);
 
 /// The disks' mount points.
 std::vector<std::string> mount_points();

@@ -23,29 +23,68 @@ std::string text_of(const Judgement &judgement) {
 
 } // namespace
 
-Daemon::Daemon(const Settings &settings, std::vector<Check> checks, BoardState *board, const std::string &old_log,
+Daemon::Daemon(const Settings &settings, const std::vector<Check> &checks, BoardState board, const std::string &old_log,
                std::int64_t now)
-    : settings_(settings), board_(board), registry_(now), log_(settings, checks, old_log, now) {
-    for (Check &check : checks) {
+    : settings_(settings), board_(std::move(board)), registry_(now), log_(settings, checks, old_log, now) {
+    for (const Check &check : checks) {
+        courses_.push_back({.check = check, .judgement = {}, .value = std::nullopt});
         if (check.probe == Probe::service) {
-            for (const std::string &unit : units_.watch(*check.parameter, board_)) {
+            for (const std::string &unit : units_.watch(*check.parameter, &board_)) {
                 add(&shown_.sentences, sentence_of_missing_unit(unit, settings_.severity));
             }
         }
-        courses_.push_back({.check = std::move(check), .judgement = {}, .value = std::nullopt});
     }
-    load_.note_counters(board_->file(CPU_FILE));
+    load_.note_counters(board_.file(CPU_FILE));
+}
+
+bool Daemon::can_take(const Input &input) const {
+    switch (input.kind) {
+    case Input::Kind::child_ends:
+        return loggers_.runs(input.target);
+    case Input::Kind::generation_lost:
+        return log_.generations().contains(std::stoi(input.target));
+    case Input::Kind::ask_listing:
+    case Input::Kind::ask_availability:
+        return board_.has_bus;
+    default:
+        return true;
+    }
+}
+
+void Daemon::take(const Input &input) {
+    switch (input.kind) {
+    case Input::Kind::sigusr1:
+        begin_anew();
+        break;
+    case Input::Kind::child_ends:
+        loggers_.end(input.target);
+        break;
+    case Input::Kind::generation_lost:
+        log_.lose_generation(std::stoi(input.target));
+        break;
+    default:
+        board_.take(input);
+        break;
+    }
+}
+
+void Daemon::believe(const std::vector<Check> &checks) {
+    for (std::size_t i = 0; i < courses_.size(); ++i) {
+        courses_[i].check = checks[i];
+    }
 }
 
 Shown Daemon::pass(std::int64_t now) {
-    paths_.look(board_);
+    paths_.look(&board_);
     for (Course &course : courses_) {
         if (course.next_run <= now) {
             run(&course, now);
             course.next_run = course.check.interval * (now / course.check.interval) + course.check.interval;
         }
     }
-    shown_.signals = registry_.signals(now);
+    if (board_.has_bus) {
+        shown_.signals = registry_.signals(now);
+    }
     return std::exchange(shown_, {});
 }
 
@@ -87,29 +126,29 @@ bool Daemon::is_in_use(const Check &check) const {
 
 Reading Daemon::read(const Check &check) {
     const std::string parameter = check.parameter.value_or("");
-    const File &file = board_->file(parameter);
+    const File &file = board_.file(parameter);
     switch (check.probe) {
     case Probe::temperature:
         return read_temperature(file);
     case Probe::bluetooth:
         return read_presence(file);
     case Probe::internet:
-        return read_traffic(board_->file(TRAFFIC_FILE), parameter);
+        return read_traffic(board_.file(TRAFFIC_FILE), parameter);
     case Probe::ethernet:
         return check.id == 11 ? read_presence(file) : read_ethernet_link(file);
     case Probe::memoryusage:
-        return read_memory(board_->file(MEMORY_FILE));
+        return read_memory(board_.file(MEMORY_FILE));
     case Probe::wearout:
-        return read_wear(file, board_->emmc);
+        return read_wear(file, board_.emmc);
     case Probe::wireless:
         return read_wireless(check);
     case Probe::diskusage:
-        return read_disk(file, board_->disks[parameter]);
+        return read_disk(file, board_.disks[parameter]);
     case Probe::service:
-        return units_.read(board_);
+        return units_.read(&board_);
     default:
         loggers_.begin_run(issue_of(check));
-        return load_.read(board_->file(CPU_FILE));
+        return load_.read(board_.file(CPU_FILE));
     }
 }
 
@@ -117,13 +156,13 @@ Reading Daemon::read_wireless(const Check &check) const {
     const std::string interface = check.parameter.value_or("");
     switch (check.id) {
     case 1:
-        return read_presence(board_->file(WIFI_FILE));
+        return read_presence(board_.file(WIFI_FILE));
     case 2:
-        return read_wifi_link(board_->file(WIFI_FILE));
+        return read_wifi_link(board_.file(WIFI_FILE));
     case 4:
-        return read_quality(board_->file(WIRELESS_FILE), interface);
+        return read_quality(board_.file(WIRELESS_FILE), interface);
     default:
-        return read_strength(board_->file(WIRELESS_FILE), interface);
+        return read_strength(board_.file(WIRELESS_FILE), interface);
     }
 }
 

@@ -21,20 +21,20 @@ struct Shown {
 class Daemon {
   public:
     /// Is started; `old_log` is what it finds of a status log.
-    Daemon(const Settings &settings, std::vector<Check> checks, BoardState *board, const std::string &old_log,
+    Daemon(const Settings &settings, const std::vector<Check> &checks, BoardState board, const std::string &old_log,
            std::int64_t now);
 
+    /// Whether the input can be done: there is no end of a load logger that does not run, and so on.
+    [[nodiscard]] bool can_take(const Input &input) const;
+    void take(const Input &input);
     /// The first one includes what the start shows.
     Shown pass(std::int64_t now);
-    /// The signal that asks for a new beginning.
-    void begin_anew();
-    void end_load_logger(const std::string &issue) { loggers_.end(issue); }
     void finish(std::int64_t now) { log_.finish(now); }
-    void lose_generation(int number) { log_.lose_generation(number); }
+    /// From now on the checks are taken to be these.
+    void believe(const std::vector<Check> &checks);
 
     [[nodiscard]] const LogFile &log() const { return log_; }
     [[nodiscard]] const Registry &registry() const { return registry_; }
-    [[nodiscard]] const LoadLoggers &loggers() const { return loggers_; }
     /// How the check of this issue ("CB20[0]") stands, for a report.
     [[nodiscard]] std::string standing(const std::string &issue) const;
 
@@ -46,6 +46,7 @@ class Daemon {
         std::int64_t next_run = 0;
     };
 
+    void begin_anew();
     void run(Course *course, std::int64_t now);
     [[nodiscard]] bool is_in_use(const Check &check) const;
     Reading read(const Check &check);
@@ -53,7 +54,7 @@ class Daemon {
     void tell(const Course &course, std::int64_t now);
 
     Settings settings_;
-    BoardState *board_;
+    BoardState board_;
     std::vector<Course> courses_;
     Registry registry_;
     LogFile log_;

@@ -10,15 +10,6 @@ namespace {
 constexpr std::size_t REMEMBERED = 3000;
 constexpr const char *NOTHING = "(nothing)";
 
-BoardState board_of(const RigSetup &setup) {
-    BoardState board;
-    for (const Input &input : setup.inputs) {
-        board.take(input);
-    }
-    board.has_bus = setup.has_bus;
-    return board;
-}
-
 std::vector<std::string> lines_in(const std::string &text) {
     std::istringstream stream(text);
     std::vector<std::string> lines;
@@ -66,62 +57,41 @@ std::vector<std::string> targets_of(const Check &check) {
 } // namespace
 
 Duet::Duet(const RigSetup &setup, const Settings &settings, std::vector<Check> checks)
-    : settings_(settings), checks_(std::move(checks)), board_(board_of(setup)), rig_(setup), old_log_(setup.old_log),
-      now_(setup.clock) {}
+    : settings_(settings), checks_(std::move(checks)), setup_(setup), rig_(setup), now_(setup.clock) {}
 
 void Duet::start() {
-    daemon_.emplace(settings_, checks_, &board_, old_log_, now_);
+    BoardState board = board_after(setup_.inputs);
+    board.has_bus = setup_.has_bus;
+    daemon_.emplace(settings_, checks_, board, setup_.old_log, now_);
     rig_.start();
     compare_pass();
 }
 
-bool Duet::can_be_done(const Input &input) const {
-    switch (input.kind) {
-    case Input::Kind::child_ends:
-        return daemon_->loggers().runs(input.target);
-    case Input::Kind::generation_lost:
-        return daemon_->log().generations().contains(std::stoi(input.target));
-    case Input::Kind::ask_listing:
-    case Input::Kind::ask_availability:
-        return board_.has_bus;
-    default:
-        return true;
-    }
-}
-
 void Duet::put(const Input &input) {
-    if (!can_be_done(input) || !difference_.empty()) {
+    if (!daemon_->can_take(input) || !difference_.empty()) {
         return;
     }
     done_.push_back({.beat = beats_, .now = now_, .input = input});
     if (done_.size() > REMEMBERED) {
         done_.pop_front();
     }
-    switch (input.kind) {
-    case Input::Kind::ask_listing:
+    if (input.kind == Input::Kind::ask_listing || input.kind == Input::Kind::ask_availability) {
+        ask(input);
+    } else {
+        daemon_->take(input);
+        rig_.apply(input);
+    }
+}
+
+// A switch of a known group is always said to have failed.
+void Duet::ask(const Input &question) {
+    if (question.kind == Input::Kind::ask_listing) {
         compare("listing", daemon_->registry().listing(), rig_.listing());
         return;
-    case Input::Kind::ask_availability: // of the groups that there are, each switch is said to have failed
-        compare("reply",
-                {input.target.starts_with("WiFi") || input.target.starts_with("LAN") || input.target.starts_with("Cell")
-                     ? "failed"
-                     : "accepted"},
-                {rig_.availability(input.target, input.text == "1")});
-        return;
-    case Input::Kind::sigusr1:
-        daemon_->begin_anew();
-        break;
-    case Input::Kind::child_ends:
-        daemon_->end_load_logger(input.target);
-        break;
-    case Input::Kind::generation_lost:
-        daemon_->lose_generation(std::stoi(input.target));
-        break;
-    default:
-        board_.take(input);
-        break;
     }
-    rig_.apply(input);
+    const std::string &word = question.target;
+    const bool is_known = word.starts_with("WiFi") || word.starts_with("LAN") || word.starts_with("Cell");
+    compare("reply", {is_known ? "failed" : "accepted"}, {rig_.availability(word, question.text == "1")});
 }
 
 void Duet::beat(std::int64_t now) {
@@ -160,14 +130,14 @@ void Duet::compare_pass() {
     const Shown foretold = daemon_->pass(now_);
     const std::vector<std::string> sentences = rig_.sentences();
     const std::vector<std::string> started = rig_.started(foretold.started.size());
-    const std::vector<std::string> signals = rig_.signals(board_.has_bus ? foretold.signals.size() : 0);
+    const std::vector<std::string> signals = rig_.signals(foretold.signals.size());
     sentences_.insert(sentences_.end(), sentences.begin(), sentences.end());
     started_.insert(started_.end(), started.begin(), started.end());
     signals_.insert(signals_.end(), signals.begin(), signals.end());
     compare_log();
     compare("sentences", foretold.sentences, sentences);
     compare("starts of the load logger", foretold.started, started);
-    compare("signals", board_.has_bus ? foretold.signals : std::vector<std::string>(), signals);
+    compare("signals", foretold.signals, signals);
 }
 
 void Duet::compare_log() {

@@ -16,8 +16,10 @@ class Duet {
 
     /// Starts both and compares the start and the first pass.
     void start();
-    /// What cannot be done is left out: the end of a load logger that does not run, and so on.
+    /// Does it to both; what cannot be done is left out.
     void put(const Input &input);
+    /// Does it to the real one only.
+    void put_secretly(const Input &input) { rig_.apply(input); }
     /// A heartbeat at that time.
     void beat(std::int64_t now);
     /// The heartbeat on the next multiple of ten seconds.
@@ -27,9 +29,10 @@ class Duet {
     void stop();
 
     [[nodiscard]] std::int64_t now() const { return now_; }
-    [[nodiscard]] const Daemon &foretold() const { return *daemon_; }
     /// What is on the bus now, as the real one says.
     [[nodiscard]] std::vector<std::string> listing() { return rig_.listing(); }
+    /// The real one's status log.
+    [[nodiscard]] std::string log() const { return rig_.log_from(0); }
     /// All sentences that the real one has shown.
     [[nodiscard]] const std::vector<std::string> &sentences() const { return sentences_; }
     /// All signals and calls of the load logger, likewise.
@@ -54,13 +57,12 @@ class Duet {
                  const std::vector<std::string> &seen);
     void report(const std::string &what, const std::string &foretold, const std::string &seen);
     [[nodiscard]] std::string inputs_of(const std::string &issue) const;
-    [[nodiscard]] bool can_be_done(const Input &input) const;
+    void ask(const Input &question);
 
     Settings settings_;
     std::vector<Check> checks_;
-    BoardState board_;
+    RigSetup setup_;
     Rig rig_;
-    std::string old_log_;
     std::optional<Daemon> daemon_;
     std::int64_t now_;
     unsigned beats_ = 0;

@@ -89,15 +89,18 @@ Reading share_available(std::uint32_t total, std::uint32_t free, std::uint32_t a
     return static_cast<std::int32_t>((100U * available + divisor / 2) / divisor);
 }
 
+std::uint32_t blocks(const std::string &text) {
+    constexpr std::int64_t most = std::numeric_limits<std::uint32_t>::max();
+    return static_cast<std::uint32_t>(std::clamp<std::int64_t>(decimal(text), 0, most));
+}
+
 Reading read_disk_file(const File &file) {
     const auto line = first_line(file, LINE - 1);
     const std::vector<std::string> tokens = line ? split(*line, 6) : std::vector<std::string>();
     if (tokens.size() < 5) {
         return std::nullopt;
     }
-    return share_available(static_cast<std::uint32_t>(decimal(tokens[2])),
-                           static_cast<std::uint32_t>(decimal(tokens[3])),
-                           static_cast<std::uint32_t>(decimal(tokens[4])));
+    return share_available(blocks(tokens[2]), blocks(tokens[3]), blocks(tokens[4]));
 }
 
 Reading up(const std::string &line) { return begins(line, "up") ? 0 : 1; }
@@ -109,8 +112,9 @@ std::vector<std::string> lines_of(const std::string &text, std::size_t size) {
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t feed = text.find('\n', at);
         const std::size_t length = feed == std::string::npos ? text.size() - at : feed + 1 - at;
-        lines.push_back(text.substr(at, std::min(length, size)));
-        at += lines.back().size();
+        const std::string piece = text.substr(at, std::min(length, size));
+        lines.push_back(piece.substr(0, piece.find('\0'))); // the end of a text, wherever it stands
+        at += piece.size();
     }
     return lines;
 }

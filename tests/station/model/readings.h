@@ -27,7 +27,8 @@ Reading read_traffic(const File &net_dev, const std::string &interface);
 Reading read_quality(const File &net_wireless, const std::string &interface);
 Reading read_strength(const File &net_wireless, const std::string &interface);
 
-/// The pieces of at most `size` characters, each ending with its line feed at the latest.
+/// The pieces of at most `size` characters, each ending with its line feed at the latest; a zero byte hides
+/// what follows it in its piece.
 std::vector<std::string> lines_of(const std::string &text, std::size_t size);
 /// At most `max` words; what follows them is dropped.
 std::vector<std::string> split(const std::string &line, std::size_t max);

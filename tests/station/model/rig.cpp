@@ -28,14 +28,6 @@ constexpr const char *INTERFACE = "com.corvana.State2.Issues";
 constexpr const char *OBJECT = "/com/corvana/Monitoring1";
 constexpr std::chrono::seconds PATIENCE{20};
 
-BoardState state_of(const std::vector<Input> &inputs) {
-    BoardState state;
-    for (const Input &input : inputs) {
-        state.take(input);
-    }
-    return state;
-}
-
 Board board_of(const BoardState &state, const RigSetup &setup) {
     Board board;
     board.without(MEMORY_FILE).without(TEMPERATURE_FILE).without(EMMC_DEVICE);
@@ -135,7 +127,7 @@ std::string unpacked(const std::string &packed) {
 } // namespace
 
 Rig::Rig(const RigSetup &setup)
-    : bus_(setup.has_bus ? std::make_unique<Bus>() : nullptr), board_(state_of(setup.inputs)),
+    : bus_(setup.has_bus ? std::make_unique<Bus>() : nullptr), board_(board_after(setup.inputs)),
       station_(board_of(board_, setup)), arguments_(setup.arguments) {
     const BoardFolder &files = station_.files();
     files.remove("/run/systemd/journal/socket"); // the traces go nowhere: they would take most of the time

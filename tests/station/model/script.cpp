@@ -8,7 +8,7 @@ constexpr std::int64_t START_TIMES[] = {
     1709294407, // 2024-03-01 12:00:07 UTC
     1711846800, // 2024-03-31 01:00:00 UTC, when summer time begins
     1729983605, // 2024-10-26 23:00:05 UTC, before it ends
-    2147400001, // 2038-01-18 03:06:41 UTC, a day before 2^31 seconds
+    2147400001, // 2038-01-18 04:00:01 UTC, a day before 2^31 seconds
     4294900001, // 2106-02-06 11:46:41 UTC, a day before 2^32
 };
 
@@ -19,6 +19,7 @@ std::int64_t next_multiple(std::int64_t now, std::int64_t of) { return now - now
 Script::Script(std::uint64_t seed, const std::string &load_logger) : random_(seed) {
     setup_.load_logger = load_logger;
     setup_.has_bus = !random_.once_in(4);
+    pace_ = random_.of<std::int64_t>({10, 10, 60, 180, 900, 900});
     setup_.clock = random_.of(std::vector<std::int64_t>(std::begin(START_TIMES), std::end(START_TIMES)));
     choose_options();
     add_sources();
@@ -94,7 +95,12 @@ void Script::add_sources() {
     for (const std::string &unit : units()) {
         add(10, 70, [random, unit] { return any_active_state(random, unit); });
     }
-    add(180, 1, [this] { return any_cpu(&random_, counters_); });
+    add(180, 1, [this] {
+        if (random_.once_in(4)) {
+            load_ = any_load(&random_);
+        }
+        return any_cpu(&random_, load_, counters_);
+    });
     add(300, 5, [random] { return any_lan_configuration(random); });
     add(300, 5, [random] { return any_wifi_configuration(random); });
     sources_.push_back({.period = 100, .delay = 5, .draw = [this] { return any_networkd(&random_, &networkd_time_); }});
@@ -120,7 +126,10 @@ std::vector<Input> Script::inputs(std::int64_t now) {
     std::vector<Input> all = rare_inputs();
     for (Source &source : sources_) {
         if (now >= source.until) {
-            for (const Input &input : source.draw()) {
+            for (Input input : source.draw()) {
+                if (input.kind == Input::Kind::write && random_.once_in(40)) {
+                    garble(&random_, &input);
+                }
                 all.push_back(input);
             }
             source.until = now - now % source.period + samples(source.delay) * source.period;
@@ -160,10 +169,10 @@ std::vector<Input> Script::questions() {
 std::int64_t Script::next_beat(std::int64_t now) {
     const std::int64_t dice = random_.below(1000);
     if (dice < 850) {
-        return next_multiple(now, 10);
+        return next_multiple(now, pace_);
     }
     if (dice < 910) {
-        return next_multiple(now, 60);
+        return next_multiple(now, random_.of<std::int64_t>({10, 60}));
     }
     if (dice < 980) {
         return next_multiple(now, random_.of<std::int64_t>({20, 180, 180, 900, 900, 3600}));

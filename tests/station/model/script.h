@@ -49,6 +49,8 @@ class Script {
     std::string wifi_traffic_;
     std::string quality_ = "70.";
     std::string strength_ = "-20.";
+    std::int64_t pace_ = 10; ///< seconds from one heartbeat to the next, mostly
+    std::int64_t load_ = 20;
     std::int64_t counters_[3] = {1000, 1000, 8000};
     std::int64_t networkd_time_ = 1000;
 };

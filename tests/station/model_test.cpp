@@ -1,9 +1,10 @@
 // The daemon against the model: random lives of the station without a difference between what the model
-// foretells and what the daemon shows, and what chance would rarely bring about.
+// foretells and what the daemon shows.
 //     VIGMOND_SEED=n         that life instead of the usual ones
 //     VIGMOND_HEARTBEATS=n   so long a life
 
 #include "model/duet.h"
+#include "model/healthy_station.h"
 #include "model/script.h"
 
 #include <cstdlib>
@@ -15,21 +16,19 @@ using model::built_in_checks;
 using model::Check;
 using model::Duet;
 using model::Input;
+using model::removed;
 using model::Script;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::EndsWith;
+using model::written;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
 using testing::StartsWith;
 
 namespace {
 
+constexpr unsigned LIFE = 2500; // heartbeats
 #ifdef __SANITIZE_ADDRESS__
-constexpr unsigned HEARTBEATS = 300;
+constexpr unsigned HEARTBEATS = LIFE / 10;
 #else
-constexpr unsigned HEARTBEATS = 2500; // a life
+constexpr unsigned HEARTBEATS = LIFE;
 #endif
 
 constexpr std::uint64_t FIRST_SEED = 1;
@@ -206,7 +205,7 @@ bool tells_apart(std::uint64_t seed, const std::vector<Check> &checks) {
     Foretelling wrong(script);
     wrong.believe(checks);
     std::int64_t now = script.setup().clock;
-    for (unsigned beat = 0; beat < HEARTBEATS; ++beat) {
+    for (unsigned beat = 0; beat < LIFE; ++beat) {
         if (right.pass(now) != wrong.pass(now)) {
             return true;
         }
@@ -238,219 +237,45 @@ TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
     }
 }
 
-TEST(TheModel, TellsOfADifferenceHowItCameAbout) {
+TEST(TheModel, FindsADifferenceAgainByItsReport) {
+    constexpr std::uint64_t seed = 2;
     std::vector<Check> checks = built_in_checks();
-    checks[0].format = "CPU heat %D %T threshold.";
-    const std::string report = live(2, HEARTBEATS, checks);
-    EXPECT_THAT(report, AllOf(StartsWith("seed:          2\ndifference in: sentences\nheartbeat:     #"),
-                              HasSubstr("] ID: CB20[0]: value: "), HasSubstr(" CPU heat "),
-                              HasSubstr(" CPU temperature "), HasSubstr("write /sys/class/thermal/thermal_zone0/temp"),
-                              HasSubstr("check:         CB20[0]: state ")));
-    const std::size_t again = report.find("VIGMOND_HEARTBEATS=");
+    checks[0].delay = 1;
+    const std::string report = live(seed, HEARTBEATS, checks);
+    EXPECT_THAT(report, StartsWith("seed:          2\ndifference in: status log\nheartbeat:     #"));
+    const std::string name = "VIGMOND_HEARTBEATS=";
+    const std::size_t again = report.find("VIGMOND_SEED=2 " + name);
     ASSERT_NE(again, std::string::npos);
-    const std::uint64_t heartbeats = std::stoul(report.substr(again + std::string("VIGMOND_HEARTBEATS=").size()));
-    EXPECT_EQ(live(2, heartbeats, checks), report);
-    EXPECT_EQ(live(2, heartbeats - 1, checks), "");
-}
-
-// --- what chance rarely brings about
-
-namespace {
-
-constexpr std::int64_t NOON = 1709294400; // 2024-03-01 12:00:00 UTC
-
-model::RigSetup healthy() {
-    return {.inputs = model::healthy_board(),
-            .arguments = {},
-            .old_log = "",
-            .clock = NOON + 7,
-            .has_bus = true,
-            .load_logger = STATION_LOAD_LOGGER};
-}
-
-Input written(const std::string &path, const std::string &text) {
-    return {.kind = Input::Kind::write, .target = path, .text = text};
-}
-
-Input removed(const std::string &path) { return {.kind = Input::Kind::remove, .target = path, .text = ""}; }
-
-struct Rare : testing::Test {
-    Rare() { duet.start(); }
-
-    ~Rare() override {
-        duet.stop();
-        EXPECT_EQ(duet.difference(), "");
-    }
-
-    void samples(int count, std::int64_t period) {
-        for (int i = 0; i < count; ++i) {
-            duet.beat(duet.now() - duet.now() % period + period);
-        }
-    }
-    void heat(const std::string &millidegrees) {
-        duet.put(written(TEMPERATURE_FILE, millidegrees));
-        samples(5, 10);
-    }
-    /// Five samples with the CPU busy for so many hundredths of the time.
-    void load(std::int64_t percent) {
-        for (int i = 0; i < 5; ++i) {
-            user += 180 * percent;
-            idle += 180 * (100 - percent);
-            duet.put(written(model::CPU_FILE, "cpu " + std::to_string(user) + " 0 0 " + std::to_string(idle) + "\n"));
-            samples(1, 180);
-        }
-    }
-    void configure_lan(const std::string &text, const std::string &networkd_time) {
-        duet.put(written(model::LAN_CONFIGURATION, text));
-        duet.put({.kind = Input::Kind::networkd_time, .target = "networkd", .text = networkd_time});
-    }
-    void signal() { duet.put({.kind = Input::Kind::sigusr1, .target = "", .text = ""}); }
-    void end_load_logger(const std::string &issue) {
-        duet.put({.kind = Input::Kind::child_ends, .target = issue, .text = ""});
-    }
-    /// How many records of the issue there are.
-    std::size_t records_of(const std::string &issue) {
-        const std::string log = duet.log();
-        std::size_t count = 0;
-        for (std::size_t at = log.find("\t" + issue + "\t0\t"); at != std::string::npos; ++count) {
-            at = log.find("\t" + issue + "\t0\t", at + 1);
-        }
-        return count;
-    }
-
-    Duet duet{healthy(), model::Settings()};
-    std::int64_t user = 1000; // as the healthy board's; it has 1000 of system
-    std::int64_t idle = 8000;
-};
-
-const std::string CALL_31 = "load_logger -c 120 -t 10 -d /var/lib/evse/vigmond/ -i CB31[0] "
-                            "PATH=/usr/bin:/usr/sbin:/home/tovik/bin";
-const std::string CALL_32 = "load_logger -c 120 -t 10 -d /var/lib/evse/vigmond/ -i CB32[0] "
-                            "PATH=/usr/bin:/usr/sbin:/home/tovik/bin";
-
-} // namespace
-
-// The warning and the failure are two reports; one recovery leaves one of them.
-TEST_F(Rare, AWarningThatBecomesAFailureStaysRaised) {
-    heat("72000");
-    heat("80000");
-    heat("42000");
-    EXPECT_THAT(duet.sentences(),
-                ElementsAre("4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.",
-                            "3 [failed] ID: CB20[0]: value: 80 CPU temperature above 80 threshold.",
-                            "5 [notice] ID: CB20[0]: value: 42 CPU temperature at normal threshold."));
-    EXPECT_THAT(duet.signals(), ElementsAre("1709294450 NewIssues CB20"));
-    EXPECT_THAT(duet.listing(), ElementsAre("1709294450 CB20"));
-    heat("-30500");
-    heat("42000");
-    EXPECT_THAT(duet.listing(), ElementsAre("1709294450 CB20"));
-    EXPECT_THAT(duet.signals(), SizeIs(1));
-}
-
-TEST_F(Rare, AFailureAtOnceIsClearedByOneRecovery) {
-    heat("80000");
-    EXPECT_THAT(duet.listing(), ElementsAre("1709294450 CB20"));
-    heat("42000");
-    EXPECT_THAT(duet.listing(), IsEmpty());
-    EXPECT_THAT(duet.signals(), ElementsAre("1709294450 NewIssues CB20", "1709294500 ClearedIssues CB20"));
-}
-
-TEST_F(Rare, NineSamplesAreNoIssueTenAre) {
-    duet.put(removed(model::BLUETOOTH_FILE));
-    samples(9, 60);
-    duet.put(written(model::BLUETOOTH_FILE, ""));
-    samples(1, 60);
-    duet.put(removed(model::BLUETOOTH_FILE));
-    samples(9, 60);
-    EXPECT_THAT(duet.sentences(), IsEmpty());
-    EXPECT_THAT(duet.listing(), IsEmpty());
-    samples(1, 60);
-    EXPECT_THAT(duet.sentences(), ElementsAre("3 [failed] ID: CB05[0]: value: 1 Bluetooth hardware is not available."));
-    EXPECT_THAT(duet.signals(), ElementsAre("1709295600 NewIssues CB05")); // the twentieth minute
-    samples(300, 60);                                                      // a byte that counts has turned over
-    EXPECT_THAT(duet.sentences(), SizeIs(1));
-}
-
-TEST_F(Rare, TwoUnitsDownForTenSamplesAreNamedTheLastFirst) {
-    duet.put({.kind = Input::Kind::active_state, .target = "nginx", .text = "inactive"});
-    duet.put({.kind = Input::Kind::active_state, .target = "ocppd", .text = "failed"});
-    duet.beats(9);
-    EXPECT_THAT(duet.sentences(), IsEmpty());
-    duet.beats(1);
-    EXPECT_THAT(duet.sentences(),
-                ElementsAre("3 [failed] ID: CB23[0]: value: 1 Services: ocppd, nginx are not running"));
-}
-
-TEST_F(Rare, APathSwitchedOffInMidFailureKeepsItsIssueAndLeavesNoRecord) {
-    duet.put(written(model::ETHERNET_FILE, "down\n"));
-    samples(10, 60);
-    EXPECT_THAT(duet.listing(), ElementsAre("1709295000 CB12"));
-    configure_lan("[Link]\nUnmanaged=yes\n", "2000");
-    const std::size_t records = records_of("CB12");
-    EXPECT_EQ(records, 11U);
-    samples(30, 60);
-    EXPECT_EQ(records_of("CB12"), records);
-    EXPECT_EQ(records_of("CB11"), records);
-    EXPECT_EQ(records_of("CB10"), records);
-    EXPECT_THAT(duet.listing(), ElementsAre("1709295000 CB12"));
-    configure_lan("[Link]\nUnmanaged=no\n", "3000");
-    duet.put(written(model::ETHERNET_FILE, "up\n"));
-    samples(9, 60);
-    EXPECT_THAT(duet.listing(), ElementsAre("1709295000 CB12"));
-    samples(1, 60);
-    EXPECT_THAT(duet.listing(), IsEmpty());
-    EXPECT_THAT(duet.signals(), ElementsAre("1709295000 NewIssues CB12", "1709297400 ClearedIssues CB12"));
-}
-
-TEST_F(Rare, AHighLoadStartsOneLoadLoggerForBothChecks) {
-    load(95);
-    EXPECT_THAT(duet.sentences(),
-                ElementsAre("4 [warning] ID: CB31[0]: value: 95 is above maximum warning threshold 75",
-                            "3 [failed] ID: CB32[0]: value: 95 is above maximum failure threshold 90"));
-    EXPECT_THAT(duet.started(), ElementsAre(CALL_31));
-    EXPECT_THAT(duet.signals(), ElementsAre(EndsWith(" NewIssues CB31 CB32")));
-}
-
-TEST_F(Rare, ALoadLoggerOutlivesTheLoadAndIsFollowedByAnotherAfterItsEnd) {
-    load(80);
-    load(20);
-    load(80);
-    EXPECT_THAT(duet.started(), ElementsAre(CALL_31));
-    load(20);
-    end_load_logger("CB31[0]");
-    EXPECT_THAT(duet.started(), SizeIs(1));
-    load(80);
-    EXPECT_THAT(duet.started(), ElementsAre(CALL_31, CALL_31));
-}
-
-// Its end is known to its own check only when that runs; the other check's run does not ask for it.
-TEST_F(Rare, TheSignalLetsTheOtherCheckStartASecondLoadLogger) {
-    load(80);
-    signal();
-    load(95);
-    EXPECT_THAT(duet.started(), ElementsAre(CALL_31, CALL_32));
-    end_load_logger("CB31[0]");
-    end_load_logger("CB32[0]");
-}
-
-TEST_F(Rare, AClockSetBackBeforeTheStartClearsEveryIssueInEachPass) {
-    duet.beats(1);
-    duet.beat(NOON - 20);
-    duet.beat(NOON);
-    duet.beat(NOON + 7);
-    EXPECT_THAT(duet.signals(),
-                ElementsAre(AllOf(StartsWith("1709294380 ClearedIssues CB00 CB01 "), EndsWith(" CB31 CB32 CBnn")),
-                            AllOf(StartsWith("1709294400 ClearedIssues CB00 CB01 "), EndsWith(" CB31 CB32 CBnn"))));
-}
-
-TEST_F(Rare, APassInTheSameSecondAnnouncesTheChangeAgain) {
-    heat("72000");
-    duet.beat(duet.now());
-    EXPECT_THAT(duet.signals(), ElementsAre("1709294450 NewIssues CB20", "1709294450 NewIssues CB20"));
-    EXPECT_EQ(records_of("CB20"), 6U); // no check is due twice
+    const std::uint64_t heartbeats = std::stoul(report.substr(report.find(name) + name.size()));
+    EXPECT_EQ(live(seed, heartbeats, checks), report);
+    EXPECT_EQ(live(seed, heartbeats - 1, checks), "");
 }
 
 // --- what the comparison sees
+
+TEST(TheReport, TellsOfADifferenceHowItCameAbout) {
+    std::vector<Check> checks = built_in_checks();
+    checks[0].format = "CPU heat %D %T threshold.";
+    Duet duet(model::healthy_station(), model::Settings(), checks);
+    duet.start();
+    duet.put(removed(model::WIFI_FILE));
+    duet.put(written(TEMPERATURE_FILE, "72000\n"));
+    duet.beats(7);
+    EXPECT_EQ(
+        duet.difference(),
+        "difference in: sentences\n"
+        "heartbeat:     #5 at 2024-03-01 13:00:50 (1709294450)\n"
+        "foretold:      4 [warning] ID: CB20[0]: value: 72 CPU heat above 70 threshold.\n"
+        "seen:          4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.\n"
+        "started as:    vigmond\n"
+        "check:         CB20[0]: state 1, counts: min fail 0, min warn 0, ok 0, max warn 0, max fail 0, value 72, "
+        "next run 2024-03-01 13:01:00\n"
+        "inputs of this check:\n"
+        "  after #0 (2024-03-01 13:00:07) write /sys/class/thermal/thermal_zone0/temp \"72000\\n\"\n"
+        "the last inputs:\n"
+        "  after #0 (2024-03-01 13:00:07) remove /sys/class/net/wlan0sta/operstate \"\"\n"
+        "  after #0 (2024-03-01 13:00:07) write /sys/class/thermal/thermal_zone0/temp \"72000\\n\"\n");
+}
 
 namespace {
 
@@ -486,7 +311,7 @@ std::vector<Secret> secrets() {
 class SecretChange : public testing::TestWithParam<Secret> {};
 
 TEST_P(SecretChange, IsFound) {
-    Duet duet(healthy(), model::Settings());
+    Duet duet(model::healthy_station(), model::Settings());
     duet.start();
     for (const Input &input : GetParam().inputs) {
         duet.put_secretly(input);

@@ -118,12 +118,13 @@ Input any_temperature(Random *random) {
 }
 
 Input any_memory(Random *random) {
-    const std::int64_t total = random->of<std::int64_t>({1, 2, 3, 100, 200, 999, 1000, 512000, 4611686018427387904});
+    const std::int64_t total =
+        random->of<std::int64_t>({1, 3, 100, 200, 999, 1000, 512000, 512000, 4611686018427387904});
     const std::int64_t percent = std::max<std::int64_t>(0, near_limits(random, {10, 25}, 10, 50));
     const std::int64_t half = total / 200;
     const std::int64_t near = total / 100 * percent + total % 100 * percent / 100;
     const std::int64_t free =
-        std::max<std::int64_t>(0, near + random->of<std::int64_t>({0, 1, -1, half, half + 1, half - 1, -half}));
+        std::max<std::int64_t>(0, near + random->of<std::int64_t>({0, 0, 1, -1, half, half + 1, half - 1, -half}));
     const std::string whole = "MemTotal: " + text(total) + " kB\n";
     const std::string part = "MemFree: " + text(free) + " kB\n";
     switch (random->below(30)) {
@@ -174,13 +175,13 @@ Input any_emmc(Random *random) {
 
 Input any_disk(Random *random, const std::string &path) {
     const bool may_change = path == "/rw-root" || path == "/var/lib/persistent" || path == "/var/lib/parameter";
-    const std::int64_t total =
-        random->of<std::int64_t>({1, 3, 99, 100, 200, 1000, 12345, 42949673, 4294967295, 4294967296, 4294968296});
+    const std::int64_t total = random->of<std::int64_t>(
+        {3, 99, 100, 100, 200, 1000, 1000, 1000, 12345, 42949673, 4294967295, 4294967296, 4294968296});
     const std::int64_t percent = std::max<std::int64_t>(0, near_limits(random, {10, 25}, 5, 50));
     const std::int64_t near = total * percent / 100;
     const std::int64_t half = total / 200;
     const std::int64_t available =
-        std::max<std::int64_t>(0, near + random->of<std::int64_t>({0, 1, -1, half, -half, -half - 1}));
+        std::max<std::int64_t>(0, near + random->of<std::int64_t>({0, 0, 0, 1, -1, half, -half, -half - 1}));
     const std::int64_t free = random->once_in(4) ? total + random->between(0, 900) : available;
     if (may_change && random->once_in(6)) {
         const std::string counts = text(std::min<std::int64_t>(total, 4294967295)) + " " +

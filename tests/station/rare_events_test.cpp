@@ -37,9 +37,9 @@ struct Rare : testing::Test {
         duet.put(written(TEMPERATURE_FILE, millidegrees));
         samples(5, 10);
     }
-    /// Five samples with the CPU busy for so many hundredths of the time.
-    void load(std::int64_t percent) {
-        for (int i = 0; i < 5; ++i) {
+    /// So many samples with the CPU busy for so many hundredths of the time.
+    void load(std::int64_t percent, int count = 5) {
+        for (int i = 0; i < count; ++i) {
             user += 180 * percent;
             idle += 180 * (100 - percent);
             duet.put(written(model::CPU_FILE, "cpu " + std::to_string(user) + " 0 0 " + std::to_string(idle) + "\n"));
@@ -177,6 +177,16 @@ TEST_F(Rare, TheSignalLetsTheOtherCheckStartASecondLoadLogger) {
     EXPECT_THAT(duet.started(), ElementsAre(CALL_31, CALL_32));
     end_load_logger("CB31[0]");
     end_load_logger("CB32[0]");
+}
+
+// Each check's run clears the way for its own.
+TEST_F(Rare, AfterTheSignalBothChecksStartALoadLoggerInOnePass) {
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_THAT(duet.started(), IsEmpty());
+        signal();
+        load(95, 1);
+    }
+    EXPECT_THAT(duet.started(), ElementsAre(CALL_31, CALL_32));
 }
 
 TEST_F(Rare, AClockSetBackBeforeTheStartClearsEveryIssueInEachPass) {

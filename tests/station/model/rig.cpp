@@ -370,6 +370,7 @@ std::vector<std::string> Rig::started(std::size_t count) {
             poll(&source, 1, 100);
         }
     }
+    std::sort(told_.begin(), told_.end()); // two that start in one pass tell of it in any order
     return std::exchange(told_, {});
 }
 

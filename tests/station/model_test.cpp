@@ -198,42 +198,44 @@ class Foretelling {
     std::size_t log_read_ = 0;
 };
 
-/// Whether a life shows that these are not the checks.
-bool tells_apart(std::uint64_t seed, const std::vector<Check> &checks) {
+/// A random life strikes out the alterations that it shows to be wrong.
+void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
     Script script(seed, STATION_LOAD_LOGGER);
     Foretelling right(script);
-    Foretelling wrong(script);
-    wrong.believe(checks);
+    std::vector<std::pair<Alteration, Foretelling>> others;
+    for (const Alteration &alteration : *alterations) {
+        others.emplace_back(alteration, right).second.believe(alteration.checks);
+    }
     std::int64_t now = script.setup().clock;
-    for (unsigned beat = 0; beat < LIFE; ++beat) {
-        if (right.pass(now) != wrong.pass(now)) {
-            return true;
-        }
+    for (unsigned beat = 0; beat < LIFE && !others.empty(); ++beat) {
+        const std::vector<std::string> shown = right.pass(now);
+        std::erase_if(others, [&shown, now](auto &other) { return other.second.pass(now) != shown; });
         now = script.next_beat(now);
         for (const Input &input : script.inputs(now)) {
             right.take(input);
-            wrong.take(input);
+            for (auto &other : others) {
+                other.second.take(input);
+            }
         }
         script.questions();
     }
-    return false;
-}
-
-bool some_life_tells_apart(const std::vector<Check> &checks) {
-    for (std::uint64_t seed = FIRST_SEED; seed <= LAST_SEED; ++seed) {
-        if (tells_apart(seed, checks)) {
-            return true;
-        }
+    alterations->clear();
+    for (auto &other : others) {
+        alterations->push_back(std::move(other.first));
     }
-    return false;
 }
 
 } // namespace
 
-// What the random lives leave out would be no one's to find.
+// What the random lives left out would be no one's to find.
 TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
-    for (const Alteration &alteration : alterations()) {
-        EXPECT_TRUE(some_life_tells_apart(alteration.checks)) << alteration.what;
+    std::vector<Alteration> left = alterations();
+    ASSERT_GT(left.size(), 150U);
+    for (std::uint64_t seed = FIRST_SEED; seed <= LAST_SEED; ++seed) {
+        strike_out(seed, &left);
+    }
+    for (const Alteration &alteration : left) {
+        ADD_FAILURE() << alteration.what;
     }
 }
 

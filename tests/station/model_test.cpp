@@ -172,8 +172,9 @@ std::vector<Alteration> alterations() {
 class Foretelling {
   public:
     explicit Foretelling(const Script &script)
-        : daemon_(script.settings(), built_in_checks(), model::board_after(script.setup().inputs),
-                  script.setup().old_log, script.setup().clock) {}
+        : daemon_(script.settings(), built_in_checks(),
+                  model::board_after(script.setup().inputs, script.setup().has_bus), script.setup().old_log,
+                  script.setup().clock) {}
 
     void believe(const std::vector<Check> &checks) { daemon_.believe(checks); }
     void take(const Input &input) {

@@ -12,6 +12,7 @@ using model::NOON;
 using model::removed;
 using model::written;
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
@@ -187,6 +188,32 @@ TEST_F(Rare, AfterTheSignalBothChecksStartALoadLoggerInOnePass) {
         load(95, 1);
     }
     EXPECT_THAT(duet.started(), ElementsAre(CALL_31, CALL_32));
+}
+
+// What was raised and cleared meanwhile waits in its order; a unit that cannot be asked is not named.
+TEST_F(Rare, ABusThatDiesAndReturnsHearsWhatItMissed) {
+    duet.beats(3);
+    duet.put({.kind = Input::Kind::bus_lost, .target = "", .text = ""});
+    heat("80000");
+    heat("42000");
+    EXPECT_THAT(duet.sentences(), Contains("3 [failed] ID: CB23[0]: value: 1 Services: are not running"));
+    EXPECT_THAT(duet.signals(), IsEmpty());
+    duet.put({.kind = Input::Kind::bus_back, .target = "", .text = ""});
+    EXPECT_THAT(duet.signals(),
+                ElementsAre("1709294480 NewIssues CB20", "1709294530 NewIssues CB23", "1709294530 ClearedIssues CB20"));
+    EXPECT_THAT(duet.listing(), ElementsAre("1709294530 CB23"));
+    duet.beats(10);
+    EXPECT_THAT(duet.listing(), IsEmpty());
+}
+
+// A pass needs one question to find out.
+TEST_F(Rare, ABusThatDiesAndReturnsBetweenTwoPassesIsNoFailureOfTheUnits) {
+    duet.beats(3);
+    duet.put({.kind = Input::Kind::bus_lost, .target = "", .text = ""});
+    duet.put({.kind = Input::Kind::bus_back, .target = "", .text = ""});
+    duet.beats(12);
+    EXPECT_THAT(duet.sentences(), IsEmpty());
+    EXPECT_THAT(duet.signals(), IsEmpty());
 }
 
 TEST_F(Rare, AClockSetBackBeforeTheStartClearsEveryIssueInEachPass) {

@@ -12,10 +12,11 @@ namespace {
 
 using Kind = Input::Kind;
 
-constexpr const char *NAMES[] = {
-    "write",          "remove",          "folder",     "disk",         "disk_error",   "emmc",
-    "emmc_error",     "load_state",      "load_error", "active_state", "active_error", "networkd_time",
-    "networkd_error", "generation_lost", "sigusr1",    "child_ends",   "ask_listing",  "ask_availability"};
+constexpr const char *NAMES[] = {"write",          "remove",       "folder",       "disk",
+                                 "disk_error",     "emmc",         "emmc_error",   "load_state",
+                                 "load_error",     "active_state", "active_error", "networkd_time",
+                                 "networkd_error", "bus_lost",     "bus_back",     "generation_lost",
+                                 "sigusr1",        "child_ends",   "ask_listing",  "ask_availability"};
 
 std::string escaped(const std::string &text) {
     constexpr std::size_t enough = 400;
@@ -115,6 +116,13 @@ void BoardState::take(const Input &input) {
     case Kind::networkd_error:
         set_error(&networkd, input.text);
         break;
+    case Kind::bus_lost:
+        bus = Bus::lost;
+        connection_is_dead = true;
+        break;
+    case Kind::bus_back:
+        bus = Bus::up;
+        break;
     default: // not to the board
         break;
     }
@@ -126,8 +134,9 @@ const File &BoardState::file(const std::string &path) const {
     return found == files.end() ? missing : found->second;
 }
 
-BoardState board_after(const std::vector<Input> &inputs) {
+BoardState board_after(const std::vector<Input> &inputs, bool has_bus) {
     BoardState board;
+    board.bus = has_bus ? BoardState::Bus::up : BoardState::Bus::none;
     for (const Input &input : inputs) {
         board.take(input);
     }

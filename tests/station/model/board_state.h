@@ -27,6 +27,8 @@ struct Input {
         active_error,  ///< "error times"
         networkd_time, ///< its last change of state
         networkd_error,
+        bus_lost,
+        bus_back,
         generation_lost, ///< a compressed status log is removed; its number
         sigusr1,
         child_ends, ///< the load logger of that issue, if it has one
@@ -76,15 +78,18 @@ struct BoardState {
     Emmc emmc;
     std::map<std::string, Unit> units;
     Property networkd{.value = "0"};
-    bool has_bus = true;
+    enum class Bus { none, up, lost };
+    Bus bus = Bus::up;
+    bool connection_is_dead = false; ///< to a bus that was lost; the first question finds out
 
     /// What is not done to the board is passed over.
     void take(const Input &input);
+    [[nodiscard]] bool has_bus() const { return bus == Bus::up; }
     [[nodiscard]] const File &file(const std::string &path) const;
 };
 
-/// The board that these leave.
-BoardState board_after(const std::vector<Input> &inputs);
+/// The board that these leave, with a bus or without.
+BoardState board_after(const std::vector<Input> &inputs, bool has_bus);
 
 /// The next answer to a question for the property: its value, or the error with its name in `error`.
 bool ask(Property *property, std::string *value, std::string *error);

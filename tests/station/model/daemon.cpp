@@ -45,7 +45,10 @@ bool Daemon::can_take(const Input &input) const {
         return log_.generations().contains(std::stoi(input.target));
     case Input::Kind::ask_listing:
     case Input::Kind::ask_availability:
-        return board_.has_bus;
+    case Input::Kind::bus_lost:
+        return board_.has_bus();
+    case Input::Kind::bus_back:
+        return board_.bus == BoardState::Bus::lost;
     default:
         return true;
     }
@@ -82,8 +85,8 @@ Shown Daemon::pass(std::int64_t now) {
             course.next_run = course.check.interval * (now / course.check.interval) + course.check.interval;
         }
     }
-    if (board_.has_bus) {
-        shown_.signals = registry_.signals(now);
+    for (const std::string &signal : registry_.signals(now)) {
+        (board_.has_bus() ? shown_.signals : waiting_).push_back(signal);
     }
     return std::exchange(shown_, {});
 }

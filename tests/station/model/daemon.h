@@ -9,6 +9,8 @@
 #include "registry.h"
 #include "units.h"
 
+#include <utility>
+
 namespace model {
 
 /// What a pass shows, beside its records.
@@ -29,6 +31,8 @@ class Daemon {
     void take(const Input &input);
     /// The first one includes what the start shows.
     Shown pass(std::int64_t now);
+    /// The signals that wait for the bus to come back.
+    std::vector<std::string> waiting_signals() { return std::exchange(waiting_, {}); }
     void finish(std::int64_t now) { log_.finish(now); }
     /// From now on the checks are taken to be these.
     void believe(const std::vector<Check> &checks);
@@ -63,6 +67,7 @@ class Daemon {
     CpuLoad load_;
     LoadLoggers loggers_;
     Shown shown_;
+    std::vector<std::string> waiting_;
 };
 
 } // namespace model

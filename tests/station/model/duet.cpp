@@ -60,9 +60,7 @@ Duet::Duet(const RigSetup &setup, const Settings &settings, std::vector<Check> c
     : settings_(settings), checks_(std::move(checks)), setup_(setup), rig_(setup), now_(setup.clock) {}
 
 void Duet::start() {
-    BoardState board = board_after(setup_.inputs);
-    board.has_bus = setup_.has_bus;
-    daemon_.emplace(settings_, checks_, board, setup_.old_log, now_);
+    daemon_.emplace(settings_, checks_, board_after(setup_.inputs, setup_.has_bus), setup_.old_log, now_);
     rig_.start();
     compare_pass();
 }
@@ -77,9 +75,15 @@ void Duet::put(const Input &input) {
     }
     if (input.kind == Input::Kind::ask_listing || input.kind == Input::Kind::ask_availability) {
         ask(input);
-    } else {
-        daemon_->take(input);
-        rig_.apply(input);
+        return;
+    }
+    daemon_->take(input);
+    rig_.apply(input);
+    if (input.kind == Input::Kind::bus_back) {
+        const std::vector<std::string> foretold = daemon_->waiting_signals();
+        const std::vector<std::string> seen = rig_.signals(foretold.size());
+        signals_.insert(signals_.end(), seen.begin(), seen.end());
+        compare("signals that waited for the bus", foretold, seen);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <optional>
 #include <strings.h>
+#include <utility>
 
 namespace model {
 
@@ -285,7 +286,8 @@ bool wifi_in_use(const File &configuration) {
 bool Paths::is_unchanged(BoardState *board) {
     std::string now;
     std::string error;
-    if (first_ || !board->has_bus || !ask(&board->networkd, &now, &error)) {
+    if (first_ || std::exchange(board->connection_is_dead, false) || !board->has_bus() ||
+        !ask(&board->networkd, &now, &error)) {
         return false;
     }
     const bool unchanged = now == networkd_time_;

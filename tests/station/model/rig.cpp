@@ -126,20 +126,43 @@ std::string unpacked(const std::string &packed) {
 
 } // namespace
 
+Rig::Bus::Bus(std::string door) : door_(std::move(door)) {
+    connect_clients();
+    open();
+}
+
+void Rig::Bus::connect_clients() {
+    caller_ = std::make_unique<BusClient>(bus_);
+    listener_ = std::make_unique<BusClient>(bus_);
+    listener_->watch(std::string("type='signal',interface='") + INTERFACE + "'");
+}
+
+void Rig::Bus::open() { fs::create_hard_link(bus_.address().substr(std::string("unix:path=").size()), door_); }
+
+void Rig::Bus::lose() {
+    fs::remove(door_);
+    bus_.stop();
+}
+
+void Rig::Bus::come_back() {
+    bus_.start();
+    systemd_.connect();
+    connect_clients();
+    open();
+}
+
 Rig::Rig(const RigSetup &setup)
-    : bus_(setup.has_bus ? std::make_unique<Bus>() : nullptr), board_(board_after(setup.inputs)),
-      station_(board_of(board_, setup)), arguments_(setup.arguments) {
+    : board_(board_after(setup.inputs, setup.has_bus)), station_(board_of(board_, setup)), arguments_(setup.arguments) {
     const BoardFolder &files = station_.files();
     files.remove("/run/systemd/journal/socket"); // the traces go nowhere: they would take most of the time
     chmod(files.host_path(LOAD_LOGGER).c_str(), S_IRWXU);
     files.make_fifo(CALLS);
     calls_.reset(open(files.host_path(CALLS).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     station_.environment = {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"};
-    if (bus_) { // its socket is outside of the daemon's root; another name for it is inside
-        const std::string socket = files.scratch() + "/bus";
-        fs::create_hard_link(bus_->bus.address().substr(std::string("unix:path=").size()), socket);
-        station_.environment.push_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + socket);
-        bus_->listener.watch(std::string("type='signal',interface='") + INTERFACE + "'");
+    if (setup.has_bus) {
+        const std::string door = files.scratch() + "/bus";
+        bus_ = std::make_unique<Bus>(door);
+        station_.environment.push_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + door);
     }
     for (const Input &input : setup.inputs) {
         if (input.kind == Input::Kind::remove) {
@@ -159,7 +182,7 @@ Rig::~Rig() {
 void Rig::start() {
     station_.start(arguments_);
     if (bus_) {
-        bus_->caller.wait_for_owner(SERVICE_NAME);
+        bus_->caller().wait_for_owner(SERVICE_NAME);
     }
 }
 
@@ -211,7 +234,7 @@ void Rig::put_unit(const Input &input) {
     for (const Row &row : rows) {
         if (bus_ && row.kind == input.kind) {
             const std::string unit = row.property == CHANGE_TIME ? NETWORKD : object_of(input.target);
-            bus_->systemd.obey(row.command + unit + " " + row.property + row.type + input.text);
+            bus_->systemd().obey(row.command + unit + " " + row.property + row.type + input.text);
         }
     }
 }
@@ -252,6 +275,13 @@ void Rig::apply(const Input &input) {
     case child_ends:
         end_load_logger(input.target);
         break;
+    case bus_lost:
+        bus_->lose();
+        break;
+    case bus_back:
+        bus_->come_back();
+        bus_->caller().wait_for_owner(SERVICE_NAME);
+        break;
     default:
         put_unit(input);
         break;
@@ -270,10 +300,10 @@ std::vector<std::string> Rig::sentences() {
 }
 
 std::vector<std::string> Rig::signals(std::size_t count) {
-    if (!bus_) {
+    if (!board_.has_bus()) {
         return {};
     }
-    DBusConnection *connection = bus_->listener.connection();
+    DBusConnection *connection = bus_->listener().connection();
     const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
     for (int timeout = 0;; timeout = 100) {
         dbus_connection_read_write(connection, timeout);
@@ -289,7 +319,7 @@ std::vector<std::string> Rig::signals(std::size_t count) {
 }
 
 std::vector<std::string> Rig::listing() {
-    return listing_of(bus_->caller.call(method_call(OBJECT, INTERFACE, "GetListing")).get());
+    return listing_of(bus_->caller().call(method_call(OBJECT, INTERFACE, "GetListing")).get());
 }
 
 std::string Rig::availability(const std::string &word, bool enable) {
@@ -298,7 +328,7 @@ std::string Rig::availability(const std::string &word, bool enable) {
     const dbus_bool_t flag = enable ? 1 : 0;
     dbus_message_append_args(call.get(), DBUS_TYPE_STRING, static_cast<const void *>(&text), DBUS_TYPE_BOOLEAN, &flag,
                              DBUS_TYPE_INVALID);
-    return text_of(bus_->caller.call(call));
+    return text_of(bus_->caller().call(call));
 }
 
 std::string Rig::log_from(std::size_t offset) const {

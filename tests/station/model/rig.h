@@ -52,11 +52,27 @@ class Rig {
     [[nodiscard]] bool load_loggers_end() const;
 
   private:
-    struct Bus {
-        PrivateBus bus;
-        FakeSystemd systemd{bus};
-        BusClient caller{bus};
-        BusClient listener{bus};
+    /// Its socket is outside of the daemon's root; another name for it, inside, opens it to the daemon.
+    class Bus {
+      public:
+        explicit Bus(std::string door);
+        void open();
+        void lose();
+        /// Back, with all on it who have been.
+        void come_back();
+
+        FakeSystemd &systemd() { return systemd_; }
+        BusClient &caller() { return *caller_; }
+        BusClient &listener() { return *listener_; }
+
+      private:
+        void connect_clients();
+
+        std::string door_;
+        PrivateBus bus_;
+        FakeSystemd systemd_{bus_};
+        std::unique_ptr<BusClient> caller_;
+        std::unique_ptr<BusClient> listener_;
     };
     struct LoadLogger {
         pid_t pid;
@@ -73,9 +89,9 @@ class Rig {
     [[nodiscard]] std::vector<pid_t> children() const;
     bool read_call();
 
-    std::unique_ptr<Bus> bus_;
     BoardState board_;
     Station station_;
+    std::unique_ptr<Bus> bus_;
     std::vector<std::string> arguments_;
     Descriptor calls_; ///< in which the load loggers tell how they were called
     std::string unread_;

@@ -54,7 +54,7 @@ void Script::choose_board() {
         setup_.inputs.push_back(any_lan_configuration(&random_));
     }
     if (random_.once_in(3)) { // beginning with anything
-        for (const Input &input : inputs(setup_.clock)) {
+        for (const Input &input : board_inputs(setup_.clock)) {
             setup_.inputs.push_back(input);
         }
     }
@@ -124,6 +124,14 @@ std::int64_t Script::samples(int delay) {
 
 std::vector<Input> Script::inputs(std::int64_t now) {
     std::vector<Input> all = rare_inputs();
+    for (Input &input : board_inputs(now)) {
+        all.push_back(std::move(input));
+    }
+    return all;
+}
+
+std::vector<Input> Script::board_inputs(std::int64_t now) {
+    std::vector<Input> all;
     for (Source &source : sources_) {
         if (now >= source.until) {
             for (Input input : source.draw()) {
@@ -150,6 +158,12 @@ std::vector<Input> Script::rare_inputs() {
     }
     if (random_.once_in(300)) {
         rare.push_back({.kind = Input::Kind::generation_lost, .target = std::to_string(random_.below(3)), .text = ""});
+    }
+    if (random_.once_in(1000)) {
+        rare.push_back({.kind = Input::Kind::bus_lost, .target = "", .text = ""});
+    }
+    if (random_.once_in(10)) {
+        rare.push_back({.kind = Input::Kind::bus_back, .target = "", .text = ""});
     }
     return rare;
 }

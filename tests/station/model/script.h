@@ -38,6 +38,7 @@ class Script {
     void add_sources();
     void add(std::int64_t period, int delay, std::function<Input()> draw);
     std::int64_t samples(int delay);
+    std::vector<Input> board_inputs(std::int64_t now);
     std::vector<Input> rare_inputs();
     [[nodiscard]] Input traffic() const { return traffic_file(lan_traffic_, wifi_traffic_); }
 

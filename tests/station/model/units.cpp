@@ -34,7 +34,7 @@ Units::Health Units::health_of(Property *active_state) {
 
 std::vector<std::string> Units::watch(const std::string &names, BoardState *board) {
     std::vector<std::string> missing;
-    if (!board->has_bus) {
+    if (!board->has_bus()) {
         return missing;
     }
     for (const std::string &name : words_of(names)) {
@@ -50,7 +50,7 @@ std::vector<std::string> Units::watch(const std::string &names, BoardState *boar
 Reading Units::read(BoardState *board) {
     bool all_run = true;
     for (Watched &each : watched_) {
-        each.health = health_of(&board->units[each.name].active_state);
+        each.health = board->has_bus() ? health_of(&board->units[each.name].active_state) : Health::unknown;
         all_run = all_run && each.health == Health::running;
     }
     return all_run ? 0 : 1;

@@ -56,7 +56,7 @@ struct Rare : testing::Test {
         duet.put({.kind = Input::Kind::child_ends, .target = issue, .text = ""});
     }
     /// How many records of the issue there are.
-    std::size_t records_of(const std::string &issue) {
+    [[nodiscard]] std::size_t records_of(const std::string &issue) const {
         const std::string log = duet.log();
         std::size_t count = 0;
         for (std::size_t at = log.find("\t" + issue + "\t0\t"); at != std::string::npos; ++count) {

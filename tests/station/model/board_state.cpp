@@ -38,7 +38,7 @@ std::string escaped(const std::string &text) {
 void set_error(Property *property, const std::string &text) {
     const std::vector<std::string> words = words_of(text);
     property->error = words[0];
-    property->errors_left = std::atoi(words[1].c_str());
+    property->errors_left = number_in(words[1]);
 }
 
 void set_value(Property *property, const std::string &text) {
@@ -55,9 +55,7 @@ Disk disk_of(const std::string &text) {
 
 Emmc emmc_of(const std::string &text) {
     const std::vector<std::string> words = words_of(text);
-    return {.revision = std::atoi(words[0].c_str()),
-            .type_a = std::atoi(words[1].c_str()),
-            .type_b = std::atoi(words[2].c_str())};
+    return {.revision = number_in(words[0]), .type_a = number_in(words[1]), .type_b = number_in(words[2])};
 }
 
 } // namespace
@@ -65,6 +63,8 @@ Emmc emmc_of(const std::string &text) {
 std::string text_of(const Input &input) {
     return std::string(NAMES[static_cast<int>(input.kind)]) + " " + input.target + " \"" + escaped(input.text) + "\"";
 }
+
+int number_in(const std::string &text) { return static_cast<int>(std::strtol(text.c_str(), nullptr, 10)); }
 
 std::vector<std::string> words_of(const std::string &text) {
     std::istringstream stream(text);
@@ -90,13 +90,13 @@ void BoardState::take(const Input &input) {
         disks[input.target] = disk_of(input.text);
         break;
     case Kind::disk_error:
-        disks[input.target] = {.fails = true, .error = std::atoi(input.text.c_str())};
+        disks[input.target] = {.fails = true, .error = number_in(input.text)};
         break;
     case Kind::emmc:
         emmc = emmc_of(input.text);
         break;
     case Kind::emmc_error:
-        emmc.error = std::atoi(input.text.c_str());
+        emmc.error = number_in(input.text);
         break;
     case Kind::load_state:
         set_value(&units[input.target].load_state, input.text);

@@ -68,7 +68,9 @@ struct Unit {
     Property active_state{.value = "inactive"};
 };
 
-/// The two numbers or more of an input's text.
+/// The number at the front of a text.
+int number_in(const std::string &text);
+/// What stands between blanks.
 std::vector<std::string> words_of(const std::string &text);
 
 /// The board by the inputs so far. What is asked for changes it: answers that fail a number of times.

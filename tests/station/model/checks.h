@@ -52,7 +52,7 @@ std::string issue_of(const Check &check);
 
 struct Settings {
     std::vector<std::string> arguments; ///< of the command line
-    std::int64_t log_size = 8192 * 1024;
+    std::int64_t log_size = 8388608;
     int log_count = 20;
     int record_level = 3;
     int severity = 5;

@@ -9,32 +9,7 @@ namespace {
 
 using Kind = Input::Kind;
 
-Input written(const std::string &path, const std::string &content) {
-    return {.kind = Kind::write, .target = path, .text = content};
-}
-
-Input removed(const std::string &path) { return {.kind = Kind::remove, .target = path, .text = ""}; }
-
-Input made_folder(const std::string &path) { return {.kind = Kind::folder, .target = path, .text = ""}; }
-
 std::string text(std::int64_t number) { return std::to_string(number); }
-
-/// One of the values at a limit, at the limit as the hysteresis moves it, or far from both.
-std::int64_t near_limits(Random *random, const std::vector<std::int64_t> &limits, std::int64_t hysteresis,
-                         std::int64_t well) {
-    const std::int64_t limit = random->of(limits);
-    const std::int64_t step = random->between(-1, 1);
-    switch (random->below(5)) {
-    case 0:
-        return well;
-    case 1:
-        return limit + hysteresis + step;
-    case 2:
-        return limit - hysteresis + step;
-    default:
-        return limit + step;
-    }
-}
 
 /// The number in one of the forms in which a number may stand in a text.
 std::string spelled(Random *random, std::int64_t number) {
@@ -60,6 +35,30 @@ std::string no_number(Random *random) {
 }
 
 } // namespace
+
+Input written(const std::string &path, const std::string &content) {
+    return {.kind = Input::Kind::write, .target = path, .text = content};
+}
+
+Input removed(const std::string &path) { return {.kind = Input::Kind::remove, .target = path, .text = ""}; }
+
+Input made_folder(const std::string &path) { return {.kind = Input::Kind::folder, .target = path, .text = ""}; }
+
+std::int64_t near_limits(Random *random, const std::vector<std::int64_t> &limits, std::int64_t hysteresis,
+                         std::int64_t well) {
+    const std::int64_t limit = random->of(limits);
+    const std::int64_t step = random->between(-1, 1);
+    switch (random->below(5)) {
+    case 0:
+        return well;
+    case 1:
+        return limit + hysteresis + step;
+    case 2:
+        return limit - hysteresis + step;
+    default:
+        return limit + step;
+    }
+}
 
 std::vector<std::string> mount_points() {
     return {"/rw-root", "/", "/tmp", "/run", "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"};
@@ -112,14 +111,13 @@ Input any_temperature(Random *random) {
         }
     }
     const std::int64_t degrees = near_limits(random, {-40, -30, 70, 80, 0}, 5, 42);
-    const std::int64_t fraction = random->of<std::int64_t>({0, 0, 1, -499, -500, 499, 500, 501, 999, -1499});
+    const auto fraction = random->of<std::int64_t>({0, 0, 1, -499, -500, 499, 500, 501, 999, -1499});
     const std::string line = spelled(random, degrees * 1000 + fraction);
     return written(TEMPERATURE_FILE, line + (random->once_in(5) ? "" : "\n"));
 }
 
 Input any_memory(Random *random) {
-    const std::int64_t total =
-        random->of<std::int64_t>({1, 3, 100, 200, 999, 1000, 512000, 512000, 4611686018427387904});
+    const auto total = random->of<std::int64_t>({1, 3, 100, 200, 999, 1000, 512000, 512000, 4611686018427387904});
     const std::int64_t percent = std::max<std::int64_t>(0, near_limits(random, {10, 25}, 10, 50));
     const std::int64_t half = total / 200;
     const std::int64_t near = total / 100 * percent + total % 100 * percent / 100;
@@ -175,7 +173,7 @@ Input any_emmc(Random *random) {
 
 Input any_disk(Random *random, const std::string &path) {
     const bool may_change = path == "/rw-root" || path == "/var/lib/persistent" || path == "/var/lib/parameter";
-    const std::int64_t total = random->of<std::int64_t>(
+    const auto total = random->of<std::int64_t>(
         {3, 99, 100, 100, 200, 1000, 1000, 1000, 12345, 42949673, 4294967295, 4294967296, 4294968296});
     const std::int64_t percent = std::max<std::int64_t>(0, near_limits(random, {10, 25}, 5, 50));
     const std::int64_t near = total * percent / 100;
@@ -241,8 +239,7 @@ Input any_link(Random *random, const char *path) {
 std::int64_t any_load(Random *random) { return near_limits(random, {75, 90}, 5, 20); }
 
 Input any_cpu(Random *random, std::int64_t load, std::int64_t *counters) {
-    const std::int64_t total =
-        random->of<std::int64_t>({0, 50, 99, 100, 101, 199, 1000, 18000, 72000, 18000, 18000, 18000});
+    const auto total = random->of<std::int64_t>({0, 50, 99, 100, 101, 199, 1000, 18000, 72000, 18000, 18000, 18000});
     const std::int64_t hair = random->once_in(3) ? random->between(-1, 1) : 0;
     const std::int64_t idle = std::max<std::int64_t>(0, total * (100 - load) / 100 + hair);
     const std::int64_t user = (total - idle) * random->below(4) / 3;
@@ -265,172 +262,6 @@ Input any_cpu(Random *random, std::int64_t load, std::int64_t *counters) {
         return written(CPU_FILE, "cpu x y z w\n"); // no digits count as 0
     default:
         return written(CPU_FILE, "cpu  " + line + " 12 0 3 0 0 0\ncpu0 1 2 3 4\n");
-    }
-}
-
-std::string any_traffic(Random *random, const std::string &interface) {
-    const std::int64_t packets = random->of<std::int64_t>(
-        {0,       1,          49,         50,         51,         99,         100,       101,
-         149,     150,        200,        1000,       1000,       1000,       54321,     1000000,
-         1000000, 1073741900, 2147483647, 2147483648, 4294967296, 4294967297, 8589934592});
-    const std::int64_t value = near_limits(random, {5, 10}, 2, 1);
-    const std::int64_t errors =
-        std::max<std::int64_t>(0, packets * value / 100 - packets / 50 + 1 + random->between(-1, 1));
-    const std::int64_t received = packets * random->below(5) / 4;
-    const std::int64_t lost = errors / 4;
-    const std::string head = interface + ": 90000 " + text(received) + " " + text(lost) + " " +
-                             text(errors - 3 * lost) + " 0 0 0 0 10000 " + text(packets - received);
-    switch (random->below(24)) {
-    case 0:
-        return "";
-    case 1:
-        return interface + ":90000 " + text(received) + " 0 0 0 0 0 0 0 10000 " + text(packets) +
-               " 0 0 0 0 0 0\n"; // glued
-    case 2:
-        return head + "\n"; // 11 words: what was not sent is not counted
-    case 3:
-        return head + " " + text(lost) + "\n";
-    case 4:
-        return interface + ": 90000 1000 0 0 0 0 0 0 10000\n" + head + " " + text(lost) + " " + text(lost) +
-               "\n"; // too short a line, a good one
-    case 5:
-        return (interface == "eth0" ? "ETH0" : "Wlan0STA") + head.substr(interface.size()) + " 0 0 0 0 0 0\n";
-    case 6:
-        return interface + " : 90000 900 0 0 0 0 0 0 10000 100 0 0 0 0 0 0\n" + interface + "x" +
-               head.substr(interface.size()) + " 0 0 0 0\n";
-    case 7:
-        return interface + ": b -5 e d 0 0 0 0 b 4 0 0 0 0 0 0\n";
-    default:
-        return "  " + head + " " + text(lost) + " " + text(lost) + " 0 0 0 0\n";
-    }
-}
-
-Input traffic_file(const std::string &lan, const std::string &wifi) {
-    return written(TRAFFIC_FILE,
-                   "Inter-|   Receive                                                |  Transmit\n"
-                   " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop\n"
-                   "    lo:  100 1000 0 0 0 0 0 0 100 1000 0 0 0 0 0 0\n" +
-                       lan + wifi);
-}
-
-std::string any_quality(Random *random) {
-    if (random->once_in(20)) {
-        return random->text_of({"x", "nan", "inf", "1e300", "-", "."});
-    }
-    const std::int64_t quality = near_limits(random, {30, 50}, 5, 70);
-    return text(quality) + random->text_of({"", ".", ".9", ".999", "/70"});
-}
-
-std::string any_strength(Random *random) {
-    if (random->once_in(20)) {
-        return random->text_of({"x", "nan", "-inf", "1e300", "-", "dBm"});
-    }
-    const std::int64_t level = near_limits(random, {-70, -30, 0}, 5, -20);
-    return text(level) + random->text_of({"", ".", ".", ".4", ".5", ".6", ".499", ".999"});
-}
-
-Input wireless_file(Random *random, const std::string &quality, const std::string &strength) {
-    const std::string line = " 0000 " + quality + " " + strength + " -256 0 0 0 0 0 0\n";
-    const std::string heading =
-        "Inter-| sta-|   Quality        |   Discarded packets\n face | tus | link level noise |\n";
-    switch (random->below(25)) {
-    case 0:
-        return written(WIRELESS_FILE, heading);
-    case 1:
-        return written(WIRELESS_FILE, "WLAN0sta:" + line);
-    case 2:
-        return written(WIRELESS_FILE,
-                       "wlan0sta: 0000 " + quality + " " + strength + "\nwlan0sta: 0000 60. -50. -256\n"); // too short
-    case 3:
-        return written(WIRELESS_FILE, "wlan0sta: 0000 x y -256\n" + heading + " wlan0sta:" + line);
-    case 4:
-        return written(WIRELESS_FILE, "wlan0sta:0000 " + quality + " " + strength + " -256 0 0\n"); // glued
-    case 5:
-        return written(WIRELESS_FILE, "");
-    default:
-        return written(WIRELESS_FILE, heading + "wlan1:  0000 10. -90. -256\nwlan0sta:" + line);
-    }
-}
-
-Input any_lan_configuration(Random *random) {
-    if (random->once_in(8)) {
-        return random->once_in(3) ? made_folder(LAN_CONFIGURATION) : removed(LAN_CONFIGURATION);
-    }
-    std::string content =
-        random->once_in(6) ? ""
-                           : random->text_of({"[Link]\n", "[link]\n", "  [LINK]  \n", "[Match]\nName=eth0\n[Link]\n"});
-    for (std::int64_t lines = random->below(5); lines > 0; --lines) {
-        content += random->text_of({"Unmanaged=no\n",
-                                    "Unmanaged=yes\n",
-                                    "Unmanaged=false\n",
-                                    "unmanaged : TRUE \n",
-                                    "Unmanaged=maybe\n",
-                                    "Unmanaged=1\n",
-                                    "ActivationPolicy=up\n",
-                                    "ActivationPolicy=always-up\n",
-                                    "ACTIVATIONPOLICY=Always-Down\n",
-                                    "ActivationPolicy=down\n",
-                                    "ActivationPolicy = manual ; by hand\n",
-                                    "ActivationPolicy=bound;now\n",
-                                    "ActivationPolicy:bound\n",
-                                    "# Unmanaged=yes\n",
-                                    "; Unmanaged=yes\n",
-                                    "\n",
-                                    "  \t\n",
-                                    "Unmanaged= ;no\n",
-                                    "Unmanaged=\n",
-                                    "=no\n",
-                                    "MACAddress=0:1:2\n",
-                                    "Unmanaged no ; = no\n",
-                                    "garbage\n",
-                                    "[Network]\n",
-                                    "[Link\n",
-                                    "[Link ;]\n",
-                                    "[ Link]\n",
-                                    "[Link]Unmanaged=yes\n",
-                                    "Unmanaged=yes",
-                                    "Unmanaged=no"});
-    }
-    if (random->once_in(15)) {
-        content += "[" + std::string(45, 'x') + "Link]\nUnmanaged=yes\n";
-    }
-    if (random->once_in(15)) {
-        content += random->text_of({"Name=", "Name "}) + std::string(random->of({4000U, 4090U, 4091U, 4200U}), 'y') +
-                   "\nUnmanaged=no\n";
-    }
-    return written(LAN_CONFIGURATION, content);
-}
-
-Input any_wifi_configuration(Random *random) {
-    switch (random->below(12)) {
-    case 0:
-        return removed(WIFI_CONFIGURATION);
-    case 1:
-        return made_folder(WIFI_CONFIGURATION);
-    case 2:
-        return written(WIFI_CONFIGURATION, "{\"enabled\": true, \"ssid\": \"" +
-                                               std::string(random->of({10U, 2019U, 2020U, 2021U, 2022U, 3000U}), 's') +
-                                               "\"}");
-    case 3:
-        return written(
-            WIFI_CONFIGURATION,
-            random->text_of({"", " ", "{\"enabled\":true}", "{\"enabled\":false}\n", "{}", "[]", "true", "true\n",
-                             "\"enabled\"", "{\"a\":{\"enabled\":true}}", "{\"enabled\" true }", "{", "enabled true"}));
-    case 4:
-    case 5:
-    case 6: {
-        std::string content = random->once_in(5) ? "" : "{";
-        for (std::int64_t pieces = random->below(random->once_in(5) ? 80 : 14); pieces > 0; --pieces) {
-            content += random->text_of(
-                {"{",     "}",      ":",           ",",         " ",       "\n",           "\"enabled\"",
-                 "\"a\"", "\"a\":", "\"\\u00e4\"", "\"\\u0g\"", "\"\\x\"", "\"\\\"\"",     "true ",
-                 "null,", "1",      "-2 ",         "false}",    "[",       "\x01",         "~",
-                 "x",     "\"",     "\"b\":1,",    "\"c\":{",   "},",      "\"d\":\"e\",", "t\x7f,"});
-        }
-        return written(WIFI_CONFIGURATION, content + (random->once_in(3) ? "" : "}"));
-    }
-    default:
-        return written(WIFI_CONFIGURATION, "in use\n");
     }
 }
 

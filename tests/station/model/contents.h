@@ -8,6 +8,13 @@
 
 namespace model {
 
+Input written(const std::string &path, const std::string &content);
+Input removed(const std::string &path);
+Input made_folder(const std::string &path);
+/// One of the values at a limit, at the limit as the hysteresis moves it, or far from both.
+std::int64_t near_limits(Random *random, const std::vector<std::int64_t> &limits, std::int64_t hysteresis,
+                         std::int64_t well);
+
 /// A board on which all is well and all paths are in use.
 std::vector<Input> healthy_board();
 

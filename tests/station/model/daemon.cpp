@@ -42,7 +42,7 @@ bool Daemon::can_take(const Input &input) const {
     case Input::Kind::child_ends:
         return loggers_.runs(input.target);
     case Input::Kind::generation_lost:
-        return log_.generations().contains(std::stoi(input.target));
+        return log_.generations().contains(number_in(input.target));
     case Input::Kind::ask_listing:
     case Input::Kind::ask_availability:
     case Input::Kind::bus_lost:
@@ -63,7 +63,7 @@ void Daemon::take(const Input &input) {
         loggers_.end(input.target);
         break;
     case Input::Kind::generation_lost:
-        log_.lose_generation(std::stoi(input.target));
+        log_.lose_generation(number_in(input.target));
         break;
     default:
         board_.take(input);

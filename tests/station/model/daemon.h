@@ -54,7 +54,7 @@ class Daemon {
     void run(Course *course, std::int64_t now);
     [[nodiscard]] bool is_in_use(const Check &check) const;
     Reading read(const Check &check);
-    Reading read_wireless(const Check &check) const;
+    [[nodiscard]] Reading read_wireless(const Check &check) const;
     void tell(const Course &course, std::int64_t now);
 
     Settings settings_;

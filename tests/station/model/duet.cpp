@@ -56,8 +56,9 @@ std::vector<std::string> targets_of(const Check &check) {
 
 } // namespace
 
-Duet::Duet(const RigSetup &setup, const Settings &settings, std::vector<Check> checks)
-    : settings_(settings), checks_(std::move(checks)), setup_(setup), rig_(setup), now_(setup.clock) {}
+Duet::Duet(RigSetup setup, Settings settings, std::vector<Check> checks)
+    : settings_(std::move(settings)), checks_(std::move(checks)), setup_(std::move(setup)), rig_(setup_),
+      now_(setup_.clock) {}
 
 void Duet::start() {
     daemon_.emplace(settings_, checks_, board_after(setup_.inputs, setup_.has_bus), setup_.old_log, now_);
@@ -206,9 +207,10 @@ std::string Duet::inputs_of(const std::string &issue) const {
                             text_of(each->input) + "\n");
         }
     }
+    std::reverse(lines.begin(), lines.end());
     std::string text;
-    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
-        text += *line;
+    for (const std::string &line : lines) {
+        text += line;
     }
     return text;
 }

@@ -12,7 +12,7 @@ namespace model {
 class Duet {
   public:
     /// `checks` is what the model takes for the built-in table.
-    Duet(const RigSetup &setup, const Settings &settings, std::vector<Check> checks = built_in_checks());
+    Duet(RigSetup setup, Settings settings, std::vector<Check> checks = built_in_checks());
 
     /// Starts both and compares the start and the first pass.
     void start();
@@ -45,8 +45,8 @@ class Duet {
 
   private:
     struct Done {
-        unsigned beat;
-        std::int64_t now;
+        unsigned beat = 0;
+        std::int64_t now = 0;
         Input input;
     };
 

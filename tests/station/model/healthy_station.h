@@ -19,10 +19,4 @@ inline RigSetup healthy_station() {
             .load_logger = STATION_LOAD_LOGGER};
 }
 
-inline Input written(const std::string &path, const std::string &text) {
-    return {.kind = Input::Kind::write, .target = path, .text = text};
-}
-
-inline Input removed(const std::string &path) { return {.kind = Input::Kind::remove, .target = path, .text = ""}; }
-
 } // namespace model

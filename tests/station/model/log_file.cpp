@@ -65,8 +65,8 @@ std::string local_stamp(std::int64_t now) {
     return text.data();
 }
 
-LogFile::LogFile(const Settings &settings, const std::vector<Check> &checks, std::string old, std::int64_t now)
-    : settings_(settings), checks_(checks), text_(std::move(old)) {
+LogFile::LogFile(Settings settings, std::vector<Check> checks, std::string old, std::int64_t now)
+    : settings_(std::move(settings)), checks_(std::move(checks)), text_(std::move(old)) {
     text_ += header("START", now);
 }
 

@@ -15,7 +15,7 @@ inline constexpr const char *TIME_ZONE = "TZ=CET-1CEST,M3.5.0,M10.5.0/3";
 class LogFile {
   public:
     /// A log that has been there before, `old`, is written on.
-    LogFile(const Settings &settings, const std::vector<Check> &checks, std::string old, std::int64_t now);
+    LogFile(Settings settings, std::vector<Check> checks, std::string old, std::int64_t now);
 
     /// The record of a run; no value is "NaN".
     void record(const Check &check, int state, std::optional<std::int32_t> value, std::int64_t now);

@@ -115,7 +115,7 @@ std::vector<std::string> listing_of(DBusMessage *reply) {
 }
 
 std::string unpacked(const std::string &packed) {
-    constexpr std::size_t most = 16 * 1024 * 1024;
+    constexpr std::size_t most = std::size_t{16} * 1024 * 1024;
     static std::vector<char> buffer(most);
     unsigned size = most;
     std::string source = packed;
@@ -267,7 +267,7 @@ void Rig::apply(const Input &input) {
         put(board_.emmc, &station_.emmc());
         break;
     case generation_lost:
-        lose_generation(std::atoi(input.target.c_str()));
+        lose_generation(number_in(input.target));
         break;
     case sigusr1:
         station_.signal(SIGUSR1);
@@ -353,7 +353,7 @@ std::map<int, std::string> Rig::generations() const {
         const std::string name = entry.path().filename();
         if (name.starts_with(start)) {
             const bool is_packed = name.size() == start.size() + 7 && name.ends_with(".bz2");
-            const int number = std::atoi(name.c_str() + start.size());
+            const int number = number_in(name.substr(start.size()));
             found[number] = is_packed ? unpacked(read_file(entry.path())) : "a file named " + name;
         }
     }
@@ -365,8 +365,9 @@ std::map<int, std::string> Rig::generations() const {
 std::vector<pid_t> Rig::children() const {
     const std::string pid = std::to_string(station_.pid());
     std::vector<pid_t> pids;
-    for (const std::string &word : words_of(read_file("/proc/" + pid + "/task/" + pid + "/children"))) {
-        pids.push_back(std::atoi(word.c_str()));
+    const std::string thread = "/proc/" + pid + "/task/" + pid;
+    for (const std::string &word : words_of(read_file(thread + "/children"))) {
+        pids.push_back(number_in(word));
     }
     return pids;
 }
@@ -382,7 +383,7 @@ bool Rig::read_call() {
     }
     const std::string line = unread_.substr(0, end);
     unread_.erase(0, end + 1);
-    const pid_t pid = std::atoi(line.c_str());
+    const pid_t pid = number_in(line);
     told_.push_back(line.substr(line.find(' ') + 1));
     const std::size_t issue = line.find("CB");
     loggers_.push_back({.pid = pid,

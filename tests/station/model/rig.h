@@ -15,8 +15,8 @@ struct RigSetup {
     std::vector<Input> inputs; ///< what the board consists of
     std::vector<std::string> arguments;
     std::string old_log; ///< a status log that is already there
-    std::int64_t clock;
-    bool has_bus;
+    std::int64_t clock = 0;
+    bool has_bus = true;
     std::string load_logger; ///< the program in its place
 };
 

@@ -12,6 +12,21 @@ constexpr std::int64_t START_TIMES[] = {
     4294900001, // 2106-02-06 11:46:41 UTC, a day before 2^32
 };
 
+// Values out of range are moved to its end, other words leave what is there by default.
+constexpr OptionForms LOG_SIZE{"-S", "--logfilesize"};
+const std::vector<OptionValue> LOG_SIZES{
+    {"10", 10240}, {"11", 11264},   {"12kB", 12288}, {"64", 65536},         {"1000", 1024000},    {"5", 10240},
+    {"-3", 10240}, {"much", 10240}, {"+64", 65536},  {"102400", 104857600}, {"200000", 104857600}};
+constexpr OptionForms LOG_COUNT{"-C", "--logfilecount"};
+const std::vector<OptionValue> LOG_COUNTS{{"0", 0},  {"1", 1},   {"2", 2},    {"3", 3},    {"5", 5},
+                                          {"-5", 0}, {"2nd", 2}, {"none", 0}, {"500", 128}};
+constexpr OptionForms RECORD_LEVEL{"-l", "--loglevel"};
+const std::vector<OptionValue> RECORD_LEVELS{{"OK", 3},      {"ok", 3},      {"oK", 3},   {"all", 3},  {"1", 3},
+                                             {"WARNING", 2}, {"warning", 2}, {"fail", 1}, {"Fail", 1}, {"failed", 3}};
+constexpr OptionForms SEVERITY{"-s", "--severitylevel"};
+const std::vector<OptionValue> SEVERITIES{{"OK", 5},      {"ok", 5},     {"fail", 5},   {"all", 5},
+                                          {"warning", 4}, {"Failed", 3}, {"failed", 3}, {"CRITICAL", 2}};
+
 std::int64_t next_multiple(std::int64_t now, std::int64_t of) { return now - now % of + of; }
 
 } // namespace
@@ -26,18 +41,37 @@ Script::Script(std::uint64_t seed, const std::string &load_logger) : random_(see
     choose_board();
 }
 
+/// An option in one of the forms that it may be given in.
+void Script::give(const OptionForms &option, const std::string &value) {
+    std::vector<std::string> *arguments = &settings_.arguments;
+    switch (random_.below(4)) {
+    case 0:
+        arguments->push_back(std::string(option.letter) + value);
+        break;
+    case 1:
+        arguments->push_back(std::string(option.name) + "=" + value);
+        break;
+    case 2:
+        arguments->insert(arguments->end(), {option.name, value});
+        break;
+    default:
+        arguments->insert(arguments->end(), {option.letter, value});
+        break;
+    }
+}
+
+/// Gives an option one of the values; what the daemon takes it for.
+std::int64_t Script::choose(const OptionForms &option, const std::vector<OptionValue> &values) {
+    const OptionValue value = random_.of(values);
+    give(option, value.text);
+    return value.taken_for;
+}
+
 void Script::choose_options() {
-    const auto kilobytes = random_.of<std::int64_t>({10, 11, 64, 1000, 102400});
-    settings_.log_size = kilobytes * 1024;
-    settings_.log_count = static_cast<int>(random_.of<std::int64_t>({0, 1, 2, 3, 5}));
-    settings_.record_level = static_cast<int>(random_.of<std::int64_t>({3, 3, 3, 2, 1}));
-    settings_.severity = static_cast<int>(random_.of<std::int64_t>({5, 5, 5, 4, 3, 2}));
-    const std::vector<std::string> levels{"fail", "warning", "OK"};
-    const std::vector<std::string> severities{"critical", "failed", "warning", "OK"};
-    settings_.arguments = {"-S", std::to_string(kilobytes),
-                           "-C", std::to_string(settings_.log_count),
-                           "-l", levels[static_cast<std::size_t>(settings_.record_level - 1)],
-                           "-s", severities[static_cast<std::size_t>(settings_.severity - 2)]};
+    settings_.log_size = choose(LOG_SIZE, LOG_SIZES);
+    settings_.log_count = static_cast<int>(choose(LOG_COUNT, LOG_COUNTS));
+    settings_.record_level = static_cast<int>(choose(RECORD_LEVEL, RECORD_LEVELS));
+    settings_.severity = static_cast<int>(choose(SEVERITY, SEVERITIES));
     setup_.arguments = settings_.arguments;
     if (random_.once_in(3)) { // a log from before, perhaps a full one
         setup_.old_log =

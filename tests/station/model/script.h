@@ -11,6 +11,16 @@
 
 namespace model {
 
+struct OptionForms {
+    const char *letter;
+    const char *name;
+};
+
+struct OptionValue {
+    std::string text;
+    std::int64_t taken_for;
+};
+
 class Script {
   public:
     Script(std::uint64_t seed, const std::string &load_logger);
@@ -34,6 +44,8 @@ class Script {
     };
 
     void choose_options();
+    std::int64_t choose(const OptionForms &option, const std::vector<OptionValue> &values);
+    void give(const OptionForms &option, const std::string &value);
     void choose_board();
     void add_sources();
     void add(std::int64_t period, int delay, std::function<Input()> draw);

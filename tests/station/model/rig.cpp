@@ -126,7 +126,7 @@ std::string unpacked(const std::string &packed) {
 
 } // namespace
 
-Rig::Bus::Bus(std::string door) : door_(std::move(door)) {
+Rig::Bus::Bus(const std::string &folder) : socket_(folder + "/bus"), door_(folder + "/door"), bus_(folder) {
     connect_clients();
     open();
 }
@@ -137,7 +137,7 @@ void Rig::Bus::connect_clients() {
     listener_->watch(std::string("type='signal',interface='") + INTERFACE + "'");
 }
 
-void Rig::Bus::open() { fs::create_hard_link(bus_.address().substr(std::string("unix:path=").size()), door_); }
+void Rig::Bus::open() { fs::create_hard_link(socket_, door_); }
 
 void Rig::Bus::lose() {
     fs::remove(door_);
@@ -160,9 +160,8 @@ Rig::Rig(const RigSetup &setup)
     calls_.reset(open(files.host_path(CALLS).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     station_.environment = {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"};
     if (setup.has_bus) {
-        const std::string door = files.scratch() + "/bus";
-        bus_ = std::make_unique<Bus>(door);
-        station_.environment.push_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + door);
+        bus_ = std::make_unique<Bus>(files.scratch());
+        station_.environment.push_back(bus_->variable());
     }
     for (const Input &input : setup.inputs) {
         if (input.kind == Input::Kind::remove) {

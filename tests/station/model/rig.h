@@ -52,11 +52,11 @@ class Rig {
     [[nodiscard]] bool load_loggers_end() const;
 
   private:
-    /// Its socket is outside of the daemon's root; another name for it, inside, opens it to the daemon.
+    /// A system bus, to whose socket the daemon gets by another name; those who are to hear it come first.
     class Bus {
       public:
-        explicit Bus(std::string door);
-        void open();
+        explicit Bus(const std::string &folder);
+        [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + door_; }
         void lose();
         /// Back, with all on it who have been.
         void come_back();
@@ -67,7 +67,9 @@ class Rig {
 
       private:
         void connect_clients();
+        void open();
 
+        std::string socket_;
         std::string door_;
         PrivateBus bus_;
         FakeSystemd systemd_{bus_};

@@ -124,6 +124,9 @@ std::string unpacked(const std::string &packed) {
     return result == BZ_OK ? std::string(buffer.data(), size) : "no bzip2 file";
 }
 
+/// To that process, even if its number has been given to another one since.
+void send(const Descriptor &pidfd, int signo) { syscall(SYS_pidfd_send_signal, pidfd.get(), signo, nullptr, 0); }
+
 } // namespace
 
 Rig::Bus::Bus(const std::string &folder) : socket_(folder + "/bus"), door_(folder + "/door"), bus_(folder) {
@@ -174,7 +177,7 @@ Rig::Rig(const RigSetup &setup)
 
 Rig::~Rig() {
     for (const LoadLogger &each : loggers_) {
-        kill(each.pid, SIGKILL);
+        send(each.pidfd, SIGKILL);
     }
 }
 
@@ -412,9 +415,11 @@ void Rig::end_load_logger(const std::string &issue) {
     }
     const unsigned before = station_.waits();
     const pid_t pid = found->pid;
-    kill(pid, SIGTERM);
-    station_.await("the end of a load logger",
-                   [this, before, pid] { return station_.waits() > before && kill(pid, 0) != 0; });
+    send(found->pidfd, SIGTERM);
+    station_.await("the end of a load logger", [this, before, pid] {
+        const std::vector<pid_t> left = children();
+        return station_.waits() > before && std::find(left.begin(), left.end(), pid) == left.end();
+    });
     loggers_.erase(found);
 }
 

@@ -143,6 +143,27 @@ TEST(Trace, MapsLevelsToPriorities) {
     }
 }
 
+TEST(Trace, PrefixTellsTheLargestNumbersWhole) {
+    for (const int level : {INT32_MAX, INT32_MIN}) {
+        const CapturedTraces traces;
+        const std::time_t now =
+            in_one_second([&] { trace_write(level, "CODE_FILE=module.c", "CODE_LINE=2147483647", "f", "text"); });
+        EXPECT_EQ(last_line(traces), prefix_at(now, level, "module.c: f(2147483647)") + "text");
+    }
+}
+
+TEST(Trace, ThreadIdIsThatOfTheForkedProcess) {
+    const CapturedTraces before;
+    trace(TRACE_TRACE, "of the parent");
+    in_child([] {
+        const CapturedTraces traces;
+        const std::time_t now = in_one_second([] { trace_at(TRACE_TRACE, "module.c", "f", 1, "of the child"); });
+        EXPECT_EQ(last_line(traces), prefix_at(now, 3, "module.c: f(1)") + "of the child");
+    });
+    trace(TRACE_TRACE, "of the parent");
+    EXPECT_EQ(before.all().back().line.find("(3) [" + std::to_string(gettid()) + "] "), 0U);
+}
+
 TEST(Trace, TimeIsUtcWhateverTheTimeZone) {
     in_child([] { // the zone goes with the child
         for (const char *zone : {"AAA-5:30", "BBB+11", "UTC0"}) {

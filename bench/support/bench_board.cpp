@@ -47,7 +47,7 @@ constexpr std::array files{
               "wlan0sta: 180000   9000    1    0    0     0          0         0    20000    1000    0    1    0\n"},
     BoardFile{"/var/lib/evse/etc/systemd/network/eth0.network",
               "[Match]\nName=eth0\n[Link]\nUnmanaged=no\nActivationPolicy=up\n"},
-    BoardFile{"/var/lib/evse/portapi/wifi.conf", "{\"enabled\": true}\n"},
+    BoardFile{"/var/lib/evse/portapi/wifi.conf", "[]\n"},
 };
 
 [[noreturn]] void give_up(const std::string &what) {

@@ -47,7 +47,7 @@ void bare_hour() { play(hour_tape, log_file); }
 
 /// The daemon's state after start-up and some passes, without bus threads.
 void start_daemon(const BenchBoard &board) {
-    board.configure_daemon();
+    configure_daemon(board.paths());
     logfile_init();
     for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
         task->init(task);

@@ -1,15 +1,12 @@
 #include "bench_board.h"
 
-#include "gdata.h"
 #include "journal_sink.h"
-#include "tasks.h"
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <string_view>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -23,7 +20,8 @@ constexpr std::array units{"hostapd_2eservice",
                            "wpa_5fsupplicant_2eservice",
                            "corvana_2dportapi_2eservice"};
 
-constexpr std::array folders{"/var/lib", "/sys", "/proc/self/net"};
+constexpr std::array folders{"/sys",          "/proc/self/net",      "/var/lib",
+                             "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"};
 
 struct BoardFile {
     const char *path;
@@ -74,6 +72,8 @@ BenchBoard::BenchBoard() : bus_(std::make_unique<PrivateBus>()), systemd_(std::m
         give_up("the journal's place");
     }
     for (const char *folder : folders) {
+        std::error_code ignored;
+        std::filesystem::create_directories(folder, ignored);
         if (mount("tmpfs", folder, "tmpfs", 0, nullptr) != 0) {
             give_up(folder);
         }
@@ -81,25 +81,12 @@ BenchBoard::BenchBoard() : bus_(std::make_unique<PrivateBus>()), systemd_(std::m
     for (const BoardFile &file : files) {
         write(file.path, file.content);
     }
-    for (const char *folder : {"/var/lib/persistent", "/var/lib/parameter"}) {
-        std::filesystem::create_directories(folder);
-    }
     write(emmc_, "");
 }
 
-void BenchBoard::configure_daemon() const {
-    gdata_set_tasks(builtin_tasks());
-    gdata_set_logfile(logfile_.c_str());
-    gdata_set_logsize(LOGSIZE_MAX);
-    for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
-        const std::string_view parameter = task->parameter == nullptr ? "" : task->parameter;
-        if (parameter == "/rw-root") {
-            task->parameter = disk_.c_str();
-        } else if (parameter == "/dev/mmcblk1") {
-            task->parameter = emmc_.c_str();
-        }
-        if (std::string_view(task->source) == "load") {
-            task->maxwarn = task->maxfail = 101; // no load here starts a load logger
-        }
+void share_board_network() {
+    const std::string shared = "/proc/" + std::to_string(getppid()) + "/net";
+    if (mount(shared.c_str(), "/proc/self/net", nullptr, MS_BIND, nullptr) != 0) {
+        give_up(shared);
     }
 }

@@ -3,6 +3,7 @@
 // The board and the systemd that all 23 checks find what they look for on: files in memory in a mount
 // namespace of the process's own, and the tests' fake systemd on a private bus.
 
+#include "bench_daemon.h"
 #include "fake_systemd.h"
 #include "private_bus.h"
 #include "scratch_folder.h"
@@ -15,9 +16,10 @@ class BenchBoard {
     /// Takes root. Ends the program with a word on stderr where it cannot be had.
     BenchBoard();
 
-    /// Hands the daemon its table, the parameters of which no machine but the board has (a disk, the
-    /// eMMC) changed for paths of ours, and a status log that does not rotate.
-    void configure_daemon() const;
+    [[nodiscard]] BoardPaths paths() const {
+        return {.logfile = logfile_.c_str(), .disk = disk_.c_str(), .emmc = emmc_.c_str()};
+    }
+    [[nodiscard]] const ScratchFolder &scratch() const { return scratch_; }
 
   private:
     ScratchFolder scratch_;
@@ -27,3 +29,6 @@ class BenchBoard {
     std::string emmc_ = scratch_ / "mmcblk1";
     std::string logfile_ = scratch_ / "logfile";
 };
+
+/// Shows a process that was forked from that of the board the board's /proc/net too.
+void share_board_network();

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <string_view>
 
@@ -27,7 +28,8 @@ namespace {
 constexpr std::int64_t HOUR = 3600; // the longest interval: after it all tasks are due
 constexpr std::int64_t HEARTBEAT = 10;
 
-std::int64_t now = 1700049600; // a full hour
+/// A full hour, and not in the past: issues are stamped with the real time.
+std::int64_t now = (std::time(nullptr) / HOUR + 1) * HOUR;
 
 void pass() { scheduler_pass(now += HOUR); }
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::int64_t HOUR = 3600;
 
-std::int64_t now = 1700049600;
+std::int64_t now = std::time(nullptr);
 
 /// So many copies of the table's tasks, each with an index of its own, initialised.
 std::vector<Task> table_of(std::size_t copies) {

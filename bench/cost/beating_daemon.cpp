@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <unistd.h>
 
 int main(int argc, char *argv[]) {
@@ -27,7 +28,8 @@ int main(int argc, char *argv[]) {
     process_init();
     init();
     constexpr std::int64_t hour = 3600;
-    for (std::int64_t now = 1700049600, end = now + heartbeats * hour; now < end; now += hour) {
+    const std::int64_t start = std::time(nullptr); // not before it: issues are stamped with the real time
+    for (std::int64_t now = start; now < start + heartbeats * hour; now += hour) {
         timer_suspend();
         scheduler_pass(now);
         timer_continue();

@@ -382,8 +382,7 @@ TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {
 
 TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
     PrivateBus bus;
-    bus.stop();
-    std::filesystem::remove(bus.address().substr(std::string("unix:path=").size()));
+    bus.remove();
     BusDaemon daemon(bus, Traces::to_stderr);
     LineReader &traces = daemon.process().errors();
     for (const char *thread : {"d_bus_srv_main", "d_bus_srv_msg_sender"}) {
@@ -392,12 +391,33 @@ TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
         ASSERT_TRUE(line && traces.wait_for("", *line + 1)) << thread;
         EXPECT_EQ(traces.lines()[*line + 1], "") << thread; // the text ends in a line end of its own
     }
+    EXPECT_TRUE(daemon.traced("the sender has ended"));
     for (int pass = 0; pass < 100; ++pass) {
         ASSERT_TRUE(daemon.obey("update 5 " + std::to_string(pass % 2)));
         ASSERT_TRUE(daemon.obey("send " + std::to_string(LONG_AGO)));
     }
     daemon.tell("exit");
     EXPECT_EQ(daemon.process().wait(), 1);
+}
+
+TEST(BusStartTest, WithoutAnEventDescriptorItServesAllTheSame) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr, "no-eventfd");
+    ASSERT_TRUE(daemon.find_trace("d_bus_srv_main", " eventfd() failed"));
+    client.wait_for_owner(SERVICE_NAME);
+    EXPECT_TRUE(is_return(client.call(listing_call())));
+}
+
+TEST(BusStartTest, WithoutAnEventDescriptorNoCallIsLostToTheSenderEither) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::none, "no-eventfd");
+    client.wait_for_owner(SERVICE_NAME);
+    daemon.tell("flood 20000");
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(is_return(client.call(listing_call()))) << i;
+    }
 }
 
 TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {

@@ -5,6 +5,7 @@
 #include "bus_daemon.h"
 #include "captured_traces.h"
 #include "message_bytes.h"
+#include "other_process.h"
 #include "private_bus.h"
 
 #include <algorithm>
@@ -12,10 +13,8 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <pthread.h>
 #include <string>
 #include <vector>
@@ -199,20 +198,6 @@ TEST_F(BusServiceTest, NoCallIsLostToASenderThatReadsItIn) {
     for (int i = 0; i < 1000; ++i) {
         ASSERT_TRUE(is_return(client_.call(listing_call()))) << i;
     }
-}
-
-std::size_t descriptors_of(pid_t pid) {
-    const std::filesystem::directory_iterator folder("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
-}
-
-/// Resident pages.
-long memory_of(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
-    long total = 0;
-    long resident = 0;
-    file >> total >> resident;
-    return resident;
 }
 
 TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {

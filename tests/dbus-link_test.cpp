@@ -4,8 +4,10 @@
 
 #include "bus_daemon.h"
 #include "message_bytes.h"
+#include "other_process.h"
 #include "private_bus.h"
 
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
@@ -114,6 +116,7 @@ TEST_F(BusLossTest, IsSaidOnceAndDoesNotSpin) {
 }
 
 TEST_F(BusLossTest, HappensAgainAndAgain) {
+    const std::size_t descriptors = descriptors_of(daemon_.process().pid());
     for (std::uint32_t round = 1; round <= 3; ++round) {
         bus_.stop();
         pass(static_cast<int>(round)); // the sender may notice the loss before the listener does
@@ -124,6 +127,7 @@ TEST_F(BusLossTest, HappensAgainAndAgain) {
         client.wait_for_owner(SERVICE_NAME);
         EXPECT_TRUE(is_listed(client));
     }
+    EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
 }
 
 TEST_F(BusLossTest, WhileAClientFloods) {
@@ -139,6 +143,21 @@ TEST_F(BusLossTest, WhileAClientFloods) {
     BusClient client(bus_);
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
+}
+
+TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
+    BusClient client(bus_);
+    client.watch("type='signal',interface='com.corvana.State2.Issues'");
+    kill(bus_.pid(), SIGSTOP);
+    std::vector<std::uint32_t> passes;
+    for (std::uint32_t number = 2; number <= 1000; ++number) { // more than the socket takes
+        pass(static_cast<int>(number));
+        passes.push_back(number);
+    }
+    kill(bus_.pid(), SIGCONT);
+    EXPECT_EQ(announced(client, static_cast<int>(passes.size())), passes);
+    EXPECT_TRUE(is_listed(client));
+    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 0U);
 }
 
 TEST_F(BusLossTest, ANameTakenMeanwhileIsAskedForAgain) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -85,6 +86,10 @@ struct IssueSignal {
     std::string body;
     bool operator==(const IssueSignal &) const = default;
 };
+
+inline void PrintTo(const IssueSignal &signal, std::ostream *out) {
+    *out << signal.member << " " << testing::PrintToString(signal.body);
+}
 
 inline IssueSignal next_signal(BusClient *client) {
     const BusMessage signal = client->wait_for([](DBusMessage *message) {

@@ -54,14 +54,15 @@ void note_message(void *wakeup) {
 }
 
 /// Waits outside libdbus, which would keep the connection to itself meanwhile, so that the sender
-/// could not write.
+/// could not write; then reads what has come.
 void wait_for_message(DBusConnection *connection, const Descriptor &wakeup) {
     int socket = -1;
     dbus_connection_get_unix_fd(connection, &socket);
     std::array<pollfd, 2> awaited{{{socket, POLLIN, 0}, {wakeup.get(), POLLIN, 0}}};
     poll(awaited.data(), awaited.size(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
+    dbus_connection_read_write(connection, 0);
     eventfd_t ignored = 0;
-    eventfd_read(wakeup.get(), &ignored);
+    eventfd_read(wakeup.get(), &ignored); // behind the reading, which is noted as well
 }
 
 /// Answers calls until the connection is lost.
@@ -77,7 +78,6 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
         }
         trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
         wait_for_message(connection.get(), wakeup);
-        dbus_connection_read_write(connection.get(), 0);
     }
     bus_link_set(BusLink::lost, nullptr);
 }

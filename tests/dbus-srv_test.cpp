@@ -318,6 +318,18 @@ TEST(BusStartTest, TracesItsStart) {
     EXPECT_EQ(daemon.count_traces("unknown request - type: signal"), 2U);
 }
 
+TEST(BusStartTest, ACallIsOneWait) {
+    constexpr std::size_t calls = 50;
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    for (std::size_t i = 0; i < calls; ++i) {
+        ASSERT_TRUE(is_return(client.call(listing_call())));
+    }
+    EXPECT_LE(daemon.count_traces("wait for request"), calls + 1);
+}
+
 TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
     PrivateBus bus;
     BusClient client(bus);

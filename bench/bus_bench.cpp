@@ -25,7 +25,8 @@ namespace {
 constexpr int ROUNDS = 25;
 constexpr int CALLS = 400; // a round
 constexpr std::array<int, 3> ISSUES{0, 1, ALL_ISSUES};
-constexpr std::array<Server, 3> KINDS{Server::daemon, Server::bare, Server::bare_with_traces};
+constexpr std::array<Server, 4> KINDS{Server::daemon, Server::daemon_without_journal, Server::bare,
+                                      Server::bare_with_traces};
 
 constexpr const char *CONFIGURATION =
     "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
@@ -107,16 +108,19 @@ std::string body_of(const std::string &name) {
     return body;
 }
 
-void print_contenders(const Contender *of_a_kind) {
-    const Contender &daemon = of_a_kind[0];
-    for (const Contender *bare : {&of_a_kind[1], &of_a_kind[2]}) {
-        std::printf("%2d issues, %-18s round trip %6.1f / %6.1f us = %.3f   processor %5.1f / %5.1f us = %.3f%s\n",
-                    daemon.issues,
-                    bare->kind == Server::bare ? "bare server:" : "bare with traces:", daemon.round_trip / 1000,
-                    bare->round_trip / 1000, daemon.round_trip / bare->round_trip, daemon.processor / 1000,
-                    bare->processor / 1000, daemon.processor / bare->processor,
-                    body_of(daemon.name) == body_of(bare->name) ? "" : "   (NOT THE SAME BYTES)");
-    }
+void print_ratio(const char *what, const Contender &daemon, const Contender &bare) {
+    std::printf("%2d issues, %-30s round trip %6.1f / %6.1f us = %.3f   processor %5.1f / %5.1f us = %.3f%s\n",
+                daemon.issues, what, daemon.round_trip / 1000, bare.round_trip / 1000,
+                daemon.round_trip / bare.round_trip, daemon.processor / 1000, bare.processor / 1000,
+                daemon.processor / bare.processor,
+                body_of(daemon.name) == body_of(bare.name) ? "" : "   (NOT THE SAME BYTES)");
+}
+
+/// In the order of KINDS.
+void print_ratios(const Contender *contenders) {
+    print_ratio("beside the bare server:", contenders[0], contenders[2]);
+    print_ratio("beside it with the traces:", contenders[0], contenders[3]);
+    print_ratio("without journal beside it:", contenders[1], contenders[2]);
 }
 
 void compare_listings() {
@@ -132,7 +136,7 @@ void compare_listings() {
         }
     }
     for (std::size_t first = 0; first < contenders.size(); first += KINDS.size()) {
-        print_contenders(&contenders[first]);
+        print_ratios(&contenders[first]);
     }
 }
 

@@ -8,7 +8,7 @@
 #include <sys/types.h>
 #include <vector>
 
-enum class Server { daemon, bare, bare_with_traces };
+enum class Server { daemon, daemon_without_journal, bare, bare_with_traces };
 
 inline constexpr int ALL_ISSUES = 34;
 inline constexpr const char *BENCH_PATH = "/com/corvana/Monitoring1";

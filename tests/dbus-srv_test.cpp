@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <pthread.h>
 #include <string>
 #include <vector>
@@ -295,6 +296,18 @@ TEST(BusStartTest, RequestsTheNameWithTheReplaceFlagOnly) {
     EXPECT_EQ(body_bytes(request.get()), wire(19) + wire(std::string(SERVICE_NAME)).substr(4) + wire(2));
 }
 
+/// The texts of one thread's own traces so far, in order.
+std::vector<std::string> texts_of(BusDaemon &daemon, const std::string &thread) {
+    const std::string place = "dbus-srv.c: " + thread + "(";
+    std::vector<std::string> texts;
+    for (const std::string &line : daemon.process().errors().lines()) {
+        if (const std::size_t start = line.find(place); start != std::string::npos) {
+            texts.push_back(line.substr(line.find(") ", start) + 2));
+        }
+    }
+    return texts;
+}
+
 TEST(BusStartTest, TracesItsStart) {
     PrivateBus bus;
     BusClient client(bus);
@@ -302,20 +315,58 @@ TEST(BusStartTest, TracesItsStart) {
     ASSERT_TRUE(daemon.traced("wait for request"));
     ASSERT_TRUE(is_return(client.call(listing_call())));
     ASSERT_TRUE(daemon.traced("call method: GetListing"));
-    std::vector<std::string> texts;
-    for (const std::string &line : daemon.process().errors().lines()) {
-        const std::size_t place = line.find("dbus-srv.c: d_bus_srv_main(");
-        if (place != std::string::npos && line.find("unknown request") == std::string::npos &&
-            line.find("check request") == std::string::npos) {
-            texts.push_back(line.substr(line.find(") ", place) + 2));
-        }
-    }
+    std::vector<std::string> texts = texts_of(daemon, "d_bus_srv_main");
+    std::erase_if(
+        texts, [](const std::string &text) { return text == "check request" || text.starts_with("unknown request"); });
     ASSERT_GE(texts.size(), 6U);
     texts.resize(6);
     EXPECT_THAT(texts,
                 ElementsAre(" ", "DBUS_GET", "DBUS_REQUEST", "WHILE", "wait for request", "call method: GetListing"));
     // The bus greets the new owner with two notices, both handled before the first wait.
     EXPECT_EQ(daemon.count_traces("unknown request - type: signal"), 2U);
+}
+
+TEST(BusStartTest, TheSenderTracesWhatItSends) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    daemon.obey("update 5 1");
+    daemon.obey("send " + std::to_string(LONG_AGO)); // both signals
+    std::optional<std::size_t> line = daemon.find_trace("d_bus_srv_msg_sender", " DONE");
+    for (int step = 0; step < 3; ++step) { // of the second
+        ASSERT_TRUE(line.has_value());
+        line = daemon.process().errors().wait_for(" d_bus_srv_msg_sender(", *line + 1);
+    }
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_msg_sender"),
+                ElementsAre(" ", "DBUS_GET", "SEND", "FLUSH", "DONE", "SEND", "FLUSH", "DONE"));
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_init_signals"), ElementsAre(" ", " ")); // each thread's
+}
+
+TEST(BusStartTest, WhatIsNotKnownIsTracedWithItsType) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    client.wait_for_owner(SERVICE_NAME);
+    client.send(method_call(PATH, ISSUES, "NoSuchMethod"));
+    ASSERT_TRUE(is_return(client.call(listing_call())));
+    ASSERT_TRUE(daemon.traced("call method: GetListing"));
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_main"), testing::Contains("unknown request - type: method_call"));
+}
+
+TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon first(bus, Traces::to_stderr);
+    ASSERT_TRUE(first.traced("wait for request"));
+    BusDaemon second(bus, Traces::to_stderr);
+    ASSERT_TRUE(second.traced("dbus_bus_request_name() failed"));
+    EXPECT_TRUE(is_return(client.call(listing_call())));
+    ASSERT_TRUE(first.traced("call method: GetListing"));
+    client.watch("type='signal',member='NewIssues'");
+    second.obey("update 5 1");
+    second.obey("send " + std::to_string(LONG_AGO));
+    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
 }
 
 TEST(BusStartTest, ACallIsOneWait) {
@@ -383,9 +434,12 @@ TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
     BusDaemon daemon(bus, Traces::to_stderr);
     LineReader &traces = daemon.process().errors();
     for (const char *thread : {"d_bus_srv_main", "d_bus_srv_msg_sender"}) {
-        EXPECT_TRUE(daemon.find_trace(thread, " dbus_bus_get() failed")) << thread;
+        const std::optional<std::size_t> failure = daemon.find_trace(thread, " dbus_bus_get() failed");
+        ASSERT_TRUE(failure.has_value()) << thread;
+        EXPECT_TRUE(traces.lines()[*failure].starts_with("(2) ")) << thread;
         const std::optional<std::size_t> line = daemon.find_trace(thread, " Connection Error (");
         ASSERT_TRUE(line && traces.wait_for("", *line + 1)) << thread;
+        EXPECT_TRUE(traces.lines()[*line].starts_with("(3) ")) << thread;
         EXPECT_EQ(traces.lines()[*line + 1], "") << thread; // the text ends in a line end of its own
     }
     EXPECT_TRUE(daemon.traced("the sender has ended"));

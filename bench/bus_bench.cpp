@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -101,9 +103,9 @@ std::string body_of(const std::string &name) {
     if (!reply || dbus_message_marshal(reply.get(), &bytes, &size) == 0) {
         return "no answer";
     }
-    const auto header = static_cast<std::size_t>(size) - static_cast<unsigned char>(bytes[4]) -
-                        256U * static_cast<unsigned char>(bytes[5]); // the body's length is the second word
-    std::string body(bytes + header, static_cast<std::size_t>(size) - header);
+    std::uint32_t length = 0; // of the body, the second word
+    std::memcpy(&length, bytes + sizeof length, sizeof length);
+    std::string body(bytes + size - length, length);
     dbus_free(bytes);
     return body;
 }

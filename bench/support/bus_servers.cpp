@@ -95,6 +95,7 @@ void bare_answer(DBusConnection *connection, DBusMessage *call, const std::vecto
 
 [[noreturn]] void serve_bare(const char *name, int issues, bool tracing) {
     std::vector<std::string> labels;
+    labels.reserve(static_cast<std::size_t>(issues));
     for (int issue = 0; issue < issues; ++issue) {
         labels.emplace_back(issue_registry[static_cast<std::size_t>(issue)].label);
     }

@@ -18,6 +18,7 @@
 #include "dbus-signals.h"
 #include "dbus-srv.h"
 #include "gdata.h"
+#include "handle.h"
 #include "trace.h"
 
 #include <atomic>
@@ -28,6 +29,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <dbus/dbus.h>
+#include <fcntl.h>
 #include <iostream>
 #include <poll.h>
 #include <semaphore>
@@ -97,12 +99,15 @@ void hold(std::string_view thread) {
     }
 }
 
-/// Ends the bus and waits until its end of the connection is closed.
+/// Ends the bus and waits until its end of the connection is closed. The other thread may close this end
+/// at once, and its number be another file's.
 void end_bus(pid_t bus, DBusConnection *connection) {
-    pollfd socket{-1, 0, 0};
-    dbus_connection_get_unix_fd(connection, &socket.fd);
+    int socket = -1;
+    dbus_connection_get_unix_fd(connection, &socket);
+    const Descriptor own(fcntl(socket, F_DUPFD_CLOEXEC, 0));
+    pollfd closing{own.get(), 0, 0};
     kill(bus, SIGKILL);
-    poll(&socket, 1, 60000);
+    poll(&closing, 1, 60000);
 }
 
 } // namespace

@@ -234,31 +234,6 @@ TEST_F(BusServiceTest, DescriptorsThatAClientPassesAreClosed) {
     EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
 }
 
-TEST_F(BusServiceTest, ClientsOfOthersGetTheirAnswers) {
-    daemon_.obey("update 3 1");
-    const std::string address = "--address=" + bus_.address();
-    const std::string bus = "--bus=" + bus_.address();
-    const std::string destination = std::string("--dest=") + SERVICE_NAME;
-    const auto joined = [](const CommandResult &result) {
-        std::string text;
-        for (const std::string &line : result.output) {
-            text += line + "\n";
-        }
-        return text;
-    };
-    const CommandResult listing =
-        run_command({"dbus-send", bus, "--print-reply", destination, PATH, "com.corvana.State2.Issues.GetListing"});
-    EXPECT_EQ(listing.status, 0);
-    EXPECT_THAT(joined(listing), testing::HasSubstr("string \"CB03\""));
-    const CommandResult switched = run_command({"busctl", address, "call", SERVICE_NAME, PATH, NETWORK,
-                                                "ChangeInterfaceAvailability", "sb", "LANxyz", "false"});
-    EXPECT_EQ(switched.status, 0);
-    EXPECT_EQ(joined(switched), "s \"failed\"\n");
-    const CommandResult described = run_command({"busctl", address, "introspect", SERVICE_NAME, PATH, ISSUES});
-    EXPECT_EQ(described.status, 0);
-    EXPECT_THAT(joined(described), testing::HasSubstr("a(us)"));
-}
-
 TEST_F(BusServiceTest, NobodyCanTakeTheNameAway) {
     EXPECT_EQ(number_of(client_.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_REPLACE_EXISTING)),
               static_cast<dbus_uint32_t>(DBUS_REQUEST_NAME_REPLY_IN_QUEUE));

@@ -2,10 +2,8 @@
 
 // A station on a bus of its own, with systemd and all watched services on it.
 
-#include "fake_systemd.h"
 #include "message_bytes.h"
-#include "private_bus.h"
-#include "station.h"
+#include "station_bus.h"
 #include "station_life.h"
 
 #include <cstdint>
@@ -51,7 +49,7 @@ inline std::string signal_bytes(std::uint32_t now, const std::vector<std::string
 class BusStation : public testing::Test {
   protected:
     explicit BusStation(Board board = even_board()) : station(std::move(board)) {
-        station.environment = {bus.variable(), "TZ=UTC0"};
+        station.environment.emplace_back("TZ=UTC0");
         load_services();
     }
 
@@ -70,8 +68,9 @@ class BusStation : public testing::Test {
     }
 
     Station station;
-    PrivateBus bus{station.files().scratch()};
-    FakeSystemd systemd{bus};
+    StationBus system_bus{&station};
+    PrivateBus &bus = system_bus.bus;
+    FakeSystemd &systemd = system_bus.systemd;
 };
 
 inline BusMessage listing_call() { return method_call(OBJECT_PATH, ISSUES, "GetListing"); }

@@ -2,10 +2,7 @@
 
 _vigmond() {
     local current=$2 previous=$3
-    if [[ $current == --*=* || $current == '=' ]]; then # cut at the = by readline
-        return
-    fi
-    if [[ $previous == '=' ]]; then
+    if [[ $previous == '=' ]]; then # a word of its own
         previous=${COMP_WORDS[COMP_CWORD - 2]}
     fi
     case $previous in

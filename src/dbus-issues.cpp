@@ -4,6 +4,7 @@
 #include "mutex_lock.h"
 #include "trace.h"
 
+#include <algorithm>
 #include <ctime>
 #include <limits>
 
@@ -82,6 +83,12 @@ int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state) {
     }
     trace(TRACE_TRACE, "UNLOCK");
     return 0;
+}
+
+int d_bus_srv_raised_issues() {
+    const MutexLock lock(registry_lock);
+    return static_cast<int>(std::count_if(issue_registry.begin(), issue_registry.end(),
+                                          [](const Issue &issue) { return issue.count > 0; }));
 }
 
 int d_bus_srv_ID_is_enabled(std::uint32_t id) {

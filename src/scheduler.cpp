@@ -9,6 +9,7 @@
 #include "network.h"
 #include "notifier.h"
 #include "signals.h"
+#include "supervision.h"
 #include "time_of_day.h"
 #include "timer.h"
 #include "trace.h"
@@ -66,11 +67,13 @@ void scheduler_pass(std::int64_t now) {
 
 void scheduler() {
     trace(TRACE_INFO, " ");
+    supervision_ready();
     timer_continue();
     for (;;) {
         const std::int64_t now = std::time(nullptr); // before the block, so that a waiting beat is not dated late
         timer_suspend();
         scheduler_pass(now);
+        supervision_pass_done(now, d_bus_srv_raised_issues());
         timer_continue();
         runrun_wait();
     }

@@ -4,6 +4,7 @@
 #include "gdata.h"
 #include "handle.h"
 #include "signals.h"
+#include "supervision.h"
 #include "trace.h"
 
 #include <array>
@@ -117,6 +118,7 @@ void signal_init() {
 
 void sig_exit_handler(int /*signo*/) {
     trace(TRACE_TRACE, " ");
+    supervision_stopping();
     cleanup();
     std::exit(EXIT_FAILURE);
 }

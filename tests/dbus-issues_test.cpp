@@ -99,6 +99,17 @@ TEST(IssueRegistryTest, IsStaticallyClearAndEnabled) {
     EXPECT_EQ(issue_registry[34].enabled, 0);
 }
 
+TEST_F(IssuesTest, CountsTheRaisedOnesOnceEach) {
+    EXPECT_EQ(d_bus_srv_raised_issues(), 0);
+    d_bus_srv_issue_update(5, 1);
+    d_bus_srv_issue_update(5, 2);
+    d_bus_srv_issue_update(99, -1);
+    EXPECT_EQ(d_bus_srv_raised_issues(), 2);
+    d_bus_srv_issue_update(99, 0);
+    EXPECT_EQ(d_bus_srv_raised_issues(), 1);
+    EXPECT_EQ(lock_traces.size(), 2U * 5U) << "of the reports and the start alone: it is asked in each pass";
+}
+
 TEST_F(IssuesTest, StartDatesAllRowsOneSecondBack) {
     clock_now = 5000;
     const CapturedTraces traces;

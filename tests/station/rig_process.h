@@ -23,6 +23,7 @@ struct Launch {
     std::vector<std::string> arguments;
     std::vector<std::string> environment; ///< "NAME=value", beside what the rig sets
     mode_t umask;
+    StationFault fault{};
 };
 
 struct UnmapPage {

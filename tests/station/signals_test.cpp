@@ -6,11 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iostream>
-#include <random>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -49,32 +46,6 @@ std::vector<TraceLine> lines_of_main_thread(Station &station) {
     std::vector<TraceLine> lines = station.trace().lines();
     std::erase_if(lines, [main_thread](const TraceLine &line) { return line.thread != main_thread; });
     return lines;
-}
-
-/// Starts a daemon and keeps its heart beating until it has written `count` traces or has got through
-/// `passes` passes.
-void live_until(Station &station, std::size_t count, unsigned passes) {
-    station.launch({"-D"});
-    unsigned seen = 0;
-    station.await("trace " + std::to_string(count), [&] {
-        if (station.trace().lines().size() >= count || station.waits() >= passes) {
-            return true;
-        }
-        if (station.waits() > seen) {
-            seen = station.waits();
-            station.advance(10);
-            station.send(SIGALRM);
-        }
-        return false;
-    });
-}
-
-unsigned seed_of_the_day() {
-    const char *given = std::getenv("STATION_SEED");
-    const unsigned seed =
-        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
-    std::cout << "STATION_SEED=" << seed << '\n';
-    return seed;
 }
 
 } // namespace
@@ -116,33 +87,6 @@ TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Termination, testing::ValuesIn(terminations));
-
-// From the installed handlers on: what comes before ends the process as signals do.
-TEST(Terminations, AtRandomInstantsAllEndWithStatus1) {
-    constexpr unsigned passes = 4;
-    constexpr int count = 200;
-    Station rehearsal;
-    live_until(rehearsal, SIZE_MAX, passes);
-    const std::size_t all = rehearsal.trace().lines().size();
-    const std::size_t handlers_installed = first_line_of(rehearsal.trace(), "timer_init") + 1;
-    ASSERT_LT(handlers_installed, all);
-
-    std::mt19937 random(seed_of_the_day());
-    std::uniform_int_distribution<std::size_t> instant(handlers_installed, all);
-    for (int i = 0; i < count; ++i) {
-        const std::size_t line = instant(random);
-        const int signo = terminations.at(random() % terminations.size());
-        SCOPED_TRACE("signal " + std::to_string(signo) + " at trace " + std::to_string(line));
-        Station station;
-        live_until(station, line, passes);
-        station.send(signo);
-        ASSERT_EQ(station.await_exit(), 1);
-        ASSERT_THAT(station.trace().messages_of("sig_exit_handler"), SizeIs(1));
-        const TraceLine last = lines_of_main_thread(station).back();
-        ASSERT_EQ(last.function, "cleanup");
-        ASSERT_EQ(last.message, "DONE");
-    }
-}
 
 TEST(Reinit, ChangesNothingButItsOwnTraces) {
     Station station;

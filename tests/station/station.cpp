@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 
 namespace {
@@ -34,10 +35,23 @@ Station::~Station() {
 }
 
 Launch Station::launch_of(const std::vector<std::string> &arguments) const {
-    return {.program = program, .argv0 = argv0, .arguments = arguments, .environment = environment, .umask = umask};
+    return {.program = program,
+            .argv0 = argv0,
+            .arguments = arguments,
+            .environment = environment,
+            .umask = umask,
+            .fault = fault};
 }
 
-Sandbox Station::sandbox() const { return folder_.sandbox({program, STATION_PRELOAD}); }
+Sandbox Station::sandbox() const {
+    Sandbox result = folder_.sandbox({program, STATION_PRELOAD});
+    for (const auto &[folder, path] : shown) {
+        const std::string target = folder_.host_path(path);
+        std::filesystem::create_directories(target);
+        result.mounts.push_back({.source = folder, .target = target});
+    }
+    return result;
+}
 
 RigProcess &Station::daemon() const {
     if (!daemon_) {
@@ -196,7 +210,8 @@ void Station::poll_all(const RigProcess *beside, int milliseconds) const {
 }
 
 void Station::give_up(RigProcess *process, const std::string &text) {
-    std::string report = "the process " + text + "; its stderr:\n" + tail_of(process->err().text());
+    std::string report =
+        (note.empty() ? "" : note + ": ") + "the process " + text + "; its stderr:\n" + tail_of(process->err().text());
     for (std::size_t i = journal_.size() > 10 ? journal_.size() - 10 : 0; i < journal_.size(); ++i) {
         report += "\njournal: " + journal_[i]["MESSAGE"];
     }

@@ -20,6 +20,8 @@ class PrivateBus {
     /// Ends it the hard way.
     void stop();
     [[nodiscard]] pid_t pid() const { return daemon_->pid(); }
+    /// The folder with its socket.
+    [[nodiscard]] std::string folder() const { return folder_.path(); }
     [[nodiscard]] std::string address() const { return "unix:path=" + (folder_ / "bus"); }
     /// As "NAME=value", for a program that is to take it for the system bus.
     [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=" + address(); }

@@ -90,6 +90,9 @@ Life live(const BusyWorld &world, const StationFault &fault, const std::vector<s
     life.status = life.started ? station.stop() : station.await_exit();
     life.calls = station.calls();
     life.log = take_apart(station.recorded(), station.command_line());
+    if (fault.call == StationCall::memory && !life.log.torn.empty()) { // there was none for the command line
+        life.log = take_apart(station.recorded(), "");
+    }
     EXPECT_FALSE(station.is_locked());
     return life;
 }

@@ -158,11 +158,15 @@ void Station::drain() {
     if (daemon_) {
         daemon_->drain();
     }
-    for (const std::string &datagram : journal_socket_.take()) {
-        journal_.emplace_back(datagram);
+    if (reads_journal) {
+        for (const std::string &datagram : journal_socket_.take()) {
+            journal_.emplace_back(datagram);
+        }
     }
-    for (const std::string &datagram : syslog_socket_.take()) {
-        syslog_.push_back(parse_syslog(datagram));
+    if (reads_syslog) {
+        for (const std::string &datagram : syslog_socket_.take()) {
+            syslog_.push_back(parse_syslog(datagram));
+        }
     }
 }
 
@@ -194,7 +198,13 @@ void Station::await(RigProcess *beside, const std::string &what, const std::func
 }
 
 void Station::poll_all(const RigProcess *beside, int milliseconds) const {
-    std::vector<int> descriptors{journal_socket_.fd(), syslog_socket_.fd()};
+    std::vector<int> descriptors;
+    if (reads_journal) {
+        descriptors.push_back(journal_socket_.fd());
+    }
+    if (reads_syslog) {
+        descriptors.push_back(syslog_socket_.fd());
+    }
     for (const RigProcess *process : {beside, static_cast<const RigProcess *>(daemon_.get())}) {
         if (process != nullptr) {
             const std::vector<int> own = process->descriptors();

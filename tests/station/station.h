@@ -41,6 +41,8 @@ class Station {
     mode_t umask = 022;
     std::map<std::string, std::string> shown; ///< folders of this machine and where the programs see them
     StationFault fault{};
+    bool reads_journal = true; ///< changed at any time; what is not read stays in its socket
+    bool reads_syslog = true;
     std::string note; ///< what a failure of the rig is reported with
 
     /// Starts the daemon and awaits the end of its first pass.

@@ -1,5 +1,5 @@
 // One call below the daemon fails, then another, through a start, ten heartbeats with a rotation and a
-// stop. STATION_FAULTS=n tries n instants of each kind, STATION_FAULTS=all every one.
+// stop. STATION_FAULTS=n tries n instants of each kind, "all" every one, "n-m" those.
 
 #include "busy_station.h"
 
@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <iostream>
 #include <limits>
+#include <numeric>
 
 using testing::AnyOf;
 using testing::IsEmpty;
@@ -66,6 +67,7 @@ struct Life {
     int status = 0;
     unsigned calls = 0;
     LogContent log;
+    std::string err;
 };
 
 /// At the start systemd is asked again and again until it answers.
@@ -89,6 +91,7 @@ Life live(const BusyWorld &world, const StationFault &fault, const std::vector<s
     }
     life.status = life.started ? station.stop() : station.await_exit();
     life.calls = station.calls();
+    life.err = station.trace().text().substr(0, 2000);
     life.log = take_apart(station.recorded(), station.command_line());
     if (fault.call == StationCall::memory && !life.log.torn.empty()) { // there was none for the command line
         life.log = take_apart(station.recorded(), "");
@@ -120,12 +123,17 @@ std::vector<std::string> of_last_pass(const std::vector<std::string> &records) {
     return last;
 }
 
-/// The instants to try: evenly over all, a different part of them for each number of all.
+/// The instants to try: evenly over all, or those that were asked for.
 std::vector<unsigned> instants(unsigned all) {
     const char *given = std::getenv("STATION_FAULTS");
     const std::string wanted = given == nullptr ? std::to_string(DEFAULT_INSTANTS) : given;
-    const unsigned count = wanted == "all" ? all : std::min(all, static_cast<unsigned>(std::stoul(wanted)));
     std::vector<unsigned> result;
+    if (const std::size_t dash = wanted.find('-'); dash != std::string::npos) {
+        result.resize(std::stoul(wanted.substr(dash + 1)) - std::stoul(wanted) + 1);
+        std::iota(result.begin(), result.end(), static_cast<unsigned>(std::stoul(wanted)));
+        return result;
+    }
+    const unsigned count = wanted == "all" ? all : std::min(all, static_cast<unsigned>(std::stoul(wanted)));
     for (unsigned i = 0; i < count; ++i) {
         result.push_back(1 + i * all / count);
     }
@@ -139,7 +147,7 @@ class Fault : public testing::TestWithParam<Kind> {
     void expect_survived(const Life &life, const Life &usual) const {
         EXPECT_THAT(life.log.torn, IsEmpty());
         if (!life.started) {
-            EXPECT_EQ(life.status, 255);
+            EXPECT_EQ(life.status, 255) << life.err;
             EXPECT_THAT(life.log.records, IsEmpty());
             return;
         }

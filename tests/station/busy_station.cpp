@@ -35,10 +35,6 @@ std::string processor_ticks(int beats) {
            " 0 0 0 0 0 0\n";
 }
 
-Board busy_board() {
-    return even_board().file("/var/lib/evse/etc/systemd/network/eth0.network", "[Link]\nActivationPolicy=up\n");
-}
-
 } // namespace
 
 BusyWorld::BusyWorld() : systemd_(std::make_unique<FakeSystemd>(bus_)) {
@@ -51,7 +47,11 @@ BusyWorld::BusyWorld() : systemd_(std::make_unique<FakeSystemd>(bus_)) {
 
 BusyWorld::~BusyWorld() = default;
 
-BusyStation::BusyStation(const BusyWorld &world) : Station(busy_board()) {
+Board busy_board() {
+    return even_board().file("/var/lib/evse/etc/systemd/network/eth0.network", "[Link]\nActivationPolicy=up\n");
+}
+
+BusyStation::BusyStation(const BusyWorld &world, Board board) : Station(std::move(board)) {
     environment = {"TZ=UTC0", world.bus().variable()};
     shown = {{world.bus().folder(), world.bus().folder()}, {STATION_LOAD_LOGGER, "/usr/bin"}};
     files().write(STATUS_LOG, old_records());

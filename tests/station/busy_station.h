@@ -29,11 +29,14 @@ class BusyWorld {
     std::unique_ptr<FakeSystemd> systemd_;
 };
 
+/// A board with all that the daemon looks at but WiFi.
+Board busy_board();
+
 class BusyStation : public Station {
   public:
     static constexpr int BEATS = 10;
 
-    explicit BusyStation(const BusyWorld &world);
+    explicit BusyStation(const BusyWorld &world, Board board = busy_board());
     /// Starts the daemon and awaits nothing.
     void launch_busy(const std::vector<std::string> &further = {});
     /// As the blocks of the log show it.

@@ -21,6 +21,7 @@ class BusyWorld {
     BusyWorld(const BusyWorld &) = delete;
     BusyWorld &operator=(const BusyWorld &) = delete;
 
+    [[nodiscard]] PrivateBus &bus() { return bus_; }
     [[nodiscard]] const PrivateBus &bus() const { return bus_; }
     [[nodiscard]] FakeSystemd &systemd() const { return *systemd_; }
 

@@ -46,6 +46,8 @@ class BusClient {
     BusMessage call(const BusMessage &call);
     /// Waits up to a minute for the next message that is `wanted`; the others stay for later calls.
     BusMessage wait_for(const std::function<bool(DBusMessage *)> &wanted);
+    /// Drops what has come and was not wanted.
+    void forget() { waiting_.clear(); }
     BusMessage wait_for_signal(const std::string &member);
     /// Asks the bus for all signals that match `rule`.
     void watch(const std::string &rule);

@@ -29,11 +29,12 @@ inline ProcessUsage usage_of(pid_t pid) {
             .threads = number("Threads:")};
 }
 
-/// Memory may move by what the allocator keeps back.
+/// Memory may move by what the allocator keeps back, and the log is closed between its rotation and the
+/// next record.
 inline void expect_as_before(const ProcessUsage &now, const ProcessUsage &before) {
     constexpr long allocator_kb = 512;
     EXPECT_LE(now.resident_kb, before.resident_kb + allocator_kb);
-    EXPECT_EQ(now.descriptors, before.descriptors);
+    EXPECT_LE(now.descriptors, before.descriptors + 1);
     EXPECT_EQ(now.threads, before.threads);
     std::cout << "resident " << before.resident_kb << " -> " << now.resident_kb << " kB, descriptors "
               << before.descriptors << " -> " << now.descriptors << ", threads " << before.threads << " -> "

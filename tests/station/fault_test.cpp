@@ -137,6 +137,7 @@ std::vector<unsigned> instants(unsigned all) {
     for (unsigned i = 0; i < count; ++i) {
         result.push_back(1 + i * all / count);
     }
+    std::cout << count << " of " << all << " calls\n";
     return result;
 }
 

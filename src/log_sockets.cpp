@@ -49,7 +49,7 @@ Descriptor connect_to_syslog() {
 } // namespace
 
 void journal_bound_waits() {
-    constexpr timeval longest{.tv_sec = 0, .tv_usec = LONGEST_WAIT_MS * 1000};
+    constexpr timeval longest{.tv_sec = 0, .tv_usec = LONGEST_WAIT_MS * 1000L};
     for (int fd = 0; fd < DESCRIPTORS_AT_START; ++fd) { // the library does not tell which one is its own
         if (socket_option(fd, SO_DOMAIN) == AF_UNIX && socket_option(fd, SO_TYPE) == SOCK_DGRAM) {
             setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);

@@ -151,6 +151,13 @@ TEST_F(SignalsTest, AreTakenTogetherByOneWait) {
     EXPECT_FALSE(is_pending(SIGUSR1));
 }
 
+TEST_F(SignalsTest, AreTakenByAWaitThatFollowsAnInterruptedCall) {
+    raise(SIGUSR1);
+    errno = EINTR;
+    signals_wait(signals_all());
+    EXPECT_EQ(events(), (Events{"begin USR1", "end USR1"}));
+}
+
 TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     constexpr int an_hour = 3600 * 1000;
     raise(SIGALRM);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 extern "C" __attribute__((weak)) StationPage *station_page();
 
@@ -18,6 +19,9 @@ namespace {
 bool fails(StationCall call) {
     StationPage *page = station_page == nullptr ? nullptr : station_page();
     if (page == nullptr || page->fault.call != call) {
+        return false;
+    }
+    if (page->fault.main_thread_only && gettid() != getpid()) {
         return false;
     }
     const std::uint32_t number = page->calls.fetch_add(1) + 1;

@@ -70,12 +70,13 @@ enum class StationCall : std::int32_t {
     timer,
 };
 
-/// The calls number `first` to `last`, counted from 1 over all threads, fail with `error`.
+/// The calls number `first` to `last`, counted from 1, fail with `error`.
 struct StationFault {
     StationCall call;
     std::uint32_t first; ///< 0: none fails
     std::uint32_t last;
     std::int32_t error;
+    bool main_thread_only; ///< the calls of other threads neither count nor fail
 };
 
 struct StationPage {

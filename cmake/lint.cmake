@@ -9,7 +9,7 @@ endif()
 
 file(GLOB_RECURSE HEADERS CONFIGURE_DEPENDS include/*.h tests/*.h bench/*.h fuzz/*.h)
 file(GLOB_RECURSE SOURCES_TO_TIDY CONFIGURE_DEPENDS src/*.cpp)
-file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp)
+file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp docs/*.cpp)
 file(GLOB_RECURSE FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
 
 # Appends to `stamps` one stamp for each file, made when the tool, whose configuration is the file

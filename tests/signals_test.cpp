@@ -170,6 +170,12 @@ TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     EXPECT_TRUE(is_pending(SIGALRM));
 }
 
+TEST_F(SignalsTest, LetAPauseOfASecondEndByItself) {
+    constexpr int a_second = 1000;
+    signals_pause(a_second);
+    EXPECT_EQ(events(), Events{});
+}
+
 TEST_F(SignalsTest, HandTheirInformationOn) {
     struct sigaction action {};
     action.sa_sigaction = informed_handler;

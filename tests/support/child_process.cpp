@@ -5,13 +5,14 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr std::chrono::seconds PATIENCE{60};
+constexpr int NOT_STARTED = 127; ///< the exit status, as a shell has it
 
 struct Pipe {
     Descriptor read_end;
@@ -99,20 +100,20 @@ ChildProcess::ChildProcess(const std::vector<std::string> &command, const std::v
     Pipe in = make_pipe();
     Pipe out = make_pipe();
     Pipe err = make_pipe();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in.read_end.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out.write_end.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err.write_end.get(), STDERR_FILENO);
     std::vector<std::string> arguments = command;
     std::vector<std::string> variables = environment_with(environment);
-    const int error = posix_spawnp(&pid_, command.front().c_str(), &actions, nullptr, pointers(arguments).data(),
-                                   pointers(variables).data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        ADD_FAILURE() << "cannot start " << command.front() << ": error " << error;
-        pid_ = -1;
+    const std::vector<char *> argv = pointers(arguments);
+    const std::vector<char *> envp = pointers(variables);
+    pid_ = fork(); // NOLINT(cppcoreguidelines-prefer-member-initializer): after the pipes are made
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // also with a test that is killed
+        dup2(in.read_end.get(), STDIN_FILENO);
+        dup2(out.write_end.get(), STDOUT_FILENO);
+        dup2(err.write_end.get(), STDERR_FILENO);
+        execvpe(argv.front(), argv.data(), envp.data());
+        _exit(NOT_STARTED);
     }
+    EXPECT_GT(pid_, 0) << "cannot start " << command.front();
     out.write_end.reset();
     err.write_end.reset();
     input_ = std::move(in.write_end);

@@ -6,7 +6,8 @@
 
 namespace {
 
-constexpr std::chrono::seconds PATIENCE{60};
+/// Half of the listener's wait: what comes only with its end comes too late.
+constexpr std::chrono::seconds PATIENCE{30};
 
 std::string configuration(const std::string &address) {
     return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
@@ -28,14 +29,14 @@ std::string configuration(const std::string &address) {
 
 } // namespace
 
-PrivateBus::PrivateBus() {
-    folder_.write("bus.conf", configuration(address()));
-    start();
-}
+PrivateBus::PrivateBus() : folder_(own_folder_.path()) { start(); }
+
+PrivateBus::PrivateBus(std::string folder) : folder_(std::move(folder)) { start(); }
 
 void PrivateBus::start() {
-    daemon_.emplace(std::vector<std::string>{"dbus-daemon", "--config-file=" + (folder_ / "bus.conf"), "--nofork",
-                                             "--nopidfile", "--nosyslog", "--print-address=1"});
+    const std::string settings = own_folder_.write("bus.conf", configuration(address()));
+    daemon_.emplace(std::vector<std::string>{"dbus-daemon", "--config-file=" + settings, "--nofork", "--nopidfile",
+                                             "--nosyslog", "--print-address=1"});
     if (!daemon_->output().wait_for("unix:path=")) {
         ADD_FAILURE() << "dbus-daemon did not start";
     }
@@ -44,6 +45,11 @@ void PrivateBus::start() {
 void PrivateBus::stop() {
     daemon_->kill(SIGKILL);
     daemon_.reset();
+}
+
+void PrivateBus::remove() {
+    stop();
+    std::filesystem::remove(folder_ + "/bus");
 }
 
 BusClient::BusClient(const PrivateBus &bus) {

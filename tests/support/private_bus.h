@@ -15,19 +15,24 @@
 class PrivateBus {
   public:
     PrivateBus();
+    /// With its socket in `folder`.
+    explicit PrivateBus(std::string folder);
     /// Starts it again on the same address after `stop`; returns when it is ready.
     void start();
     /// Ends it the hard way.
     void stop();
+    /// Ends it and leaves nothing of it behind, as if it had never been there.
+    void remove();
     [[nodiscard]] pid_t pid() const { return daemon_->pid(); }
     /// The folder with its socket.
-    [[nodiscard]] std::string folder() const { return folder_.path(); }
-    [[nodiscard]] std::string address() const { return "unix:path=" + (folder_ / "bus"); }
+    [[nodiscard]] const std::string &folder() const { return folder_; }
+    [[nodiscard]] std::string address() const { return "unix:path=" + folder_ + "/bus"; }
     /// As "NAME=value", for a program that is to take it for the system bus.
     [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=" + address(); }
 
   private:
-    ScratchFolder folder_;
+    ScratchFolder own_folder_;
+    std::string folder_;
     std::optional<ChildProcess> daemon_;
 };
 
@@ -42,9 +47,9 @@ class BusClient {
     [[nodiscard]] DBusConnection *connection() const { return connection_.get(); }
     /// Sends a call without waiting; its serial.
     dbus_uint32_t send(const BusMessage &call) const; // NOLINT(modernize-use-nodiscard)
-    /// Sends a call and waits up to a minute; the reply or the error, none if nothing came.
+    /// Sends a call and waits up to half a minute; the reply or the error, none if nothing came.
     BusMessage call(const BusMessage &call);
-    /// Waits up to a minute for the next message that is `wanted`; the others stay for later calls.
+    /// Waits up to half a minute for the next message that is `wanted`; the others stay for later calls.
     BusMessage wait_for(const std::function<bool(DBusMessage *)> &wanted);
     /// Drops what has come and was not wanted.
     void forget() { waiting_.clear(); }

@@ -1,0 +1,178 @@
+// script/run as a person uses it: reads what it shows, types what it prints, ends it with Ctrl-C.
+
+#include "child_process.h"
+#include "scratch_folder.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+std::string joined(const std::vector<std::string> &lines) {
+    std::string text;
+    for (const std::string &line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+std::vector<std::string> with_script(std::vector<std::string> options) {
+    options.insert(options.begin(), RUN_SCRIPT);
+    return options;
+}
+
+class Run : public testing::Test {
+  protected:
+    Run() {
+        prctl(PR_SET_CHILD_SUBREAPER, 1); // what the script leaves behind becomes a child of the test's
+        std::signal(SIGINT, SIG_DFL);     // a shell cannot take what was ignored when it started
+    }
+
+    void start(const std::vector<std::string> &options, const std::string &variable = "LC_ALL=C") {
+        script.emplace(with_script(options), std::vector<std::string>{std::string("VIGMOND_BUILD=") + BUILD_FOLDER,
+                                                                      "VIGMOND_RUN=" + folder(), variable});
+    }
+    [[nodiscard]] std::string folder() const { return scratch / "run"; }
+    /// Waits for a line with this text, from line `from` on; the line.
+    std::string sees(const std::string &text, std::size_t from = 0) {
+        const auto line = script->output().wait_for(text, from);
+        EXPECT_TRUE(line) << "never seen: " << text << "\n" << seen() << joined(script->errors().lines());
+        return line ? script->output().lines()[*line] : "";
+    }
+    std::string seen() { return joined(script->output().lines()); }
+    /// Types a line into a second terminal; what that answers.
+    static std::string types(const std::string &line) {
+        const CommandResult result = run_command({"bash", "-c", line});
+        EXPECT_EQ(result.status, 0) << line;
+        return joined(result.output);
+    }
+    /// Types the printed line with this text behind the printed address.
+    std::string asks(const std::string &text) {
+        sees("  on the bus as com.corvana.vigmond");
+        return types(sees("export DBUS_SYSTEM_BUS_ADDRESS=") + "\n" + sees(text));
+    }
+    /// Ctrl-C; the script's exit status.
+    int interrupts() {
+        script->kill(SIGINT);
+        return script->wait();
+    }
+    void expect_nothing_left() const {
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process is left"; // 0 or its number otherwise
+        EXPECT_THAT(read_file("/proc/self/mounts"), Not(HasSubstr(scratch.path())));
+        for (const auto &entry : std::filesystem::directory_iterator(folder())) {
+            EXPECT_TRUE(entry.is_regular_file() && !entry.is_symlink()) << entry.path();
+        }
+    }
+
+    ScratchFolder scratch;
+    std::optional<ChildProcess> script;
+};
+
+std::string replaced(std::string line, const std::string &from, const std::string &to) {
+    EXPECT_THAT(line, HasSubstr(from));
+    return line.replace(line.find(from), from.size(), to);
+}
+
+std::size_t count_of(const std::string &part, const std::string &text) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+} // namespace
+
+TEST_F(Run, LetsOneHeatAStation) {
+    start({"--station", "--speed", "100"});
+    sees("  heartbeat");
+    const std::string heat = sees("# heats the CPU");
+    types(heat);
+    sees("  syslog: ID: CB20[0]: value: 85 CPU temperature above 80 threshold.");
+    sees("  issue raised: CB20");
+    EXPECT_THAT(sees("  signal: NewIssues "), HasSubstr("[\"CB20\"]"));
+    EXPECT_THAT(asks(" GetListing"), HasSubstr("\"CB20\""));
+    sees("FAIL\tCB20[0]\t85");
+    EXPECT_EQ(count_of("OK\tCB20[0]\t85\n", seen()), 4U); // the fifth sample confirms
+
+    types(replaced(heat, "85000", "42000"));
+    sees("  syslog: ID: CB20[0]: value: 42 CPU temperature at normal threshold.");
+    sees("  issue cleared: CB20");
+    EXPECT_THAT(sees("  signal: ClearedIssues "), HasSubstr("[\"CB20\"]"));
+    EXPECT_THAT(asks(" GetListing"), Not(HasSubstr("CB20")));
+    EXPECT_EQ(interrupts(), 0);
+    expect_nothing_left();
+}
+
+TEST_F(Run, TakesAStationsControls) {
+    start({"--station", "--speed=100"});
+    sees("  heartbeat");
+    const std::string stop = sees("# stops a service");
+    types(stop);
+    sees("  syslog: ID: CB23[0]: value: 1 Service: nginx is not running");
+    sees("  issue raised: CB23");
+    types(replaced(stop, "inactive", "active"));
+    types(sees("# loads the CPU"));
+    sees("  syslog: ID: CB23[0]: value: 0 all services are up and running");
+    sees("\tCB31[0]\t95");
+    EXPECT_EQ(interrupts(), 0);
+    expect_nothing_left();
+}
+
+TEST_F(Run, EndsWithTheStationsDaemon) {
+    start({"--station", "--speed", "100"});
+    sees("  heartbeat");
+    types("kill $(cat " + folder() + "/station/board/var/lib/evse/vigmond/.lock)");
+    EXPECT_EQ(script->wait(), 0);
+    sees("  status log closed");
+    sees("vigmond ended by a termination signal, with status 1 as always.");
+    expect_nothing_left();
+}
+
+TEST_F(Run, ShowsThisMachine) {
+    start({"--private-bus"});
+    sees("  heartbeat");
+    sees("\tCB21[0]\t");
+    sees("  syslog: service \"nginx\" not loaded/installed");
+    EXPECT_EQ(asks(" GetListing"), "");
+    EXPECT_THAT(asks(" Introspect"), HasSubstr("com.corvana.State2.Issues"));
+    EXPECT_EQ(asks(" ChangeInterfaceAvailability sb LAN false"), "s \"failed\"\n");
+    EXPECT_EQ(interrupts(), 0);
+    EXPECT_THAT(read_file(folder() + "/logfile"), HasSubstr("\tFINISHED\t"));
+    expect_nothing_left();
+}
+
+TEST_F(Run, ShowsWhatTheDaemonSaysOfItsOptions) {
+    start({"--private-bus", "-x"});
+    EXPECT_EQ(script->wait(), 255);
+    sees("vigmond: WARNING: invalid option -x - ignored.");
+    expect_nothing_left();
+}
+
+TEST_F(Run, RefusesWhatItCannotDo) {
+    const std::string path = "PATH=" + scratch.path().string() + ":" + std::getenv("PATH");
+    const std::string no_unshare = scratch.write("unshare", "#!/bin/sh\nexit 1\n");
+    ASSERT_EQ(chmod(no_unshare.c_str(), S_IRWXU), 0);
+    const std::pair<std::vector<std::string>, std::string> cases[]{
+        {{"--station", "--speed", "0"}, "--speed takes a number from 1 to 9999"},
+        {{"--station", "--speed"}, "--speed takes a number from 1 to 9999"},
+        {{"--speed", "5"}, "--speed is for --station"},
+        {{"--station"}, "--station needs mount namespaces"},
+    };
+    for (const auto &[options, refusal] : cases) {
+        start(options, path);
+        EXPECT_EQ(script->wait(), 1);
+        EXPECT_TRUE(script->errors().wait_for(refusal)) << refusal;
+        EXPECT_EQ(seen(), "");
+    }
+    expect_nothing_left();
+}

@@ -71,5 +71,5 @@ BENCHMARK(evaluation);
 
 int main(int argc, char **argv) {
     start_journal_sink();
-    return run_and_print_ratio(argc, argv, "traced_evaluation", "evaluation");
+    return run_and_print_ratios(argc, argv, {{"traced_evaluation", "evaluation"}});
 }

@@ -7,13 +7,16 @@
 #include <array>
 #include <atomic>
 #include <benchmark/benchmark.h>
+#include <bzlib.h>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <malloc.h>
+#include <memory>
 #include <random>
 #include <spawn.h>
 #include <string>
@@ -156,6 +159,55 @@ void compress_against_the_tool(benchmark::State &state) {
 }
 BENCHMARK(compress_against_the_tool)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
 
+using Handle = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
+
+/// The library's stream with the parameters of file_compress, and nothing around it.
+int compress_bare(const char *from, const char *to) {
+    const Handle in(std::fopen(from, "re"), std::fclose);
+    const Handle out(std::fopen(to, "we"), std::fclose);
+    std::array<char, 65536> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
+    int error = BZ_OK;
+    BZFILE *stream = BZ2_bzWriteOpen(&error, out.get(), 1, 0, 30);
+    while (error == BZ_OK) {
+        const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), in.get());
+        if (count == 0) {
+            break;
+        }
+        BZ2_bzWrite(&error, stream, bytes.data(), static_cast<int>(count));
+    }
+    BZ2_bzWriteClose(&error, stream, 0, nullptr, nullptr);
+    return error;
+}
+
+double processor_nanoseconds() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return 1e9 * static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec);
+}
+
+void compare_with_the_library() {
+    std::string folder = "/tmp/vigmond-bench-XXXXXX";
+    if (mkdtemp(folder.data()) == nullptr) {
+        return;
+    }
+    const std::string log = folder + "/log";
+    const std::string compressed = folder + "/log.bz2";
+    write_log(log);
+    std::array<double, 2> least{1e18, 1e18};
+    const std::array compressions{&file_compress, &compress_bare};
+    for (int run = 0; run < 6; ++run) {
+        for (std::size_t i = 0; i < compressions.size(); ++i) {
+            const double before = processor_nanoseconds();
+            compressions[i](log.c_str(), compressed.c_str());
+            least[i] = std::min(least[i], processor_nanoseconds() - before);
+        }
+    }
+    std::printf("file_compress over the library, processor time, fastest of each: %.0f ns / %.0f ns = %.3f\n", least[0],
+                least[1], least[0] / least[1]);
+    std::printf("heap of file_compress: %zu bytes\n", heap_needed(log.c_str(), compressed.c_str()));
+    std::filesystem::remove_all(folder);
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -164,5 +216,6 @@ int main(int argc, char **argv) {
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
+    compare_with_the_library();
     return 0;
 }

@@ -1,218 +1,125 @@
-// One whole pass over all built-in tasks, everything due, against a bare program that makes the same
-// calls of the system: the journal datagrams, the files read, the file systems asked, the records
-// written. What those calls are is noted while one pass runs.
+// One whole pass over all built-in tasks, everything due, and the heartbeats of an hour, each against a
+// bare program that asks the same of the system. What that is, is noted while they run once.
+//     pass_bench                       the ratios of processor time
+//     pass_bench pass|bare_pass N      N of these and nothing else, for tools that count
+//     pass_bench hour|bare_hour N
 
+#include "bench_board.h"
+#include "call_tape.h"
 #include "gdata.h"
-#include "handle.h"
-#include "journal_sink.h"
+#include "init.h"
 #include "logfile.h"
+#include "logger.h"
 #include "ratio.h"
 #include "scheduler.h"
-#include "tasks.h"
 
+#include <algorithm>
+#include <array>
 #include <benchmark/benchmark.h>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
+#include <ctime>
 #include <fcntl.h>
-#include <filesystem>
-#include <string>
 #include <string_view>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <sys/uio.h>
-#include <systemd/sd-journal.h>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
 constexpr std::int64_t HOUR = 3600; // the longest interval: after it all tasks are due
+constexpr std::int64_t HEARTBEAT = 10;
 
-struct Datagram {
-    int priority;
-    std::string file, line, function, text;
-};
+/// A full hour, and not in the past: issues are stamped with the real time.
+std::int64_t now = (std::time(nullptr) / HOUR + 1) * HOUR;
 
-struct Calls {
-    std::vector<Datagram> datagrams;
-    std::vector<std::string> opened, statted, asked, written;
-};
+void pass() { scheduler_pass(now += HOUR); }
 
-bool noting = false;
-
-Calls &noted() {
-    static Calls calls;
-    return calls;
-}
-
-template <typename Function> Function *next_in_line(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
-
-// In front of the libraries' own; on 64-bit targets the headers lead these calls to the 64-bit names.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the headers' are reserved
-extern "C" {
-
-int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
-                                   const char *format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    if (noting) {
-        std::va_list copy;
-        va_copy(copy, arguments);
-        noted().datagrams.push_back({priority, file, line, function, va_arg(copy, const char *)});
-        va_end(copy);
+/// Begins with a pass in which all tasks are due.
+void hour() {
+    for (const std::int64_t end = now + HOUR; now < end;) {
+        scheduler_pass(now += HEARTBEAT);
     }
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    const int result = sd_journal_printv_with_location(priority, file, line, function, format, arguments);
-#pragma GCC diagnostic pop
-    va_end(arguments);
-    return result;
 }
 
-std::FILE *fopen(const char *path, const char *mode) {
-    if (noting) {
-        noted().opened.emplace_back(path);
-    }
-    static auto *const next = next_in_line<std::FILE *(const char *, const char *)>("fopen64");
-    return next(path, mode);
-}
+CallTape pass_tape;
+CallTape hour_tape;
+int log_file = -1;
 
-int stat(const char *path, struct stat *status) noexcept {
-    if (noting) {
-        noted().statted.emplace_back(path);
-    }
-    static auto *const next = next_in_line<int(const char *, struct stat *)>("stat64");
-    return next(path, status);
-}
+void bare_pass() { play(pass_tape, log_file); }
+void bare_hour() { play(hour_tape, log_file); }
 
-int statvfs(const char *path, struct statvfs *system) noexcept {
-    if (noting) {
-        noted().asked.emplace_back(path);
-    }
-    static auto *const next = next_in_line<int(const char *, struct statvfs *)>("statvfs64");
-    return next(path, system);
-}
-
-ssize_t writev(int fd, const iovec *pieces, int count) {
-    if (noting) {
-        std::string record;
-        for (int i = 0; i < count; ++i) {
-            record.append(static_cast<const char *>(pieces[i].iov_base), pieces[i].iov_len);
-        }
-        noted().written.push_back(record);
-    }
-    static auto *const next = next_in_line<ssize_t(int, const iovec *, int)>("writev");
-    return next(fd, pieces, count);
-}
-}
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
-
-namespace {
-
-std::int64_t next_pass_time() {
-    static std::int64_t now = 1700049600;
-    return now += HOUR;
-}
-
-/// The daemon's state after start-up and some passes, without bus threads and syslog. The services
-/// stay out, since their start waits for systemd, and no load starts a load logger here.
-void start_daemon(const std::string &folder) {
-    gdata_set_tasks(builtin_tasks());
-    gdata_set_logfile((folder + "/logfile").c_str());
-    gdata_set_logsize(LOGSIZE_MAX);
+/// The daemon's state after start-up and some passes, without bus threads.
+void start_daemon(const BenchBoard &board) {
+    configure_daemon(board.paths());
     logfile_init();
     for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
-        const std::string_view source = task->source;
-        if (source != "service") {
-            task->init(task);
-        }
-        if (source == "load") {
-            task->maxwarn = task->maxfail = 101;
-        }
+        task->init(task);
     }
     constexpr int longest_delay = 10;
     for (int i = 0; i < 2 * longest_delay; ++i) {
-        scheduler_pass(next_pass_time());
+        pass();
     }
+    log_file = open(gdata_get_logfile(), O_WRONLY | O_APPEND | O_CLOEXEC);
 }
 
-void note_one_pass() {
-    noting = true;
-    scheduler_pass(next_pass_time());
-    noting = false;
-    const Calls &calls = noted();
-    std::printf("one pass: %zu journal datagrams, %zu files opened, %zu stat, %zu statvfs, %zu records\n",
-                calls.datagrams.size(), calls.opened.size(), calls.statted.size(), calls.asked.size(),
-                calls.written.size());
+void print_tape(const char *what, const CallTape &tape, int heartbeats) {
+    struct Row {
+        CallKind kind;
+        const char *name;
+    };
+    std::printf("%s:", what);
+    for (const Row &row :
+         {Row{CallKind::trace, "lines"}, Row{CallKind::read_file, "files read"},
+          Row{CallKind::open_file, "files opened"}, Row{CallKind::stat, "stat"}, Row{CallKind::statvfs, "statvfs"},
+          Row{CallKind::access, "access"}, Row{CallKind::record, "records"},
+          Row{CallKind::bus_text, "texts of systemd"}, Row{CallKind::bus_number, "numbers of systemd"}}) {
+        std::printf(" %.1f %s,", static_cast<double>(count(tape, row.kind)) / heartbeats, row.name);
+    }
+    std::printf(" each\n");
 }
 
-/// Most are read to their end; of /proc/stat the first line only.
-void read_lines(const char *path) {
-    const FileHandle file(std::fopen(path, "re"));
-    char line[1024];
-    while (file && std::fgets(line, sizeof line, file.get()) != nullptr && std::strcmp(path, "/proc/stat") != 0) {
-    }
-}
+struct Mode {
+    const char *name;
+    void (*run)();
+};
 
-void repeat(const Calls &calls, int log) {
-    for (const Datagram &each : calls.datagrams) {
-        sd_journal_print_with_location(each.priority, each.file.c_str(), each.line.c_str(), each.function.c_str(),
-                                       "%s\n", each.text.c_str());
-    }
-    for (const std::string &path : calls.opened) {
-        read_lines(path.c_str());
-    }
-    struct stat status {};
-    for (const std::string &path : calls.statted) {
-        benchmark::DoNotOptimize(stat(path.c_str(), &status));
-    }
-    struct statvfs system {};
-    for (const std::string &path : calls.asked) {
-        benchmark::DoNotOptimize(statvfs(path.c_str(), &system));
-    }
-    for (const std::string &record : calls.written) {
-        std::string copy = record;
-        const iovec piece{.iov_base = copy.data(), .iov_len = copy.size()};
-        benchmark::DoNotOptimize(writev(log, &piece, 1));
-        benchmark::DoNotOptimize(lseek(log, 0, SEEK_END)); // its size tells whether it is full
-    }
-}
+constexpr std::array modes{Mode{"pass", pass}, Mode{"bare_pass", bare_pass}, Mode{"hour", hour},
+                           Mode{"bare_hour", bare_hour}};
 
-void whole_pass(benchmark::State &bench) {
+void repeat(benchmark::State &bench, void (*run)()) {
     while (bench.KeepRunning()) {
-        scheduler_pass(next_pass_time());
+        run();
     }
 }
-BENCHMARK(whole_pass)->Unit(benchmark::kMicrosecond);
 
-void bare_calls(benchmark::State &bench) {
-    const Descriptor log(open(gdata_get_logfile(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    while (bench.KeepRunning()) {
-        repeat(noted(), log.get());
+int measure(int argc, char **argv) {
+    // Many short repetitions: the fastest of them are those that nothing else on the machine disturbed.
+    for (const Mode &mode : modes) {
+        const bool is_hour = mode.run == hour || mode.run == bare_hour;
+        benchmark::RegisterBenchmark(mode.name, repeat, mode.run)
+            ->Unit(benchmark::kMicrosecond)
+            ->Iterations(is_hour ? 1 : 20)
+            ->Repetitions(is_hour ? 15 : 60);
     }
+    return run_and_print_ratios(argc, argv, {{"pass", "bare_pass"}, {"hour", "bare_hour"}});
 }
-BENCHMARK(bare_calls)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
 int main(int argc, char **argv) {
-    start_journal_sink();
-    std::string folder = "/tmp/vigmond-bench-XXXXXX";
-    if (mkdtemp(folder.data()) == nullptr) {
-        std::perror("no scratch folder");
-        return 1;
+    const BenchBoard board;
+    start_daemon(board);
+    pass_tape = note_calls(pass);
+    hour_tape = note_calls(hour);
+    print_tape("a pass", pass_tape, 1);
+    print_tape("the heartbeats of an hour", hour_tape, HOUR / HEARTBEAT);
+    const auto *const mode = std::find_if(modes.begin(), modes.end(), [argc, argv](const Mode &each) {
+        return argc == 3 && std::strcmp(argv[1], each.name) == 0;
+    });
+    if (mode == modes.end()) {
+        return measure(argc, argv);
     }
-    start_daemon(folder);
-    note_one_pass();
-    const int status = run_and_print_ratio(argc, argv, "whole_pass", "bare_calls");
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-    return status;
+    for (int i = std::atoi(argv[2]); i > 0; --i) { // NOLINT(cert-err34-c): for those who know
+        mode->run();
+    }
+    return 0;
 }

@@ -41,5 +41,5 @@ BENCHMARK(journal_alone);
 
 int main(int argc, char **argv) {
     start_journal_sink();
-    return run_and_print_ratio(argc, argv, "trace_line", "journal_alone");
+    return run_and_print_ratios(argc, argv, {{"trace_line", "journal_alone"}});
 }

@@ -26,8 +26,8 @@ if(VIGMOND_SANITIZE)
     target_link_options(vigmond_options INTERFACE -fsanitize=${VIGMOND_SANITIZE})
 endif()
 
-# Gives each source the file text of its trace lines: the module's name, as log filters in the field
-# know it. The parts that were split off a module go on tracing under its name.
+# Gives each source the file text of its trace lines: the module's name, which is fixed. The parts that
+# were split off a module go on tracing under its name.
 function(vigmond_trace_files)
     set(module_of_options vigmond)
     set(module_of_startup vigmond)

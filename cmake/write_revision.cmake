@@ -15,4 +15,9 @@ endif()
 if(NOT digits MATCHES "^${pattern}$")
     set(digits ${zeros})
 endif()
-file(CONFIGURE OUTPUT ${HEADER} CONTENT "#pragma once\n\n#define REVISION_GIT_ID \"@digits@\"\n" @ONLY)
+file(CONFIGURE OUTPUT ${HEADER} @ONLY CONTENT [[
+#pragma once
+
+#define REVISION_VERSION "@VERSION@"
+#define REVISION_GIT_ID "@digits@"
+]])

@@ -41,7 +41,7 @@ enum TaskFlag : std::uint32_t {
 
 /// The id of a task without an issue, shown as "CBnn".
 inline constexpr std::int32_t TASK_ID_UNSET = 99;
-/// The id whose parameter is the number in `minfail`; readers of the dump and the log rely on it.
+/// The id whose parameter is the number in `minfail`; kept, though no built-in task has it.
 inline constexpr std::int32_t TASK_ID_NUMERIC_PARAMETER = 19;
 
 /// One check. The texts are borrowed; built-in tasks live for the whole process.

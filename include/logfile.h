@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <ctime>
 
 /// How a state is recorded: under `label`, from the record level `level` on.
 struct LogfileStateRow {
@@ -29,6 +30,8 @@ struct LogfileState {
     std::int32_t loglevel = LOGLEVEL_OK;
     std::int32_t logsize = 1048576;
     std::int32_t logcount = 10;
+    std::time_t stamp_time = -1; ///< that of `stamp`; -1 is none
+    std::array<char, sizeof "0000-00-00 00:00:00"> stamp{};
 };
 
 /// The one state, for tests: they set limits that no setting reaches.

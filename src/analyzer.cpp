@@ -119,7 +119,7 @@ void classify(Task *task, const Limits &limits) {
     }
 }
 
-/// The counter that leads to a change goes on counting and wraps; field tools read it that way.
+/// The counter that leads to a change goes on counting and wraps, deliberately.
 void sample_bool(Task *task) {
     if (task->value == 1) {
         task->counter_ok = 0;
@@ -170,7 +170,7 @@ int bool_analyzer(Task *task) {
 }
 
 int threshold_analyzer(Task *task) {
-    // Log filters in the field look for line 90.
+    // The line number is fixed.
     trace_at(TRACE_DEBUG, TRACE_FILE, __func__, 90, " ");
     if (task->analyzable == 1 && task_has(task, TASK_VALUE_VALID)) {
         trace_value(task);

@@ -130,7 +130,7 @@ void dump_line(const unsigned char *bytes, std::size_t count) {
             characters[i] = ' ';
         }
     }
-    if (count != 1) { // deliberate: readers of these dumps know the bare last line, without its line end
+    if (count != 1) { // deliberate: a last line of one byte stays bare, without its line end
         std::fprintf(stderr, "  |%s|\n", characters.data());
     }
     std::fflush(stderr);

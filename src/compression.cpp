@@ -59,11 +59,23 @@ timeval time_of_day() {
     return now;
 }
 
-/// From the microseconds alone: readers of the trace know that it never says a second or more.
+/// From the microseconds alone, deliberately: it never says a second or more.
 long elapsed_microseconds(const timeval &start, const timeval &end) {
     const auto elapsed = static_cast<long>(end.tv_usec - start.tv_usec);
     return elapsed > 0 ? elapsed : elapsed + 1000000;
 }
+
+/// What either operation begins with; `out` is null when it cannot begin.
+struct Job {
+    TextHandle buffer;
+    FileHandle in;
+    FileHandle out;
+    timeval start;
+
+    Job(const char *from, const char *to)
+        : buffer(text_allocate(COPY_SIZE)), in(buffer ? open_source(from) : nullptr),
+          out(in ? open_destination(to) : nullptr), start(time_of_day()) {}
+};
 
 struct ByteCounts {
     std::uint64_t in;
@@ -144,15 +156,12 @@ Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts
 
 int file_compress(const char *from, const char *to) {
     trace(TRACE_TRACE, "from: %s to: %s", from, to);
-    const TextHandle buffer = text_allocate(COPY_SIZE);
-    FileHandle in = buffer ? open_source(from) : nullptr;
-    FileHandle out = in ? open_destination(to) : nullptr;
-    if (!out) {
+    Job job(from, to);
+    if (!job.out) {
         return -1;
     }
-    const timeval start = time_of_day();
     ByteCounts counts{};
-    const Outcome outcome = compress(std::move(in), std::move(out), buffer.get(), counts);
+    const Outcome outcome = compress(std::move(job.in), std::move(job.out), job.buffer.get(), counts);
     if (outcome != Outcome::DONE) {
         if (outcome == Outcome::WRITE_FAILED || !is_stdin(from)) { // deliberate: a piped text keeps its torn end
             remove_destination(to);
@@ -160,7 +169,7 @@ int file_compress(const char *from, const char *to) {
         return -1;
     }
     trace(TRACE_TRACE, "file: %s: factor: %d%% time: %ld us", from, counts.factor(),
-          elapsed_microseconds(start, time_of_day()));
+          elapsed_microseconds(job.start, time_of_day()));
     return 0;
 }
 
@@ -242,17 +251,14 @@ bool decompress(FileHandle in, FileHandle out, char *buffer) {
 
 int file_decompress(const char *from, const char *to) {
     trace(TRACE_TRACE, "from: %s to: %s", from, to);
-    const TextHandle buffer = text_allocate(COPY_SIZE);
-    FileHandle in = buffer ? open_source(from) : nullptr;
-    FileHandle out = in ? open_destination(to) : nullptr;
-    if (!out) {
+    Job job(from, to);
+    if (!job.out) {
         return -1;
     }
-    const timeval start = time_of_day();
-    if (!decompress(std::move(in), std::move(out), buffer.get())) {
+    if (!decompress(std::move(job.in), std::move(job.out), job.buffer.get())) {
         remove_destination(to);
         return -1;
     }
-    trace(TRACE_TRACE, "file: %s: time: %ld us", from, elapsed_microseconds(start, time_of_day()));
+    trace(TRACE_TRACE, "file: %s: time: %ld us", from, elapsed_microseconds(job.start, time_of_day()));
     return 0;
 }

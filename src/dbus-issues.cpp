@@ -44,7 +44,7 @@ Issue *find_issue(std::uint32_t id) {
 }
 
 /// Each report of a failing state counts, a change from warning to failure too: the count is of
-/// reports and not of tasks, and those who watch the signals rely on it.
+/// reports and not of tasks, deliberately.
 void count_report(Issue &issue, std::int32_t state) {
     const bool changes = state != 0 ? issue.count == 0 : issue.count == 1;
     if (changes) {

@@ -16,7 +16,8 @@ namespace {
 
 constexpr const char *LISTENER = "d_bus_srv_main"; // the thread's own lines carry its name
 
-constexpr int WAIT_MS = 60000; // bounds nothing but the rhythm of the traces
+constexpr int WAIT_MS = 60000;      // bounds nothing but the rhythm of the traces
+constexpr int BLIND_WAIT_MS = 1000; // without the wake-up, a message that the sender has read in waits so long
 
 constinit int listener_status = -1;
 
@@ -53,14 +54,15 @@ void note_message(void *wakeup) {
 }
 
 /// Waits outside libdbus, which would keep the connection to itself meanwhile, so that the sender
-/// could not write.
+/// could not write; then reads what has come.
 void wait_for_message(DBusConnection *connection, const Descriptor &wakeup) {
     int socket = -1;
     dbus_connection_get_unix_fd(connection, &socket);
     std::array<pollfd, 2> awaited{{{socket, POLLIN, 0}, {wakeup.get(), POLLIN, 0}}};
-    poll(awaited.data(), awaited.size(), WAIT_MS);
+    poll(awaited.data(), awaited.size(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
+    dbus_connection_read_write(connection, 0);
     eventfd_t ignored = 0;
-    eventfd_read(wakeup.get(), &ignored);
+    eventfd_read(wakeup.get(), &ignored); // behind the reading, which is noted as well
 }
 
 /// Answers calls until the connection is lost.
@@ -76,7 +78,6 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
         }
         trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
         wait_for_message(connection.get(), wakeup);
-        dbus_connection_read_write(connection.get(), 0);
     }
     bus_link_set(BusLink::lost, nullptr);
 }
@@ -87,6 +88,9 @@ void *d_bus_srv_main(void * /*none*/) {
     trace(TRACE_DEBUG, " ");
     d_bus_srv_init_signals();
     Descriptor wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeup) {
+        trace(TRACE_DEBUG, "eventfd() failed");
+    }
     BusError error;
     trace(TRACE_TRACE, "DBUS_GET");
     BusConnection connection = bus_connect(error);
@@ -101,7 +105,7 @@ void *d_bus_srv_main(void * /*none*/) {
     if (failure != nullptr) {
         trace(TRACE_DEBUG, "%s", failure);
         if (error.is_set()) {
-            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // log filters know the empty line
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
         }
         bus_link_set(BusLink::ended, nullptr);
         return &listener_status;

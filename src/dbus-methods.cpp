@@ -131,8 +131,8 @@ const InterfaceGroup *find_group(std::string_view word) {
     return nullptr;
 }
 
-/// Marks the issues of `word` and returns the answer. The answers are deliberately this way round, as
-/// callers know them: "failed" for a word that switched something, "accepted" for one that did not.
+/// Marks the issues of `word` and returns the answer. The answers are deliberately this way round:
+/// "failed" for a word that switched something, "accepted" for one that did not.
 const char *switch_group(const char *word, dbus_bool_t enable) {
     const bool known_value = enable == 1 || enable == 0;
     const InterfaceGroup *const group = known_value && word != nullptr ? find_group(word) : nullptr;

@@ -53,6 +53,17 @@ void send_signal(Sender &sender, BusMessage message) {
     trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "DONE");
 }
 
+/// For a thread that found no bus: whether the listener did, or has lost it since and will come back.
+bool listener_goes_on() {
+    BusLink state = bus_link_get().state;
+    while (state == BusLink::starting) {
+        d_bus_srv_msg_queue_wait();
+        state = bus_link_get().state;
+    }
+    d_bus_srv_msg_queue_signal(); // what was queued meanwhile
+    return state != BusLink::ended;
+}
+
 void drain_queue(Sender &sender) {
     while (find_connection(sender)) {
         BusMessage message = sender.unsent ? std::move(sender.unsent) : d_bus_srv_msg_queue_remove();
@@ -87,10 +98,12 @@ void *d_bus_srv_msg_sender(void * /*none*/) {
     if (!sender.connection) {
         trace(TRACE_DEBUG, "dbus_bus_get() failed");
         if (error.is_set()) {
-            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // log filters know the empty line
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
         }
-        sender_status = -1;
-        return &sender_status;
+        if (!listener_goes_on()) {
+            sender_status = -1;
+            return &sender_status;
+        }
     }
     for (;;) {
         d_bus_srv_msg_queue_wait();

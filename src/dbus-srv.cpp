@@ -45,7 +45,7 @@ int d_bus_srv_init() {
         return -1;
     }
     if (pthread_create(&sender_thread, nullptr, d_bus_srv_msg_sender, nullptr) != 0) {
-        trace(TRACE_DEBUG, "unable to create D-Bus listener"); // the same words, as log filters know them
+        trace(TRACE_DEBUG, "unable to create D-Bus listener"); // the same words, kept
         return -1;
     }
     return 0;

@@ -42,7 +42,7 @@ void print_logging(const GlobalData &data) {
 }
 
 void print_bus(const GlobalData &data) {
-    std::printf("#   the dbus path vigmond listens/talking too\n"); // sic: compared by integrators' scripts
+    std::printf("#   the dbus path vigmond listens/talking too\n"); // sic
     print_quoted("dbus_busname:", data.dbus_busname);
     print_quoted("dbus_path:", data.dbus_path);
     print_quoted("dbus_if:", data.dbus_if);

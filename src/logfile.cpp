@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/uio.h>
@@ -21,7 +22,7 @@ constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
     {2, 1, "FAIL"},
     {3, 2, "WARN"},
     {4, 1, "FAIL"},
-    {-1, 2, "INV"}, // deliberately never found: readers of the log take "WARN" "NaN" for an invalid value
+    {-1, 2, "INV"}, // deliberately never found
 }};
 
 namespace {
@@ -39,15 +40,18 @@ const LogfileStateRow &row_of(std::int32_t state) {
 
 bool same_name(const char *name, const char *other) { return strcasecmp(name, other) == 0; }
 
-/// The local time; a record is not lost for want of one.
-struct Stamp {
-    std::array<char, 32> text{};
-    Stamp() {
-        if (time_stamp(text.data(), text.size(), "%Y-%m-%d %H:%M:%S") == -1) {
-            text = {"0000-00-00 00:00:00"};
+/// The local time, made once for all records of a second: each look at it asks whether the zone file
+/// has changed. A record is not lost for want of it.
+const char *stamp() {
+    LogfileState &log = logfile_state();
+    if (log.stamp_time == -1 || log.stamp_time != std::time(nullptr)) {
+        log.stamp_time = time_stamp(log.stamp.data(), log.stamp.size(), "%Y-%m-%d %H:%M:%S");
+        if (log.stamp_time == -1) {
+            log.stamp = std::to_array("0000-00-00 00:00:00");
         }
     }
-};
+    return log.stamp.data();
+}
 
 /// Never waits: a pipe without a reader or a busy terminal in the file's place must not stop a heartbeat.
 Descriptor open_for_append(const char *name) {
@@ -98,7 +102,7 @@ template <std::size_t N> bool write_whole(const Descriptor &stream, bool is_file
 
 /// False with errno when the header was lost.
 bool write_header(const Descriptor &file, const char *occasion) {
-    const TextHandle block = logfile_header_text(Stamp().text.data(), occasion);
+    const TextHandle block = logfile_header_text(stamp(), occasion);
     if (!block) {
         errno = ENOMEM;
         return false;
@@ -107,17 +111,14 @@ bool write_header(const Descriptor &file, const char *occasion) {
 }
 
 bool write_marker(const LogfileState &log, const char *text) {
-    const Stamp stamp;
     return write_whole(log.logfile_stream, log.logfile_is_file == 1,
-                       std::array{piece("##\n##\t"), piece(stamp.text.data()), piece("\t"), piece(text), piece("\t"),
+                       std::array{piece("##\n##\t"), piece(stamp()), piece("\t"), piece(text), piece("\t"),
                                   piece(gdata_get_commandline()), piece("\n##\n")});
 }
 
 bool write_record(const LogfileState &log, const char *label, const char *text) {
-    const Stamp stamp;
-    return write_whole(
-        log.logfile_stream, log.logfile_is_file == 1,
-        std::array{piece(stamp.text.data()), piece("\t"), piece(label), piece("\t"), piece(text), piece("\n")});
+    return write_whole(log.logfile_stream, log.logfile_is_file == 1,
+                       std::array{piece(stamp()), piece("\t"), piece(label), piece("\t"), piece(text), piece("\n")});
 }
 
 bool is_off(const LogfileState &log) {

@@ -21,8 +21,7 @@ namespace {
 
 constexpr std::size_t LINE_SIZE = 1023;
 
-/// A state that no row holds: it passes every severity level, under a priority of its own that
-/// receivers tell it by.
+/// A state that no row holds: it passes every severity level, under a priority of its own.
 constexpr LoggerState unknown_state{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
 
 constinit int syslog_opened = 0;
@@ -109,7 +108,7 @@ int logger_init() {
         openlog("vigmond", LOG_PID | LOG_CONS, LOG_DAEMON);
     }
     const std::int32_t severity = gdata_set_severitylevel(gdata_get_severitylevel());
-    // The level is looked up among the states; log filters know the labels that come of it.
+    // The level is looked up among the states; the labels that come of it are kept.
     trace(TRACE_TRACE, "severity_level: %s", row_of(severity).label);
     syslog_opened = 1;
     trace(TRACE_TRACE, "DONE");

@@ -19,7 +19,7 @@
 namespace {
 
 constexpr std::int32_t KIB = 1024;
-constexpr const char *VERSION = "Revision: 0.14.0 -- GIT-ID: " REVISION_GIT_ID;
+constexpr const char *VERSION = "Revision: " REVISION_VERSION " -- GIT-ID: " REVISION_GIT_ID;
 
 constinit int usage_count = 0;
 
@@ -41,8 +41,7 @@ constexpr std::array<LevelName, 4> severity_levels{{
     {"OK", SEVERITY_OK},
 }};
 
-/// The usage text says "fail" for severity 3 though only "failed" is accepted; integrators' scripts
-/// compare the text.
+/// The usage text says "fail" for severity 3 though only "failed" is accepted; deliberate.
 const char *usage_severity_name(std::int32_t level) {
     return level == SEVERITY_FAILED ? "fail" : gdata_severitylevel_name(level);
 }

@@ -71,7 +71,7 @@ int escape_length(std::string_view text) {
     if (text[1] != 'u') {
         return std::string_view("\"/\\bfnrt").find(text[1]) == std::string_view::npos ? JSON_INVALID : 2;
     }
-    const std::string_view digits = text.substr(2, 4);
+    const std::string_view digits(text.data() + 2, std::min<std::size_t>(text.size() - 2, 4));
     if (!std::all_of(digits.begin(), digits.end(), is_hexadecimal)) {
         return JSON_INVALID;
     }
@@ -124,7 +124,7 @@ int take_primitive(JsonParser &parser, std::string_view text) {
     begin(parser, *token, JSON_PRIMITIVE, parser.position);
     const auto start = static_cast<std::size_t>(parser.position);
     const std::size_t end = std::min(text.find_first_of("\t\r\n ,:]}", start), text.size());
-    const std::string_view primitive = text.substr(start, end - start);
+    const std::string_view primitive(text.data() + start, end - start);
     if (!std::all_of(primitive.begin(), primitive.end(), is_printable)) {
         return JSON_INVALID;
     }

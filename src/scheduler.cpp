@@ -47,8 +47,11 @@ void scheduler_pass(std::int64_t now) {
     trace_at(TRACE_DEBUG, TRACE_FILE, "scheduler", __LINE__, "RUN: at %02d:%02d:%02d", start.hour, start.minute,
              start.second);
     for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
+        if (!is_due(task, now)) {
+            continue;
+        }
         signals_safe_point();
-        if (!is_due(task, now) || is_refused(task)) {
+        if (is_refused(task)) {
             continue;
         }
         run_pipeline(task);

@@ -54,12 +54,18 @@ int ready_connection() {
     return bus == nullptr ? -ENOTCONN : await_admission(bus);
 }
 
+/// Whether something was read that nobody has waited for.
+bool has_leftovers(sd_bus *bus) {
+    std::uint64_t count = 0;
+    return sd_bus_get_n_queued_read(bus, &count) >= 0 && count > 0;
+}
+
 /// Throws away what nobody waits for, such as an answer that came too late: the library keeps all of
 /// it, and fails every call when it holds too much.
 void tidy_connection() {
     sd_bus *bus = connection.get().get();
     int processed = 1;
-    while (processed > 0 && sd_bus_is_open(bus) > 0) {
+    while (processed > 0 && has_leftovers(bus)) {
         processed = sd_bus_process(bus, nullptr);
     }
     drop_dead_connection();

@@ -79,7 +79,7 @@ constexpr const char *SPACE = "%P: free space %D %T threshold.";
 constexpr const char *UNITS = "hostapd nginx ocppd rauc stationd wpa_supplicant corvana-portapi";
 constexpr const char *LOADER = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 
-// Other programs rely on what looks odd here: "/rw-root" stands twice, the wireless rows' format is
+// What looks odd here is deliberate: "/rw-root" stands twice, the wireless rows' format is
 // the interface name, the two internet sentences differ, and CB09 warns almost always.
 // clang-format off
 constexpr Row rows[TASK_COUNT]{

@@ -73,7 +73,7 @@ void timer_continue() {
 
 void runrun_wait() {
     pthread_sigmask(SIG_BLOCK, &alarm_set, nullptr);
-    trace(TRACE_DEBUG, "\n"); // the empty line separates the passes for those who read -D
+    trace(TRACE_DEBUG, "\n"); // the empty line is kept
     const sigset_t all = signals_all();
     do { // waits before it looks: an overrun delays the next pass to the next heartbeat
         signals_wait(all);

@@ -12,6 +12,8 @@
 #include "timer.h"
 #include "trace.h"
 
+#include <csignal>
+
 namespace {
 
 /// Everything between the options and the loop; false when the daemon cannot run.
@@ -32,6 +34,7 @@ bool start_up() {
 } // namespace
 
 int main(int argc, char *argv[]) {
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
     trace(TRACE_INFO, " ");
     journal_bound_waits();
     gdata_set_tasks(builtin_tasks());

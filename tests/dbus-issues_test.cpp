@@ -1,6 +1,8 @@
 #include "dbus-issues.h"
 
 #include "captured_traces.h"
+#include "dbus-methods.h"
+#include "dbus-signals.h"
 #include "dbus-srv.h"
 
 #include <cstdarg>
@@ -45,6 +47,13 @@ int __wrap_sd_journal_print_with_location(int priority, const char *file, const 
     }
     return __real_sd_journal_print_with_location(priority, file, line, function, "%s\n", text.c_str());
 }
+
+// The listing is answered without a bus.
+dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*unused*/, DBusMessage * /*unused*/,
+                                        dbus_uint32_t * /*unused*/) {
+    return TRUE;
+}
+void __wrap_dbus_connection_flush(DBusConnection * /*unused*/) {}
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
@@ -246,8 +255,15 @@ TEST_F(IssuesTest, LockIsTracedBeforeItIsTakenAndUnlockBeforeItIsReleased) {
     d_bus_srv_issue_update(33, 1);
     d_bus_srv_ID_is_enabled(5);
     d_bus_srv_ID_set_enabled(5, 1);
-    EXPECT_THAT(lock_traces, ElementsAre("LOCK free", "UNLOCK held", "LOCK free", "UNLOCK held", "LOCK free",
-                                         "UNLOCK held", "LOCK free", "UNLOCK held", "LOCK free", "UNLOCK held"));
+    d_bus_srv_create_signal_messages(START + 1000);
+    const BusMessage call(dbus_message_new_method_call("a.b", "/", "c.d", "E"));
+    dbus_message_set_serial(call.get(), 1);
+    d_bus_srv_GetListing(nullptr, call.get());
+    std::vector<std::string> expected;
+    for (int operation = 0; operation < 7; ++operation) {
+        expected.insert(expected.end(), {"LOCK free", "UNLOCK held"});
+    }
+    EXPECT_EQ(lock_traces, expected);
 }
 
 TEST_F(IssuesTest, DisabledIssuesCountAllTheSame) {

@@ -4,10 +4,13 @@
 
 #include "bus_daemon.h"
 #include "message_bytes.h"
+#include "other_process.h"
 #include "private_bus.h"
 
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -113,6 +116,7 @@ TEST_F(BusLossTest, IsSaidOnceAndDoesNotSpin) {
 }
 
 TEST_F(BusLossTest, HappensAgainAndAgain) {
+    const std::size_t descriptors = descriptors_of(daemon_.process().pid());
     for (std::uint32_t round = 1; round <= 3; ++round) {
         bus_.stop();
         pass(static_cast<int>(round)); // the sender may notice the loss before the listener does
@@ -123,6 +127,7 @@ TEST_F(BusLossTest, HappensAgainAndAgain) {
         client.wait_for_owner(SERVICE_NAME);
         EXPECT_TRUE(is_listed(client));
     }
+    EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
 }
 
 TEST_F(BusLossTest, WhileAClientFloods) {
@@ -138,6 +143,21 @@ TEST_F(BusLossTest, WhileAClientFloods) {
     BusClient client(bus_);
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
+}
+
+TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
+    BusClient client(bus_);
+    client.watch("type='signal',interface='com.corvana.State2.Issues'");
+    kill(bus_.pid(), SIGSTOP);
+    std::vector<std::uint32_t> passes;
+    for (std::uint32_t number = 2; number <= 1000; ++number) { // more than the socket takes
+        pass(static_cast<int>(number));
+        passes.push_back(number);
+    }
+    kill(bus_.pid(), SIGCONT);
+    EXPECT_EQ(announced(client, static_cast<int>(passes.size())), passes);
+    EXPECT_TRUE(is_listed(client));
+    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 0U);
 }
 
 TEST_F(BusLossTest, ANameTakenMeanwhileIsAskedForAgain) {
@@ -164,6 +184,84 @@ TEST_F(BusLossTest, ExitDoesNotWaitForTheBus) {
     lose_the_bus();
     daemon_.tell("exit");
     EXPECT_EQ(daemon_.process().wait(), 1);
+}
+
+/// The daemon's next pause, from line `line` of its stderr on; 0 when none comes.
+unsigned next_pause(BusDaemon &daemon, std::size_t &line) {
+    const std::string word = "pause ";
+    const auto found = daemon.process().errors().wait_for(word, line);
+    line = found.value_or(line) + 1;
+    return found ? static_cast<unsigned>(std::stoul(daemon.process().errors().lines()[*found].substr(word.size()))) : 0;
+}
+
+TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
+    PrivateBus bus;
+    BusDaemon daemon(bus, Traces::to_stderr, "held-pauses");
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    bus.stop();
+    std::vector<std::uint32_t> passes;
+    std::size_t line = 0;
+    for (const unsigned seconds : {1U, 2U, 4U, 8U, 16U, 32U, 60U, 60U, 60U}) {
+        if (!passes.empty()) {
+            daemon.obey("go"); // the pause before is over, and still there is no bus
+        }
+        ASSERT_EQ(next_pause(daemon, line), seconds);
+        passes.push_back(static_cast<std::uint32_t>(passes.size() + 1));
+        daemon.obey("update 5 1");
+        daemon.obey("send " + std::to_string(passes.back()));
+    }
+    bus.start();
+    BusClient client(bus);
+    client.watch("type='signal',interface='com.corvana.State2.Issues'");
+    daemon.obey("go");
+    EXPECT_EQ(announced(client, 9), passes);
+    EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(client));
+    EXPECT_EQ(daemon.count_traces("the bus is gone"), 1U);
+    EXPECT_EQ(daemon.count_traces("the bus is back"), 1U);
+}
+
+// One of the threads looks for the bus much later than the other.
+
+TEST(LateThreadTest, ASenderThatFindsTheBusLostGoesOnWithTheListener) {
+    PrivateBus bus;
+    BusDaemon daemon(bus, Traces::to_stderr, "hold=sender");
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    bus.stop();
+    ASSERT_TRUE(daemon.traced("the bus is gone"));
+    daemon.obey("go");
+    ASSERT_TRUE(daemon.find_trace("d_bus_srv_msg_sender", " dbus_bus_get() failed"));
+    daemon.obey("update 5 1");
+    daemon.obey("send 2");
+    bus.start();
+    BusClient client(bus);
+    client.watch("type='signal',interface='com.corvana.State2.Issues'");
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
+}
+
+TEST(LateThreadTest, ASenderThatWasTooEarlyGoesOnWithTheListener) {
+    PrivateBus bus;
+    bus.stop();
+    BusDaemon daemon(bus, Traces::to_stderr, "hold=listener");
+    ASSERT_TRUE(daemon.find_trace("d_bus_srv_msg_sender", " dbus_bus_get() failed"));
+    daemon.obey("update 5 1");
+    daemon.obey("send 2");
+    bus.start();
+    BusClient client(bus);
+    client.watch("type='signal',interface='com.corvana.State2.Issues'");
+    daemon.obey("go");
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2}); // queued before anybody served
+}
+
+TEST(LateThreadTest, ASenderThatWasTooEarlyEndsWithAListenerThatFails) {
+    PrivateBus bus;
+    bus.stop();
+    BusDaemon daemon(bus, Traces::to_stderr, "hold=listener");
+    ASSERT_TRUE(daemon.find_trace("d_bus_srv_msg_sender", " dbus_bus_get() failed"));
+    EXPECT_EQ(daemon.count_traces("the sender has ended"), 0U);
+    daemon.obey("go");
+    ASSERT_TRUE(daemon.find_trace("d_bus_srv_main", " dbus_bus_get() failed"));
+    EXPECT_TRUE(daemon.traced("the sender has ended"));
 }
 
 TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedComesBackByItself) {

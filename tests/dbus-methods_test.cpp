@@ -24,6 +24,10 @@ int flushes = 0;
 bool return_fails = false;
 bool append_fails = false;
 bool send_fails = false;
+int failing_opening = 0; ///< which container, from 1, cannot be opened
+int failing_element = 0; ///< which element, from 1, cannot be appended
+
+bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 
 } // namespace
 
@@ -53,6 +57,18 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*unused*/, DBusMessage
     return TRUE;
 }
 void __wrap_dbus_connection_flush(DBusConnection * /*unused*/) { ++flushes; }
+
+dbus_bool_t __real_dbus_message_iter_open_container(DBusMessageIter *outer, int type, const char *signature,
+                                                    DBusMessageIter *inner);
+dbus_bool_t __real_dbus_message_iter_append_basic(DBusMessageIter *array, int type, const void *value);
+
+dbus_bool_t __wrap_dbus_message_iter_open_container(DBusMessageIter *outer, int type, const char *signature,
+                                                    DBusMessageIter *inner) {
+    return fails_now(failing_opening) ? FALSE : __real_dbus_message_iter_open_container(outer, type, signature, inner);
+}
+dbus_bool_t __wrap_dbus_message_iter_append_basic(DBusMessageIter *array, int type, const void *value) {
+    return fails_now(failing_element) ? FALSE : __real_dbus_message_iter_append_basic(array, type, value);
+}
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
@@ -75,6 +91,7 @@ class MethodsTest : public testing::Test {
         sent.reset();
         flushes = 0;
         return_fails = append_fails = send_fails = false;
+        failing_opening = failing_element = 0;
         gdata_record() = settings_;
     }
 
@@ -142,6 +159,23 @@ TEST_F(MethodsTest, ListingShowsTimesPast2038AsUnsigned) {
                                   "\x04\x00\x00\x00"
                                   "CB00\x00",
                                   21));
+}
+
+// Two structs in an array: three containers, four elements.
+TEST_F(MethodsTest, AListingThatCannotBeBuiltIsAFailureAtWhateverPlace) {
+    issue_registry[3].count = issue_registry[4].count = 1;
+    for (const auto &[countdown, places] : {std::pair{&failing_opening, 3}, std::pair{&failing_element, 4}}) {
+        for (int place = 1; place <= places; ++place) {
+            const CapturedTraces traces;
+            *countdown = place;
+            EXPECT_EQ(d_bus_srv_GetListing(nullptr, call_at("/").get()), -1) << place;
+            EXPECT_EQ(*countdown, 0);
+            EXPECT_EQ(sent, nullptr);
+            EXPECT_EQ(traces.texts_of("d_bus_srv_GetListing").back(), "UNLOCK");
+            EXPECT_EQ(pthread_mutex_trylock(&registry_lock), 0);
+            pthread_mutex_unlock(&registry_lock);
+        }
+    }
 }
 
 constexpr const char *DOCUMENT =
@@ -257,6 +291,15 @@ TEST_F(MethodsTest, UnreadableArgumentsAreAnsweredWithFailed) {
 }
 
 class MethodFailureTest : public MethodsTest, public testing::WithParamInterface<std::pair<const char *, Handler>> {};
+
+TEST_P(MethodFailureTest, ItsStartIsTracedAtLevelTwo) {
+    const auto [name, handler] = GetParam();
+    const CapturedTraces traces;
+    EXPECT_EQ(handler(nullptr, call_at("/").get()), 0);
+    ASSERT_FALSE(traces.all().empty());
+    EXPECT_TRUE(traces.all().front().line.starts_with("(2) ")) << traces.all().front().line;
+    EXPECT_EQ(traces.texts_of(name).front(), " ");
+}
 
 TEST_P(MethodFailureTest, AReplyThatCannotBeBuiltOrSentIsAFailure) {
     const auto [name, handler] = GetParam();

@@ -4,6 +4,7 @@
 #include "dbus-issues.h"
 #include "dbus-srv.h"
 #include "gdata.h"
+#include "memory_fault.h"
 #include "message_bytes.h"
 #include "scratch_folder.h"
 
@@ -16,7 +17,7 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -25,18 +26,12 @@
 
 namespace {
 
-int failing_node = 0; ///< which queue node, from 1, cannot be had
 int wakeups_sent = 0;
 int failing_append = 0; ///< which append, from 1, fails
 
 bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 
 } // namespace
-
-// The queue's nodes are the one thing that the daemon takes with the new that may fail.
-void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
-    return fails_now(failing_node) ? nullptr : ::operator new(size);
-}
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
@@ -90,7 +85,6 @@ class SignalsTest : public testing::Test {
         }
     }
     void TearDown() override {
-        failing_node = 0;
         failing_append = 0;
         wakeups_sent = 0;
         gdata_record() = settings_;
@@ -280,7 +274,7 @@ TEST_F(SignalsTest, ANodeThatCannotBeHadIsAFailure) {
     const std::array<const char *, 1> labels{"CB00"};
     const CapturedTraces traces;
     BusMessage message = d_bus_create_signals(NOW, "NewIssues", labels.data(), 1);
-    failing_node = 1;
+    const MemoryFault node(1);
     EXPECT_EQ(d_bus_srv_msg_queue_add(std::move(message)), -1);
     EXPECT_THAT(traces.texts_of("d_bus_srv_msg_queue_add"), ElementsAre("FAIL"));
     EXPECT_EQ(d_bus_srv_msg_queue_remove(), nullptr);
@@ -310,9 +304,13 @@ TEST_F(SignalsTest, AFailedNewDropsTheClearedOfThatPass) {
     const CapturedTraces traces;
     failing_append = 1;
     EXPECT_EQ(d_bus_srv_create_signal_messages(NOW), -1);
-    failing_node = 1;
+    const MemoryFault node(1);
     EXPECT_EQ(d_bus_srv_create_signal_messages(NOW), -1);
     EXPECT_EQ(d_bus_srv_msg_queue_remove(), nullptr);
+    for (const auto &each : traces.all()) {
+        const bool important = each.line.ends_with(" failed") && each.line.find(CREATE) != std::string::npos;
+        EXPECT_TRUE(!important || each.line.starts_with("(2) ")) << each.line;
+    }
     EXPECT_TRUE(traces.has(CREATE, "d_bus_create_signals(\"NewIssues\") failed"));
     EXPECT_TRUE(traces.has(CREATE, "d_bus_srv_msg_queue_add(\"NewIssues\") failed"));
     EXPECT_FALSE(traces.has(CREATE, "cleared"));
@@ -342,17 +340,22 @@ TEST_F(SignalsTest, APassWithoutChangesDoesNotWakeTheSender) {
 }
 
 TEST_F(SignalsTest, AFailedClearedLeavesTheNewQueuedWithoutAWakeUp) {
-    for (int *failure : {&failing_node, &failing_append}) {
+    for (const bool node_fails : {true, false}) {
         set_row(2, 1);
         set_row(5, 0);
         const CapturedTraces traces;
-        *failure = 2;
+        std::optional<MemoryFault> node;
+        if (node_fails) {
+            node.emplace(2);
+        } else {
+            failing_append = 2;
+        }
         EXPECT_EQ(d_bus_srv_send_issues(NOW), 0);
         EXPECT_EQ(wakeups_sent, 0);
         EXPECT_EQ(member_of(d_bus_srv_msg_queue_remove()), "NewIssues");
         EXPECT_EQ(d_bus_srv_msg_queue_remove(), nullptr);
-        EXPECT_TRUE(traces.has(CREATE, failure == &failing_node ? "d_bus_srv_msg_queue_add(\"ClearedIssues\") failed"
-                                                                : "d_bus_create_signals(\"ClearedIssues\") failed"));
+        EXPECT_TRUE(traces.has(CREATE, node_fails ? "d_bus_srv_msg_queue_add(\"ClearedIssues\") failed"
+                                                  : "d_bus_create_signals(\"ClearedIssues\") failed"));
     }
 }
 

@@ -5,6 +5,7 @@
 #include "bus_daemon.h"
 #include "captured_traces.h"
 #include "message_bytes.h"
+#include "other_process.h"
 #include "private_bus.h"
 
 #include <algorithm>
@@ -12,10 +13,9 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iterator>
+#include <optional>
 #include <pthread.h>
 #include <string>
 #include <vector>
@@ -195,24 +195,10 @@ TEST_F(BusServiceTest, AHundredCallsTogetherAreAnsweredWhileSignalsAreSent) {
 }
 
 TEST_F(BusServiceTest, NoCallIsLostToASenderThatReadsItIn) {
-    daemon_.tell("flood 20000");
+    daemon_.tell("flood 20000"); // which changes the registry, too, that the calls read and write
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_TRUE(is_return(client_.call(listing_call()))) << i;
+        ASSERT_TRUE(is_return(client_.call(i % 2 == 0 ? listing_call() : switch_call("WiFi", i % 4 == 1)))) << i;
     }
-}
-
-std::size_t descriptors_of(pid_t pid) {
-    const std::filesystem::directory_iterator folder("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
-}
-
-/// Resident pages.
-long memory_of(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
-    long total = 0;
-    long resident = 0;
-    file >> total >> resident;
-    return resident;
 }
 
 TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {
@@ -246,31 +232,6 @@ TEST_F(BusServiceTest, DescriptorsThatAClientPassesAreClosed) {
     }
     ASSERT_TRUE(is_return(client_.call(listing_call()))); // the one before has been let go by now
     EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
-}
-
-TEST_F(BusServiceTest, ClientsOfOthersGetTheirAnswers) {
-    daemon_.obey("update 3 1");
-    const std::string address = "--address=" + bus_.address();
-    const std::string bus = "--bus=" + bus_.address();
-    const std::string destination = std::string("--dest=") + SERVICE_NAME;
-    const auto joined = [](const CommandResult &result) {
-        std::string text;
-        for (const std::string &line : result.output) {
-            text += line + "\n";
-        }
-        return text;
-    };
-    const CommandResult listing =
-        run_command({"dbus-send", bus, "--print-reply", destination, PATH, "com.corvana.State2.Issues.GetListing"});
-    EXPECT_EQ(listing.status, 0);
-    EXPECT_THAT(joined(listing), testing::HasSubstr("string \"CB03\""));
-    const CommandResult switched = run_command({"busctl", address, "call", SERVICE_NAME, PATH, NETWORK,
-                                                "ChangeInterfaceAvailability", "sb", "LANxyz", "false"});
-    EXPECT_EQ(switched.status, 0);
-    EXPECT_EQ(joined(switched), "s \"failed\"\n");
-    const CommandResult described = run_command({"busctl", address, "introspect", SERVICE_NAME, PATH, ISSUES});
-    EXPECT_EQ(described.status, 0);
-    EXPECT_THAT(joined(described), testing::HasSubstr("a(us)"));
 }
 
 TEST_F(BusServiceTest, NobodyCanTakeTheNameAway) {
@@ -310,6 +271,18 @@ TEST(BusStartTest, RequestsTheNameWithTheReplaceFlagOnly) {
     EXPECT_EQ(body_bytes(request.get()), wire(19) + wire(std::string(SERVICE_NAME)).substr(4) + wire(2));
 }
 
+/// The texts of one thread's own traces so far, in order.
+std::vector<std::string> texts_of(BusDaemon &daemon, const std::string &thread) {
+    const std::string place = "dbus-srv.c: " + thread + "(";
+    std::vector<std::string> texts;
+    for (const std::string &line : daemon.process().errors().lines()) {
+        if (const std::size_t start = line.find(place); start != std::string::npos) {
+            texts.push_back(line.substr(line.find(") ", start) + 2));
+        }
+    }
+    return texts;
+}
+
 TEST(BusStartTest, TracesItsStart) {
     PrivateBus bus;
     BusClient client(bus);
@@ -317,20 +290,70 @@ TEST(BusStartTest, TracesItsStart) {
     ASSERT_TRUE(daemon.traced("wait for request"));
     ASSERT_TRUE(is_return(client.call(listing_call())));
     ASSERT_TRUE(daemon.traced("call method: GetListing"));
-    std::vector<std::string> texts;
-    for (const std::string &line : daemon.process().errors().lines()) {
-        const std::size_t place = line.find("dbus-srv.c: d_bus_srv_main(");
-        if (place != std::string::npos && line.find("unknown request") == std::string::npos &&
-            line.find("check request") == std::string::npos) {
-            texts.push_back(line.substr(line.find(") ", place) + 2));
-        }
-    }
+    std::vector<std::string> texts = texts_of(daemon, "d_bus_srv_main");
+    std::erase_if(
+        texts, [](const std::string &text) { return text == "check request" || text.starts_with("unknown request"); });
     ASSERT_GE(texts.size(), 6U);
     texts.resize(6);
     EXPECT_THAT(texts,
                 ElementsAre(" ", "DBUS_GET", "DBUS_REQUEST", "WHILE", "wait for request", "call method: GetListing"));
     // The bus greets the new owner with two notices, both handled before the first wait.
     EXPECT_EQ(daemon.count_traces("unknown request - type: signal"), 2U);
+}
+
+TEST(BusStartTest, TheSenderTracesWhatItSends) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    daemon.obey("update 5 1");
+    daemon.obey("send " + std::to_string(LONG_AGO)); // both signals
+    std::optional<std::size_t> line = daemon.find_trace("d_bus_srv_msg_sender", " DONE");
+    for (int step = 0; step < 3; ++step) { // of the second
+        ASSERT_TRUE(line.has_value());
+        line = daemon.process().errors().wait_for(" d_bus_srv_msg_sender(", *line + 1);
+    }
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_msg_sender"),
+                ElementsAre(" ", "DBUS_GET", "SEND", "FLUSH", "DONE", "SEND", "FLUSH", "DONE"));
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_init_signals"), ElementsAre(" ", " ")); // each thread's
+}
+
+TEST(BusStartTest, WhatIsNotKnownIsTracedWithItsType) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    client.wait_for_owner(SERVICE_NAME);
+    client.send(method_call(PATH, ISSUES, "NoSuchMethod"));
+    ASSERT_TRUE(is_return(client.call(listing_call())));
+    ASSERT_TRUE(daemon.traced("call method: GetListing"));
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_main"), testing::Contains("unknown request - type: method_call"));
+}
+
+TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon first(bus, Traces::to_stderr);
+    ASSERT_TRUE(first.traced("wait for request"));
+    BusDaemon second(bus, Traces::to_stderr);
+    ASSERT_TRUE(second.traced("dbus_bus_request_name() failed"));
+    EXPECT_TRUE(is_return(client.call(listing_call())));
+    ASSERT_TRUE(first.traced("call method: GetListing"));
+    client.watch("type='signal',member='NewIssues'");
+    second.obey("update 5 1");
+    second.obey("send " + std::to_string(LONG_AGO));
+    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
+}
+
+TEST(BusStartTest, ACallIsOneWait) {
+    constexpr std::size_t calls = 50;
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    ASSERT_TRUE(daemon.traced("wait for request"));
+    for (std::size_t i = 0; i < calls; ++i) {
+        ASSERT_TRUE(is_return(client.call(listing_call())));
+    }
+    EXPECT_LE(daemon.count_traces("wait for request"), calls + 1);
 }
 
 TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
@@ -382,22 +405,45 @@ TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {
 
 TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
     PrivateBus bus;
-    bus.stop();
-    std::filesystem::remove(bus.address().substr(std::string("unix:path=").size()));
+    bus.remove();
     BusDaemon daemon(bus, Traces::to_stderr);
     LineReader &traces = daemon.process().errors();
     for (const char *thread : {"d_bus_srv_main", "d_bus_srv_msg_sender"}) {
-        EXPECT_TRUE(daemon.find_trace(thread, " dbus_bus_get() failed")) << thread;
+        const std::optional<std::size_t> failure = daemon.find_trace(thread, " dbus_bus_get() failed");
+        ASSERT_TRUE(failure.has_value()) << thread;
+        EXPECT_TRUE(traces.lines()[*failure].starts_with("(2) ")) << thread;
         const std::optional<std::size_t> line = daemon.find_trace(thread, " Connection Error (");
         ASSERT_TRUE(line && traces.wait_for("", *line + 1)) << thread;
+        EXPECT_TRUE(traces.lines()[*line].starts_with("(3) ")) << thread;
         EXPECT_EQ(traces.lines()[*line + 1], "") << thread; // the text ends in a line end of its own
     }
+    EXPECT_TRUE(daemon.traced("the sender has ended"));
     for (int pass = 0; pass < 100; ++pass) {
         ASSERT_TRUE(daemon.obey("update 5 " + std::to_string(pass % 2)));
         ASSERT_TRUE(daemon.obey("send " + std::to_string(LONG_AGO)));
     }
     daemon.tell("exit");
     EXPECT_EQ(daemon.process().wait(), 1);
+}
+
+TEST(BusStartTest, WithoutAnEventDescriptorItServesAllTheSame) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr, "no-eventfd");
+    ASSERT_TRUE(daemon.find_trace("d_bus_srv_main", " eventfd() failed"));
+    client.wait_for_owner(SERVICE_NAME);
+    EXPECT_TRUE(is_return(client.call(listing_call())));
+}
+
+TEST(BusStartTest, WithoutAnEventDescriptorNoCallIsLostToTheSenderEither) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::none, "no-eventfd");
+    client.wait_for_owner(SERVICE_NAME);
+    daemon.tell("flood 20000");
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(is_return(client.call(listing_call()))) << i;
+    }
 }
 
 TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {

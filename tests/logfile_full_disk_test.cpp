@@ -1,8 +1,8 @@
 #include "logfile.h"
 
 #include "logfile_rig.h"
+#include "process_state.h"
 
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -11,32 +11,11 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
 
 using testing::IsEmpty;
-
-/// Files end at `bytes` while it lives, as on a disk with no more room.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) : ignored_(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit now{.rlim_cur = bytes, .rlim_max = before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &now), 0);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, ignored_);
-    }
-    FileSizeLimit(const FileSizeLimit &) = delete;
-    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
-
-  private:
-    rlimit before_{};
-    void (*ignored_)(int);
-};
 
 constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its stamp of 19
 

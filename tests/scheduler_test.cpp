@@ -338,7 +338,7 @@ TEST_F(SignalledPass, TakesASignalEvenIfNoTaskIsDue) {
     station.tasks.front().next_run = NOON + 1;
     raise(SIGUSR1);
     scheduler_pass(NOON);
-    EXPECT_EQ(events(), (Events{"network", "reinit", "announce " + std::to_string(NOON)}));
+    EXPECT_EQ(events(), (Events{"network", "announce " + std::to_string(NOON), "reinit"}));
 }
 
 } // namespace

@@ -177,7 +177,7 @@ TEST(SingleProcess, SecondCallSucceedsAtOnce) {
     });
 }
 
-// The file is opened before the lock is asked for; operators know the empty file as a sign.
+// The file is opened before the lock is asked for; deliberate.
 TEST(SingleProcess, SecondInstanceFailsAndEmptiesTheFileOfTheFirst) {
     const ScratchFolder folder;
     const OtherDaemon other(folder);

@@ -143,6 +143,27 @@ TEST(Trace, MapsLevelsToPriorities) {
     }
 }
 
+TEST(Trace, PrefixTellsTheLargestNumbersWhole) {
+    for (const int level : {INT32_MAX, INT32_MIN}) {
+        const CapturedTraces traces;
+        const std::time_t now =
+            in_one_second([&] { trace_write(level, "CODE_FILE=module.c", "CODE_LINE=2147483647", "f", "text"); });
+        EXPECT_EQ(last_line(traces), prefix_at(now, level, "module.c: f(2147483647)") + "text");
+    }
+}
+
+TEST(Trace, ThreadIdIsThatOfTheForkedProcess) {
+    const CapturedTraces before;
+    trace(TRACE_TRACE, "of the parent");
+    in_child([] {
+        const CapturedTraces traces;
+        const std::time_t now = in_one_second([] { trace_at(TRACE_TRACE, "module.c", "f", 1, "of the child"); });
+        EXPECT_EQ(last_line(traces), prefix_at(now, 3, "module.c: f(1)") + "of the child");
+    });
+    trace(TRACE_TRACE, "of the parent");
+    EXPECT_EQ(before.all().back().line.find("(3) [" + std::to_string(gettid()) + "] "), 0U);
+}
+
 TEST(Trace, TimeIsUtcWhateverTheTimeZone) {
     in_child([] { // the zone goes with the child
         for (const char *zone : {"AAA-5:30", "BBB+11", "UTC0"}) {
@@ -172,6 +193,35 @@ TEST(Trace, DoesNotInterpretTheFormattedText) {
     const CapturedTraces traces;
     trace(TRACE_TRACE, "%s", "100%d %s%n");
     EXPECT_TRUE(last_line(traces).ends_with(") 100%d %s%n"));
+}
+
+#define EXPECT_TRACED(expected, ...)                                                                                   \
+    do {                                                                                                               \
+        const CapturedTraces traces;                                                                                   \
+        trace_at(TRACE_TRACE, "module.c", "f", 1, __VA_ARGS__);                                                        \
+        EXPECT_EQ(traces.all().back().text, expected);                                                                 \
+    } while (false)
+
+TEST(Trace, FormatsAsPrintfDoes) {
+    const char *none = nullptr;
+    EXPECT_TRACED("", "%s", "");
+    EXPECT_TRACED("(null).", "%s.", none);
+    EXPECT_TRACED("0 -1 2147483647 -2147483648", "%d %d %d %d", 0, -1, INT32_MAX, INT32_MIN);
+    EXPECT_TRACED("00 09 10 99 100 -1 -10", "%02d %02d %02d %02d %02d %02d %02d", 0, 9, 10, 99, 100, -1, -10);
+    EXPECT_TRACED("analyze ID: CB05[0]: ok", "analyze ID: CB%02d[%d]: %s", 5, 0, "ok");
+    EXPECT_TRACED("100%", "%d%%", 100);
+    EXPECT_TRACED("%", "%%");
+    EXPECT_TRACED("a 7 b 4000000000 c", "a %d b %u c", 7, 4000000000U);
+    EXPECT_TRACED("CB07   1.50 x -3|    5|5    |005|ff|-9000000000", "%s%02d %6.2f %c %i|%5d|%-5d|%03d|%x|%lld", "CB",
+                  7, 1.5, 'x', -3, 5, 5, 5, 255U, -9000000000LL);
+    EXPECT_TRACED("ab|   ab", "%.2s|%5s", "abc", "ab");
+}
+
+TEST(Trace, CutsANumberThatLeavesNoRoom) {
+    const std::string place = prefix_at(0, 3, "module.c: f(1)");
+    const std::string filler(LINE_LENGTH - place.size() - 2, 'x');
+    EXPECT_TRACED(filler + "12", "%s%d", filler.c_str(), 12345);
+    EXPECT_TRACED(filler + "12", "%s%u", filler.c_str(), 12345U);
 }
 
 TEST(Trace, CutsALineAfter1023Characters) {

@@ -15,7 +15,7 @@ constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 
 // The count of the calls only ever grows, so every case has a child of its own.
 
-// The text of the usage for the program "prog", compared by integrators' scripts byte for byte.
+// The text of the usage for the program "prog", byte for byte.
 std::string usage_text(const std::string &logfile, const std::string &size, const std::string &count,
                        const std::string &level, const std::string &severity) {
     return "usage:\n"

@@ -46,13 +46,14 @@ bool bind_socket() {
 
 } // namespace
 
-void start_journal_sink() {
+bool start_journal_sink() {
     pthread_t thread{};
     if (!own_run_folder() || !bind_socket() || pthread_create(&thread, nullptr, drain, nullptr) != 0) {
         std::printf("no journal of our own (%s): the traces go to the system's, or nowhere\n", std::strerror(errno));
-        return;
+        return false;
     }
     pthread_detach(thread);
+    return true;
 }
 
 long journal_datagrams() { return taken; }

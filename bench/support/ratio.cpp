@@ -5,22 +5,20 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace {
 
 struct Fastest {
-    std::string name;
     double processor = std::numeric_limits<double>::infinity(); ///< seconds
     double wall = std::numeric_limits<double>::infinity();
 };
 
-/// Keeps the fastest repetition of two benchmarks beside printing all.
-class FastestOfTwo : public benchmark::ConsoleReporter {
+/// Keeps the fastest repetition of each benchmark beside printing all.
+class FastestOfAll : public benchmark::ConsoleReporter {
   public:
-    FastestOfTwo(const char *first, const char *second) : whole{.name = first}, bare{.name = second} {}
-
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const Run &run : runs) {
             if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
@@ -30,32 +28,29 @@ class FastestOfTwo : public benchmark::ConsoleReporter {
         ConsoleReporter::ReportRuns(runs);
     }
 
-    Fastest whole;
-    Fastest bare;
+    std::map<std::string, Fastest> fastest;
 
   private:
     void take(const Run &run) {
         const auto count = static_cast<double>(run.iterations);
-        for (Fastest *each : {&whole, &bare}) {
-            if (run.run_name.function_name == each->name) {
-                each->processor = std::min(each->processor, run.cpu_accumulated_time / count);
-                each->wall = std::min(each->wall, run.real_accumulated_time / count);
-            }
-        }
+        Fastest &each = fastest[run.run_name.function_name];
+        each.processor = std::min(each.processor, run.cpu_accumulated_time / count);
+        each.wall = std::min(each.wall, run.real_accumulated_time / count);
     }
 };
 
-void print_ratio(const char *what, double whole, double bare) {
+void print_ratio(const Pair &pair, const char *what, double whole, double bare) {
     if (std::isfinite(whole) && std::isfinite(bare)) {
-        std::printf("%s, fastest of each: %.0f ns / %.0f ns = %.3f\n", what, whole * 1e9, bare * 1e9, whole / bare);
+        std::printf("%s over %s, %s, fastest of each: %.0f ns / %.0f ns = %.3f\n", pair.whole, pair.bare, what,
+                    whole * 1e9, bare * 1e9, whole / bare);
     } else {
-        std::printf("%s: no ratio, since not both were run one by one\n", what);
+        std::printf("%s over %s, %s: no ratio, since not both were run one by one\n", pair.whole, pair.bare, what);
     }
 }
 
 } // namespace
 
-int run_and_print_ratio(int argc, char **argv, const char *whole, const char *bare) {
+int run_and_print_ratios(int argc, char **argv, const std::vector<Pair> &pairs) {
     std::string repetitions = "--benchmark_repetitions=9";
     std::string interleaving = "--benchmark_enable_random_interleaving=true";
     std::vector<char *> arguments{argv[0], repetitions.data(), interleaving.data()};
@@ -66,9 +61,13 @@ int run_and_print_ratio(int argc, char **argv, const char *whole, const char *ba
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
         return 1;
     }
-    FastestOfTwo reporter(whole, bare);
+    FastestOfAll reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    print_ratio("processor time", reporter.whole.processor, reporter.bare.processor);
-    print_ratio("wall time", reporter.whole.wall, reporter.bare.wall);
+    for (const Pair &pair : pairs) {
+        const Fastest &whole = reporter.fastest[pair.whole];
+        const Fastest &bare = reporter.fastest[pair.bare];
+        print_ratio(pair, "processor time", whole.processor, bare.processor);
+        print_ratio(pair, "wall time", whole.wall, bare.wall);
+    }
     return 0;
 }

@@ -54,8 +54,8 @@ bool internet_parse_line(char *line, const char *interface, TrafficCounters *cou
 }
 
 Reading internet_percent(const TrafficCounters &counters) {
-    // Thresholds in the field are set for this very figure: 32 bits that wrap, 1 percent on a busy
-    // interface without loss, negative below 50 packets.
+    // Deliberate: 32 bits that wrap, 1 percent on a busy interface without loss, negative below 50
+    // packets.
     const std::int32_t packets = low_32_bits(counters.packets);
     if (packets == 0) {
         return Reading::failed(ENOENT);

@@ -29,7 +29,7 @@ struct Command {
     std::array<const char *, ARGUMENTS + 1> arguments;
 };
 
-// The load logger finds its own helpers here; the home directory is where technicians leave theirs.
+// All that the load logger gets of an environment; the home directory at the end is kept.
 constexpr std::array<const char *, 2> environment{"PATH=/usr/bin:/usr/sbin:/home/tovik/bin", nullptr};
 
 /// The directory of the status log file, "." when it has none; null when memory is out.
@@ -80,9 +80,7 @@ bool build_command(const Task *task, Command *command) {
     const int count = strsplit(command->parameter.get(), command->tokens.data(), MAX_TOKENS);
     if (count > 0) {
         command->arguments[0] = base_name(command->tokens[0]);
-        const char *program = command->tokens[0];
-        take_options(command, count);                     // permutes the tokens, the first stays
-        command->tokens[0] = const_cast<char *>(program); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+        take_options(command, count); // permutes the tokens, the first stays
     }
     return true;
 }
@@ -98,7 +96,7 @@ void trace_execve(const Command &command) {
 /// Gives the program the signals as the daemon itself was given them: until then every one is held,
 /// so that no handler of the daemon runs in the child.
 void restore_signals() {
-    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE}) {
+    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
         std::signal(signo, SIG_DFL);
     }
     sigset_t mask = signals_original_mask();

@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -40,27 +41,32 @@ bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 Service *service_of(const DListNode *node) { return static_cast<Service *>(node->data); }
 
+/// False when the text was cut.
+bool append_escaped(TextBuffer *text, const char *name) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    bool fits = true;
+    for (const char *c = name; fits && *c != '\0'; ++c) {
+        if (is_letter(*c) || (is_digit(*c) && c != name)) {
+            fits = text->append(*c);
+        } else {
+            const auto byte = static_cast<unsigned char>(*c);
+            fits = text->append('_') && text->append(digits[byte >> 4U]) && text->append(digits[byte & 0xFU]);
+        }
+    }
+    return fits;
+}
+
 } // namespace
 
 TextHandle unit_path_escape(const char *name) {
-    constexpr const char *digits = "0123456789abcdef";
     if (name == nullptr) {
         return nullptr;
     }
-    TextHandle escaped = text_allocate(3 * std::strlen(name) + 1);
-    if (!escaped) {
-        return nullptr;
-    }
-    char *end = escaped.get();
-    for (const char *c = name; *c != '\0'; ++c) {
-        if (is_letter(*c) || (is_digit(*c) && c != name)) {
-            *end++ = *c;
-        } else {
-            const auto byte = static_cast<unsigned char>(*c);
-            *end++ = '_';
-            *end++ = digits[byte >> 4U];
-            *end++ = digits[byte & 0xFU];
-        }
+    const std::size_t size = 3 * std::strlen(name) + 1;
+    TextHandle escaped = text_allocate(size);
+    if (escaped) {
+        TextBuffer text(escaped.get(), size);
+        append_escaped(&text, name);
     }
     return escaped;
 }
@@ -87,17 +93,15 @@ int service_retry_pause_ms(int repeat) {
 
 namespace {
 
-/// Writes the unit's object path; false when it cannot be had.
+/// Writes the unit's object path; false when it does not fit.
 bool service_path(const char *name, UnitPath *path) {
-    const TextHandle escaped = unit_path_escape(name);
-    const int length = escaped ? std::snprintf(path->data(), path->size(), "%s%s_2eservice",
-                                               "/org/freedesktop/systemd1/unit/", escaped.get())
-                               : -1;
-    if (length < 0 || static_cast<std::size_t>(length) >= path->size()) {
+    TextBuffer text(path->data(), path->size());
+    const bool fits =
+        text.append("/org/freedesktop/systemd1/unit/") && append_escaped(&text, name) && text.append("_2eservice");
+    if (!fits) {
         trace(TRACE_TRACE, "FAILED");
-        return false;
     }
-    return true;
+    return fits;
 }
 
 /// Asks once; traces a failure under the name of the asking step.
@@ -176,6 +180,7 @@ bool service_consider(const char *name, std::int32_t index) {
 bool service_consider_all(char *names, std::int32_t index) {
     bool all_added = true;
     while (names != nullptr) {
+        signals_safe_point();
         const char *name = strsep(&names, " ");
         all_added = service_consider(name, index) && all_added;
     }
@@ -190,8 +195,9 @@ std::uint8_t service_ask_running(const char *name) {
         return STOPPED;
     }
     TextHandle state;
-    int result = -EINTR;
+    int result = ask("service_read", path.data(), "ActiveState", &state);
     while (result == -EINTR) {
+        signals_safe_point();
         result = ask("service_read", path.data(), "ActiveState", &state);
     }
     if (result < 0) {

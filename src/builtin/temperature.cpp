@@ -13,7 +13,7 @@
 
 Reading temperature_parse(const char *line) {
     constexpr double millidegrees_per_degree = 1000.0;
-    constexpr double rounding = 499.0; // not 500: 1500 is still 1 for those who compare our figures
+    constexpr double rounding = 499.0; // not 500: 1500 stays 1, deliberately
 
     char *end = nullptr;
     const double millidegrees = std::strtod(line, &end);

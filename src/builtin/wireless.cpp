@@ -202,7 +202,7 @@ int wireless_active(Task * /*task*/) {
 }
 
 /// Appends what is said about the task; false for an id without a sentence. "sufficiant" and the
-/// capital "Signal" are matched by log filters in the field.
+/// capital "Signal" are kept.
 bool append_sentence(TextBuffer *line, const Task *task) {
     const bool good = task->state == 0;
     if (!is_wireless_id(task->id)) {

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <utility>
@@ -95,6 +96,7 @@ using testing::UnorderedElementsAreArray;
 using Texts = std::vector<std::string>;
 
 constexpr pid_t NOBODY = 0x7ffffff0; // above the kernel's largest pid
+constexpr uid_t NOBODYS_UID = 65534;
 
 /// Holds each child right after the fork, until released.
 class HeldChildren {
@@ -185,9 +187,15 @@ class LoadChildTest : public testing::Test {
         return lines.empty() ? 0 : std::stoull(lines[0], nullptr, 16);
     }
 
-    /// Lets children of this folder live on; waits until one has written its report.
-    void make_alive_pipe() const { EXPECT_EQ(mkfifo((folder / "alive").c_str(), 0600), 0); }
-    void await_alive() const { EXPECT_GE(Descriptor(open((folder / "alive").c_str(), O_RDONLY | O_CLOEXEC)).get(), 0); }
+    /// Starts a child of `task` that lives on; its process id.
+    pid_t start_living(Task *task) const {
+        set_logfile();
+        const std::string pipe = folder / "alive";
+        EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+        EXPECT_EQ(load_logger(task), 0);
+        EXPECT_GE(Descriptor(open(pipe.c_str(), O_RDONLY | O_CLOEXEC)).get(), 0); // when it has reported
+        return task->child_pid;
+    }
 
     /// Starts the child of `task` and waits for its end.
     static void run_to_its_end(Task *task, int status = 0) {
@@ -296,8 +304,7 @@ TEST_F(LoadChildTest, TheDirectoryIsTheCurrentOneForALogFileWithoutAFolder) {
 TEST_F(LoadChildTest, TheDirectoryIsTheRootForALogFileInIt) {
     in_child([&] {
         const std::string traces = folder.write("traces", "");
-        EXPECT_STREQ(gdata_set_logfile("/vigmond_test_log"), "/vigmond_test_log");
-        unlink("/vigmond_test_log");
+        gdata_record().logfile = "/log"; // the setter would make the file
         trace_mode = TRACE_TRACE;
         const RedirectedDescriptor errors(STDERR_FILENO, traces, O_WRONLY | O_APPEND);
         Task task = load_task();
@@ -362,13 +369,13 @@ TEST_F(LoadChildTest, GetsTheSignalsAsTheDaemonWasStartedWith) {
         for (const int signo : {SIGALRM, SIGUSR1, SIGTERM, SIGQUIT}) {
             std::signal(signo, ignore_handler);
         }
-        for (const int signo : {SIGHUP, SIGINT, SIGPIPE}) {
+        for (const int signo : {SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
             std::signal(signo, SIG_IGN);
         }
         Task task = load_task();
         run_to_its_end(&task);
         EXPECT_EQ(reported_mask("SigBlk:"), bit_of(SIGUSR2)); // neither those of the children and the heartbeat
-        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE}) {
+        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
             EXPECT_EQ(reported_mask("SigIgn:") & bit_of(signo), 0U) << signo;
         }
     });
@@ -381,13 +388,13 @@ TEST_F(LoadChildTest, IsNotSearchedForOnThePath) {
         Task task = load_task();
         task.parameter = "true"; // is on every PATH
         run_to_its_end(&task, 1);
-        std::filesystem::create_symlink(CHILD_REPORT, folder / "logger");
+        std::filesystem::create_symlink(CHILD_REPORT, folder / "report_child");
         load_init(&task);
         task.child_pid = 0;
         task.do_log = 1;
-        task.parameter = "logger";
+        task.parameter = "report_child";
         run_to_its_end(&task);
-        EXPECT_EQ(reported("argument").at(0), "logger");
+        EXPECT_EQ(reported("argument").at(0), "report_child");
     });
 }
 
@@ -579,12 +586,8 @@ TEST_F(LoadChildTest, StartsOneChildForBothTasksUntilOneIsMarkedForRestart) {
 TEST_F(LoadChildTest, AReturnToGoodDoesNotStopTheChild) {
     in_child([&] {
         const HangGuard guard;
-        set_logfile();
-        make_alive_pipe();
         Task task = load_task();
-        load_logger(&task);
-        await_alive();
-        const pid_t child = task.child_pid;
+        const pid_t child = start_living(&task);
         task.state = 0;
         task.do_log = 1;
         EXPECT_EQ(load_logger(&task), 0);
@@ -618,6 +621,29 @@ TEST_F(LoadChildTest, AFailedForkIsTracedAndTriedAgainAtTheNextLine) {
         task.do_log = 1;
         run_to_its_end(&task);
         EXPECT_EQ(forking.count, 2);
+    });
+}
+
+TEST_F(LoadChildTest, AUserWithTooManyProcessesGetsNoChild) {
+    in_child([&] {
+        if (geteuid() == 0) { // whom no limit holds
+            EXPECT_EQ(setresuid(NOBODYS_UID, NOBODYS_UID, NOBODYS_UID), 0);
+        }
+        rlimit limit{};
+        getrlimit(RLIMIT_NPROC, &limit);
+        const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
+        Task task = load_task();
+        task.parameter = "/missing/program";
+        {
+            const CapturedTraces traces;
+            EXPECT_EQ(load_logger(&task), -1);
+            EXPECT_EQ(traces.texts_of("load_logger").back(), "fork failed: Resource temporarily unavailable");
+        }
+        EXPECT_EQ(task.child_pid, 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &limit), 0);
+        task.do_log = 1;
+        run_to_its_end(&task, 1);
     });
 }
 
@@ -672,12 +698,8 @@ TEST_F(LoadChildTest, EndsAChildThatCannotBeRegisteredAndForgetsItsPid) {
 TEST_F(LoadChildTest, CleanupEndsTheWholeGroup) {
     in_child([&] {
         const HangGuard guard;
-        set_logfile();
-        make_alive_pipe();
         Task task = load_task();
-        load_logger(&task);
-        await_alive();
-        const pid_t child = task.child_pid;
+        const pid_t child = start_living(&task);
         const CapturedTraces traces;
         EXPECT_EQ(load_cleanup(&task), 0);
         EXPECT_EQ(task.child_pid, 0);

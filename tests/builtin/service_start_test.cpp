@@ -162,8 +162,8 @@ TEST(ServiceInit, DoesNotAskForAUnitWhosePathIsTooLong) {
 }
 
 TEST(ServiceInit, FailsForAUnitThatCannotBeRememberedAndGoesOn) {
-    // The copy of the parameter, then for each name: its escaped form, the node, the record, the copy.
-    for (const int nth : {3, 4, 5}) {
+    // The copy of the parameter, then for each name: the node, the record, the copy.
+    for (const int nth : {2, 3, 4}) {
         in_child([nth] {
             Start rig;
             rig.systemd.load("a_2eservice");
@@ -195,11 +195,6 @@ TEST(ServiceInit, ComesToAnEndWhenMemoryIsOutBefore) {
         EXPECT_THAT(rig.watched(), IsEmpty());
         EXPECT_THAT(rig.syslog.messages(), IsEmpty());
         EXPECT_TRUE(task_has(&rig.task, TASK_INITIALISED));
-        {
-            const MemoryFault escaped(2);
-            EXPECT_EQ(rig.init("a"), 0);
-        }
-        EXPECT_THAT(rig.syslog.messages(), ElementsAre(not_loaded("a")));
     });
 }
 
@@ -264,26 +259,42 @@ constexpr int ENDED_BY_HANDLER = 77;
 
 void end_in_handler(int /*signo*/) { _exit(ENDED_BY_HANDLER); }
 
-/// The status of a start that a signal ends at its n-th question, every one of which fails.
-int status_of_ended_start(int signo, int nth) {
-    return run_child([signo, nth] {
+/// A start that gets a signal at its n-th question, and that the signal's handler has to end. It is a
+/// process of its own, so that the rig around it ends as it should.
+void expect_end_of_start(const char *parameter, int signo, int nth) {
+    in_child([parameter, signo, nth] {
         const HangGuard guard;
-        signals_hold(); // before the rig starts its threads, which would else take the signal
-        signal(signo, end_in_handler);
         Start rig;
         rig.systemd.fail("a_2eservice", LOAD_STATE, "System.Error.EHOSTUNREACH");
-        rig.systemd.strike(getpid(), signo, nth);
-        rig.init("a");
+        const pid_t probe = fork();
+        if (probe == 0) {
+            signals_hold();
+            signal(signo, end_in_handler);
+            raise(SIGSTOP);
+            rig.init(parameter);
+            _exit(CHILD_DONE);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(probe, &status, WUNTRACED), probe);
+        rig.systemd.strike(probe, signo, nth);
+        kill(probe, SIGCONT);
+        EXPECT_EQ(waitpid(probe, &status, 0), probe);
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), ENDED_BY_HANDLER) << parameter << ": " << signo << " at " << nth;
     });
 }
 
 TEST(ServiceInit, TakesASignalBetweenItsQuestions) {
     for (const int nth : {1, 2, 4, 5}) {
         for (const int signo : {SIGTERM, SIGHUP}) {
-            const int status = status_of_ended_start(signo, nth);
-            EXPECT_TRUE(WIFEXITED(status));
-            EXPECT_EQ(WEXITSTATUS(status), ENDED_BY_HANDLER) << signo << " at " << nth;
+            expect_end_of_start("a", signo, nth);
         }
+    }
+}
+
+TEST(ServiceInit, TakesASignalBetweenItsUnits) {
+    for (const int nth : {1, 2}) {
+        expect_end_of_start("b c d", SIGTERM, nth);
     }
 }
 

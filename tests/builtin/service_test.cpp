@@ -109,7 +109,7 @@ TEST(UnitPathEscape, CopiesLettersAndEscapesAllElse) {
         const std::string first = letter ? self : escape.data();
         const std::string later = letter || digit ? self : escape.data();
         EXPECT_EQ(unit_path_escape(self.c_str()).get(), first);
-        EXPECT_EQ(unit_path_escape(("a" + self + self).c_str()).get(), "a" + later + later);
+        EXPECT_EQ(unit_path_escape(("a" + self).c_str()).get(), "a" + later);
     }
 }
 
@@ -118,6 +118,7 @@ TEST(UnitPathEscape, WritesWhatSystemdExpects) {
     EXPECT_STREQ(unit_path_escape("corvana-portapi").get(), "corvana_2dportapi");
     EXPECT_STREQ(unit_path_escape("0x").get(), "_30x");
     EXPECT_STREQ(unit_path_escape("00").get(), "_300");
+    EXPECT_STREQ(unit_path_escape("a1-2").get(), "a1_2d2");
     EXPECT_STREQ(unit_path_escape("\xc3\xa4").get(), "_c3_a4");
     EXPECT_STREQ(unit_path_escape("").get(), "");
     EXPECT_EQ(unit_path_escape(nullptr), nullptr);
@@ -280,6 +281,20 @@ TEST(ServiceExec, RecoversFromABusThatDies) {
     });
 }
 
+TEST(ServiceExec, AsksOverANewConnectionAtOnceWhenTheBusIsBack) {
+    in_child([] {
+        Services rig;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        rig.systemd.activate("a_2eservice");
+        rig.systemd.strike(rig.bus.pid(), SIGKILL, 1);
+        EXPECT_EQ(run(task), 1);
+        rig.bus.stop();
+        rig.bus.start();
+        rig.systemd.connect();
+        EXPECT_EQ(run(task), 0);
+    });
+}
+
 TEST(ServiceExec, KeepsNothingFromRunToRun) {
     in_child([] {
         Services rig;
@@ -344,9 +359,10 @@ TEST(ServiceLogger, NamesTheStoppedUnits) {
 Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
     std::string parameter;
     std::vector<std::string> units;
-    for (auto name = names.rbegin(); name != names.rend(); ++name) {
-        parameter += (parameter.empty() ? "" : " ") + *name;
-        units.push_back(*name + "_2eservice");
+    const std::vector<std::string> in_order_of_watch(names.rbegin(), names.rend());
+    for (const std::string &name : in_order_of_watch) {
+        parameter += (parameter.empty() ? "" : " ") + name;
+        units.push_back(name + "_2eservice");
     }
     Task task = rig.watch(units, parameter.c_str());
     task.parameter = "";

@@ -94,7 +94,7 @@ TEST(Help, ShowsTheValuesInForceAfterAllOptions) {
     EXPECT_EQ(help.status, 0);
 }
 
-// Scripts compare the text: the default is named "fail" though only "failed" is accepted.
+// Deliberate: the default is named "fail" though only "failed" is accepted.
 TEST(Help, NamesTheSeverityFailedFail) {
     EXPECT_EQ(run({"-s", "failed", "-h"}).err, usage_text({.severity = "fail"}));
     EXPECT_EQ(run({"-s", "WARNING", "-h"}).err, usage_text({.severity = "warning"}));

@@ -113,6 +113,10 @@ void RigProcess::become(const Launch &launch, const Sandbox &sandbox, int out, i
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
     dup2(null, STDIN_FILENO);
     umask(launch.umask);
+    rlimit file_size{};
+    getrlimit(RLIMIT_FSIZE, &file_size);
+    file_size.rlim_cur = std::min(launch.file_size, file_size.rlim_max);
+    setrlimit(RLIMIT_FSIZE, &file_size);
     std::vector<std::string> arguments{launch.argv0};
     arguments.insert(arguments.end(), launch.arguments.begin(), launch.arguments.end());
     std::vector<std::string> environment = environment_of(launch, page_fd_.get());

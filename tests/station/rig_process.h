@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -23,6 +24,7 @@ struct Launch {
     std::vector<std::string> arguments;
     std::vector<std::string> environment; ///< "NAME=value", beside what the rig sets
     mode_t umask;
+    rlim_t file_size;
     StationFault fault{};
 };
 

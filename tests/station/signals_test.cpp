@@ -1,6 +1,7 @@
 // How the daemon takes its signals, and that it always ends when it is told to.
 
 #include "passes.h"
+#include "seed.h"
 #include "station.h"
 
 #include <algorithm>
@@ -48,6 +49,17 @@ std::vector<TraceLine> lines_of_main_thread(Station &station) {
     return lines;
 }
 
+/// Starts the daemon and holds its second pass, whose traces alone are kept, in its first task.
+HeldFile hold_second_pass(Station &station) {
+    station.start();
+    HeldFile held(station, TEMPERATURE_FILE);
+    station.forget();
+    station.advance(3);
+    station.send(SIGALRM);
+    station.await_trace("temperature_exec");
+    return held;
+}
+
 } // namespace
 
 class Termination : public testing::TestWithParam<int> {};
@@ -72,12 +84,7 @@ TEST_P(Termination, InTheWaitCleansUpAndEndsWithStatus1) {
 // The probe at work is the longest that a termination waits for.
 TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
     Station station;
-    station.start();
-    const HeldFile held(station, TEMPERATURE_FILE);
-    station.forget();
-    station.advance(3);
-    station.send(SIGALRM);
-    station.await_trace("temperature_exec");
+    const HeldFile held = hold_second_pass(station);
     station.send(GetParam());
     held.release("42000\n");
     EXPECT_EQ(station.await_exit(), 1);
@@ -115,11 +122,7 @@ TEST(Handlers, AreInstalledForAllSevenSignals) {
 
 TEST(Pass, HoldsAllSevenSignals) {
     Station station;
-    station.start();
-    const HeldFile held(station, TEMPERATURE_FILE);
-    station.advance(3);
-    station.send(SIGALRM);
-    station.await_trace("temperature_exec");
+    const HeldFile held = hold_second_pass(station);
     for (const int signo : handled) {
         EXPECT_TRUE(has_signal(mask_of(station.pid(), "SigBlk"), signo)) << signo;
     }
@@ -130,12 +133,7 @@ TEST(Pass, HoldsAllSevenSignals) {
 
 TEST(Pass, TakesASignalBeforeItsNextTask) {
     Station station;
-    station.start();
-    const HeldFile held(station, TEMPERATURE_FILE);
-    station.forget();
-    station.advance(3);
-    station.send(SIGALRM);
-    station.await_trace("temperature_exec");
+    const HeldFile held = hold_second_pass(station);
     station.send(SIGUSR1);
     const unsigned before = station.waits();
     held.release("42000\n");

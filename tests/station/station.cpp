@@ -40,6 +40,7 @@ Launch Station::launch_of(const std::vector<std::string> &arguments) const {
             .arguments = arguments,
             .environment = environment,
             .umask = umask,
+            .file_size = file_size,
             .fault = fault};
 }
 

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -178,6 +179,36 @@ TEST_F(StatusLog, LosesNothingToAKillAfterTheHeartbeat) {
 }
 
 // --- links
+
+namespace {
+
+void limit_file_size(const Station &station, rlim_t bytes) {
+    const rlimit limit{.rlim_cur = bytes, .rlim_max = RLIM_INFINITY};
+    EXPECT_EQ(prlimit(station.pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+}
+
+} // namespace
+
+TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
+    life.start(&station, {"-D"});
+    const std::string before = log_of(station);
+    for (const rlim_t room : {rlim_t{20}, rlim_t{0}}) { // at its end a signal would end others
+        limit_file_size(station, before.size() + room);
+        life.step(&station);
+        EXPECT_EQ(log_of(station), before) << room;
+    }
+    limit_file_size(station, RLIM_INFINITY);
+    life.step(&station);
+    EXPECT_EQ(log_of(station), before + text_of(life.last_records()));
+}
+
+TEST_F(StatusLog, StaysEmptyWhereNoFileMayGrow) {
+    station.file_size = 0;
+    station.start();
+    station.heartbeats(2);
+    EXPECT_EQ(log_of(station), "");
+    EXPECT_EQ(station.stop(), 1);
+}
 
 TEST(StatusLogLinks, AreRecordedWhileTheyAreInUse) {
     const std::string network = "/var/lib/evse/etc/systemd/network/eth0.network";

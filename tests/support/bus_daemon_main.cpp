@@ -5,22 +5,34 @@
 //   flood COUNT       that many passes, each raising or clearing CB07
 //   fail-send         the next message that is to be sent fails
 //   lose-bus PID      the bus, which is process PID, ends just before the next message is sent
+//   go                the thread that is held goes on
 //   exit              exit(1), as at a termination signal
-// With the argument "trace" every trace goes to stderr, otherwise none anywhere; "interface=NAME"
-// configures the interface.
+// With the argument "trace" every trace goes to stderr, otherwise none anywhere. At most one further
+// argument:
+//   interface=NAME    configures the interface
+//   hold=THREAD       "listener" or "sender" is held before it first looks for the bus
+//   held-pauses       each pause of a thread is told on stderr, and lasts until "go"
+//   no-eventfd        there is none to be had
 
+#include "dbus-listener.h"
+#include "dbus-signals.h"
 #include "dbus-srv.h"
 #include "gdata.h"
+#include "handle.h"
 #include "trace.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <dbus/dbus.h>
+#include <fcntl.h>
 #include <iostream>
 #include <poll.h>
+#include <semaphore>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -29,7 +41,12 @@
 namespace {
 
 constexpr std::string_view INTERFACE = "interface=";
+constexpr std::string_view HOLD = "hold=";
 
+std::string_view held_thread;
+std::binary_semaphore held_thread_goes{0};
+bool held_pauses = false;
+bool no_eventfd = false;
 std::atomic<bool> send_fails = false;
 std::atomic<pid_t> bus_to_end = 0;
 
@@ -57,17 +74,40 @@ void obey(const std::string &line) {
         send_fails = true;
     } else if (command == "lose-bus") {
         bus_to_end = static_cast<pid_t>(first);
+    } else if (command == "go") {
+        held_thread_goes.release();
     } else if (command == "exit") {
         std::exit(1);
     }
 }
 
-/// Ends the bus and waits until its end of the connection is closed.
+void configure(std::string_view argument) {
+    if (argument == "trace") {
+        trace_mode = 3;
+    } else if (argument.starts_with(INTERFACE)) {
+        gdata_record().dbus_if = argument.data() + INTERFACE.size();
+    } else if (argument.starts_with(HOLD)) {
+        held_thread = argument.substr(HOLD.size());
+    }
+    held_pauses = held_pauses || argument == "held-pauses";
+    no_eventfd = no_eventfd || argument == "no-eventfd";
+}
+
+void hold(std::string_view thread) {
+    if (thread == held_thread) {
+        held_thread_goes.acquire();
+    }
+}
+
+/// Ends the bus and waits until its end of the connection is closed. The other thread may close this end
+/// at once, and its number be another file's.
 void end_bus(pid_t bus, DBusConnection *connection) {
-    pollfd socket{-1, 0, 0};
-    dbus_connection_get_unix_fd(connection, &socket.fd);
+    int socket = -1;
+    dbus_connection_get_unix_fd(connection, &socket);
+    const Descriptor own(fcntl(socket, F_DUPFD_CLOEXEC, 0));
+    pollfd closing{own.get(), 0, 0};
     kill(bus, SIGKILL);
-    poll(&socket, 1, 60000);
+    poll(&closing, 1, 60000);
 }
 
 } // namespace
@@ -83,6 +123,41 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage 
     return send_fails.exchange(false) ? FALSE : __real_dbus_connection_send(connection, message, serial);
 }
 
+void *__real__Z14d_bus_srv_mainPv(void *argument);
+void *__real__Z20d_bus_srv_msg_senderPv(void *argument);
+
+void *__wrap__Z14d_bus_srv_mainPv(void *argument) {
+    hold("listener");
+    return __real__Z14d_bus_srv_mainPv(argument);
+}
+void *__wrap__Z20d_bus_srv_msg_senderPv(void *argument) {
+    hold("sender");
+    void *const status = __real__Z20d_bus_srv_msg_senderPv(argument);
+    std::fputs("the sender has ended\n", stderr);
+    return status;
+}
+
+unsigned __real_sleep(unsigned seconds);
+
+unsigned __wrap_sleep(unsigned seconds) {
+    if (!held_pauses) {
+        return __real_sleep(seconds);
+    }
+    std::fprintf(stderr, "pause %u\n", seconds);
+    held_thread_goes.acquire();
+    return 0;
+}
+
+int __real_eventfd(unsigned count, int flags);
+
+int __wrap_eventfd(unsigned count, int flags) {
+    if (no_eventfd) {
+        errno = EMFILE;
+        return -1;
+    }
+    return __real_eventfd(count, flags);
+}
+
 // Linked in front of the library's own.
 int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, const char * /*line*/,
                                    const char * /*function*/, const char * /*format*/, ...) {
@@ -93,12 +168,7 @@ int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, cons
 
 int main(int argc, char *argv[]) {
     for (int i = 1; i < argc; ++i) {
-        const std::string_view argument = argv[i];
-        if (argument == "trace") {
-            trace_mode = 3;
-        } else if (argument.starts_with(INTERFACE)) {
-            gdata_record().dbus_if = argv[i] + INTERFACE.size();
-        }
+        configure(argv[i]);
     }
     std::cout << "init: " << d_bus_srv_init() << std::endl;
     std::string line;

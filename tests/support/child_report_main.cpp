@@ -1,8 +1,9 @@
 // Stands in for the load logger: writes how it was started to the file "report" in the folder that the
-// argument behind "-d" names. Where that folder has a pipe "alive", it then opens it and lives until it
-// is killed.
+// argument behind "-d" names. Where that folder has a pipe "alive", it then writes its process id, a line,
+// into it and lives, the pipe open, until it is killed. A file "stubborn" there makes it ignore SIGTERM, a
+// file "family" have a child that lives alike.
 
-#include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -50,6 +51,23 @@ void write_report(std::ostream &report, const std::vector<std::string> &argument
     report << "leads its session " << (getsid(0) == getpid()) << '\n';
 }
 
+bool has(const std::string &folder, const char *name) { return access((folder + "/" + name).c_str(), F_OK) == 0; }
+
+[[noreturn]] void live(const std::string &folder) {
+    if (has(folder, "stubborn")) {
+        signal(SIGTERM, SIG_IGN);
+    }
+    signal(SIGPIPE, SIG_IGN); // who reads may have gone by then
+    if (has(folder, "family")) {
+        fork();
+    }
+    std::ofstream alive(folder + "/alive");
+    alive << getpid() << std::endl;
+    while (true) {
+        pause();
+    }
+}
+
 } // namespace
 
 int main(int count, char **values) {
@@ -63,12 +81,8 @@ int main(int count, char **values) {
             report << "descriptor " << descriptor << '\n';
         }
     }
-    const std::string pipe = folder + "/alive";
-    if (access(pipe.c_str(), F_OK) == 0) {
-        const std::ofstream alive(pipe);
-        while (true) {
-            pause();
-        }
+    if (has(folder, "alive")) {
+        live(folder);
     }
     return 0;
 }

@@ -8,11 +8,18 @@
 /// Writes what has been counted for the coverage, where it is counted; _exit does not.
 extern "C" void __gcov_dump() __attribute__((weak)); // NOLINT(bugprone-reserved-identifier): the compiler's
 
+namespace {
+
+/// What the body throws ends the child: it must not go on with the tests of its parent.
+void run(const std::function<void()> &body) noexcept { body(); }
+
+} // namespace
+
 int run_child(const std::function<void()> &body) {
     std::fflush(nullptr); // or both processes would write what is buffered now
     const pid_t child = fork();
     if (child == 0) {
-        body();
+        run(body);
         std::fflush(nullptr);
         if (__gcov_dump != nullptr) {
             __gcov_dump();

@@ -1,0 +1,46 @@
+// The daemon under a clock of its own, on which all tasks are due at each heartbeat; it ends by itself.
+//     beating_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS [hold]
+// With "hold" it says when it is done and stays until it is killed.
+
+#include "bench_daemon.h"
+#include "gdata.h"
+#include "init.h"
+#include "process.h"
+#include "scheduler.h"
+#include "startup.h"
+#include "timer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+
+int main(int argc, char *argv[]) {
+    if (argc < 6) {
+        return 2;
+    }
+    configure_daemon({.logfile = argv[1], .disk = argv[2], .emmc = argv[3]});
+    const int period_ms = std::atoi(argv[4]);  // NOLINT(cert-err34-c): the bench's own
+    const int heartbeats = std::atoi(argv[5]); // NOLINT(cert-err34-c)
+    gdata_set_commandline(argc, argv);
+    signal_init();
+    timer_init();
+    process_init();
+    init();
+    constexpr std::int64_t hour = 3600;
+    const std::int64_t start = std::time(nullptr); // not before it: issues are stamped with the real time
+    for (std::int64_t now = start; now < start + heartbeats * hour; now += hour) {
+        timer_suspend();
+        scheduler_pass(now);
+        timer_continue();
+        if (period_ms > 0) {
+            usleep(static_cast<useconds_t>(period_ms) * 1000);
+        }
+    }
+    if (argc > 6) {
+        std::puts("done");
+        std::fflush(stdout);
+        pause();
+    }
+    std::quick_exit(0);
+}

@@ -1,0 +1,401 @@
+// What the whole process costs, looked at from outside: the daemon, the floor, and other programs of its
+// kind where they are installed, side by side at a heartbeat a second with all tasks due.
+
+#include "bench_board.h"
+#include "handle.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Command = std::vector<std::string>;
+
+constexpr const char *DAEMON = COST_FOLDER "/beating_daemon";
+constexpr const char *FLOOR = COST_FOLDER "/bare_daemon";
+
+// What the traces of a pass with everything due, and those of the start, amount to; pass_bench counts.
+constexpr const char *LINES = "437";
+constexpr const char *LINES_AT_START = "170";
+
+void sleep_for(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
+
+[[noreturn]] void become(const Command &command, int out = -1) {
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(out >= 0 ? out : nowhere, STDOUT_FILENO);
+    dup2(nowhere, STDERR_FILENO);
+    std::vector<char *> arguments;
+    for (const std::string &word : command) {
+        arguments.push_back(const_cast<char *>(word.c_str())); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+    }
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    _exit(127);
+}
+
+pid_t start(const Command &command, int out = -1) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        share_board_network();
+        become(command, out);
+    }
+    return pid;
+}
+
+/// A /proc of the own namespace's processes, with the network of the process `board` in it.
+void mount_own_proc(pid_t board) {
+    if (unshare(CLONE_NEWNS) != 0) {
+        _exit(127);
+    }
+    const Descriptor network(open(("/proc/" + std::to_string(board) + "/net").c_str(), O_PATH | O_CLOEXEC));
+    const std::string source = "/proc/self/fd/" + std::to_string(network.get());
+    if (mount("proc", "/proc", "proc", 0, nullptr) != 0 ||
+        mount(source.c_str(), "/proc/self/net", nullptr, MS_BIND, nullptr) != 0) {
+        _exit(127);
+    }
+}
+
+/// As many processes as a small board has, its kernel's among them.
+void start_population() {
+    constexpr int population = 80;
+    if (fork() != 0) { // what it costs is not the program's
+        return;
+    }
+    for (int i = 2; i < population && fork() != 0; ++i) {
+    }
+    while (true) {
+        pause();
+    }
+}
+
+/// A program among as many processes as on a board, whatever else runs here.
+struct ApartProgram {
+    pid_t guard; ///< the program's parent, which ends with it
+    pid_t pid;
+};
+
+ApartProgram start_apart(const Command &command) {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        std::abort();
+    }
+    const pid_t board = getpid();
+    const pid_t guard = fork();
+    if (guard == 0) {
+        if (unshare(CLONE_NEWPID) != 0) {
+            _exit(127);
+        }
+        const pid_t pid = fork();
+        if (pid == 0) {
+            mount_own_proc(board);
+            start_population();
+            become(command);
+        }
+        static_cast<void>(write(ends[1], &pid, sizeof pid) == sizeof pid);
+        waitpid(pid, nullptr, 0);
+        _exit(0);
+    }
+    ApartProgram program{.guard = guard, .pid = -1};
+    static_cast<void>(read(ends[0], &program.pid, sizeof program.pid) == sizeof program.pid);
+    close(ends[0]);
+    close(ends[1]);
+    return program;
+}
+
+std::vector<std::string> lines_of(const std::string &path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+/// The sum of the numbers behind `name` in `file` of all threads.
+double sum_of_threads(pid_t pid, const std::string &file, const std::string &name) {
+    double sum = 0;
+    std::error_code ignored;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
+        for (const std::string &line : lines_of(task.path() / file)) {
+            const std::size_t found = line.find(name);
+            sum += found == std::string::npos ? 0 : std::strtod(line.c_str() + found + name.size(), nullptr);
+        }
+    }
+    return sum;
+}
+
+double microseconds_of(pid_t pid) { return sum_of_threads(pid, "schedstat", "") / 1000; }
+
+double switches_of(pid_t pid) { return sum_of_threads(pid, "status", "ctxt_switches:"); }
+
+double kib_of(pid_t pid, const std::string &name) {
+    for (const std::string &line : lines_of("/proc/" + std::to_string(pid) + "/smaps_rollup")) {
+        if (line.starts_with(name + ":")) {
+            return std::strtod(line.c_str() + name.size() + 1, nullptr);
+        }
+    }
+    return 0;
+}
+
+/// The number of calls in a report of strace; 0 without strace.
+double total_of(const std::string &report) {
+    double calls = 0;
+    for (const std::string &line : lines_of(report)) {
+        if (line.ends_with("total")) {
+            std::sscanf(line.c_str(), "%*s %*s %*s %lf", &calls);
+        }
+    }
+    return calls;
+}
+
+/// All threads' calls within some seconds.
+double system_calls_within(pid_t pid, const std::string &report, int seconds) {
+    const pid_t strace = start({"strace", "-q", "-f", "-c", "-o", report, "-p", std::to_string(pid)});
+    sleep_for(seconds * 1000);
+    kill(strace, SIGINT);
+    waitpid(strace, nullptr, 0);
+    return total_of(report);
+}
+
+/// The main thread's calls in one heartbeat: those of more heartbeats less those of fewer.
+double system_calls_of(const std::function<Command(int heartbeats)> &command, const std::string &report) {
+    constexpr int few = 20;
+    constexpr int more = 50;
+    const auto calls_of = [&](int heartbeats) {
+        std::filesystem::remove(report);
+        Command words{"strace", "-q", "-D", "-c", "-o", report}; // the program keeps the process that we start
+        for (const std::string &word : command(heartbeats)) {
+            words.push_back(word);
+        }
+        waitpid(start(words), nullptr, 0);
+        for (int patience = 100; total_of(report) == 0 && patience > 0; --patience) {
+            sleep_for(10); // strace ends after what it follows
+        }
+        return total_of(report);
+    };
+    return (calls_of(more) - calls_of(few)) / (more - few);
+}
+
+/// The processor time of programs that end by themselves, the least of some runs of each in turn.
+std::vector<double> least_microseconds(const std::vector<Command> &commands) {
+    constexpr int runs = 25;
+    std::vector<double> least(commands.size(), 1e12);
+    for (int run = 0; run < runs; ++run) {
+        for (std::size_t i = 0; i < commands.size(); ++i) {
+            rusage usage{};
+            wait4(start(commands[i]), nullptr, 0, &usage);
+            const timeval &user = usage.ru_utime;
+            const timeval &system = usage.ru_stime;
+            const double time = 1e6 * static_cast<double>(user.tv_sec + system.tv_sec) +
+                                static_cast<double>(user.tv_usec + system.tv_usec);
+            least[i] = std::min(least[i], time);
+        }
+    }
+    return least;
+}
+
+void print_row(const char *what, double figure, double against, double goal) {
+    if (against <= 0) {
+        std::printf("| %-58s | %10.1f | %10s | %6s | %6s |\n", what, figure, "-", "-", "-");
+        return;
+    }
+    const double ratio = figure / against;
+    std::printf("| %-58s | %10.1f | %10.1f | %6.2f | %6.2f | %s\n", what, figure, against, ratio, goal,
+                ratio <= goal ? "" : "missed");
+}
+
+struct Memory {
+    double resident, proportional, dirty;
+};
+
+Memory memory_of(pid_t pid) {
+    return {.resident = kib_of(pid, "Rss"), .proportional = kib_of(pid, "Pss"), .dirty = kib_of(pid, "Private_Dirty")};
+}
+
+/// The memory of a program that stays when it is done.
+Memory memory_when_done(const Command &command) {
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) {
+        std::abort();
+    }
+    const pid_t pid = start(command, ends[1]);
+    close(ends[1]);
+    char byte = 0;
+    while (byte != '\n' && read(ends[0], &byte, 1) == 1) {
+    }
+    const Memory memory = memory_of(pid);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    close(ends[0]);
+    return memory;
+}
+
+/// What a program that goes on for ever costs at a heartbeat a second.
+struct Cycle {
+    double microseconds = 0, switches = 0, calls = 0, start_microseconds = 0;
+    Memory memory{};
+};
+
+struct Subject {
+    const char *name;
+    Command command;
+    ApartProgram program = {};
+    Cycle cycle = {};
+};
+
+/// Starts all, lets them settle, and looks at them at the same time.
+void watch(std::vector<Subject> *subjects, const std::string &scratch) {
+    constexpr int seconds = 30;
+    constexpr int traced_seconds = 10;
+    for (Subject &each : *subjects) {
+        each.program = start_apart(each.command);
+    }
+    sleep_for(2000);
+    for (Subject &each : *subjects) {
+        each.cycle.start_microseconds = microseconds_of(each.program.pid);
+    }
+    sleep_for(5000);
+    std::vector<Cycle> before;
+    for (const Subject &each : *subjects) {
+        before.push_back(
+            {.microseconds = microseconds_of(each.program.pid), .switches = switches_of(each.program.pid)});
+    }
+    sleep_for(seconds * 1000);
+    for (std::size_t i = 0; i < subjects->size(); ++i) {
+        Subject &each = (*subjects)[i];
+        each.cycle.microseconds = (microseconds_of(each.program.pid) - before[i].microseconds) / seconds;
+        each.cycle.switches = (switches_of(each.program.pid) - before[i].switches) / seconds;
+        each.cycle.memory = memory_of(each.program.pid);
+    }
+    for (Subject &each : *subjects) {
+        each.cycle.calls = system_calls_within(each.program.pid, scratch + "/strace", traced_seconds) / traced_seconds;
+        kill(each.program.pid, SIGKILL);
+        waitpid(each.program.guard, nullptr, 0);
+    }
+}
+
+bool is_installed(const char *program) {
+    const std::string path = std::string("/usr/bin/") + program;
+    const std::string admins = std::string("/usr/sbin/") + program;
+    return access(path.c_str(), X_OK) == 0 || access(admins.c_str(), X_OK) == 0;
+}
+
+/// Writes a peer's configuration into the scratch folder, the folder's name in it; its path.
+std::string configuration(const BenchBoard &board, const std::string &name) {
+    std::ifstream file(std::string(PEERS_FOLDER "/") + name);
+    std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string word = "SCRATCH";
+    for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at)) {
+        text.replace(at, word.size(), board.scratch().path());
+    }
+    std::string path = board.scratch().write(name, text);
+    std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    return path;
+}
+
+Command command_of(const char *program, const BenchBoard &board, int period_ms, int heartbeats) {
+    const BoardPaths paths = board.paths();
+    return {program, paths.logfile, paths.disk, paths.emmc, std::to_string(period_ms), std::to_string(heartbeats)};
+}
+
+Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats) {
+    return command_of(DAEMON, board, period_ms, heartbeats);
+}
+
+Command floor_command(const BenchBoard &board, int period_ms, int heartbeats) {
+    Command command = command_of(FLOOR, board, period_ms, heartbeats);
+    command.insert(command.end(), {LINES, LINES_AT_START});
+    return command;
+}
+
+void print_pair(const char *name, const Cycle &daemon, const Cycle &other, double processor_goal) {
+    const auto row = [name](const char *what, double figure, double against, double goal) {
+        print_row((std::string(what) + " over " + name).c_str(), figure, against, goal);
+    };
+    row("CPU us a cycle", daemon.microseconds, other.microseconds, processor_goal);
+    row("system calls a cycle", daemon.calls, other.calls, 1.0);
+    row("CPU us of the first 2 s", daemon.start_microseconds, other.start_microseconds, 1.0);
+}
+
+void compare_cycles(const BenchBoard &board) {
+    constexpr int for_ever = 100000;
+    std::vector<Subject> subjects{{"daemon", daemon_command(board, 1000, for_ever)},
+                                  {"floor", floor_command(board, 1000, for_ever)}};
+    if (is_installed("monit")) {
+        subjects.push_back({"monit", {"monit", "-I", "-c", configuration(board, "monitrc")}});
+    }
+    if (is_installed("collectd")) {
+        subjects.push_back({"collectd", {"collectd", "-f", "-C", configuration(board, "collectd.conf")}});
+    }
+    watch(&subjects, board.scratch().path());
+    const Cycle &daemon = subjects[0].cycle;
+    const Cycle &floor = subjects[1].cycle;
+    print_row("CPU us a cycle over the floor, other programs beside", daemon.microseconds, floor.microseconds, 1.10);
+    print_row("context switches a cycle over the floor's and 10", daemon.switches, floor.switches + 10, 1.0);
+    for (std::size_t i = 2; i < subjects.size(); ++i) {
+        const Cycle &peer = subjects[i].cycle;
+        const bool is_monit = subjects[i].name == std::string("monit");
+        print_pair(subjects[i].name, daemon, peer, is_monit ? 0.5 : 0.6);
+        const std::string over = std::string(" over ") + subjects[i].name;
+        print_row(("private dirty KiB" + over).c_str(), daemon.memory.dirty, peer.memory.dirty, is_monit ? 0.3 : 0.5);
+        if (is_monit) { // the other one's own libraries are no more than a frame
+            print_row(("resident KiB" + over).c_str(), daemon.memory.resident, peer.memory.resident, 0.5);
+        }
+        print_row(("proportional KiB" + over).c_str(), daemon.memory.proportional, peer.memory.proportional, 1.0);
+    }
+}
+
+void compare_system_calls(const BenchBoard &board) {
+    const std::string report = board.scratch() / "strace";
+    const double daemon = system_calls_of([&](int count) { return daemon_command(board, 0, count); }, report);
+    const double floor = system_calls_of([&](int count) { return floor_command(board, 0, count); }, report);
+    print_row("system calls of a pass over the floor's and 10", daemon, floor + 10, 1.0);
+}
+
+void compare_start(const BenchBoard &board) {
+    const std::vector<double> least = least_microseconds({daemon_command(board, 0, 1), floor_command(board, 0, 1)});
+    print_row("CPU us from exec to the end of the first pass", least[0], least[1], 1.2);
+}
+
+void compare_memory(const BenchBoard &board) {
+    const auto held = [](Command command) {
+        command.emplace_back("hold");
+        return memory_when_done(command);
+    };
+    const Memory early = held(daemon_command(board, 0, 100));
+    const Memory late = held(daemon_command(board, 0, 1000));
+    const Memory floor = held(floor_command(board, 0, 1000));
+    print_row("private dirty KiB after 1,000 heartbeats over after 100", late.dirty, early.dirty, 1.05);
+    print_row("private dirty KiB after 1,000 heartbeats over the floor", late.dirty, floor.dirty, 1.5);
+    print_row("resident KiB after 1,000 heartbeats over the floor", late.resident, floor.resident, 1.5);
+    print_row("proportional KiB after 1,000 heartbeats over the floor", late.proportional, floor.proportional, 1.5);
+}
+
+} // namespace
+
+int main() {
+    const BenchBoard board;
+    std::printf("| %-58s | %10s | %10s | %6s | %6s |\n", "", "daemon", "against", "ratio", "goal");
+    compare_start(board);
+    compare_system_calls(board);
+    compare_memory(board);
+    compare_cycles(board);
+    return 0;
+}

@@ -1,0 +1,77 @@
+// What a heartbeat may cost, as far as that is exact: the system calls of the main thread.
+
+#include "station.h"
+#include "system_call_count.h"
+
+#include <algorithm>
+#include <array>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#ifdef SYS_rt_sigtimedwait_time64
+constexpr long TAKE_SIGNAL = SYS_rt_sigtimedwait_time64;
+#else
+constexpr long TAKE_SIGNAL = SYS_rt_sigtimedwait;
+#endif
+
+namespace {
+
+struct Budget {
+    long call;
+    int most;
+    const char *reason;
+};
+
+// On a board without a bus and without WiFi: five tasks (ids 1, 2, 4, 9, 13) write no record and read
+// no file.
+constexpr std::array budgets{
+    Budget{SYS_writev, 18, "one a record"},
+    Budget{SYS_lseek, 18, "one a record: is the file full"},
+    Budget{TAKE_SIGNAL, 25, "one before each of 23 tasks, one at the end of the pass, one after the wait"},
+    Budget{SYS_rt_sigprocmask, 4, "the heartbeat is held back for the pass, let in, and held back for the wait"},
+    Budget{SYS_rt_sigaction, 1, "which handler the heartbeat has"},
+    Budget{SYS_openat, 10, "eight by the probes, two with the settings of the network"},
+    Budget{SYS_read, 10, "and their ends"},
+    Budget{SYS_close, 11, "of all, and of the try to reach the bus"},
+    Budget{SYS_newfstatat, 18, "eight disks, of each file its block size, once the zone file"},
+    Budget{SYS_access, 1, "Bluetooth"},
+    Budget{SYS_write, 1, "the rig's own: it tells that the wait is entered"},
+    // A try to reach the bus that is not there.
+    Budget{SYS_socket, 1, ""},
+    Budget{SYS_connect, 1, ""},
+    Budget{SYS_setsockopt, 4, ""},
+    Budget{SYS_getsockopt, 4, ""},
+};
+
+int most_of(long call) {
+    const auto *budget =
+        std::find_if(budgets.begin(), budgets.end(), [call](const Budget &each) { return each.call == call; });
+    return budget == budgets.end() ? 0 : budget->most;
+}
+
+/// The journal lines of the main thread.
+int count_lines(const Station &station) {
+    const std::string id = "[" + std::to_string(station.pid()) + "]";
+    return static_cast<int>(
+        std::count_if(station.journal().begin(), station.journal().end(),
+                      [&id](const JournalRecord &record) { return record["MESSAGE"].find(id) != std::string::npos; }));
+}
+
+} // namespace
+
+TEST(SystemCalls, OfAPassWithEverythingDueAreNoneButTheNecessary) {
+    Station station;
+    station.start({});
+    station.step(3600);
+    station.forget();
+    const int lines_before = count_lines(station);
+    SystemCallCount count(station.pid());
+    station.step(3600);
+    for (const auto &[call, times] : count.until_next_wait()) {
+        if (call == SYS_sendmsg) {
+            EXPECT_EQ(times, count_lines(station) - lines_before) << "one a trace line";
+        } else {
+            EXPECT_LE(times, most_of(call)) << "of call " << call;
+        }
+    }
+}

@@ -1,0 +1,327 @@
+// The daemon against the model: random lives of the station without a difference between what the model
+// foretells and what the daemon shows.
+//     VIGMOND_SEED=n         that life instead of the usual ones
+//     VIGMOND_HEARTBEATS=n   so long a life
+
+#include "model/duet.h"
+#include "model/healthy_station.h"
+#include "model/script.h"
+
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <iostream>
+
+using model::built_in_checks;
+using model::Check;
+using model::Duet;
+using model::Input;
+using model::removed;
+using model::Script;
+using model::written;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+constexpr unsigned LIFE = 2500; // heartbeats
+#ifdef __SANITIZE_ADDRESS__
+constexpr unsigned HEARTBEATS = LIFE / 10;
+#else
+constexpr unsigned HEARTBEATS = LIFE;
+#endif
+
+constexpr std::uint64_t FIRST_SEED = 1;
+constexpr std::uint64_t LAST_SEED = 8;
+
+std::uint64_t number_in(const char *variable, std::uint64_t otherwise) {
+    const char *text = std::getenv(variable);
+    return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
+}
+
+/// A random life of the daemon beside a model with these checks: the report of the first difference, empty
+/// when there is none.
+std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector<Check> &checks) {
+    Script script(seed, STATION_LOAD_LOGGER);
+    Duet duet(script.setup(), script.settings(), checks);
+    duet.start();
+    while (duet.beats_done() < heartbeats && duet.difference().empty()) {
+        const std::int64_t now = script.next_beat(duet.now());
+        for (const Input &input : script.inputs(now)) {
+            duet.put(input);
+        }
+        duet.beat(now);
+        for (const Input &question : script.questions()) {
+            duet.put(question);
+        }
+    }
+    duet.stop();
+    if (duet.difference().empty()) {
+        return "";
+    }
+    return "seed:          " + std::to_string(seed) + "\n" + duet.difference() +
+           "again: VIGMOND_SEED=" + std::to_string(seed) + " VIGMOND_HEARTBEATS=" + std::to_string(duet.beats_done()) +
+           " station_model_test --gtest_filter='*IsAsForetold/0'\n";
+}
+
+} // namespace
+
+// --- random lives
+
+class RandomLife : public testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(RandomLife, IsAsForetold) {
+    const std::uint64_t seed = number_in("VIGMOND_SEED", GetParam());
+    const std::uint64_t heartbeats = number_in("VIGMOND_HEARTBEATS", HEARTBEATS);
+    std::cout << "VIGMOND_SEED=" << seed << " VIGMOND_HEARTBEATS=" << heartbeats << '\n';
+    EXPECT_EQ(live(seed, heartbeats, built_in_checks()), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomLife, testing::Range(FIRST_SEED, LAST_SEED + 1));
+
+// --- the model itself
+
+namespace {
+
+/// A table with one figure in it that is not the built-in one.
+struct Alteration {
+    std::string what;
+    std::vector<Check> checks;
+};
+
+using Change = void(Check *check);
+
+void alter(std::size_t row, const std::string &what, Change *change, std::vector<Alteration> *all) {
+    Alteration alteration{"row " + std::to_string(row + 1) + ": " + what, built_in_checks()};
+    change(&alteration.checks[row]);
+    all->push_back(std::move(alteration));
+}
+
+void alter_limits(std::size_t row, const Check &check, std::vector<Alteration> *all) {
+    if (check.min_fail) {
+        alter(
+            row, "min fail + 1", [](Check *each) { ++*each->min_fail; }, all);
+        alter(
+            row, "min fail - 1", [](Check *each) { --*each->min_fail; }, all);
+    }
+    if (check.min_warn) {
+        alter(
+            row, "min warn + 1", [](Check *each) { ++*each->min_warn; }, all);
+        alter(
+            row, "min warn - 1", [](Check *each) { --*each->min_warn; }, all);
+    }
+    if (check.max_warn) {
+        alter(
+            row, "max warn + 1", [](Check *each) { ++*each->max_warn; }, all);
+        alter(
+            row, "max warn - 1", [](Check *each) { --*each->max_warn; }, all);
+    }
+    if (check.max_fail) {
+        alter(
+            row, "max fail + 1", [](Check *each) { ++*each->max_fail; }, all);
+        alter(
+            row, "max fail - 1", [](Check *each) { --*each->max_fail; }, all);
+    }
+    alter(
+        row, "hysteresis + 1", [](Check *each) { ++each->hysteresis; }, all);
+    alter(
+        row, "hysteresis - 1", [](Check *each) { --each->hysteresis; }, all);
+}
+
+/// The wear comes in steps of ten: a limit in between is the same as the next one.
+void alter_wear_limits(std::size_t row, std::vector<Alteration> *all) {
+    alter(
+        row, "max warn + 1", [](Check *each) { ++*each->max_warn; }, all);
+    alter(
+        row, "max warn - 10", [](Check *each) { *each->max_warn -= 10; }, all);
+    alter(
+        row, "max fail + 1", [](Check *each) { ++*each->max_fail; }, all);
+    alter(
+        row, "max fail - 10", [](Check *each) { *each->max_fail -= 10; }, all);
+    alter(
+        row, "hysteresis + 5", [](Check *each) { each->hysteresis += 5; }, all);
+}
+
+std::vector<Alteration> alterations() {
+    const std::vector<Check> checks = built_in_checks();
+    std::vector<Alteration> all;
+    for (std::size_t row = 0; row < checks.size(); ++row) {
+        const Check &check = checks[row];
+        if (check.probe == model::Probe::wearout) {
+            alter_wear_limits(row, &all);
+        } else if (check.analyzer == model::Analyzer::threshold) {
+            alter_limits(row, check, &all);
+        }
+        if (check.delay > 1) {
+            alter(
+                row, "delay - 1", [](Check *each) { --each->delay; }, &all);
+        }
+        alter(
+            row, "delay + 1", [](Check *each) { ++each->delay; }, &all);
+        alter(
+            row, "interval doubled", [](Check *each) { each->interval *= 2; }, &all);
+        if (!check.format.empty()) {
+            alter(
+                row, "format", [](Check *each) { each->format += "."; }, &all);
+        }
+    }
+    return all;
+}
+
+/// A model's daemon alone, and what it shows.
+class Foretelling {
+  public:
+    explicit Foretelling(const Script &script)
+        : daemon_(script.settings(), built_in_checks(),
+                  model::board_after(script.setup().inputs, script.setup().has_bus), script.setup().old_log,
+                  script.setup().clock) {}
+
+    void believe(const std::vector<Check> &checks) { daemon_.believe(checks); }
+    void take(const Input &input) {
+        if (daemon_.can_take(input)) {
+            daemon_.take(input);
+        }
+    }
+    /// All that the pass shows.
+    std::vector<std::string> pass(std::int64_t now) {
+        const model::Shown shown = daemon_.pass(now);
+        std::vector<std::string> all = shown.sentences;
+        all.insert(all.end(), shown.signals.begin(), shown.signals.end());
+        all.insert(all.end(), shown.started.begin(), shown.started.end());
+        const std::string &log = daemon_.log().text();
+        all.push_back(log.substr(std::min(log_read_, log.size())));
+        log_read_ = log.size();
+        return all;
+    }
+
+  private:
+    model::Daemon daemon_;
+    std::size_t log_read_ = 0;
+};
+
+/// A random life strikes out the alterations that it shows to be wrong.
+void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
+    Script script(seed, STATION_LOAD_LOGGER);
+    Foretelling right(script);
+    std::vector<std::pair<Alteration, Foretelling>> others;
+    for (const Alteration &alteration : *alterations) {
+        others.emplace_back(alteration, right).second.believe(alteration.checks);
+    }
+    std::int64_t now = script.setup().clock;
+    for (unsigned beat = 0; beat < LIFE && !others.empty(); ++beat) {
+        const std::vector<std::string> shown = right.pass(now);
+        std::erase_if(others, [&shown, now](auto &other) { return other.second.pass(now) != shown; });
+        now = script.next_beat(now);
+        for (const Input &input : script.inputs(now)) {
+            right.take(input);
+            for (auto &other : others) {
+                other.second.take(input);
+            }
+        }
+        script.questions();
+    }
+    alterations->clear();
+    for (auto &other : others) {
+        alterations->push_back(std::move(other.first));
+    }
+}
+
+} // namespace
+
+// What the random lives left out would be no one's to find.
+TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
+    std::vector<Alteration> left = alterations();
+    ASSERT_GT(left.size(), 150U);
+    for (std::uint64_t seed = FIRST_SEED; seed <= LAST_SEED; ++seed) {
+        strike_out(seed, &left);
+    }
+    for (const Alteration &alteration : left) {
+        ADD_FAILURE() << alteration.what;
+    }
+}
+
+TEST(TheModel, FindsADifferenceAgainByItsReport) {
+    constexpr std::uint64_t seed = 2;
+    std::vector<Check> checks = built_in_checks();
+    checks[0].delay = 1;
+    const std::string report = live(seed, HEARTBEATS, checks);
+    EXPECT_THAT(report, StartsWith("seed:          2\ndifference in: status log\nheartbeat:     #"));
+    const std::string name = "VIGMOND_HEARTBEATS=";
+    const std::size_t again = report.find("VIGMOND_SEED=2 " + name);
+    ASSERT_NE(again, std::string::npos);
+    const std::uint64_t heartbeats = std::stoul(report.substr(report.find(name) + name.size()));
+    EXPECT_EQ(live(seed, heartbeats, checks), report);
+    EXPECT_EQ(live(seed, heartbeats - 1, checks), "");
+}
+
+// --- what the comparison sees
+
+TEST(TheReport, TellsOfADifferenceHowItCameAbout) {
+    std::vector<Check> checks = built_in_checks();
+    checks[0].format = "CPU heat %D %T threshold.";
+    Duet duet(model::healthy_station(), model::Settings(), checks);
+    duet.start();
+    duet.put(removed(model::WIFI_FILE));
+    duet.put(written(TEMPERATURE_FILE, "72000\n"));
+    duet.beats(7);
+    EXPECT_EQ(
+        duet.difference(),
+        "difference in: sentences\n"
+        "heartbeat:     #5 at 2024-03-01 13:00:50 (1709294450)\n"
+        "foretold:      4 [warning] ID: CB20[0]: value: 72 CPU heat above 70 threshold.\n"
+        "seen:          4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.\n"
+        "started as:    vigmond\n"
+        "check:         CB20[0]: state 1, counts: min fail 0, min warn 0, ok 0, max warn 0, max fail 0, value 72, "
+        "next run 2024-03-01 13:01:00\n"
+        "inputs of this check:\n"
+        "  after #0 (2024-03-01 13:00:07) write /sys/class/thermal/thermal_zone0/temp \"72000\\n\"\n"
+        "the last inputs:\n"
+        "  after #0 (2024-03-01 13:00:07) remove /sys/class/net/wlan0sta/operstate \"\"\n"
+        "  after #0 (2024-03-01 13:00:07) write /sys/class/thermal/thermal_zone0/temp \"72000\\n\"\n");
+}
+
+namespace {
+
+struct Secret {
+    const char *what;
+    std::vector<Input> inputs; ///< done to the real board only
+    std::int64_t period;
+    const char *seen; ///< in the report
+};
+
+std::vector<Secret> secrets() {
+    using enum Input::Kind;
+    return {
+        {"Temperature",
+         {written(TEMPERATURE_FILE, "43000\n")},
+         10,
+         "seen:          2024-03-01 13:00:10\tOK\tCB20\t0\t43\n"},
+        {"Memory", {written(MEMORY_FILE, meminfo(1000, 490))}, 10, "\tOK\tCB21\t0\t49\n"},
+        {"Wear", {{emmc, EMMC_DEVICE, "7 2 1"}}, 3600, "\tOK\tCB07\t0\t20\n"},
+        {"Disk", {{disk, "/run", "1000 490 490"}}, 900, "\tOK\tCB22\t4\t49\n"},
+        {"Bluetooth", {removed(model::BLUETOOTH_FILE)}, 60, "\tOK\tCB05\t0\t1\n"},
+        {"Ethernet", {written(model::ETHERNET_FILE, "down\n")}, 60, "\tOK\tCB12\t0\t1\n"},
+        {"Traffic", {model::traffic_file("eth0: 1 0 0 0 0 0 0 0 0 50 0 0 0 0 0 0\n", "")}, 60, "\tOK\tCB10\t0\t0\n"},
+        {"Wireless", {written(model::WIRELESS_FILE, "wlan0sta: 0 60. -21. -256\n")}, 10, "\tOK\tCB09\t0\t-21\n"},
+        {"Unit", {{active_state, "rauc", "failed"}}, 10, "\tOK\tCB23\t0\t1\n"},
+        {"Load", {written(model::CPU_FILE, "cpu 2000 0 1000 8000\n")}, 180, "\tOK\tCB31\t0\t100\n"},
+        {"NetworkSwitch", {removed(model::WIFI_CONFIGURATION)}, 60, "difference in: status log"},
+    };
+}
+
+} // namespace
+
+class SecretChange : public testing::TestWithParam<Secret> {};
+
+TEST_P(SecretChange, IsFound) {
+    Duet duet(model::healthy_station(), model::Settings());
+    duet.start();
+    for (const Input &input : GetParam().inputs) {
+        duet.put_secretly(input);
+    }
+    duet.beat(duet.now() - duet.now() % GetParam().period + GetParam().period);
+    EXPECT_THAT(duet.difference(), HasSubstr(GetParam().seen));
+}
+
+INSTANTIATE_TEST_SUITE_P(OfThe, SecretChange, testing::ValuesIn(secrets()),
+                         [](const auto &instance) { return std::string(instance.param.what); });

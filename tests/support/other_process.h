@@ -1,0 +1,28 @@
+#pragma once
+
+// What /proc tells of a process.
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <sys/types.h>
+
+inline std::size_t entries_of(pid_t pid, const std::string &folder) {
+    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/" + folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+inline std::size_t descriptors_of(pid_t pid) { return entries_of(pid, "fd"); }
+
+inline std::size_t threads_of(pid_t pid) { return entries_of(pid, "task"); }
+
+/// Resident pages.
+inline long memory_of(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
+    long total = 0;
+    long resident = 0;
+    file >> total >> resident;
+    return resident;
+}

@@ -1,5 +1,6 @@
 #include "logger.h"
 
+#include "log_sockets.h"
 #include "trace.h"
 
 #include <charconv>
@@ -134,6 +135,10 @@ void logger_syslog(int state, const char *text) {
         return;
     }
     trace(TRACE_TRACE, "======= %d: %s =======", state, text);
+    if (!syslog_has_room()) {
+        trace(TRACE_DEBUG, "syslog is not read, the message is lost");
+        return;
+    }
     syslog(row.priority, "[%s] %s", row.label, text);
 }
 

@@ -1,5 +1,6 @@
 #include "trace.h"
 
+#include "log_sockets.h"
 #include "time_of_day.h"
 
 #include <algorithm>
@@ -157,8 +158,9 @@ void trace_write(int level, const char *code_file, const char *code_line, const 
     if (trace_mode == MODE_STDERR) {
         std::fprintf(stderr, "%s\n", text.data());
         std::fflush(stderr);
-    } else {
-        sd_journal_print_with_location(journal_priority(level), code_file, code_line, function, "%s\n", text.data());
+    } else if (!journal_is_full()) {
+        journal_note_result(sd_journal_print_with_location(journal_priority(level), code_file, code_line, function,
+                                                           "%s\n", text.data()));
     }
     errno = saved_errno;
 }

@@ -3,6 +3,7 @@
 #include "cleanup.h"
 #include "gdata.h"
 #include "init.h"
+#include "log_sockets.h"
 #include "options.h"
 #include "process.h"
 #include "scheduler.h"
@@ -35,6 +36,7 @@ bool start_up() {
 int main(int argc, char *argv[]) {
     std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
     trace(TRACE_INFO, " ");
+    journal_bound_waits();
     gdata_set_tasks(builtin_tasks());
     const Options options = eat_arguments(argc, argv);
     if (options.outcome == OptionsOutcome::version) {

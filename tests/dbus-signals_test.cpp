@@ -6,6 +6,7 @@
 #include "gdata.h"
 #include "memory_fault.h"
 #include "message_bytes.h"
+#include "scratch_folder.h"
 
 #include <array>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -365,6 +367,27 @@ TEST_F(SignalsTest, AWaitingSenderIsWokenByEachPass) {
     });
     d_bus_srv_msg_queue_signal();
     EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    sender.join();
+}
+
+TEST_F(SignalsTest, AWakeUpIsTakenOnce) {
+    d_bus_srv_msg_queue_signal();
+    d_bus_srv_msg_queue_wait();
+    std::promise<pid_t> number;
+    std::promise<void> woken;
+    std::thread sender([&] {
+        number.set_value(gettid());
+        d_bus_srv_msg_queue_wait();
+        woken.set_value();
+    });
+    const std::future<void> done = woken.get_future();
+    const std::string state = "/proc/self/task/" + std::to_string(number.get_future().get()) + "/stat";
+    const auto is_woken = [&done] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; };
+    while (!is_woken() && read_file(state).find(") S ") == std::string::npos) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(is_woken());
+    d_bus_srv_msg_queue_signal();
     sender.join();
 }
 

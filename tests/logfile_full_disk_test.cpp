@@ -53,6 +53,7 @@ TEST_F(FullDiskTest, SaysThatTheRecordIsLost) {
     const FileSizeLimit full(10);
     lf_print(0, "x", 0);
     EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
+    EXPECT_THAT(traces.texts_of("cut_back"), IsEmpty());
 }
 
 TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {

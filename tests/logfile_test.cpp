@@ -297,7 +297,7 @@ std::pair<std::string, std::string> outputs_of(const char *name) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     gdata_record().logfile = name;
-    logfile_init();
+    EXPECT_EQ(logfile_init(), 0);
     logfile_state().logsize = 1;
     lf_print(0, "x", 0);
     logfile_cleanup();

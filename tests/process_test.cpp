@@ -45,6 +45,7 @@ Task owner(const char *parameter) {
 pid_t ended_child() {
     const pid_t pid = fork();
     if (pid == 0) {
+        setsid(); // as the load logger does
         _exit(3);
     }
     siginfo_t info{};

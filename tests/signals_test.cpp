@@ -151,6 +151,13 @@ TEST_F(SignalsTest, AreTakenTogetherByOneWait) {
     EXPECT_FALSE(is_pending(SIGUSR1));
 }
 
+TEST_F(SignalsTest, AreTakenByAWaitThatFollowsAnInterruptedCall) {
+    raise(SIGUSR1);
+    errno = EINTR;
+    signals_wait(signals_all());
+    EXPECT_EQ(events(), (Events{"begin USR1", "end USR1"}));
+}
+
 TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     constexpr int an_hour = 3600 * 1000;
     raise(SIGALRM);
@@ -161,6 +168,12 @@ TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     signals_pause(0);
     EXPECT_EQ(events().size(), 4U);
     EXPECT_TRUE(is_pending(SIGALRM));
+}
+
+TEST_F(SignalsTest, LetAPauseOfASecondEndByItself) {
+    constexpr int a_second = 1000;
+    signals_pause(a_second);
+    EXPECT_EQ(events(), Events{});
 }
 
 TEST_F(SignalsTest, HandTheirInformationOn) {

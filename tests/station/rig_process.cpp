@@ -62,10 +62,15 @@ std::vector<char *> pointers_to(std::vector<std::string> &texts) {
     return pointers;
 }
 
+std::string preloads_of(const Launch &launch) {
+    const std::string faults = launch.fault.call == StationCall::none ? "" : std::string(STATION_FAULTS) + ":";
+    return faults + STATION_PRELOAD;
+}
+
 std::vector<std::string> environment_of(const Launch &launch, int page_fd) {
     std::vector<std::string> environment{
         "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
-        std::string("LD_PRELOAD=") + STATION_PRELOAD,
+        "LD_PRELOAD=" + preloads_of(launch),
         std::string(STATION_PAGE_VARIABLE) + "=" + std::to_string(page_fd),
         // A sanitizer's report must not end with the status of a termination.
         "ASAN_OPTIONS=verify_asan_link_order=0:exitcode=" + std::to_string(SANITIZER_STATUS),
@@ -83,6 +88,7 @@ RigProcess::RigProcess(const Launch &launch, const Sandbox &sandbox, const Board
     : page_fd_(memfd_create("station", 0)), page_(map_page(page_fd_)), wake_(eventfd(0, EFD_NONBLOCK)) {
     board.fill(page_.get());
     page_->wake_fd = wake_.get();
+    page_->fault = launch.fault;
     Pipe out = make_pipe();
     Pipe err = make_pipe();
     pid_ = fork(); // NOLINT(cppcoreguidelines-prefer-member-initializer): after the page is filled

@@ -25,6 +25,7 @@ struct Launch {
     std::vector<std::string> environment; ///< "NAME=value", beside what the rig sets
     mode_t umask;
     rlim_t file_size;
+    StationFault fault{};
 };
 
 struct UnmapPage {

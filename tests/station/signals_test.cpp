@@ -49,24 +49,6 @@ std::vector<TraceLine> lines_of_main_thread(Station &station) {
     return lines;
 }
 
-/// Starts a daemon and keeps its heart beating until it has written `count` traces or has got through
-/// `passes` passes.
-void live_until(Station &station, std::size_t count, unsigned passes) {
-    station.launch({"-D"});
-    unsigned seen = 0;
-    station.await("trace " + std::to_string(count), [&] {
-        if (station.trace().lines().size() >= count || station.waits() >= passes) {
-            return true;
-        }
-        if (station.waits() > seen) {
-            seen = station.waits();
-            station.advance(10);
-            station.send(SIGALRM);
-        }
-        return false;
-    });
-}
-
 /// Starts the daemon and holds its second pass, whose traces alone are kept, in its first task.
 HeldFile hold_second_pass(Station &station) {
     station.start();
@@ -112,33 +94,6 @@ TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Termination, testing::ValuesIn(terminations));
-
-// From the installed handlers on: what comes before ends the process as signals do.
-TEST(Terminations, AtRandomInstantsAllEndWithStatus1) {
-    constexpr unsigned passes = 4;
-    constexpr int count = 200;
-    Station rehearsal;
-    live_until(rehearsal, SIZE_MAX, passes);
-    const std::size_t all = rehearsal.trace().lines().size();
-    const std::size_t handlers_installed = first_line_of(rehearsal.trace(), "timer_init") + 1;
-    ASSERT_LT(handlers_installed, all);
-
-    std::mt19937 random(seed_of_the_day());
-    std::uniform_int_distribution<std::size_t> instant(handlers_installed, all);
-    for (int i = 0; i < count; ++i) {
-        const std::size_t line = instant(random);
-        const int signo = terminations.at(random() % terminations.size());
-        SCOPED_TRACE("signal " + std::to_string(signo) + " at trace " + std::to_string(line));
-        Station station;
-        live_until(station, line, passes);
-        station.send(signo);
-        ASSERT_EQ(station.await_exit(), 1);
-        ASSERT_THAT(station.trace().messages_of("sig_exit_handler"), SizeIs(1));
-        const TraceLine last = lines_of_main_thread(station).back();
-        ASSERT_EQ(last.function, "cleanup");
-        ASSERT_EQ(last.message, "DONE");
-    }
-}
 
 TEST(Reinit, ChangesNothingButItsOwnTraces) {
     Station station;

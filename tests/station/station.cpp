@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 
 namespace {
@@ -39,10 +40,19 @@ Launch Station::launch_of(const std::vector<std::string> &arguments) const {
             .arguments = arguments,
             .environment = environment,
             .umask = umask,
-            .file_size = file_size};
+            .file_size = file_size,
+            .fault = fault};
 }
 
-Sandbox Station::sandbox() const { return folder_.sandbox({program, STATION_PRELOAD}); }
+Sandbox Station::sandbox() const {
+    Sandbox result = folder_.sandbox({program, STATION_PRELOAD});
+    for (const auto &[folder, path] : shown) {
+        const std::string target = folder_.host_path(path);
+        std::filesystem::create_directories(target);
+        result.mounts.push_back({.source = folder, .target = target});
+    }
+    return result;
+}
 
 RigProcess &Station::daemon() const {
     if (!daemon_) {
@@ -149,11 +159,15 @@ void Station::drain() {
     if (daemon_) {
         daemon_->drain();
     }
-    for (const std::string &datagram : journal_socket_.take()) {
-        journal_.emplace_back(datagram);
+    if (reads_journal) {
+        for (const std::string &datagram : journal_socket_.take()) {
+            journal_.emplace_back(datagram);
+        }
     }
-    for (const std::string &datagram : syslog_socket_.take()) {
-        syslog_.push_back(parse_syslog(datagram));
+    if (reads_syslog) {
+        for (const std::string &datagram : syslog_socket_.take()) {
+            syslog_.push_back(parse_syslog(datagram));
+        }
     }
 }
 
@@ -185,7 +199,13 @@ void Station::await(RigProcess *beside, const std::string &what, const std::func
 }
 
 void Station::poll_all(const RigProcess *beside, int milliseconds) const {
-    std::vector<int> descriptors{journal_socket_.fd(), syslog_socket_.fd()};
+    std::vector<int> descriptors;
+    if (reads_journal) {
+        descriptors.push_back(journal_socket_.fd());
+    }
+    if (reads_syslog) {
+        descriptors.push_back(syslog_socket_.fd());
+    }
     for (const RigProcess *process : {beside, static_cast<const RigProcess *>(daemon_.get())}) {
         if (process != nullptr) {
             const std::vector<int> own = process->descriptors();
@@ -201,7 +221,8 @@ void Station::poll_all(const RigProcess *beside, int milliseconds) const {
 }
 
 void Station::give_up(RigProcess *process, const std::string &text) {
-    std::string report = "the process " + text + "; its stderr:\n" + tail_of(process->err().text());
+    std::string report =
+        (note.empty() ? "" : note + ": ") + "the process " + text + "; its stderr:\n" + tail_of(process->err().text());
     for (std::size_t i = journal_.size() > 10 ? journal_.size() - 10 : 0; i < journal_.size(); ++i) {
         report += "\njournal: " + journal_[i]["MESSAGE"];
     }

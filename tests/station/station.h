@@ -13,6 +13,7 @@
 #include "trace_line.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -40,6 +41,11 @@ class Station {
     std::vector<std::string> environment; ///< "NAME=value"
     mode_t umask = 022;
     rlim_t file_size = RLIM_INFINITY; ///< no file of theirs grows beyond it
+    std::map<std::string, std::string> shown; ///< folders of this machine and where the programs see them
+    StationFault fault{};
+    bool reads_journal = true; ///< changed at any time; what is not read stays in its socket
+    bool reads_syslog = true;
+    std::string note; ///< what a failure of the rig is reported with
 
     /// Starts the daemon and awaits the end of its first pass.
     void start(const std::vector<std::string> &arguments = {"-D"});
@@ -86,6 +92,8 @@ class Station {
     [[nodiscard]] const std::vector<JournalRecord> &journal() const { return journal_; }
     [[nodiscard]] const std::vector<SyslogRecord> &syslog() const { return syslog_; }
     [[nodiscard]] const StationTimer &timer() const { return daemon().page().timer; }
+    /// Calls so far of the kind that `fault` names.
+    [[nodiscard]] unsigned calls() const { return daemon().page().calls.load(); }
     [[nodiscard]] StationMmc &emmc() { return daemon().page().mmc; }
     void disk(const std::string &path, const Disk &answer) { put_disk(&daemon().page(), path, answer); }
 

@@ -24,6 +24,8 @@ class PrivateBus {
     /// Ends it and leaves nothing of it behind, as if it had never been there.
     void remove();
     [[nodiscard]] pid_t pid() const { return daemon_->pid(); }
+    /// The folder with its socket.
+    [[nodiscard]] const std::string &folder() const { return folder_; }
     [[nodiscard]] std::string address() const { return "unix:path=" + folder_ + "/bus"; }
     /// As "NAME=value", for a program that is to take it for the system bus.
     [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=" + address(); }
@@ -49,6 +51,8 @@ class BusClient {
     BusMessage call(const BusMessage &call);
     /// Waits up to half a minute for the next message that is `wanted`; the others stay for later calls.
     BusMessage wait_for(const std::function<bool(DBusMessage *)> &wanted);
+    /// Drops what has come and was not wanted.
+    void forget() { waiting_.clear(); }
     BusMessage wait_for_signal(const std::string &member);
     /// Asks the bus for all signals that match `rule`.
     void watch(const std::string &rule);

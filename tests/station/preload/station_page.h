@@ -40,6 +40,45 @@ struct StationTimer {
     std::int64_t first;
 };
 
+/// What of the system can be made to fail; each stands for all functions of its kind.
+enum class StationCall : std::int32_t {
+    none,
+    open,
+    fopen,
+    read,
+    write,
+    torn_write, ///< only half of it is written
+    fread,
+    fwrite,
+    fclose,
+    lseek,
+    truncate,
+    memory,
+    fork,
+    thread,
+    rename,
+    remove,
+    stat,
+    ioctl,
+    statvfs,
+    socket,
+    connect,
+    send,
+    receive,
+    poll,
+    control, ///< fcntl
+    timer,
+};
+
+/// The calls number `first` to `last`, counted from 1, fail with `error`.
+struct StationFault {
+    StationCall call;
+    std::uint32_t first; ///< 0: none fails
+    std::uint32_t last;
+    std::int32_t error;
+    bool main_thread_only; ///< the calls of other threads neither count nor fail
+};
+
 struct StationPage {
     std::atomic<std::int64_t> now;      ///< the wall clock, nanoseconds since the epoch
     std::int32_t wake_fd;               ///< an eventfd, written at each entry of the wait
@@ -49,6 +88,8 @@ struct StationPage {
     StationTimer timer;
     StationMmc mmc;
     StationDisk disks[16];
+    StationFault fault;
+    std::atomic<std::uint32_t> calls; ///< of the kind that `fault` names, so far
 };
 
 inline constexpr std::size_t STATION_PAGE_SIZE = 4096;
@@ -57,3 +98,6 @@ static_assert(std::atomic<std::int64_t>::is_always_lock_free);
 
 /// The environment variable with the page's descriptor.
 inline constexpr const char *STATION_PAGE_VARIABLE = "STATION_PAGE_FD";
+
+/// The page, for a library preloaded beside this one; null outside the rig.
+extern "C" StationPage *station_page();

@@ -71,7 +71,7 @@ void enter_wait() {
     page->settled.store(page->taken.load());
     page->waits.fetch_add(1);
     const int saved_errno = errno;
-    if (write(page->wake_fd, &one, sizeof one) != sizeof one) {
+    if (syscall(SYS_write, page->wake_fd, &one, sizeof one) != sizeof one) { // never one of those that fail
         abort();
     }
     errno = saved_errno;
@@ -141,6 +141,8 @@ int ask_mmc(mmc_ioc_cmd *command) {
 // With 64-bit times on a 32-bit board the headers give these their __..64 names, as they do in the daemon.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 extern "C" {
+
+StationPage *station_page() { return page; }
 
 time_t time(time_t *result) noexcept {
     const time_t now = wall_clock().tv_sec;

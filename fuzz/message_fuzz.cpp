@@ -1,0 +1,119 @@
+// A message on the bus. Input: its bytes as they come over the wire ("l" or "B" first), or else the
+// length of a signature, the signature, and a body; then a call of each method has that body.
+
+#include "dbus-issues.h"
+#include "dbus-methods.h"
+#include "dbus-srv.h"
+#include "dbus_handle.h"
+#include "support/fuzz.h"
+
+#include <array>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+struct Method {
+    const char *interface;
+    const char *member;
+    int (*handler)(DBusConnection *, DBusMessage *);
+    const char *reply; ///< its signature while issues are raised
+};
+
+constexpr std::array<Method, 3> METHODS{{
+    {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing, "a(us)"},
+    {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect, "s"},
+    {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability, "s"},
+}};
+
+BusMessage sent; // the last reply
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*connection*/, DBusMessage *message,
+                                                   dbus_uint32_t * /*serial*/) {
+    sent.reset(dbus_message_ref(message));
+    return TRUE;
+}
+extern "C" void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
+    constexpr std::uint32_t any_issue = 20;
+    d_bus_srv_issue_update(any_issue, 1);
+    return 0;
+}
+
+namespace {
+
+void check_call(DBusMessage *message, const Method &method) {
+    sent.reset();
+    PROMISE(method.handler(nullptr, message) == 0);
+    PROMISE(sent && dbus_message_get_type(sent.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    PROMISE(dbus_message_get_reply_serial(sent.get()) == dbus_message_get_serial(message));
+    PROMISE(std::strcmp(dbus_message_get_signature(sent.get()), method.reply) == 0);
+}
+
+void put_number(std::string &bytes, std::uint32_t number) {
+    bytes.append(reinterpret_cast<const char *>(&number), sizeof number);
+}
+
+void put_field(std::string &bytes, char code, char type, const std::string &text) {
+    bytes.resize((bytes.size() + 7) / 8 * 8);
+    bytes += code;
+    bytes += '\1';
+    bytes += type;
+    bytes += '\0';
+    if (type == 'g') {
+        bytes += static_cast<char>(text.size());
+    } else {
+        put_number(bytes, static_cast<std::uint32_t>(text.size()));
+    }
+    bytes += text + '\0';
+}
+
+/// A call with a body of any bytes.
+std::string call_bytes(const Method &method, const std::string &signature, const std::string &body) {
+    std::string bytes("l\1\0\1", 4);
+    put_number(bytes, static_cast<std::uint32_t>(body.size()));
+    put_number(bytes, 1);
+    put_number(bytes, 0); // the length of the fields, below
+    put_field(bytes, 1, 'o', "/com/corvana/Monitoring1");
+    put_field(bytes, 2, 's', method.interface);
+    put_field(bytes, 3, 's', method.member);
+    put_field(bytes, 8, 'g', signature);
+    const auto fields = static_cast<std::uint32_t>(bytes.size() - 16);
+    std::memcpy(&bytes[12], &fields, sizeof fields);
+    bytes.resize((bytes.size() + 7) / 8 * 8);
+    return bytes + body;
+}
+
+BusMessage message_of(const std::string &bytes) {
+    BusError error;
+    return BusMessage(dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), error.fresh()));
+}
+
+/// Served as the listener serves it.
+void serve(const BusMessage &message) {
+    for (const Method &method : METHODS) {
+        if (message && dbus_message_is_method_call(message.get(), method.interface, method.member) != 0) {
+            check_call(message.get(), method);
+        }
+    }
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    const std::string input = text_of(data, size);
+    if (size == 0 || data[0] == 'l' || data[0] == 'B') {
+        serve(message_of(input));
+        return 0;
+    }
+    const std::size_t length = std::min<std::size_t>(data[0] % 32, size - 1);
+    for (const Method &method : METHODS) {
+        serve(message_of(call_bytes(method, input.substr(1, length), input.substr(1 + length))));
+    }
+    return 0;
+}

@@ -1,0 +1,241 @@
+// A long life on a bus that is killed, stopped and flooded at random. STATION_BUS_FAULTS=n has n faults,
+// STATION_FLOOD_SECONDS=n floods for so long, STATION_SEED=n repeats the random instants.
+
+#include "busy_station.h"
+#include "fake_systemd.h"
+#include "from_environment.h"
+#include "process_usage.h"
+#include "status_log.h"
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <thread>
+
+using testing::SizeIs;
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr unsigned DEFAULT_FAULTS = 4;
+constexpr unsigned DEFAULT_FLOOD_SECONDS = 2;
+constexpr int CLIENTS = 50;
+constexpr int SAMPLES = 5; ///< with the fifth the state of the temperature changes
+constexpr const char *PATH = "/com/corvana/Monitoring1";
+constexpr const char *INTERFACE = "com.corvana.State2.Issues";
+
+std::set<std::string> labels_listed(const BusMessage &listing) {
+    std::set<std::string> labels;
+    DBusMessageIter body{};
+    DBusMessageIter array{};
+    if (!listing || dbus_message_iter_init(listing.get(), &body) == 0) {
+        return labels;
+    }
+    for (dbus_message_iter_recurse(&body, &array); dbus_message_iter_get_arg_type(&array) == DBUS_TYPE_STRUCT;
+         dbus_message_iter_next(&array)) {
+        DBusMessageIter element{};
+        const char *label = nullptr;
+        dbus_message_iter_recurse(&array, &element);
+        dbus_message_iter_next(&element);
+        dbus_message_iter_get_basic(&element, static_cast<void *>(&label));
+        labels.insert(label);
+    }
+    return labels;
+}
+
+struct Campaign : testing::Test {
+    Campaign() {
+        station.launch_busy({"-D", "-C", "0", "-S", "102400"});
+        station.await_wait_after(0);
+    }
+
+    /// A heartbeat on the next tenth second.
+    void beat() {
+        const unsigned before = station.waits();
+        station.step(10 - station.clock() % 10);
+        ++beats;
+        ASSERT_EQ(station.waits(), before + 1);
+        take_in_updates();
+    }
+    /// So many heartbeats that the temperature's state changes, `fault` striking during the first.
+    void change_state(const std::function<void()> &fault) {
+        hot = !hot;
+        station.temperature(hot ? 75000 : 42000);
+        const std::future<void> living = std::async(std::launch::async, [this] {
+            for (int sample = 0; sample < SAMPLES && !HasFailure(); ++sample) {
+                beat();
+            }
+        });
+        fault(); // on this thread: what a thread starts ends with it
+        living.wait();
+        ASSERT_FALSE(HasFailure());
+    }
+    /// What the registry has been told of, from its traces.
+    void take_in_updates() {
+        for (const std::string &update : station.trace().messages_of("d_bus_srv_issue_update")) {
+            if (update.starts_with("ID: ")) {
+                const std::string label = update.substr(4, 4);
+                changes[label] += 1;
+                raised[label] = !update.ends_with("cnt: 0");
+            }
+        }
+        station.forget();
+    }
+    [[nodiscard]] std::set<std::string> labels_raised() const {
+        std::set<std::string> labels;
+        for (const auto &[label, is_raised] : raised) {
+            if (is_raised) {
+                labels.insert(label);
+            }
+        }
+        return labels;
+    }
+    /// The daemon has its name again and tells what its registry holds.
+    void expect_back() {
+        BusClient client(world.bus());
+        ASSERT_NE(client.wait_for_owner(SERVICE_NAME), "");
+        EXPECT_EQ(labels_listed(client.call(method_call(PATH, INTERFACE, "GetListing"))), labels_raised());
+        EXPECT_EQ(raised["CB20"], hot);
+    }
+
+    BusyWorld world;
+    BusyStation station{world, busy_board().temperature(42000)};
+    std::mt19937 random{seed_of_the_day()};
+    std::map<std::string, int> changes;
+    std::map<std::string, bool> raised;
+    bool hot = false;
+    int beats = 0;
+};
+
+/// Random milliseconds below `limit`.
+milliseconds within(std::mt19937 &random, unsigned limit) { return milliseconds(random() % limit); }
+
+} // namespace
+
+TEST_F(Campaign, SurvivesABusThatDiesAndStallsAtRandom) {
+    const unsigned faults = from_environment("STATION_BUS_FAULTS", DEFAULT_FAULTS);
+    std::optional<ProcessUsage> before;
+    for (unsigned fault = 0; fault < faults; ++fault) {
+        const milliseconds instant = within(random, 30);
+        const milliseconds duration = within(random, 500);
+        const auto kind = static_cast<unsigned>(random() % 3);
+        SCOPED_TRACE("fault " + std::to_string(fault) + " of kind " + std::to_string(kind));
+        ASSERT_NO_FATAL_FAILURE(change_state([&] {
+            std::this_thread::sleep_for(instant);
+            if (kind == 0) { // stalls
+                kill(world.bus().pid(), SIGSTOP);
+                std::this_thread::sleep_for(duration);
+                kill(world.bus().pid(), SIGCONT);
+            } else { // dies, and is back at once or after a while
+                world.bus().stop();
+                std::this_thread::sleep_for(kind == 1 ? milliseconds(0) : duration);
+                world.bus().start();
+            }
+        }));
+        if (kind != 0) {
+            world.systemd().connect();
+        }
+        ASSERT_NO_FATAL_FAILURE(expect_back());
+        ASSERT_NO_FATAL_FAILURE(beat()); // in which what waited is sent
+        if (fault == 1) {
+            before = usage_of(station.pid());
+        }
+    }
+    EXPECT_EQ(changes["CB20"], static_cast<int>(faults)) << "each change of the temperature's state came through";
+    if (before) {
+        expect_as_before(usage_of(station.pid()), *before);
+    }
+    EXPECT_EQ(station.stop(), 1);
+}
+
+// While somebody else has it and lets go of it, too.
+TEST_F(Campaign, GetsItsNameBackFromAThief) {
+    ASSERT_NO_FATAL_FAILURE(beat());
+    world.bus().stop();
+    world.bus().start();
+    {
+        BusClient thief(world.bus());
+        ASSERT_EQ(number_of(thief.ask_bus("RequestName", SERVICE_NAME, 0)), 1U) << "the primary owner";
+        world.systemd().connect();
+        ASSERT_NO_FATAL_FAILURE(change_state([] {}));
+    }
+    ASSERT_NO_FATAL_FAILURE(expect_back());
+    EXPECT_EQ(changes["CB20"], 1);
+    EXPECT_EQ(station.stop(), 1);
+}
+
+namespace {
+
+/// Many clients that call all at once, again and again for a time, each time until all is answered.
+class Flood {
+  public:
+    Flood(const PrivateBus &bus, std::chrono::seconds duration) {
+        for (int i = 0; i < CLIENTS; ++i) {
+            clients_.push_back(std::make_unique<BusClient>(bus));
+        }
+        EXPECT_NE(clients_.front()->wait_for_owner(SERVICE_NAME), "");
+        done_ = std::async(std::launch::async, [this, duration] { run(duration); });
+    }
+    [[nodiscard]] bool goes_on() const { return done_.wait_for(milliseconds(0)) != std::future_status::ready; }
+    [[nodiscard]] long answered() const { return answered_; }
+
+  private:
+    void run(std::chrono::seconds duration) {
+        const auto end = std::chrono::steady_clock::now() + duration;
+        while (std::chrono::steady_clock::now() < end && !testing::Test::HasFailure()) {
+            call_and_wait();
+        }
+    }
+    void call_and_wait() {
+        constexpr int calls = 20;
+        std::vector<dbus_uint32_t> last;
+        for (const auto &client : clients_) {
+            for (int call = 1; call < calls; ++call) { // half of them calls that are never answered
+                client->send(method_call(PATH, INTERFACE, call % 2 == 0 ? "GetListing" : "Unknown"));
+            }
+            last.push_back(client->send(method_call(PATH, INTERFACE, "GetListing")));
+        }
+        for (std::size_t i = 0; i < clients_.size(); ++i) {
+            const dbus_uint32_t serial = last[i];
+            EXPECT_TRUE(clients_[i]->wait_for(
+                [serial](DBusMessage *message) { return dbus_message_get_reply_serial(message) == serial; }));
+            clients_[i]->forget();
+            answered_ += calls / 2;
+        }
+    }
+
+    std::vector<std::unique_ptr<BusClient>> clients_;
+    long answered_ = 0;
+    std::future<void> done_;
+};
+
+} // namespace
+
+TEST_F(Campaign, LosesNoHeartbeatInAFloodOfCalls) {
+    const std::chrono::seconds warm_up(1);
+    const std::chrono::seconds duration(from_environment("STATION_FLOOD_SECONDS", DEFAULT_FLOOD_SECONDS));
+    std::optional<ProcessUsage> before;
+    for (const std::chrono::seconds time : {warm_up, duration}) {
+        const Flood flood(world.bus(), time);
+        while (flood.goes_on()) {
+            ASSERT_NO_FATAL_FAILURE(change_state([] {}));
+        }
+        if (!before) {
+            before = usage_of(station.pid());
+        } else {
+            std::cout << flood.answered() << " calls answered, " << beats << " heartbeats\n";
+        }
+    }
+    ASSERT_NO_FATAL_FAILURE(expect_back());
+    EXPECT_EQ(changes["CB20"], beats / SAMPLES);
+    expect_as_before(usage_of(station.pid()), *before);
+    EXPECT_EQ(station.stop(), 1);
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+// What whoever starts a test decides: how much of it, and with which random numbers.
+
+#include <cstdlib>
+#include <iostream>
+#include <random>
+
+/// A number from the environment, or `usual`.
+inline unsigned from_environment(const char *name, unsigned usual) {
+    const char *given = std::getenv(name);
+    return given == nullptr ? usual : static_cast<unsigned>(std::strtoul(given, nullptr, 10));
+}
+
+/// STATION_SEED, or another seed each time; printed, so that a run can be repeated.
+inline unsigned seed_of_the_day() {
+    const unsigned seed = from_environment("STATION_SEED", std::random_device{}());
+    std::cout << "STATION_SEED=" << seed << '\n';
+    return seed;
+}

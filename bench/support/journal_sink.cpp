@@ -1,5 +1,7 @@
 #include "journal_sink.h"
 
+#include "handle.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -34,6 +36,13 @@ bool own_run_folder() {
            mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0;
 }
 
+/// A queue as long as systemd makes it at the start of a station, and the kernel does not.
+bool deepen_queue() {
+    const FileHandle depth(unshare(CLONE_NEWNET) == 0 ? std::fopen("/proc/sys/net/unix/max_dgram_qlen", "we")
+                                                      : nullptr);
+    return depth && std::fputs("512", depth.get()) > 0 && std::fflush(depth.get()) == 0;
+}
+
 bool bind_socket() {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(SOCKET_PATH).parent_path(), ignored);
@@ -48,7 +57,8 @@ bool bind_socket() {
 
 bool start_journal_sink() {
     pthread_t thread{};
-    if (!own_run_folder() || !bind_socket() || pthread_create(&thread, nullptr, drain, nullptr) != 0) {
+    if (!own_run_folder() || !deepen_queue() || !bind_socket() ||
+        pthread_create(&thread, nullptr, drain, nullptr) != 0) {
         std::printf("no journal of our own (%s): the traces go to the system's, or nowhere\n", std::strerror(errno));
         return false;
     }

@@ -126,7 +126,7 @@ bool put_plain(Cursor &line, const char *format, std::va_list arguments) {
     return true;
 }
 
-void put_message(Cursor line, const char *format, std::va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void put_message(Cursor line, const char *format, std::va_list arguments) {
     std::va_list again;
     va_copy(again, arguments);
     Cursor plain = line;

@@ -64,6 +64,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     PROMISE(options.program != nullptr && std::strchr(options.program, '/') == nullptr);
     PROMISE(program == nullptr || std::strlen(options.program) <= std::strlen(program));
     check_settings();
+    usage(2, options.program, nullptr); // as the program's start ends
     gdata_set_commandline(static_cast<int>(arguments.size()), argv.data());
     return 0;
 }

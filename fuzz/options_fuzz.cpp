@@ -53,6 +53,7 @@ void check_settings() {
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     std::vector<std::string> arguments = lines_of(text_of(data, size));
     std::vector<char *> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string &argument : arguments) {
         argv.push_back(argument.data());
     }

@@ -1,5 +1,6 @@
 // A message on the bus. Input: its bytes as they come over the wire ("l" or "B" first), or else the
-// length of a signature, the signature, and a body; then a call of each method has that body.
+// length of a signature, the signature, and a body; then a call of each method has that body. No issue
+// is raised meanwhile if the length has the bit QUIET.
 
 #include "dbus-issues.h"
 #include "dbus-methods.h"
@@ -18,13 +19,17 @@ struct Method {
     const char *member;
     int (*handler)(DBusConnection *, DBusMessage *);
     const char *reply; ///< its signature while issues are raised
+    const char *quiet; ///< and while none is
 };
 
 constexpr std::array<Method, 3> METHODS{{
-    {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing, "a(us)"},
-    {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect, "s"},
-    {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability, "s"},
+    {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing, "a(us)", ""},
+    {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect, "s", "s"},
+    {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability, "s", "s"},
 }};
+
+constexpr std::uint32_t ANY_ISSUE = 20;
+constexpr std::uint8_t QUIET = 0x20;
 
 BusMessage sent; // the last reply
 
@@ -39,20 +44,36 @@ extern "C" dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*connection
 extern "C" void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
-extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
-    constexpr std::uint32_t any_issue = 20;
-    d_bus_srv_issue_update(any_issue, 1);
-    return 0;
-}
-
 namespace {
+
+/// An issue that is raised for its life, if it is.
+class RaisedIssue {
+  public:
+    explicit RaisedIssue(bool raised) : raised_(raised) { report(1); }
+    ~RaisedIssue() { report(0); }
+    RaisedIssue(const RaisedIssue &) = delete;
+    RaisedIssue(RaisedIssue &&) = delete;
+    RaisedIssue &operator=(const RaisedIssue &) = delete;
+    RaisedIssue &operator=(RaisedIssue &&) = delete;
+
+  private:
+    void report(std::int32_t state) const {
+        if (raised_) {
+            d_bus_srv_issue_update(ANY_ISSUE, state);
+        }
+        PROMISE(d_bus_srv_raised_issues() == (raised_ ? state : 0));
+    }
+
+    bool raised_;
+};
 
 void check_call(DBusMessage *message, const Method &method) {
     sent.reset();
     PROMISE(method.handler(nullptr, message) == 0);
     PROMISE(sent && dbus_message_get_type(sent.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN);
     PROMISE(dbus_message_get_reply_serial(sent.get()) == dbus_message_get_serial(message));
-    PROMISE(std::strcmp(dbus_message_get_signature(sent.get()), method.reply) == 0);
+    const char *signature = d_bus_srv_raised_issues() > 0 ? method.reply : method.quiet;
+    PROMISE(std::strcmp(dbus_message_get_signature(sent.get()), signature) == 0);
 }
 
 void put_number(std::string &bytes, std::uint32_t number) {
@@ -108,10 +129,12 @@ void serve(const BusMessage &message) {
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     const std::string input = text_of(data, size);
     if (size == 0 || data[0] == 'l' || data[0] == 'B') {
+        const RaisedIssue issue(true);
         serve(message_of(input));
         return 0;
     }
-    const std::size_t length = std::min<std::size_t>(data[0] % 32, size - 1);
+    const RaisedIssue issue((data[0] & QUIET) == 0);
+    const std::size_t length = std::min<std::size_t>(data[0] % QUIET, size - 1);
     for (const Method &method : METHODS) {
         serve(message_of(call_bytes(method, input.substr(1, length), input.substr(1 + length))));
     }

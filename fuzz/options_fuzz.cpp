@@ -53,6 +53,7 @@ void check_settings() {
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     std::vector<std::string> arguments = lines_of(text_of(data, size));
     std::vector<char *> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string &argument : arguments) {
         argv.push_back(argument.data());
     }
@@ -64,6 +65,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     PROMISE(options.program != nullptr && std::strchr(options.program, '/') == nullptr);
     PROMISE(program == nullptr || std::strlen(options.program) <= std::strlen(program));
     check_settings();
+    usage(2, options.program, nullptr); // as the program's start ends
     gdata_set_commandline(static_cast<int>(arguments.size()), argv.data());
     return 0;
 }

@@ -32,6 +32,7 @@ Task make_task(std::int8_t state, const char *parameter, const char *format) {
     Task task{};
     task.flags = TASK_HAS_FORMAT | (parameter == nullptr ? 0U : TASK_HAS_PARAMETER);
     task.state = state;
+    task.do_log = 1;
     task.minfail = -2147483647 - 1;
     task.minwarn = 0;
     task.maxwarn = 70;
@@ -114,8 +115,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t leng
     const std::size_t split = has_parameter ? std::min<std::size_t>(data[2], rest) : 0;
     const std::string parameter(text, split);
     const std::string format(text + split, rest - split);
-    const Task task = make_task(static_cast<std::int8_t>(data[0]), has_parameter ? parameter.c_str() : nullptr, //
-                                format.c_str());
+    Task task =
+        make_task(static_cast<std::int8_t>(data[0]), has_parameter ? parameter.c_str() : nullptr, format.c_str());
     require(expand(task, size) == model(task, size));
+    require(threshold_logger(&task) == 0); // in the room behind a value
     return 0;
 }

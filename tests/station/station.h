@@ -40,7 +40,7 @@ class Station {
     std::string argv0 = "vigmond";
     std::vector<std::string> environment; ///< "NAME=value"
     mode_t umask = 022;
-    rlim_t file_size = RLIM_INFINITY; ///< no file of theirs grows beyond it
+    rlim_t file_size = RLIM_INFINITY;         ///< no file of theirs grows beyond it
     std::map<std::string, std::string> shown; ///< folders of this machine and where the programs see them
     StationFault fault{};
     bool reads_journal = true; ///< changed at any time; what is not read stays in its socket

@@ -28,25 +28,21 @@ std::uint64_t mask_of(pid_t pid, const std::string &name) {
 
 bool has_signal(std::uint64_t mask, int signo) { return (mask >> (signo - 1) & 1U) != 0; }
 
-std::vector<std::string> functions_of(const TraceLog &trace) {
+/// The functions that traced in the main thread: the bus threads trace whenever they look for the bus.
+std::vector<std::string> functions_of(Station &station) {
+    const auto main_thread = static_cast<unsigned>(station.pid());
     std::vector<std::string> functions;
-    for (const TraceLine &line : trace.lines()) {
-        functions.push_back(line.function);
+    for (const TraceLine &line : station.trace().lines()) {
+        if (line.thread == main_thread) {
+            functions.push_back(line.function);
+        }
     }
     return functions;
 }
 
-std::size_t first_line_of(const TraceLog &trace, const std::string &function) {
-    const std::vector<std::string> functions = functions_of(trace);
+std::size_t first_line_of(Station &station, const std::string &function) {
+    const std::vector<std::string> functions = functions_of(station);
     return static_cast<std::size_t>(std::find(functions.begin(), functions.end(), function) - functions.begin());
-}
-
-/// The bus threads may trace until the very end.
-std::vector<TraceLine> lines_of_main_thread(Station &station) {
-    const auto main_thread = static_cast<unsigned>(station.pid());
-    std::vector<TraceLine> lines = station.trace().lines();
-    std::erase_if(lines, [main_thread](const TraceLine &line) { return line.thread != main_thread; });
-    return lines;
 }
 
 /// Starts the daemon and holds its second pass, whose traces alone are kept, in its first task.
@@ -78,7 +74,7 @@ TEST_P(Termination, InTheWaitCleansUpAndEndsWithStatus1) {
     EXPECT_EQ(cleanup[23], "task: load(CB32[0])");
     EXPECT_EQ(cleanup.back(), "DONE");
     EXPECT_THAT(station.trace().messages_of("sig_exit_handler"), ElementsAre(" "));
-    EXPECT_EQ(lines_of_main_thread(station).front().function, "sig_exit_handler");
+    EXPECT_EQ(functions_of(station).front(), "sig_exit_handler");
 }
 
 // The probe at work is the longest that a termination waits for.
@@ -101,7 +97,7 @@ TEST(Reinit, ChangesNothingButItsOwnTraces) {
     station.step(3);
     station.forget();
     station.step();
-    const std::vector<std::string> usual = functions_of(station.trace());
+    const std::vector<std::string> usual = functions_of(station);
     station.forget();
     station.signal(SIGUSR1);
     EXPECT_THAT(station.trace().messages_of("sig_reinit_handler"), ElementsAre(" "));
@@ -109,7 +105,7 @@ TEST(Reinit, ChangesNothingButItsOwnTraces) {
     EXPECT_THAT(pass_times(station.trace()), IsEmpty());
     station.forget();
     station.step();
-    EXPECT_EQ(functions_of(station.trace()), usual);
+    EXPECT_EQ(functions_of(station), usual);
 }
 
 TEST(Handlers, AreInstalledForAllSevenSignals) {
@@ -138,6 +134,6 @@ TEST(Pass, TakesASignalBeforeItsNextTask) {
     const unsigned before = station.waits();
     held.release("42000\n");
     station.await_wait_after(before);
-    EXPECT_LT(first_line_of(station.trace(), "temperature_exec"), first_line_of(station.trace(), "sig_reinit_handler"));
-    EXPECT_LT(first_line_of(station.trace(), "sig_reinit_handler"), first_line_of(station.trace(), "memoryusage_exec"));
+    EXPECT_LT(first_line_of(station, "temperature_exec"), first_line_of(station, "sig_reinit_handler"));
+    EXPECT_LT(first_line_of(station, "sig_reinit_handler"), first_line_of(station, "memoryusage_exec"));
 }

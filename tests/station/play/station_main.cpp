@@ -178,10 +178,14 @@ void Play::launch(std::vector<std::string> options) {
     station_.await("the first pass", [this] { return !station_.is_running() || station_.waits() > 0; });
 }
 
+/// A heartbeat, which somebody may have ended the daemon in.
 void Play::beat() {
     apply_controls();
     work();
-    station_.step(HEARTBEAT - station_.clock() % HEARTBEAT);
+    station_.advance(HEARTBEAT - station_.clock() % HEARTBEAT);
+    const unsigned before = station_.waits();
+    station_.send(SIGALRM);
+    station_.await("the end of a pass", [this, before] { return !station_.is_running() || station_.waits() > before; });
 }
 
 /// Passes on whole lines: the traces since the last time, then the records.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 #include <unistd.h>
 #include <utility>
 
@@ -46,6 +47,19 @@ using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
 struct FreeMemory {
     void operator()(void *memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)
 };
+
+/// Owns a record from the C allocator, null when memory was out.
+template <typename Record> using RecordHandle = std::unique_ptr<Record, FreeMemory>;
+
+/// Memory for one plain record, zeroed; null when memory is out.
+template <typename Record> RecordHandle<Record> record_allocate() {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    auto *record = static_cast<Record *>(std::malloc(sizeof(Record))); // NOLINT(cppcoreguidelines-no-malloc)
+    if (record != nullptr) {
+        *record = Record{};
+    }
+    return RecordHandle<Record>(record);
+}
 
 /// Owns a text from the C allocator, null when memory was out.
 using TextHandle = std::unique_ptr<char[], FreeMemory>;

@@ -51,8 +51,7 @@ int cleanup_add(CleanupFunction function, void *argument) {
     if (node == nullptr) {
         return -1;
     }
-    std::unique_ptr<CleanupEntry, FreeMemory> entry(
-        static_cast<CleanupEntry *>(std::malloc(sizeof(CleanupEntry)))); // NOLINT(cppcoreguidelines-no-malloc)
+    auto entry = record_allocate<CleanupEntry>();
     if (!entry || d_list_add(&list_head, node) == nullptr) {
         d_list_delete(node);
         return -1;

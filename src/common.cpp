@@ -1,5 +1,6 @@
 #include "common.h"
 
+#include "handle.h"
 #include "trace.h"
 
 #include <algorithm>
@@ -7,7 +8,6 @@
 #include <cassert>
 #include <cctype>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
@@ -21,19 +21,19 @@ std::int32_t id_of(const DListNode *node) { return node == nullptr ? -1 : node->
 
 DListNode *d_list_create() {
     assert(gettid() == getpid());
-    auto *node = static_cast<DListNode *>(std::malloc(sizeof(DListNode))); // NOLINT(cppcoreguidelines-no-malloc)
-    if (node == nullptr) {
+    auto node = record_allocate<DListNode>();
+    if (!node) {
         return nullptr;
     }
-    *node = {.next = nullptr, .prev = nullptr, .id = ++node_counter, .data = nullptr};
+    node->id = ++node_counter;
     trace(TRACE_TRACE, "DL_ID NEW: %d", node->id);
-    return node;
+    return node.release();
 }
 
 int d_list_delete(DListNode *node) {
     if (node != nullptr) {
         trace(TRACE_TRACE, "DL_ID DEL: %d %p", node->id, static_cast<void *>(node));
-        std::free(node); // NOLINT(cppcoreguidelines-no-malloc)
+        RecordHandle<DListNode>{node}.reset();
     }
     return 0;
 }

@@ -149,8 +149,7 @@ bool service_is_loaded(const char *name) {
 bool service_add(const char *name, std::int32_t index) {
     trace(TRACE_TRACE, "service: %s", name);
     DListNode *node = d_list_create();
-    std::unique_ptr<Service, FreeMemory> service(
-        static_cast<Service *>(std::malloc(sizeof(Service)))); // NOLINT(cppcoreguidelines-no-malloc)
+    auto service = record_allocate<Service>();
     TextHandle copy(strdup(name));
     if (node == nullptr || !service || !copy || d_list_add(&service_list, node) == nullptr) {
         d_list_delete(node);

@@ -91,8 +91,7 @@ const char *file_of(const Task *task) {
 
 /// Hangs a record of the task into the list; the text of what failed, or none.
 const char *add_record(const Task *task) {
-    std::unique_ptr<Record, FreeMemory> record(
-        static_cast<Record *>(std::malloc(sizeof(Record)))); // NOLINT(cppcoreguidelines-no-malloc)
+    auto record = record_allocate<Record>();
     if (!record) {
         return "no memory";
     }

@@ -3,6 +3,7 @@
 #include "hang_guard.h"
 
 #include <cerrno>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
@@ -170,10 +171,22 @@ TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     EXPECT_TRUE(is_pending(SIGALRM));
 }
 
-TEST_F(SignalsTest, LetAPauseOfASecondEndByItself) {
-    constexpr int a_second = 1000;
-    signals_pause(a_second);
+TEST_F(SignalsTest, LetAPauseEndByItself) {
+    const auto begin = std::chrono::steady_clock::now();
+    signals_pause(1100);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1100));
     EXPECT_EQ(events(), Events{});
+}
+
+TEST_F(SignalsTest, AreTakenFromTheLowestNumberOn) {
+    ASSERT_EQ(SIGHUP, 1);
+    for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_dispatch(signals_all()); },
+                                 +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
+        events().clear();
+        raise(SIGHUP);
+        take();
+        EXPECT_EQ(events(), (Events{"begin HUP", "end HUP"}));
+    }
 }
 
 TEST_F(SignalsTest, HandTheirInformationOn) {

@@ -281,6 +281,8 @@ TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedComesBackByItself) {
     bus.start();
     IssueWatcher client(bus);
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
+    EXPECT_EQ(dbus_message_get_type(client.ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR)
+        << "and without the name";
 }
 
 } // namespace

@@ -16,6 +16,24 @@
 
 namespace {
 
+constinit bool messages_are_out = false;
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+DBusMessage *__real_dbus_message_new_method_call(const char *destination, const char *path, const char *interface,
+                                                 const char *method);
+
+DBusMessage *__wrap_dbus_message_new_method_call(const char *destination, const char *path, const char *interface,
+                                                 const char *method) {
+    return messages_are_out ? nullptr : __real_dbus_message_new_method_call(destination, path, interface, method);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+namespace {
+
 constexpr const char *PATH = "/com/corvana/Monitoring1";
 constexpr const char *ISSUES = "com.corvana.State2.Issues";
 
@@ -34,6 +52,14 @@ struct IssueWatcher : BusClient {
         watch("type='signal',interface='com.corvana.State2.Issues'");
     }
 };
+
+TEST(BusNameTest, IsNotOursWhenItCannotBeAskedFor) {
+    BusError error;
+    messages_are_out = true;
+    EXPECT_FALSE(bus_own_name(BusConnection(), error));
+    messages_are_out = false;
+    EXPECT_FALSE(error.is_set());
+}
 
 bool is_listed(BusClient &client) {
     const BusMessage reply = client.call(method_call(PATH, ISSUES, "GetListing"));

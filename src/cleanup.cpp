@@ -13,7 +13,7 @@ struct CleanupEntry {
     void *argument;
 };
 
-constinit DListNode list_head{.next = nullptr, .prev = nullptr, .id = 0, .data = nullptr};
+constinit DListNode list_head{};
 
 int run_registered() {
     int result = -1;

@@ -58,7 +58,7 @@ void note_message(void *wakeup) {
 void wait_for_message(DBusConnection *connection, const Descriptor &wakeup) {
     int socket = -1;
     dbus_connection_get_unix_fd(connection, &socket);
-    std::array<pollfd, 2> awaited{{{socket, POLLIN, 0}, {wakeup.get(), POLLIN, 0}}};
+    std::array awaited{pollfd{socket, POLLIN, 0}, pollfd{wakeup.get(), POLLIN, 0}};
     poll(awaited.data(), awaited.size(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
     dbus_connection_read_write(connection, 0);
     eventfd_t ignored = 0;

@@ -31,9 +31,8 @@ constinit Immortal<SignalQueue> signal_queue;
 constinit pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_mutex_t wakeup_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_cond_t wakeup_cond = PTHREAD_COND_INITIALIZER;
-/// Counts the wake-ups not yet taken. Not "is the queue filled": the sender must not start on a pass
-/// that is still being queued.
-constinit unsigned wakeups = 0;
+/// Not "is the queue filled": the sender must not start on a pass that is still being queued.
+constinit bool woken = false;
 
 void link_node(SignalQueue &queue, std::unique_ptr<SignalNode> node) {
     SignalNode *const last = node.get();
@@ -80,14 +79,14 @@ BusMessage d_bus_srv_msg_queue_remove() {
 
 void d_bus_srv_msg_queue_wait() {
     const MutexLock lock(wakeup_lock);
-    while (wakeups == 0) {
+    while (!woken) {
         pthread_cond_wait(&wakeup_cond, &wakeup_lock);
     }
-    wakeups = 0;
+    woken = false;
 }
 
 void d_bus_srv_msg_queue_signal() {
     const MutexLock lock(wakeup_lock);
-    ++wakeups;
+    woken = true;
     pthread_cond_signal(&wakeup_cond);
 }

@@ -11,7 +11,7 @@
 namespace {
 
 constinit GlobalData data{
-    .tasks = {.first = nullptr, .last = nullptr, .count = 0},
+    .tasks = {},
     .logfile = "/var/lib/evse/vigmond/logfile",
     .logsize = 8388608,
     .logcount = 20,

@@ -213,8 +213,8 @@ constexpr std::array<option, 10> long_options{{
     {nullptr, 0, nullptr, 0},
 }};
 
-const char *program_name(int argc, char *const argv[]) {
-    if (argc < 1 || argv[0] == nullptr) {
+const char *program_name(char *const argv[]) {
+    if (argv[0] == nullptr) {
         return "";
     }
     const char *slash = std::strrchr(argv[0], '/');
@@ -243,7 +243,7 @@ void usage(int mode, const char *prog, const char *format, ...) {
 }
 
 Options eat_arguments(int argc, char *argv[]) {
-    Options options{.program = program_name(argc, argv), .dump_requested = false, .outcome = OptionsOutcome::run};
+    Options options{.program = program_name(argv), .dump_requested = false, .outcome = OptionsOutcome::run};
     opterr = 0;
     optind = 0; // starts anew, in tests too
     while (options.outcome != OptionsOutcome::version) {

@@ -24,7 +24,7 @@ constinit int lock_fd = -1; // open, and so locked, as long as the process lives
 /// ".lock" in the directory of the log file, however short its path is; null when memory is out.
 TextHandle lock_path() {
     const char *logfile = gdata_get_logfile();
-    const std::size_t size = std::strlen(logfile) + std::strlen("./.lock") + 1;
+    const std::size_t size = std::strlen(logfile) + sizeof "./.lock";
     TextHandle directory(strdup(logfile));
     TextHandle path = text_allocate(size);
     if (directory && path) {

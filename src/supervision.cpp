@@ -1,5 +1,7 @@
 #include "supervision.h"
 
+#include "handle.h"
+#include "immortal.h"
 #include "text_buffer.h"
 #include "time_of_day.h"
 #include "trace.h"
@@ -15,7 +17,7 @@
 
 namespace {
 
-constinit int notify_fd = -1; // open from the first message on, as long as the process lives
+constinit Immortal<Descriptor> notify_socket; // open from the first message on, as long as the process lives
 
 /// Writes where the manager listens: a path, or behind an @ a name of the abstract kind. The address's
 /// size, 0 when nobody asks.
@@ -41,10 +43,11 @@ void notify(const char *message) {
     if (size == 0) {
         return;
     }
-    if (notify_fd < 0) {
-        notify_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    Descriptor &socket_ = notify_socket.get();
+    if (!socket_) {
+        socket_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     }
-    if (sendto(notify_fd, message, std::strlen(message), MSG_DONTWAIT | MSG_NOSIGNAL,
+    if (sendto(socket_.get(), message, std::strlen(message), MSG_DONTWAIT | MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr *>(&address), size) < 0) {
         trace(TRACE_TRACE, "FAILED: %s", std::strerror(errno));
     }

@@ -259,6 +259,7 @@ INSTANTIATE_TEST_SUITE_P(Times, ElapsedTimeTest,
                          testing::Values(TimeCase{{10, 100}, {10, 350}, "250 us"}, //
                                          TimeCase{{10, 100}, {17, 350}, "250 us"}, // seven seconds unseen
                                          TimeCase{{10, 999998}, {11, 3}, "5 us"},  // 3 - 999998 + 1000000
+                                         TimeCase{{10, 500}, {10, 501}, "1 us"},
                                          TimeCase{{10, 500}, {10, 500}, "1000000 us"},
                                          TimeCase{{10, 500}, {10, 499}, "999999 us"}));
 

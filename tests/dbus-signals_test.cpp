@@ -359,6 +359,15 @@ TEST_F(SignalsTest, AFailedClearedLeavesTheNewQueuedWithoutAWakeUp) {
     }
 }
 
+TEST_F(SignalsTest, AFailedClearedIsAFailureOfThePass) {
+    set_row(2, 1);
+    set_row(5, 0);
+    failing_append = 2;
+    EXPECT_EQ(d_bus_srv_create_signal_messages(NOW), -1);
+    const MemoryFault node(2);
+    EXPECT_EQ(d_bus_srv_create_signal_messages(NOW), -1);
+}
+
 TEST_F(SignalsTest, AWaitingSenderIsWokenByEachPass) {
     std::promise<void> done;
     std::thread sender([&done] {

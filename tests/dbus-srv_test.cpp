@@ -393,6 +393,13 @@ TEST(BusStartTest, ANameThatSomebodyKeepsEndsTheListenerAndIsNotQueuedFor) {
     EXPECT_EQ(daemon.process().wait(), 1);
 }
 
+TEST(BusStartTest, ANameThatTheBusRefusesEndsTheListener) {
+    const PrivateBus bus;
+    BusDaemon daemon(bus, Traces::to_stderr, "name=no name");
+    EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " dbus_bus_request_name() failed"));
+    EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " Connection Error ("));
+}
+
 TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {
     PrivateBus bus;
     BusClient owner(bus);
@@ -417,7 +424,7 @@ TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
         EXPECT_TRUE(traces.lines()[*line].starts_with("(3) ")) << thread;
         EXPECT_EQ(traces.lines()[*line + 1], "") << thread; // the text ends in a line end of its own
     }
-    EXPECT_TRUE(daemon.traced("the sender has ended"));
+    EXPECT_TRUE(daemon.traced("the sender has ended with -1"));
     for (int pass = 0; pass < 100; ++pass) {
         ASSERT_TRUE(daemon.obey("update 5 " + std::to_string(pass % 2)));
         ASSERT_TRUE(daemon.obey("send " + std::to_string(LONG_AGO)));

@@ -3,13 +3,17 @@
 
 #include "captured_traces.h"
 #include "handle.h"
+#include "in_child.h"
+#include "scratch_folder.h"
 #include "trace.h"
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 namespace {
 
@@ -34,7 +38,53 @@ struct FullPair {
     Descriptor reader;
 };
 
+timeval longest_wait_of(int fd) {
+    timeval longest{};
+    socklen_t size = sizeof longest;
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, &size), 0);
+    return longest;
+}
+
+sockaddr_un address_of(const std::string &path) {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+constinit const char *syslog_path = nullptr; ///< what stands in for /dev/log
+
+/// A socket of syslog that nobody reads.
+struct Syslog : testing::Test {
+    Syslog() {
+        const sockaddr_un address = address_of(path);
+        EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        syslog_path = path.c_str();
+    }
+
+    void fill() const {
+        const Descriptor writer(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const sockaddr_un address = address_of(path);
+        ASSERT_EQ(connect(writer.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        while (send(writer.get(), "x", 1, MSG_DONTWAIT) == 1) {
+        }
+        ASSERT_EQ(errno, EAGAIN);
+    }
+
+    ScratchFolder folder;
+    std::string path = folder / "log";
+    Descriptor socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+};
+
 } // namespace
+
+extern "C" int __real_connect(int fd, const sockaddr *address, socklen_t size);
+extern "C" int __wrap_connect(int fd, const sockaddr *address, socklen_t size) {
+    sockaddr_un other = *reinterpret_cast<const sockaddr_un *>(address);
+    if (std::strcmp(other.sun_path, "/dev/log") == 0) {
+        other = address_of(syslog_path);
+    }
+    return __real_connect(fd, reinterpret_cast<const sockaddr *>(&other), size);
+}
 
 extern "C" int __wrap_clock_gettime(clockid_t /*clock*/, std::timespec *result) {
     *result = {.tv_sec = uptime, .tv_nsec = 0};
@@ -49,16 +99,27 @@ TEST(JournalWaits, AreBoundedForDatagrams) {
     journal_bound_waits();
     EXPECT_EQ(send(pair.writer.get(), "x", 1, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_sec, 0);
+    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_usec, 100000);
+}
+
+TEST(JournalWaits, AreBoundedForAnyOfTheFirstSixteenDescriptors) {
+    for (const int fd : {0, 15}) {
+        in_child([fd] {
+            FullPair pair(SOCK_DGRAM);
+            ASSERT_EQ(dup2(pair.writer.get(), fd), fd);
+            pair.writer.reset();
+            journal_bound_waits();
+            EXPECT_EQ(longest_wait_of(fd).tv_usec, 100000) << fd;
+        });
+    }
 }
 
 TEST(JournalWaits, AreLeftAloneForStreams) {
     const FullPair pair(SOCK_STREAM);
     journal_bound_waits();
-    timeval longest{};
-    socklen_t size = sizeof longest;
-    ASSERT_EQ(getsockopt(pair.writer.get(), SOL_SOCKET, SO_SNDTIMEO, &longest, &size), 0);
-    EXPECT_EQ(longest.tv_sec, 0);
-    EXPECT_EQ(longest.tv_usec, 0);
+    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_sec, 0);
+    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_usec, 0);
 }
 
 TEST_F(JournalThatIsFull, GetsNoTraceForTenSeconds) {
@@ -79,4 +140,19 @@ TEST_F(JournalThatIsFull, IsTheOnlyOneThatIsLeftOut) {
         journal_note_result(result);
         EXPECT_FALSE(journal_is_full()) << result;
     }
+}
+
+TEST_F(Syslog, HasRoomUntilNobodyReadsIt) {
+    EXPECT_TRUE(syslog_has_room());
+    fill();
+    EXPECT_FALSE(syslog_has_room());
+    char message = 0;
+    ASSERT_EQ(recv(socket_.get(), &message, 1, 0), 1);
+    EXPECT_TRUE(syslog_has_room());
+}
+
+TEST_F(Syslog, HasRoomWhenThereIsNone) {
+    fill();
+    socket_.reset();
+    EXPECT_TRUE(syslog_has_room());
 }

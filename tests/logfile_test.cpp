@@ -120,6 +120,13 @@ TEST_F(RecordTest, OfAStatePassesFromTheStatesOwnLevelOn) {
     }
 }
 
+TEST_F(RecordTest, OfAKnownStateDoesNotPassLevelZero) {
+    use(path);
+    for (const std::int32_t state : {-2, -1, 0, 1, 2, 3, 4}) {
+        EXPECT_EQ(label_at(path, state, 0), "") << state;
+    }
+}
+
 TEST_F(RecordTest, OfAnUnknownStatePassesFromLevelMinusOneOn) {
     use(path);
     EXPECT_EQ(label_at(path, 7, 0), "INV");

@@ -16,6 +16,12 @@ namespace {
 
 using testing::ElementsAre;
 
+TEST(Network, IsNotInUseBeforeTheFirstPass) { // no test of this process makes one: they do so in children
+    EXPECT_EQ(lan_available, 0);
+    EXPECT_EQ(wifi_available, 0);
+    EXPECT_EQ(mobile_available, 0);
+}
+
 // --- the LAN's decision
 
 TEST(NetworkDecideLan, FollowsWhatIsSet) {

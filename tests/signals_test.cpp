@@ -1,11 +1,14 @@
 #include "signals.h"
 
 #include "hang_guard.h"
+#include "scratch_folder.h"
 
 #include <cerrno>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -158,6 +161,32 @@ TEST_F(SignalsTest, AreTakenByAWaitThatFollowsAnInterruptedCall) {
     EXPECT_EQ(events(), (Events{"begin USR1", "end USR1"}));
 }
 
+/// Until the process sleeps, or has ended.
+void await_sleep(pid_t pid) {
+    const std::string status = "/proc/" + std::to_string(pid) + "/stat";
+    for (std::string text; text.find(") S ") == std::string::npos && text.find(") Z ") == std::string::npos;) {
+        text = read_file(status);
+    }
+}
+
+TEST_F(SignalsTest, AreWaitedForOnAfterAStop) {
+    const pid_t waiting = fork();
+    if (waiting == 0) {
+        signals_wait(signals_all());
+        _exit(events() == Events{"begin USR1", "end USR1"} ? 0 : 1);
+    }
+    await_sleep(waiting);
+    kill(waiting, SIGSTOP);
+    int status = -1;
+    EXPECT_EQ(waitpid(waiting, &status, WUNTRACED), waiting);
+    kill(waiting, SIGCONT);
+    await_sleep(waiting);
+    kill(waiting, SIGUSR1);
+    EXPECT_EQ(waitpid(waiting, &status, 0), waiting);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
 TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     constexpr int an_hour = 3600 * 1000;
     raise(SIGALRM);
@@ -170,10 +199,24 @@ TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     EXPECT_TRUE(is_pending(SIGALRM));
 }
 
-TEST_F(SignalsTest, LetAPauseOfASecondEndByItself) {
-    constexpr int a_second = 1000;
-    signals_pause(a_second);
+TEST_F(SignalsTest, LetAPauseEndByItself) {
+    for (const int milliseconds : {100, 1000}) {
+        const auto begin = std::chrono::steady_clock::now();
+        signals_pause(milliseconds);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(milliseconds));
+    }
     EXPECT_EQ(events(), Events{});
+}
+
+TEST_F(SignalsTest, AreTakenFromTheLowestNumberOn) {
+    ASSERT_EQ(SIGHUP, 1);
+    for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_dispatch(signals_all()); },
+                                 +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
+        events().clear();
+        raise(SIGHUP);
+        take();
+        EXPECT_EQ(events(), (Events{"begin HUP", "end HUP"}));
+    }
 }
 
 TEST_F(SignalsTest, HandTheirInformationOn) {

@@ -101,6 +101,13 @@ TEST_F(Supervision, FindsTheLongestPathThatASocketCanHave) {
     EXPECT_THAT(socket.take(), ElementsAre("READY=1"));
 }
 
+TEST_F(Supervision, TriesTheShortestNameThatASocketCanHave) {
+    const CapturedTraces traces;
+    ask_at("@v");
+    supervision_ready();
+    EXPECT_THAT(traces.texts_of("notify"), ElementsAre("FAILED: Connection refused"));
+}
+
 TEST_F(Supervision, IsSilentWhereNobodyAsks) {
     const CapturedTraces traces;
     unsetenv("NOTIFY_SOCKET");

@@ -31,7 +31,7 @@ struct Service {
 };
 
 /// The records hang behind this node, the newest first.
-constinit DListNode service_list{.next = nullptr, .prev = nullptr, .id = 0, .data = nullptr};
+constinit DListNode service_list{};
 
 bool begins_with(const char *text, const char *prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
 
@@ -82,13 +82,10 @@ bool service_counts_as_running(const char *active_state) {
 }
 
 int service_retry_pause_ms(int repeat) {
-    constexpr int at_once = 3;
-    constexpr int first_ms = 100;
+    constexpr std::array pauses_ms{0, 0, 0, 100, 200, 400, 800};
     constexpr int longest_ms = 1000;
-    if (repeat <= at_once) {
-        return 0;
-    }
-    return std::min(first_ms << std::min(repeat - at_once - 1, 4), longest_ms);
+    const auto row = static_cast<std::size_t>(repeat) - 1;
+    return row < pauses_ms.size() ? pauses_ms[row] : longest_ms;
 }
 
 namespace {

@@ -39,7 +39,7 @@ struct Record {
 };
 
 /// The records hang behind this node, the newest first.
-constinit DListNode wireless_list{.next = nullptr, .prev = nullptr, .id = 0, .data = nullptr};
+constinit DListNode wireless_list{};
 
 } // namespace
 

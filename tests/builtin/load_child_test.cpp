@@ -203,6 +203,14 @@ class LoadChildTest : public testing::Test {
         ASSERT_GT(task->child_pid, 0);
         expect_exit(task->child_pid, status);
     }
+    /// What a child traces that ends with status 1.
+    std::string traces_of_failure(Task *task) const {
+        const std::string traces = folder.write("traces", "");
+        trace_mode = TRACE_TRACE;
+        const RedirectedDescriptor errors(STDERR_FILENO, traces, O_WRONLY | O_APPEND);
+        run_to_its_end(task, 1);
+        return read_file(traces);
+    }
 
     ScratchFolder folder;
 
@@ -403,15 +411,9 @@ TEST_F(LoadChildTest, IsNotSearchedForOnThePath) {
 TEST_F(LoadChildTest, AMissingProgramEndsTheChildWithStatus1) {
     in_child([&] {
         set_logfile();
-        const std::string traces = folder.write("traces", "");
         Task task = load_task();
         task.parameter = "/missing/program -c 7";
-        trace_mode = TRACE_TRACE;
-        {
-            const RedirectedDescriptor errors(STDERR_FILENO, traces, O_WRONLY | O_APPEND);
-            run_to_its_end(&task, 1);
-        }
-        const std::string text = read_file(traces);
+        const std::string text = traces_of_failure(&task);
         const std::string execve =
             "execve(\"/missing/program\", [\"program\", \"-c\", \"7\", \"-t\", \"6\", \"-d\", \"" +
             folder.path().string() + "\", \"-i\", \"CB31[4]\"])";
@@ -423,6 +425,19 @@ TEST_F(LoadChildTest, AMissingProgramEndsTheChildWithStatus1) {
         EXPECT_NE(first, std::string::npos) << text;
         EXPECT_NE(failed, std::string::npos) << text;
         EXPECT_NE(text.find(execve, failed), std::string::npos) << text; // once more
+    });
+}
+
+TEST_F(LoadChildTest, AMissingProgramWithoutOptionsIsTracedAsWell) {
+    in_child([&] {
+        set_logfile();
+        Task task = load_task();
+        task.parameter = "/missing/program";
+        const std::string text = traces_of_failure(&task);
+        const std::size_t failed = text.find("child: exec failed: No such file or directory");
+        EXPECT_NE(failed, std::string::npos) << text;
+        EXPECT_NE(text.find("execve(\"/missing/program\", [\"program\", \"-c\", \"150\",", failed), std::string::npos)
+            << text;
     });
 }
 
@@ -701,6 +716,7 @@ TEST_F(LoadChildTest, CleanupEndsTheWholeGroup) {
         Task task = load_task();
         const pid_t child = start_living(&task);
         const CapturedTraces traces;
+        errno = ESRCH; // what an earlier call has left
         EXPECT_EQ(load_cleanup(&task), 0);
         EXPECT_EQ(task.child_pid, 0);
         EXPECT_THAT(traces.texts_of("load_cleanup"), ElementsAre("pid: " + std::to_string(child)));

@@ -23,6 +23,7 @@ constinit NetworkCalls calls;
 extern "C" {
 std::FILE *__real_fopen64(const char *path, const char *mode);
 int __real_open64(const char *path, int flags, ...);
+int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
 int __real_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout);
 
 std::FILE *__wrap_fopen64(const char *path, const char *mode) {
@@ -41,6 +42,11 @@ int __wrap_open64(const char *path, int flags, ...) {
     ++calls.wifi_opened;
     calls.all_close_on_exec = calls.all_close_on_exec && (flags & O_CLOEXEC) != 0;
     return __real_open64((*station / "wifi").c_str(), flags);
+}
+
+int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message) {
+    ++calls.processed;
+    return __real_sd_bus_process(bus, message);
 }
 
 /// Nobody has to wait for the whole of it.

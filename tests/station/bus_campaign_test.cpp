@@ -4,6 +4,7 @@
 #include "busy_station.h"
 #include "fake_systemd.h"
 #include "from_environment.h"
+#include "labels_listed.h"
 #include "process_usage.h"
 #include "status_log.h"
 
@@ -16,7 +17,6 @@
 #include <memory>
 #include <optional>
 #include <random>
-#include <set>
 #include <thread>
 
 using testing::SizeIs;
@@ -31,25 +31,6 @@ constexpr int CLIENTS = 50;
 constexpr int SAMPLES = 5; ///< with the fifth the state of the temperature changes
 constexpr const char *PATH = "/com/corvana/Monitoring1";
 constexpr const char *INTERFACE = "com.corvana.State2.Issues";
-
-std::set<std::string> labels_listed(const BusMessage &listing) {
-    std::set<std::string> labels;
-    DBusMessageIter body{};
-    DBusMessageIter array{};
-    if (!listing || dbus_message_iter_init(listing.get(), &body) == 0) {
-        return labels;
-    }
-    for (dbus_message_iter_recurse(&body, &array); dbus_message_iter_get_arg_type(&array) == DBUS_TYPE_STRUCT;
-         dbus_message_iter_next(&array)) {
-        DBusMessageIter element{};
-        const char *label = nullptr;
-        dbus_message_iter_recurse(&array, &element);
-        dbus_message_iter_next(&element);
-        dbus_message_iter_get_basic(&element, static_cast<void *>(&label));
-        labels.insert(label);
-    }
-    return labels;
-}
 
 struct Campaign : testing::Test {
     Campaign() {
@@ -89,11 +70,11 @@ struct Campaign : testing::Test {
         }
         station.forget();
     }
-    [[nodiscard]] std::set<std::string> labels_raised() const {
-        std::set<std::string> labels;
+    [[nodiscard]] std::vector<std::string> labels_raised() const {
+        std::vector<std::string> labels;
         for (const auto &[label, is_raised] : raised) {
             if (is_raised) {
-                labels.insert(label);
+                labels.push_back(label);
             }
         }
         return labels;
@@ -102,7 +83,7 @@ struct Campaign : testing::Test {
     void expect_back() {
         BusClient client(world.bus());
         ASSERT_NE(client.wait_for_owner(SERVICE_NAME), "");
-        EXPECT_EQ(labels_listed(client.call(method_call(PATH, INTERFACE, "GetListing"))), labels_raised());
+        EXPECT_EQ(labels_listed(client), labels_raised());
         EXPECT_EQ(raised["CB20"], hot);
     }
 

@@ -1,8 +1,7 @@
 // The watched units on a station with systemd: what is said and recorded when they stop, and what a bus
 // that fails in every way does to a pass.
 
-#include "fake_systemd.h"
-#include "station.h"
+#include "station_bus.h"
 #include "station_life.h"
 #include "status_log.h"
 
@@ -36,7 +35,6 @@ const Texts units{"corvana_2dportapi_2eservice",
 /// A station with a bus of its own, on which all units run.
 struct StationWithBus {
     StationWithBus() {
-        station.environment = {bus.variable()};
         for (const std::string &unit : units) {
             systemd.load(unit);
             systemd.activate(unit);
@@ -72,8 +70,9 @@ struct StationWithBus {
     int asked(const char *unit) { return systemd.count(unit, ACTIVE_STATE); }
 
     Station station{even_board()};
-    PrivateBus bus{station.files().scratch()};
-    FakeSystemd systemd{bus};
+    StationBus system_bus{&station};
+    PrivateBus &bus = system_bus.bus;
+    FakeSystemd &systemd = system_bus.systemd;
 };
 
 Texts repeated(const std::string &text, int count) {

@@ -1,6 +1,7 @@
 // What becomes of the checks of a path that is switched off, and on again.
 
 #include "issue_records.h"
+#include "labels_listed.h"
 #include "network_paths.h"
 #include "station_bus.h"
 #include "station_life.h"
@@ -32,30 +33,6 @@ std::vector<PathCase> path_cases() {
         cases.push_back({check, WIFI_SETTINGS, "on", "{\"enabled\":true}"});
     }
     return cases;
-}
-
-constexpr const char *ISSUES_PATH = "/com/corvana/Monitoring1";
-constexpr const char *ISSUES_INTERFACE = "com.corvana.State2.Issues";
-
-/// The labels of the issues that the daemon lists.
-std::vector<std::string> listed(BusClient &client) {
-    const BusMessage reply = client.call(method_call(ISSUES_PATH, ISSUES_INTERFACE, "GetListing"));
-    std::vector<std::string> labels;
-    DBusMessageIter body{};
-    if (!reply || dbus_message_iter_init(reply.get(), &body) == 0) {
-        return labels;
-    }
-    DBusMessageIter array{};
-    for (dbus_message_iter_recurse(&body, &array); dbus_message_iter_get_arg_type(&array) == DBUS_TYPE_STRUCT;
-         dbus_message_iter_next(&array)) {
-        DBusMessageIter element{};
-        const char *label = nullptr;
-        dbus_message_iter_recurse(&array, &element);
-        dbus_message_iter_next(&element);
-        dbus_message_iter_get_basic(&element, static_cast<void *>(&label));
-        labels.emplace_back(label);
-    }
-    return labels;
 }
 
 } // namespace
@@ -108,10 +85,10 @@ TEST_P(SwitchedPath, KeepsTheCountOfItsFailingSamples) {
     switch_path(true);
     live(check.bad, check.delay - before - 1);
     EXPECT_THAT(sentences_of(station), IsEmpty());
-    EXPECT_THAT(listed(client), IsEmpty());
+    EXPECT_THAT(labels_listed(client), IsEmpty());
     live(check.bad, 1);
     EXPECT_THAT(sentences_of(station), ElementsAre(check.raised));
-    EXPECT_THAT(listed(client), ElementsAre(check.issue));
+    EXPECT_THAT(labels_listed(client), ElementsAre(check.issue));
     std::vector<std::string> expected(static_cast<std::size_t>(check.delay - before - 1), "OK " + check.bad_value);
     expected.push_back("FAIL " + check.bad_value);
     EXPECT_THAT(new_records(), ElementsAreArray(expected));
@@ -119,21 +96,21 @@ TEST_P(SwitchedPath, KeepsTheCountOfItsFailingSamples) {
 
 TEST_P(SwitchedPath, KeepsItsIssueUntilItIsSeenWell) {
     live(check.bad, check.delay);
-    EXPECT_THAT(listed(client), ElementsAre(check.issue));
+    EXPECT_THAT(labels_listed(client), ElementsAre(check.issue));
     live(check.good, check.delay / 2);
     new_records();
     switch_path(false);
     live(check.good, 30);
     live(check.bad, 30);
     EXPECT_THAT(new_records(), IsEmpty());
-    EXPECT_THAT(listed(client), ElementsAre(check.issue));
+    EXPECT_THAT(labels_listed(client), ElementsAre(check.issue));
     switch_path(true);
     live(check.good, check.delay - check.delay / 2 - 1);
     EXPECT_THAT(sentences_of(station), ElementsAre(check.raised));
-    EXPECT_THAT(listed(client), ElementsAre(check.issue));
+    EXPECT_THAT(labels_listed(client), ElementsAre(check.issue));
     live(check.good, 1);
     EXPECT_THAT(sentences_of(station), ElementsAre(check.raised, check.cleared));
-    EXPECT_THAT(listed(client), IsEmpty());
+    EXPECT_THAT(labels_listed(client), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Checks, SwitchedPath, testing::ValuesIn(path_cases()),

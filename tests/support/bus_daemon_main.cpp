@@ -10,6 +10,7 @@
 // With the argument "trace" every trace goes to stderr, otherwise none anywhere. At most one further
 // argument:
 //   interface=NAME    configures the interface
+//   name=NAME         configures the name on the bus
 //   hold=THREAD       "listener" or "sender" is held before it first looks for the bus
 //   held-pauses       each pause of a thread is told on stderr, and lasts until "go"
 //   no-eventfd        there is none to be had
@@ -41,6 +42,7 @@
 namespace {
 
 constexpr std::string_view INTERFACE = "interface=";
+constexpr std::string_view NAME = "name=";
 constexpr std::string_view HOLD = "hold=";
 
 std::string_view held_thread;
@@ -86,6 +88,8 @@ void configure(std::string_view argument) {
         trace_mode = 3;
     } else if (argument.starts_with(INTERFACE)) {
         gdata_record().dbus_if = argument.data() + INTERFACE.size();
+    } else if (argument.starts_with(NAME)) {
+        gdata_record().dbus_busname = argument.data() + NAME.size();
     } else if (argument.starts_with(HOLD)) {
         held_thread = argument.substr(HOLD.size());
     }
@@ -133,7 +137,7 @@ void *__wrap__Z14d_bus_srv_mainPv(void *argument) {
 void *__wrap__Z20d_bus_srv_msg_senderPv(void *argument) {
     hold("sender");
     void *const status = __real__Z20d_bus_srv_msg_senderPv(argument);
-    std::fputs("the sender has ended\n", stderr);
+    std::fprintf(stderr, "the sender has ended with %d\n", *static_cast<const int *>(status));
     return status;
 }
 

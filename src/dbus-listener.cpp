@@ -70,14 +70,18 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
     dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
     bus_link_set(BusLink::serving, connection.get());
     while (true) {
-        while (const BusMessage message{dbus_connection_pop_message(connection.get())}) {
+        trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
+        BusMessage message(dbus_connection_pop_message(connection.get()));
+        if (!message) {
+            if (!bus_is_connected(connection)) {
+                break;
+            }
+            wait_for_message(connection.get(), wakeup);
+            message.reset(dbus_connection_pop_message(connection.get()));
+        }
+        if (message) {
             serve_message(connection.get(), message.get());
         }
-        if (!bus_is_connected(connection)) {
-            break;
-        }
-        trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
-        wait_for_message(connection.get(), wakeup);
     }
     bus_link_set(BusLink::lost, nullptr);
 }

@@ -291,14 +291,16 @@ TEST(BusStartTest, TracesItsStart) {
     ASSERT_TRUE(is_return(client.call(listing_call())));
     ASSERT_TRUE(daemon.traced("call method: GetListing"));
     std::vector<std::string> texts = texts_of(daemon, "d_bus_srv_main");
-    std::erase_if(
-        texts, [](const std::string &text) { return text == "check request" || text.starts_with("unknown request"); });
-    ASSERT_GE(texts.size(), 6U);
-    texts.resize(6);
-    EXPECT_THAT(texts,
-                ElementsAre(" ", "DBUS_GET", "DBUS_REQUEST", "WHILE", "wait for request", "call method: GetListing"));
-    // The bus greets the new owner with two notices, both handled before the first wait.
-    EXPECT_EQ(daemon.count_traces("unknown request - type: signal"), 2U);
+    const auto answered = std::find(texts.begin(), texts.end(), "call method: GetListing");
+    texts.erase(answered == texts.end() ? answered : answered + 1, texts.end());
+    // A wait that brings nothing is followed by another.
+    const auto repeated = std::unique(texts.begin(), texts.end());
+    texts.erase(repeated, texts.end());
+    // The bus greets the new owner with two notices; each message is waited for.
+    EXPECT_THAT(texts, ElementsAre(" ", "DBUS_GET", "DBUS_REQUEST", "WHILE",                              //
+                                   "wait for request", "check request", "unknown request - type: signal", //
+                                   "wait for request", "check request", "unknown request - type: signal", //
+                                   "wait for request", "check request", "call method: GetListing"));
 }
 
 TEST(BusStartTest, TheSenderTracesWhatItSends) {
@@ -346,6 +348,7 @@ TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
 
 TEST(BusStartTest, ACallIsOneWait) {
     constexpr std::size_t calls = 50;
+    constexpr std::size_t notices = 2; // with which the bus greets the new owner
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr);
@@ -353,7 +356,7 @@ TEST(BusStartTest, ACallIsOneWait) {
     for (std::size_t i = 0; i < calls; ++i) {
         ASSERT_TRUE(is_return(client.call(listing_call())));
     }
-    EXPECT_LE(daemon.count_traces("wait for request"), calls + 1);
+    EXPECT_LE(daemon.count_traces("wait for request"), notices + calls + 1);
 }
 
 TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {

@@ -251,6 +251,10 @@ TEST(ServiceExec, WatchesTheUnitsOfItsOwnTask) {
         EXPECT_EQ(run(first), 1);
         EXPECT_EQ(line_of(first, 2).text, "[failed] ID: CB23[1]: value: 1 Services: b, a are not running");
         EXPECT_EQ(line_of(second, 2).text, "[failed] ID: CB23[2]: value: 1 Services: b, a are not running");
+        rig.systemd.activate("b_2eservice");
+        EXPECT_EQ(run(second), 0);
+        EXPECT_EQ(line_of(second, 2).text, "[failed] ID: CB23[2]: value: 0 Service: a is not running")
+            << "those of the other task are counted too";
     });
 }
 

@@ -48,10 +48,10 @@ double instructions_of(const Command &program) {
 
 using MakeCommand = Command (*)(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder);
 
-/// Those of more heartbeats less those of fewer.
+/// Those of two heartbeats, behind as many as the longest delay of a task.
 double instructions_of_pass(MakeCommand command, const BenchBoard &board) {
-    constexpr int few = 1;
-    constexpr int more = 4;
+    constexpr int few = 11;
+    constexpr int more = 13;
     const auto run = [&](int heartbeats) { return instructions_of(command(board, 0, heartbeats, ARMHF_COST_FOLDER)); };
     return (run(more) - run(few)) / (more - few);
 }

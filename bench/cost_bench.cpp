@@ -90,14 +90,13 @@ ApartProgram start_apart(const Command &command) {
     return program;
 }
 
-/// The sum of the numbers behind `name` in `file` of all threads.
+/// The sum of the numbers behind `name`, with which their lines in `file` begin, of all threads.
 double sum_of_threads(pid_t pid, const std::string &file, const std::string &name) {
     double sum = 0;
     std::error_code ignored;
     for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
         for (const std::string &line : lines_of(task.path() / file)) {
-            const std::size_t found = line.find(name);
-            sum += found == std::string::npos ? 0 : std::strtod(line.c_str() + found + name.size(), nullptr);
+            sum += line.starts_with(name) ? std::strtod(line.c_str() + name.size(), nullptr) : 0;
         }
     }
     return sum;
@@ -105,7 +104,9 @@ double sum_of_threads(pid_t pid, const std::string &file, const std::string &nam
 
 double microseconds_of(pid_t pid) { return sum_of_threads(pid, "schedstat", "") / 1000; }
 
-double switches_of(pid_t pid) { return sum_of_threads(pid, "status", "ctxt_switches:"); }
+double waits_of(pid_t pid) { return sum_of_threads(pid, "status", "voluntary_ctxt_switches:"); }
+
+double preemptions_of(pid_t pid) { return sum_of_threads(pid, "status", "nonvoluntary_ctxt_switches:"); }
 
 double kib_of(pid_t pid, const std::string &name) {
     for (const std::string &line : lines_of("/proc/" + std::to_string(pid) + "/smaps_rollup")) {
@@ -183,7 +184,7 @@ Memory memory_of(pid_t pid) {
 
 /// What a program that goes on for ever costs at a heartbeat a second.
 struct Cycle {
-    double microseconds = 0, switches = 0, calls = 0, start_microseconds = 0;
+    double microseconds = 0, waits = 0, preemptions = 0, calls = 0, start_microseconds = 0;
     Memory memory{};
 };
 
@@ -208,14 +209,16 @@ void watch(std::vector<Subject> *subjects, const std::string &scratch) {
     sleep_for(5000);
     std::vector<Cycle> before;
     for (const Subject &each : *subjects) {
-        before.push_back(
-            {.microseconds = microseconds_of(each.program.pid), .switches = switches_of(each.program.pid)});
+        before.push_back({.microseconds = microseconds_of(each.program.pid),
+                          .waits = waits_of(each.program.pid),
+                          .preemptions = preemptions_of(each.program.pid)});
     }
     sleep_for(seconds * 1000);
     for (std::size_t i = 0; i < subjects->size(); ++i) {
         Subject &each = (*subjects)[i];
         each.cycle.microseconds = (microseconds_of(each.program.pid) - before[i].microseconds) / seconds;
-        each.cycle.switches = (switches_of(each.program.pid) - before[i].switches) / seconds;
+        each.cycle.waits = (waits_of(each.program.pid) - before[i].waits) / seconds;
+        each.cycle.preemptions = (preemptions_of(each.program.pid) - before[i].preemptions) / seconds;
         each.cycle.memory = memory_of(each.program.pid);
     }
     for (Subject &each : *subjects) {
@@ -267,7 +270,8 @@ void compare_cycles(const BenchBoard &board) {
     const Cycle &daemon = subjects[0].cycle;
     const Cycle &floor = subjects[1].cycle;
     print_row("CPU us a cycle over the floor, other programs beside", daemon.microseconds, floor.microseconds, 1.10);
-    print_row("context switches a cycle over the floor's and 10", daemon.switches, floor.switches + 10, 1.0);
+    print_row("context switches a cycle by waiting, over 10", daemon.waits, 10, 1.0);
+    print_row("context switches a cycle by others over the floor's", daemon.preemptions, floor.preemptions, 1.0);
     for (std::size_t i = 2; i < subjects.size(); ++i) {
         const Cycle &peer = subjects[i].cycle;
         const bool is_monit = subjects[i].name == std::string("monit");

@@ -1,8 +1,9 @@
 // What the whole process costs, looked at from outside: the daemon, the floor, and other programs of its
 // kind where they are installed, side by side at a heartbeat a second with all tasks due.
+//     cost_bench [start|calls|memory|cycles]
 
-#include "bench_board.h"
 #include "handle.h"
+#include "programs.h"
 
 #include <algorithm>
 #include <array>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -26,38 +28,7 @@
 
 namespace {
 
-using Command = std::vector<std::string>;
-
-constexpr const char *DAEMON = COST_FOLDER "/beating_daemon";
-constexpr const char *FLOOR = COST_FOLDER "/bare_daemon";
-
-// What the traces of a pass with everything due, and those of the start, amount to; pass_bench counts.
-constexpr const char *LINES = "437";
-constexpr const char *LINES_AT_START = "170";
-
 void sleep_for(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
-
-[[noreturn]] void become(const Command &command, int out = -1) {
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(out >= 0 ? out : nowhere, STDOUT_FILENO);
-    dup2(nowhere, STDERR_FILENO);
-    std::vector<char *> arguments;
-    for (const std::string &word : command) {
-        arguments.push_back(const_cast<char *>(word.c_str())); // NOLINT(cppcoreguidelines-pro-type-const-cast)
-    }
-    arguments.push_back(nullptr);
-    execvp(arguments[0], arguments.data());
-    _exit(127);
-}
-
-pid_t start(const Command &command, int out = -1) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        share_board_network();
-        become(command, out);
-    }
-    return pid;
-}
 
 /// A /proc of the own namespace's processes, with the network of the process `board` in it.
 void mount_own_proc(pid_t board) {
@@ -119,23 +90,13 @@ ApartProgram start_apart(const Command &command) {
     return program;
 }
 
-std::vector<std::string> lines_of(const std::string &path) {
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-/// The sum of the numbers behind `name` in `file` of all threads.
+/// The sum of the numbers behind `name`, with which their lines in `file` begin, of all threads.
 double sum_of_threads(pid_t pid, const std::string &file, const std::string &name) {
     double sum = 0;
     std::error_code ignored;
     for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
         for (const std::string &line : lines_of(task.path() / file)) {
-            const std::size_t found = line.find(name);
-            sum += found == std::string::npos ? 0 : std::strtod(line.c_str() + found + name.size(), nullptr);
+            sum += line.starts_with(name) ? std::strtod(line.c_str() + name.size(), nullptr) : 0;
         }
     }
     return sum;
@@ -143,7 +104,9 @@ double sum_of_threads(pid_t pid, const std::string &file, const std::string &nam
 
 double microseconds_of(pid_t pid) { return sum_of_threads(pid, "schedstat", "") / 1000; }
 
-double switches_of(pid_t pid) { return sum_of_threads(pid, "status", "ctxt_switches:"); }
+double waits_of(pid_t pid) { return sum_of_threads(pid, "status", "voluntary_ctxt_switches:"); }
+
+double preemptions_of(pid_t pid) { return sum_of_threads(pid, "status", "nonvoluntary_ctxt_switches:"); }
 
 double kib_of(pid_t pid, const std::string &name) {
     for (const std::string &line : lines_of("/proc/" + std::to_string(pid) + "/smaps_rollup")) {
@@ -211,16 +174,6 @@ std::vector<double> least_microseconds(const std::vector<Command> &commands) {
     return least;
 }
 
-void print_row(const char *what, double figure, double against, double goal) {
-    if (against <= 0) {
-        std::printf("| %-58s | %10.1f | %10s | %6s | %6s |\n", what, figure, "-", "-", "-");
-        return;
-    }
-    const double ratio = figure / against;
-    std::printf("| %-58s | %10.1f | %10.1f | %6.2f | %6.2f | %s\n", what, figure, against, ratio, goal,
-                ratio <= goal ? "" : "missed");
-}
-
 struct Memory {
     double resident, proportional, dirty;
 };
@@ -229,27 +182,9 @@ Memory memory_of(pid_t pid) {
     return {.resident = kib_of(pid, "Rss"), .proportional = kib_of(pid, "Pss"), .dirty = kib_of(pid, "Private_Dirty")};
 }
 
-/// The memory of a program that stays when it is done.
-Memory memory_when_done(const Command &command) {
-    std::array<int, 2> ends{};
-    if (pipe(ends.data()) != 0) {
-        std::abort();
-    }
-    const pid_t pid = start(command, ends[1]);
-    close(ends[1]);
-    char byte = 0;
-    while (byte != '\n' && read(ends[0], &byte, 1) == 1) {
-    }
-    const Memory memory = memory_of(pid);
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    close(ends[0]);
-    return memory;
-}
-
 /// What a program that goes on for ever costs at a heartbeat a second.
 struct Cycle {
-    double microseconds = 0, switches = 0, calls = 0, start_microseconds = 0;
+    double microseconds = 0, waits = 0, preemptions = 0, calls = 0, start_microseconds = 0;
     Memory memory{};
 };
 
@@ -274,14 +209,16 @@ void watch(std::vector<Subject> *subjects, const std::string &scratch) {
     sleep_for(5000);
     std::vector<Cycle> before;
     for (const Subject &each : *subjects) {
-        before.push_back(
-            {.microseconds = microseconds_of(each.program.pid), .switches = switches_of(each.program.pid)});
+        before.push_back({.microseconds = microseconds_of(each.program.pid),
+                          .waits = waits_of(each.program.pid),
+                          .preemptions = preemptions_of(each.program.pid)});
     }
     sleep_for(seconds * 1000);
     for (std::size_t i = 0; i < subjects->size(); ++i) {
         Subject &each = (*subjects)[i];
         each.cycle.microseconds = (microseconds_of(each.program.pid) - before[i].microseconds) / seconds;
-        each.cycle.switches = (switches_of(each.program.pid) - before[i].switches) / seconds;
+        each.cycle.waits = (waits_of(each.program.pid) - before[i].waits) / seconds;
+        each.cycle.preemptions = (preemptions_of(each.program.pid) - before[i].preemptions) / seconds;
         each.cycle.memory = memory_of(each.program.pid);
     }
     for (Subject &each : *subjects) {
@@ -310,21 +247,6 @@ std::string configuration(const BenchBoard &board, const std::string &name) {
     return path;
 }
 
-Command command_of(const char *program, const BenchBoard &board, int period_ms, int heartbeats) {
-    const BoardPaths paths = board.paths();
-    return {program, paths.logfile, paths.disk, paths.emmc, std::to_string(period_ms), std::to_string(heartbeats)};
-}
-
-Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats) {
-    return command_of(DAEMON, board, period_ms, heartbeats);
-}
-
-Command floor_command(const BenchBoard &board, int period_ms, int heartbeats) {
-    Command command = command_of(FLOOR, board, period_ms, heartbeats);
-    command.insert(command.end(), {LINES, LINES_AT_START});
-    return command;
-}
-
 void print_pair(const char *name, const Cycle &daemon, const Cycle &other, double processor_goal) {
     const auto row = [name](const char *what, double figure, double against, double goal) {
         print_row((std::string(what) + " over " + name).c_str(), figure, against, goal);
@@ -348,7 +270,8 @@ void compare_cycles(const BenchBoard &board) {
     const Cycle &daemon = subjects[0].cycle;
     const Cycle &floor = subjects[1].cycle;
     print_row("CPU us a cycle over the floor, other programs beside", daemon.microseconds, floor.microseconds, 1.10);
-    print_row("context switches a cycle over the floor's and 10", daemon.switches, floor.switches + 10, 1.0);
+    print_row("context switches a cycle by waiting, over 10", daemon.waits, 10, 1.0);
+    print_row("context switches a cycle by others over the floor's", daemon.preemptions, floor.preemptions, 1.0);
     for (std::size_t i = 2; i < subjects.size(); ++i) {
         const Cycle &peer = subjects[i].cycle;
         const bool is_monit = subjects[i].name == std::string("monit");
@@ -375,10 +298,7 @@ void compare_start(const BenchBoard &board) {
 }
 
 void compare_memory(const BenchBoard &board) {
-    const auto held = [](Command command) {
-        command.emplace_back("hold");
-        return memory_when_done(command);
-    };
+    const auto held = [](const Command &command) { return memory_of(HeldProgram(command).pid()); };
     const Memory early = held(daemon_command(board, 0, 100));
     const Memory late = held(daemon_command(board, 0, 1000));
     const Memory floor = held(floor_command(board, 0, 1000));
@@ -388,14 +308,22 @@ void compare_memory(const BenchBoard &board) {
     print_row("proportional KiB after 1,000 heartbeats over the floor", late.proportional, floor.proportional, 1.5);
 }
 
+struct Stage {
+    const char *name;
+    void (*run)(const BenchBoard &board);
+};
+
+constexpr std::array stages{Stage{"start", compare_start}, Stage{"calls", compare_system_calls},
+                            Stage{"memory", compare_memory}, Stage{"cycles", compare_cycles}};
+
 } // namespace
 
-int main() {
+int main(int argc, char *argv[]) {
     const BenchBoard board;
-    std::printf("| %-58s | %10s | %10s | %6s | %6s |\n", "", "daemon", "against", "ratio", "goal");
-    compare_start(board);
-    compare_system_calls(board);
-    compare_memory(board);
-    compare_cycles(board);
+    for (const Stage &stage : stages) {
+        if (argc < 2 || std::strcmp(argv[1], stage.name) == 0) {
+            stage.run(board);
+        }
+    }
     return 0;
 }

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <algorithm>
+#include <charconv>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 
 /// Builds a text in an array that it borrows. What does not fit is cut; the text is terminated at all
 /// times. An array of size 0 is left alone.
@@ -29,11 +31,28 @@ class TextBuffer {
     bool append(char character) { return append(std::string_view(&character, 1)); }
 
     /// False when the text was cut.
+    bool append_number(int number) {
+        const auto [last, error] = std::to_chars(end(), end() + space(), number);
+        if (error != std::errc()) {
+            return append_format("%d", number);
+        }
+        length_ = static_cast<std::size_t>(last - data_);
+        terminate();
+        return true;
+    }
+
+    /// False when the text was cut.
     [[gnu::format(printf, 2, 3)]] bool append_format(const char *format, ...) {
         std::va_list arguments;
         va_start(arguments, format);
-        const int result = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, room(), format, arguments);
+        const bool fits = append_list(format, arguments);
         va_end(arguments);
+        return fits;
+    }
+
+    /// False when the text was cut.
+    [[gnu::format(printf, 2, 0)]] bool append_list(const char *format, std::va_list arguments) {
+        const int result = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, room(), format, arguments);
         const std::size_t wanted = result < 0 ? 0 : static_cast<std::size_t>(result);
         const std::size_t fitting = std::min(wanted, space());
         length_ += fitting;

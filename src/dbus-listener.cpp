@@ -20,6 +20,7 @@ constexpr int WAIT_MS = 60000;      // bounds nothing but the rhythm of the trac
 constexpr int BLIND_WAIT_MS = 1000; // without the wake-up, a message that the sender has read in waits so long
 
 constinit int listener_status = -1;
+constinit thread_local bool is_listener = false;
 
 struct MethodEntry {
     const char *interface;
@@ -48,9 +49,12 @@ void serve_message(DBusConnection *connection, DBusMessage *message) {
              dbus_message_type_to_string(dbus_message_get_type(message)));
 }
 
-/// libdbus calls this when any thread has read a message in, some locks of its own held.
+/// libdbus calls this when any thread has read a message in, some locks of its own held. The listener
+/// looks for messages before each wait anyway.
 void note_message(void *wakeup) {
-    [[maybe_unused]] const int noted = eventfd_write(static_cast<const Descriptor *>(wakeup)->get(), 1);
+    if (!is_listener) {
+        [[maybe_unused]] const int noted = eventfd_write(static_cast<const Descriptor *>(wakeup)->get(), 1);
+    }
 }
 
 /// Waits outside libdbus, which would keep the connection to itself meanwhile, so that the sender
@@ -60,9 +64,11 @@ void wait_for_message(DBusConnection *connection, const Descriptor &wakeup) {
     dbus_connection_get_unix_fd(connection, &socket);
     std::array awaited{pollfd{socket, POLLIN, 0}, pollfd{wakeup.get(), POLLIN, 0}};
     poll(awaited.data(), awaited.size(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
+    if (awaited[1].revents != 0) {
+        eventfd_t ignored = 0;
+        eventfd_read(wakeup.get(), &ignored);
+    }
     dbus_connection_read_write(connection, 0);
-    eventfd_t ignored = 0;
-    eventfd_read(wakeup.get(), &ignored); // behind the reading, which is noted as well
 }
 
 /// Answers calls until the connection is lost.
@@ -90,6 +96,7 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
 
 void *d_bus_srv_main(void * /*none*/) {
     trace(TRACE_DEBUG, " ");
+    is_listener = true;
     d_bus_srv_init_signals();
     Descriptor wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wakeup) {

@@ -1,6 +1,7 @@
 #include "trace.h"
 
 #include "log_sockets.h"
+#include "text_buffer.h"
 #include "time_of_day.h"
 
 #include <algorithm>
@@ -32,11 +33,11 @@ void forget_thread_id() { thread_id = 0; }
 
 [[maybe_unused]] const int forgotten_in_children = pthread_atfork(nullptr, nullptr, forget_thread_id);
 
-unsigned own_thread_id() {
+pid_t own_thread_id() {
     if (thread_id == 0) {
         thread_id = gettid();
     }
-    return static_cast<unsigned>(thread_id);
+    return thread_id;
 }
 
 constexpr int journal_priority(int level) {
@@ -50,28 +51,7 @@ constexpr int journal_priority(int level) {
     }
 }
 
-constexpr std::size_t LONGEST_NUMBER = sizeof "-2147483648";
-
-/// Where the next character of a line goes, and where the last one may stand.
-struct Cursor {
-    char *at;
-    char *const end;
-
-    void put(std::string_view text) {
-        const std::size_t fitting = std::min(text.size(), static_cast<std::size_t>(end - at));
-        at = static_cast<char *>(mempcpy(at, text.data(), fitting));
-    }
-
-    void put_number(int number) {
-        std::array<char, LONGEST_NUMBER> digits; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-        const char *last = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
-        put({digits.data(), static_cast<std::size_t>(last - digits.data())});
-    }
-};
-
-template <typename Number> char *put_number(char *at, Number number) {
-    return std::to_chars(at, at + LONGEST_NUMBER, number).ptr;
-}
+char *put_number(char *at, int number) { return std::to_chars(at, at + sizeof "-2147483648", number).ptr; }
 
 char *put_text(char *at, std::string_view text) { return std::copy(text.begin(), text.end(), at); }
 
@@ -93,45 +73,43 @@ char *put_head(char *line, int level) {
     return put_text(at, " ");
 }
 
-void put_place(Cursor &line, const char *file, const char *function, const char *source_line) {
-    line.put(file);
-    line.put(": ");
-    line.put(function);
-    line.put("(");
-    line.put(source_line);
-    line.put(") ");
+void append_place(TextBuffer &line, const char *file, const char *function, const char *source_line) {
+    line.append(file);
+    line.append(": ");
+    line.append(function);
+    line.append("(");
+    line.append(source_line);
+    line.append(") ");
 }
 
 /// Fills in what nearly all messages consist of, in a fraction of printf's time: "%s", "%d" and "%02d".
 /// False at anything else.
-bool put_plain(Cursor &line, const char *format, std::va_list arguments) {
+bool append_plain(TextBuffer line, const char *format, std::va_list arguments) {
     for (const char *percent = strchrnul(format, '%'); *percent != '\0'; percent = strchrnul(format, '%')) {
-        line.put({format, static_cast<std::size_t>(percent - format)});
+        line.append({format, static_cast<std::size_t>(percent - format)});
         const bool two_digits = percent[1] == '0' && percent[2] == '2';
         const char *letter = percent + (two_digits ? 3 : 1);
         if (*letter == 'd') {
             const int number = va_arg(arguments, int);
-            line.put(two_digits && number >= 0 && number < 10 ? "0" : "");
-            line.put_number(number);
+            line.append(two_digits && number >= 0 && number < 10 ? "0" : "");
+            line.append_number(number);
         } else if (*letter == 's' && !two_digits) {
             const char *text = va_arg(arguments, const char *);
-            line.put(text == nullptr ? "(null)" : text);
+            line.append(text == nullptr ? "(null)" : text);
         } else {
             return false;
         }
         format = letter + 1;
     }
-    line.put(format);
-    *line.at = '\0';
+    line.append(format);
     return true;
 }
 
-[[gnu::format(printf, 2, 0)]] void put_message(Cursor line, const char *format, std::va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void append_message(TextBuffer &line, const char *format, std::va_list arguments) {
     std::va_list again;
     va_copy(again, arguments);
-    Cursor plain = line;
-    if (!put_plain(plain, format, arguments)) {
-        std::vsnprintf(line.at, static_cast<std::size_t>(line.end - line.at) + 1, format, again);
+    if (!append_plain(line, format, arguments)) {
+        line.append_list(format, again);
     }
     va_end(again);
 }
@@ -148,11 +126,12 @@ void trace_write(int level, const char *code_file, const char *code_line, const 
                  ...) {
     const int saved_errno = errno;    // a probe reads it after the call that it traced
     std::array<char, LINE_SIZE> text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-    Cursor line{.at = put_head(text.data(), level), .end = &text.back()};
-    put_place(line, code_file + std::strlen("CODE_FILE="), function, code_line + std::strlen("CODE_LINE="));
+    char *const head_end = put_head(text.data(), level);
+    TextBuffer line(head_end, static_cast<std::size_t>(text.end() - head_end));
+    append_place(line, code_file + std::strlen("CODE_FILE="), function, code_line + std::strlen("CODE_LINE="));
     std::va_list arguments;
     va_start(arguments, format);
-    put_message(line, format, arguments);
+    append_message(line, format, arguments);
     va_end(arguments);
 
     if (trace_mode == MODE_STDERR) {

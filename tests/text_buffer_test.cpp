@@ -49,6 +49,20 @@ TEST_F(TextBufferTest, CutsATextThatDoesNotFit) {
     EXPECT_EQ(behind(6), untouched(10));
 }
 
+TEST_F(TextBufferTest, AppendsAndCutsNumbers) {
+    TextBuffer text(bytes.data(), 13);
+    EXPECT_TRUE(text.append_number(-2147483647 - 1));
+    EXPECT_STREQ(text.c_str(), "-2147483648");
+    EXPECT_TRUE(text.append_number(7));
+    EXPECT_FALSE(text.append_number(0));
+    EXPECT_STREQ(text.c_str(), "-21474836487");
+    TextBuffer shorter(bytes.data(), 6);
+    EXPECT_TRUE(shorter.append("abc"));
+    EXPECT_FALSE(shorter.append_number(-234));
+    EXPECT_STREQ(shorter.c_str(), "abc-2");
+    EXPECT_EQ(behind(6), "836487" + std::string(1, '\0') + untouched(3)); // of the longer text
+}
+
 TEST_F(TextBufferTest, CutsAFormattedTextThatDoesNotFit) {
     TextBuffer text(bytes.data(), 6);
     EXPECT_FALSE(text.append_format("%s", "abcdefghijklmnopqrstuvwxyz"));

@@ -1,0 +1,93 @@
+// What the 32-bit ARM build costs, as far as an emulator can tell: the instructions of a pass with
+// everything due, and the memory that is the program's own, beside the floor.
+
+#include "handle.h"
+#include "programs.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+Command emulated(const Command &options, const Command &program) {
+    Command command{"qemu-arm-static", "-L", ARMHF_SYSROOT};
+    command.insert(command.end(), options.begin(), options.end());
+    command.insert(command.end(), program.begin(), program.end());
+    return command;
+}
+
+/// How many lines begin with `start` until the end.
+double count_lines(int fd, std::string_view start) {
+    const FileHandle file(fdopen(fd, "r"));
+    std::array<char, 256> line{};
+    double count = 0;
+    while (std::fgets(line.data(), line.size(), file.get()) != nullptr) {
+        count += start == std::string_view(line.data(), start.size()) ? 1 : 0;
+    }
+    return count;
+}
+
+/// The main thread's instructions in a program that ends by itself: the emulator writes a line before each.
+double instructions_of(const Command &program) {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        std::abort();
+    }
+    const pid_t pid = start(emulated({"-singlestep", "-d", "exec,nochain", "-D", "/proc/self/fd/1"}, program), ends[1]);
+    close(ends[1]);
+    const double lines = count_lines(ends[0], "Trace 0: ");
+    waitpid(pid, nullptr, 0);
+    return lines;
+}
+
+using MakeCommand = Command (*)(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder);
+
+/// Those of two heartbeats, behind as many as the longest delay of a task.
+double instructions_of_pass(MakeCommand command, const BenchBoard &board) {
+    constexpr int few = 11;
+    constexpr int more = 13;
+    const auto run = [&](int heartbeats) { return instructions_of(command(board, 0, heartbeats, ARMHF_COST_FOLDER)); };
+    return (run(more) - run(few)) / (more - few);
+}
+
+/// Whether a line of smaps begins the account of a mapping below 4 GiB, where the emulated program has
+/// all of its own, or above, where the emulator is; otherwise `before`.
+bool is_of_guest(const std::string &line, bool before) {
+    char *end = nullptr;
+    const std::uint64_t start = std::strtoull(line.c_str(), &end, 16);
+    return *end == '-' ? start >> 32U == 0 : before;
+}
+
+/// The private dirty KiB of an emulated program after `heartbeats`.
+double dirty_kib(MakeCommand command, const BenchBoard &board, int heartbeats) {
+    constexpr std::string_view name = "Private_Dirty:";
+    const HeldProgram program(emulated({}, command(board, 0, heartbeats, ARMHF_COST_FOLDER)));
+    double sum = 0;
+    bool counts = false;
+    for (const std::string &line : lines_of("/proc/" + std::to_string(program.pid()) + "/smaps")) {
+        counts = is_of_guest(line, counts);
+        sum += counts && line.starts_with(name) ? std::strtod(line.c_str() + name.size(), nullptr) : 0;
+    }
+    return sum;
+}
+
+} // namespace
+
+int main() {
+    const BenchBoard board;
+    print_row("armhf: instructions of a pass over the floor", instructions_of_pass(daemon_command, board),
+              instructions_of_pass(floor_command, board), 1.2);
+    constexpr int many = 1000;
+    const double dirty = dirty_kib(daemon_command, board, many);
+    print_row("armhf: private dirty KiB after 1,000 heartbeats over 100", dirty,
+              dirty_kib(daemon_command, board, many / 10), 1.05);
+    print_row("armhf: private dirty KiB after 1,000 heartbeats over the floor", dirty,
+              dirty_kib(floor_command, board, many), 1.5);
+    return 0;
+}

@@ -245,6 +245,7 @@ TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
     EXPECT_EQ(announced(client, 9), passes);
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
+    EXPECT_TRUE(daemon.traced("the bus is back"));
     EXPECT_EQ(daemon.count_traces("the bus is gone"), 1U);
     EXPECT_EQ(daemon.count_traces("the bus is back"), 1U);
 }

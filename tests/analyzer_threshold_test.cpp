@@ -214,6 +214,14 @@ TEST(ThresholdAnalyzer, ResetsTheCountersOfTheOtherClasses) {
     }
 }
 
+TEST(ThresholdAnalyzer, WrapsItsCountersFrom255To0) {
+    for (const std::int32_t value : {-40, -30, 80, 70, 0}) {
+        Task task = with_delay(temperature_like(), 300);
+        preset_counters(task, 255);
+        expect_samples(threshold_analyzer, task, {{value, 0, {0, 0, 0, 0, 0}, 0}});
+    }
+}
+
 TEST(ThresholdAnalyzer, ResetsTheCountersOfItsRowOnReaching) {
     // The failure row ends the warning's count with its own.
     Task task = with_delay(temperature_like(), 8);

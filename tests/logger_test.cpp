@@ -364,10 +364,14 @@ TEST_F(LoggerTest, BoolTracesTheIssueAndTheState) {
 
 // --- NULL_logger
 
-TEST_F(LoggerTest, NullSkipsWhatIsMarked) {
-    const CapturedTraces traces;
-    EXPECT_THAT(written_by(NULL_logger, marked_task(2)), IsEmpty());
-    EXPECT_THAT(traces.texts_of("NULL_logger"), ElementsAre(" ", "skip logging ID: CB22[3], state: 2"));
+TEST_F(LoggerTest, NullSkipsWhatIsMarkedInAnyWay) {
+    for (const int mark : {1, 2, 255}) {
+        Task task = marked_task(2);
+        task.do_log = static_cast<std::uint8_t>(mark);
+        const CapturedTraces traces;
+        EXPECT_THAT(written_by(NULL_logger, task), IsEmpty());
+        EXPECT_THAT(traces.texts_of("NULL_logger"), ElementsAre(" ", "skip logging ID: CB22[3], state: 2"));
+    }
 }
 
 TEST_F(LoggerTest, NullIsSilentAboutWhatIsNotMarked) {

@@ -582,20 +582,24 @@ TEST_F(LoadChildTest, StartsNothingWithoutAMarkAParameterOrWithAChild) {
     });
 }
 
-TEST_F(LoadChildTest, StartsOneChildForBothTasksUntilOneIsMarkedForRestart) {
-    in_child([&] {
-        set_logfile();
-        Task first = load_task();
-        run_to_its_end(&first);
-        Task second = load_task();
-        second.id = 32;
-        expect_no_child(second);
-        load_exec(&second);
-        expect_no_child(second); // a run alone changes nothing
-        second.flags |= TASK_REINIT;
-        load_exec(&second);
-        run_to_its_end(&second); // though the first is still registered
-    });
+TEST_F(LoadChildTest, StartsOneChildForBothTasksUntilEitherIsMarkedForRestart) {
+    for (const bool first_is_marked : {false, true}) {
+        in_child([&] {
+            set_logfile();
+            Task first = load_task();
+            run_to_its_end(&first);
+            Task second = load_task();
+            second.id = 32;
+            expect_no_child(second);
+            load_exec(&second);
+            expect_no_child(second); // a run alone changes nothing
+            Task &marked = first_is_marked ? first : second;
+            marked.flags |= TASK_REINIT;
+            load_exec(&marked);
+            EXPECT_NE(first.child_pid, 0); // still registered
+            run_to_its_end(&second);
+        });
+    }
 }
 
 TEST_F(LoadChildTest, AReturnToGoodDoesNotStopTheChild) {

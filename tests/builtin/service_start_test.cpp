@@ -108,6 +108,7 @@ TEST(ServiceInit, WatchesTheLoadedUnitsAndReportsTheOthers) {
                     ElementsAre(" ", "DONE", " ", "DONE", " ", "DONE", " ", "DONE"));
         EXPECT_THAT(rig.traces.texts_of("service_add"),
                     ElementsAre("service: a", "service: a added", "service: 1", "service: 1 added"));
+        EXPECT_TRUE(rig.traces.has("logger_syslog", "======= 3: service \"d\" not loaded/installed ======="));
         EXPECT_THAT(rig.watched(), ElementsAre("1", "a"));
         // Installed later: never looked at again.
         rig.systemd.load("d_2eservice");

@@ -2,6 +2,10 @@
 
 // What `main` does once between the options and the modules.
 
+/// Opens what is closed of stdin, stdout and stderr on /dev/null, so that no other file takes its place
+/// and what is written for people.
+void standard_streams_init();
+
 /// Takes the single-instance lock beside the log file and writes the pid into it; true if this is
 /// the only daemon there. The lock ends with the process.
 bool is_single_proc();

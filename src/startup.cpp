@@ -84,6 +84,14 @@ const char *install_reinit_handler() {
 
 } // namespace
 
+void standard_streams_init() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+            open("/dev/null", O_RDWR); // gets the lowest free number: this one
+        }
+    }
+}
+
 bool is_single_proc() {
     trace(TRACE_TRACE, " ");
     if (lock_fd != -1) {

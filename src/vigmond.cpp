@@ -34,6 +34,7 @@ bool start_up() {
 } // namespace
 
 int main(int argc, char *argv[]) {
+    standard_streams_init();
     std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
     trace(TRACE_INFO, " ");
     journal_bound_waits();

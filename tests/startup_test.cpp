@@ -45,6 +45,33 @@ int __wrap_sigaction(int signo, const struct sigaction *action, struct sigaction
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
+TEST(StandardStreams, AreOpenedWhereTheyAreClosed) {
+    in_child([] {
+        const int errors = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 10);
+        for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            close(fd);
+        }
+        standard_streams_init();
+        const int next = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        dup2(errors, STDERR_FILENO); // for the expectations
+        EXPECT_GT(next, STDERR_FILENO);
+        EXPECT_EQ(write(STDOUT_FILENO, "", 1), 1);
+        char nothing = 0;
+        EXPECT_EQ(read(STDIN_FILENO, &nothing, 1), 0);
+    });
+}
+
+TEST(StandardStreams, AreLeftAloneWhereTheyAreOpen) {
+    in_child([] {
+        const int lowest = dup(STDIN_FILENO);
+        close(lowest);
+        standard_streams_init();
+        const int next = dup(STDIN_FILENO);
+        EXPECT_EQ(next, lowest);
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFD), 0);
+    });
+}
+
 namespace {
 
 namespace fs = std::filesystem;

@@ -401,6 +401,7 @@ TEST(BusStartTest, ANameThatTheBusRefusesEndsTheListener) {
     BusDaemon daemon(bus, Traces::to_stderr, "name=no name");
     EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " dbus_bus_request_name() failed"));
     EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " Connection Error ("));
+    EXPECT_TRUE(daemon.traced("the listener has ended with -1"));
 }
 
 TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {

@@ -5,6 +5,7 @@
 #include "sample_task.h"
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -13,17 +14,29 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 // Every time stamp is made by it, and every one of them fails while this is set.
 namespace {
 bool no_time = false;
-}
+int interruptions = 0; // so many writes are interrupted by a signal
+} // namespace
 extern "C" std::size_t __real_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time) {
     return no_time ? 0 : __real_strftime(buffer, size, format, time);
+}
+extern "C" ssize_t __real_writev(int fd, const iovec *pieces, int count);
+extern "C" ssize_t __wrap_writev(int fd, const iovec *pieces, int count);
+extern "C" ssize_t __wrap_writev(int fd, const iovec *pieces, int count) {
+    if (interruptions > 0) {
+        --interruptions;
+        errno = EINTR;
+        return -1;
+    }
+    return __real_writev(fd, pieces, count);
 }
 
 namespace {
@@ -44,6 +57,15 @@ TEST_F(RecordTest, HasStampStateIdIndexAndValue) {
     use(path);
     Task task = task_of(5, 0, 42);
     EXPECT_EQ(logfile_exec(&task), 0);
+    EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
+}
+
+TEST_F(RecordTest, IsWrittenAgainAfterAnInterruption) {
+    use(path);
+    interruptions = 2;
+    Task task = task_of(5, 0, 42);
+    logfile_exec(&task);
+    EXPECT_EQ(interruptions, 0);
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
 }
 

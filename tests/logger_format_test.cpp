@@ -162,6 +162,14 @@ TEST(LoggerFormat, InsertsNothingForAParameterThatIsNoText) {
     }
 }
 
+TEST(LoggerFormat, TracesTheRoomThatAnInsertionFinds) {
+    const Task task = task_with("ab%P", 1, "/data");
+    std::array<char, 64> buffer{};
+    const CapturedTraces traces;
+    logger_format(buffer.data(), buffer.size(), &task);
+    EXPECT_TRUE(traces.has("logger_format", "to 5(62) buf[2] 5(64)"));
+}
+
 TEST(LoggerFormat, TracesReplacementsInsertionsAndTheResult) {
     const Task task = task_with("a%D%T%P%X%%", 1, "/data");
     std::array<char, AMPLE> buffer{};

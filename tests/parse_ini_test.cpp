@@ -259,6 +259,12 @@ TEST(IniHelpers, RstripCutsTheWhiteSpaceOffTheEnd) {
     }
 }
 
+TEST(IniHelpers, RstripLeavesWhatStandsBeforeTheTextAlone) {
+    std::string line = "a  ";
+    rstrip(line.data() + 2);
+    EXPECT_EQ(line, std::string("a \0", 3));
+}
+
 TEST(IniHelpers, LskipSkipsTheWhiteSpaceAtTheStart) {
     for (TextCase text : {TextCase{"", ""}, {" \t\r\n\v\f", ""}, {"a ", "a "}, {" \ta b", "a b"}, {"\xA0", "\xA0"}}) {
         EXPECT_STREQ(lskip(text.text.data()), text.expected.c_str());

@@ -104,6 +104,7 @@ INSTANTIATE_TEST_SUITE_P(Strings, JsonTokensTest,
                                          TokensCase{R"("\\")", {{2, 1, 3, 0, -1}}},     //
                                          TokensCase{R"("\/\b\f\n\r\t")", {{2, 1, 13, 0, -1}}},
                                          TokensCase{R"("\u00aF9")", {{2, 1, 8, 0, -1}}},
+                                         TokensCase{R"("\u00aF")", {{2, 1, 7, 0, -1}}},
                                          TokensCase{"\"\x01\n\x7F\xC3\xA4\xFF\"", {{2, 1, 7, 0, -1}}}));
 
 INSTANTIATE_TEST_SUITE_P(Primitives, JsonTokensTest,
@@ -127,7 +128,10 @@ struct ErrorCase {
     int error;
 };
 
-void PrintTo(const ErrorCase &text, std::ostream *out) { *out << text.text << " " << text.error; }
+/// Without the bytes themselves: ctest leaves out tests in whose list it finds such.
+void PrintTo(const ErrorCase &text, std::ostream *out) {
+    *out << testing::PrintToString(text.text) << " " << text.error;
+}
 
 class JsonErrorTest : public testing::TestWithParam<ErrorCase> {};
 

@@ -131,6 +131,13 @@ TEST_F(RotationTest, LeavesGenerationsFromTheCountOnAlone) {
     EXPECT_EQ(read_file(generation(7)), "old 7");
 }
 
+TEST_F(RotationTest, LeavesAFileBeforeTheFirstGenerationAlone) {
+    folder.write("log.-01.bz2", "a stranger's");
+    put_generations({0});
+    file_rotate(file.c_str(), 3);
+    EXPECT_EQ(names(), (Names{"log.-01.bz2", "log.000.bz2", "log.001.bz2"}));
+}
+
 TEST_F(RotationTest, WithCount0RemovesTheFileAndMakesNoGeneration) {
     put_generations({1});
     file_rotate(file.c_str(), 0);

@@ -441,6 +441,16 @@ TEST_F(LoadChildTest, AMissingProgramWithoutOptionsIsTracedAsWell) {
     });
 }
 
+TEST_F(LoadChildTest, AProgramThatMayNotBeRunIsTracedWithTheReason) {
+    in_child([&] {
+        set_logfile();
+        const std::string program = folder.write("program", "");
+        Task task = load_task();
+        task.parameter = program.c_str();
+        EXPECT_THAT(traces_of_failure(&task), HasSubstr("child: exec failed: Permission denied"));
+    });
+}
+
 TEST_F(LoadChildTest, AParameterWithoutAProgramEndsTheChildWithStatus1) {
     in_child([&] {
         for (const char *parameter : {"", "  \t "}) {

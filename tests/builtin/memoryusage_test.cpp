@@ -147,7 +147,7 @@ TEST_F(Memoryusage, MeasuresTheFreeShare) {
 }
 
 TEST_F(Memoryusage, CountsMissingLinesAsZero) {
-    meminfo("MemTotal: 1000 kB\n");
+    meminfo("MemTotal: 150 kB\n"); // of which 1 kB free would be 1 %
     expect_measured(memoryusage_exec, task_, 0);
     meminfo("MemTotal: 1000 kB\nMemAvailable: 900 kB\nMemFree:\n");
     expect_measured(memoryusage_exec, task_, 0);

@@ -27,6 +27,23 @@ using testing::IsEmpty;
 
 constexpr int WARNING = 4;
 
+std::vector<int> pauses; // in milliseconds
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+void __real__Z13signals_pausei(int milliseconds);
+
+void __wrap__Z13signals_pausei(int milliseconds) {
+    pauses.push_back(milliseconds);
+    __real__Z13signals_pausei(milliseconds);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+namespace {
+
 class Start {
   public:
     Start() {
@@ -226,6 +243,7 @@ TEST(ServiceInit, RepeatsAfterAnyOtherError) {
             rig.systemd.fail("a_2eservice", LOAD_STATE, std::string("System.Error.") + error, 4);
             EXPECT_EQ(rig.init("a"), 0);
             EXPECT_EQ(rig.systemd.count("a_2eservice", LOAD_STATE), 5);
+            EXPECT_THAT(pauses, ElementsAre(0, 0, 0, 100));
             EXPECT_THAT(rig.watched(), ElementsAre("a")) << error;
             EXPECT_THAT(rig.syslog.messages(), IsEmpty());
         });

@@ -256,6 +256,17 @@ TEST(ServiceExec, DoesNotKnowAUnitWithoutATextForItsState) {
     });
 }
 
+TEST(ServiceInit, DoesNotWatchAUnitWithoutATextForItsState) {
+    in_child([] {
+        Services rig;
+        answer_without_text = true;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        EXPECT_THAT(rig.traces.texts_of("service_is_loaded"), ElementsAre(" ", "FAILED"));
+        EXPECT_EQ(rig.syslog.messages().back().text, "[warning] service \"a\" not loaded/installed");
+        EXPECT_EQ(run(task), 0) << "nothing is watched";
+    });
+}
+
 TEST(ServiceExec, WatchesTheUnitsOfItsOwnTask) {
     in_child([] {
         Services rig;

@@ -437,6 +437,14 @@ TEST_F(WirelessTest, TakesAFailedOpenWithoutErrorAsZero) {
     expect_measured(wireless_exec, wireless_task(STRENGTH, "wlan0sta"), 0);
 }
 
+TEST_F(WirelessTest, TracesALevelAboveZeroRoundedUp) {
+    show(table_line("wlan0sta", "70.", "55.5"));
+    Task task = wireless_task(STRENGTH, "wlan0sta");
+    const CapturedTraces traces;
+    EXPECT_EQ(wireless_exec(&task), 0);
+    EXPECT_TRUE(traces.has("wireless_strength", "value: 56 (56.000000), level: 55.500000"));
+}
+
 TEST_F(WirelessTest, TracesARun) {
     show(table_line("wlan0sta", "70.", "-55.5"));
     Task task = wireless_task(STRENGTH, "wlan0sta");

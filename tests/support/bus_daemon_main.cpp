@@ -103,6 +103,11 @@ void hold(std::string_view thread) {
     }
 }
 
+void *tell_end(const char *thread, void *status) {
+    std::fprintf(stderr, "the %s has ended with %d\n", thread, *static_cast<const int *>(status));
+    return status;
+}
+
 /// Ends the bus and waits until its end of the connection is closed. The other thread may close this end
 /// at once, and its number be another file's.
 void end_bus(pid_t bus, DBusConnection *connection) {
@@ -132,13 +137,11 @@ void *__real__Z20d_bus_srv_msg_senderPv(void *argument);
 
 void *__wrap__Z14d_bus_srv_mainPv(void *argument) {
     hold("listener");
-    return __real__Z14d_bus_srv_mainPv(argument);
+    return tell_end("listener", __real__Z14d_bus_srv_mainPv(argument));
 }
 void *__wrap__Z20d_bus_srv_msg_senderPv(void *argument) {
     hold("sender");
-    void *const status = __real__Z20d_bus_srv_msg_senderPv(argument);
-    std::fprintf(stderr, "the sender has ended with %d\n", *static_cast<const int *>(status));
-    return status;
+    return tell_end("sender", __real__Z20d_bus_srv_msg_senderPv(argument));
 }
 
 unsigned __real_sleep(unsigned seconds);

@@ -5,9 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// Writes what has been counted for the coverage, where it is counted; _exit does not.
-extern "C" void __gcov_dump() __attribute__((weak)); // NOLINT(bugprone-reserved-identifier): the compiler's
-
 namespace {
 
 /// What the body throws ends the child: it must not go on with the tests of its parent.
@@ -21,9 +18,6 @@ int run_child(const std::function<void()> &body) {
     if (child == 0) {
         run(body);
         std::fflush(nullptr);
-        if (__gcov_dump != nullptr) {
-            __gcov_dump();
-        }
         _exit(testing::Test::HasFailure() ? CHILD_FAILED : CHILD_DONE);
     }
     int status = -1;

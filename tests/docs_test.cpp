@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -183,6 +184,21 @@ TEST(Example, WatchesTheIssues) {
     daemon.obey("send 1");
     EXPECT_TRUE(example.output().wait_for("1 NewIssues CB20"));
     EXPECT_TRUE(example.output().wait_for("1 ClearedIssues CB07"));
+}
+
+TEST(Example, BeginsAnewWithTheDaemon) {
+    const PrivateBus bus;
+    std::optional<BusDaemon> daemon(bus);
+    BusClient(bus).wait_for_owner("com.corvana.vigmond");
+    daemon->obey("update 7 2");
+    ChildProcess example(watch_issues_command(), {bus.variable()});
+    ASSERT_TRUE(example.output().wait_for(" raised CB07"));
+    daemon.reset();
+    daemon.emplace(bus);
+    ASSERT_TRUE(example.output().wait_for("vigmond has started"));
+    daemon->obey("update 20 1");
+    daemon->obey("send 1");
+    EXPECT_TRUE(example.output().wait_for("1 NewIssues CB20"));
 }
 
 TEST(Example, CallsAreAnswered) {

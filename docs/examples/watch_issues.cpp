@@ -1,4 +1,4 @@
-// Prints the raised issues, and then each that is raised or cleared.
+// Prints the raised issues, and then each that is raised or cleared, also when vigmond is started anew.
 //   g++ -std=c++20 watch_issues.cpp $(pkg-config --cflags --libs libsystemd) -o watch_issues
 
 #include <cstdint>
@@ -10,6 +10,8 @@ namespace {
 constexpr const char *NAME = "com.corvana.vigmond";
 constexpr const char *PATH = "/com/corvana/Monitoring1";
 constexpr const char *INTERFACE = "com.corvana.State2.Issues";
+constexpr const char *NEW_OWNER = "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+                                  "member='NameOwnerChanged',arg0='com.corvana.vigmond'";
 
 int print_change(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*/) {
     std::uint32_t time = 0; // of the heartbeat
@@ -23,7 +25,7 @@ int print_change(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error
     return 0;
 }
 
-int print_raised(sd_bus *bus) {
+void print_raised(sd_bus *bus) {
     sd_bus_message *reply = nullptr;
     const int result = sd_bus_call_method(bus, NAME, PATH, INTERFACE, "GetListing", nullptr, &reply, "");
     std::uint32_t time = 0; // since when it is raised
@@ -35,14 +37,26 @@ int print_raised(sd_bus *bus) {
         }
     }
     sd_bus_message_unref(reply);
-    return result;
+}
+
+// What was raised before is not any longer.
+int start_anew(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*/) {
+    const char *owner = nullptr;
+    if (sd_bus_message_read(signal, "sss", nullptr, nullptr, &owner) > 0 && *owner != '\0') {
+        std::puts("vigmond has started");
+        print_raised(sd_bus_message_get_bus(signal));
+    }
+    return 0;
 }
 
 int watch(sd_bus *bus) {
     // First the signals, then the listing: nothing falls between them.
     int result = sd_bus_match_signal(bus, nullptr, NAME, PATH, INTERFACE, nullptr, print_change, nullptr);
     if (result >= 0) {
-        result = print_raised(bus);
+        result = sd_bus_add_match(bus, nullptr, NEW_OWNER, start_anew, nullptr);
+    }
+    if (result >= 0) {
+        print_raised(bus); // nothing when vigmond does not run yet
     }
     while (result >= 0) {
         result = sd_bus_process(bus, nullptr);

@@ -235,7 +235,7 @@ TEST(ServiceInit, EndsTheAskingAtAnInvalidArgument) {
 }
 
 TEST(ServiceInit, RepeatsAfterAnyOtherError) {
-    for (const char *error : {"EINTR", "EHOSTUNREACH", "ETIMEDOUT", "ENOTCONN", "EACCES", "ENOENT", "EBADR"}) {
+    for (const char *error : {"EINTR", "EHOSTUNREACH", "ETIMEDOUT", "ENOTCONN", "EACCES", "ENOENT", "EBADR", "ENXIO"}) {
         in_child([error] {
             const HangGuard guard;
             Start rig;

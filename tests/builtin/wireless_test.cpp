@@ -446,14 +446,14 @@ TEST_F(WirelessTest, TracesALevelAboveZeroRoundedUp) {
 }
 
 TEST_F(WirelessTest, TracesARun) {
-    show(table_line("wlan0sta", "70.", "-55.5"));
+    show(table_line("wlan0sta", "70.", "-55.4"));
     Task task = wireless_task(STRENGTH, "wlan0sta");
     const CapturedTraces traces;
     EXPECT_EQ(wireless_exec(&task), 0);
-    EXPECT_THAT(traces.texts_of("wireless_exec"), ElementsAre(" ", "CB09 3: FOUND", "wlan0sta: -56"));
+    EXPECT_THAT(traces.texts_of("wireless_exec"), ElementsAre(" ", "CB09 3: FOUND", "wlan0sta: -55"));
     EXPECT_THAT(traces.texts_of("wireless_psearch"), ElementsAre("ID: 9, ID_ndx: 3", "FOUND"));
     EXPECT_THAT(traces.texts_of("wireless_strength"),
-                ElementsAre("/proc/net/wireless wlan0sta", "value: -56 (-56.000000), level: -55.500000"));
+                ElementsAre("/proc/net/wireless wlan0sta", "value: -55 (-55.900000), level: -55.400000"));
     EXPECT_EQ(traces.all()[0].code_file, "CODE_FILE=builtin/wireless.c");
     EXPECT_THAT(traces.all()[0].line, StartsWith("(2) "));
 }

@@ -48,12 +48,11 @@ double instructions_of(const Command &program) {
 
 using MakeCommand = Command (*)(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder);
 
-/// Those of two heartbeats, behind as many as the longest delay of a task.
-double instructions_of_pass(MakeCommand command, const BenchBoard &board) {
-    constexpr int few = 11;
-    constexpr int more = 13;
-    const auto run = [&](int heartbeats) { return instructions_of(command(board, 0, heartbeats, ARMHF_COST_FOLDER)); };
-    return (run(more) - run(few)) / (more - few);
+/// Those of a heartbeat that follows `heartbeats` others.
+double instructions_of_pass(MakeCommand command, const BenchBoard &board, int heartbeats) {
+    constexpr int more = 2;
+    const auto run = [&](int count) { return instructions_of(command(board, 0, count, ARMHF_COST_FOLDER)); };
+    return (run(heartbeats + more) - run(heartbeats)) / more;
 }
 
 /// Whether a line of smaps begins the account of a mapping below 4 GiB, where the emulated program has
@@ -81,8 +80,10 @@ double dirty_kib(MakeCommand command, const BenchBoard &board, int heartbeats) {
 
 int main() {
     const BenchBoard board;
-    print_row("armhf: instructions of a pass over the floor", instructions_of_pass(daemon_command, board),
-              instructions_of_pass(floor_command, board), 1.2);
+    constexpr int longest_delay = 10;
+    print_row("armhf: instructions of a pass over the floor",
+              instructions_of_pass(daemon_command, board, longest_delay + 1),
+              instructions_of_pass(floor_command, board, 1), 1.2);
     constexpr int many = 1000;
     const double dirty = dirty_kib(daemon_command, board, many);
     print_row("armhf: private dirty KiB after 1,000 heartbeats over 100", dirty,

@@ -6,6 +6,7 @@
 #include "bus_servers.h"
 #include "dbus_handle.h"
 #include "journal_sink.h"
+#include "private_bus.h"
 
 #include <algorithm>
 #include <array>
@@ -13,8 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -29,26 +28,6 @@ constexpr int CALLS = 400; // a round
 constexpr std::array<int, 3> ISSUES{0, 1, ALL_ISSUES};
 constexpr std::array<Server, 4> KINDS{Server::daemon, Server::daemon_without_journal, Server::bare,
                                       Server::bare_with_traces};
-
-constexpr const char *CONFIGURATION =
-    "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
-    " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
-    "<busconfig><listen>unix:path=%s/bus</listen><auth>EXTERNAL</auth><policy context='default'>"
-    "<allow user='*'/><allow own='*'/><allow send_destination='*'/><allow receive_sender='*'/>"
-    "</policy></busconfig>\n";
-
-std::unique_ptr<Process> start_bus(const std::string &folder) {
-    std::array<char, 1024> text{};
-    std::snprintf(text.data(), text.size(), CONFIGURATION, folder.c_str());
-    std::ofstream(folder + "/bus.conf") << text.data();
-    auto bus = std::make_unique<Process>(std::vector<std::string>{"dbus-daemon",
-                                                                  "--config-file=" + folder + "/bus.conf", "--nofork",
-                                                                  "--nopidfile", "--nosyslog", "--print-address=1"});
-    if (bus->read_line().empty()) { // it is ready when it says where
-        std::puts("no dbus-daemon");
-    }
-    return bus;
-}
 
 /// The bench's own connection.
 DBusConnection *client = nullptr;
@@ -199,12 +178,12 @@ void measure_bursts() {
     print_times("from a hundred calls at once to the last answer", &times);
 }
 
-void measure_absence(Process *bus) {
+void measure_absence(PrivateBus *bus) {
     constexpr unsigned seconds = 5;
     const Contender daemon(Server::daemon, 0);
     dbus_connection_set_exit_on_disconnect(client, FALSE);
     const long before = daemon.process->processor_time();
-    bus->kill();
+    bus->stop();
     sleep(seconds);
     const long used = daemon.process->processor_time() - before;
     std::printf("in the first %u s without a bus: %.1f ms of processor time, %.3f %%\n", seconds,
@@ -215,22 +194,15 @@ void measure_absence(Process *bus) {
 
 int main(int argc, char **argv) {
     serve_if_asked(argc, argv);
-    std::string folder = "/tmp/vigmond-bench-XXXXXX";
-    if (mkdtemp(folder.data()) == nullptr) {
-        std::perror("no scratch folder");
-        return 1;
-    }
     start_journal_sink();
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + folder + "/bus").c_str(), 1);
-    const std::unique_ptr<Process> bus = start_bus(folder);
+    PrivateBus bus;
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
     client = dbus_bus_get(DBUS_BUS_SYSTEM, nullptr);
     if (client != nullptr) {
         compare_listings();
         measure_signals();
         measure_bursts();
-        measure_absence(bus.get());
+        measure_absence(&bus);
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
     return client == nullptr ? 1 : 0;
 }

@@ -4,12 +4,12 @@
 #include "dbus-srv.h"
 #include "dbus_handle.h"
 #include "gdata.h"
+#include "line_tap.h"
 #include "mutex_lock.h"
 
 #include <array>
 #include <charconv>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +28,10 @@ constexpr std::array<const char *, 4> KINDS{"daemon", "daemon_without_journal", 
 constexpr dbus_uint32_t CHANGED = 1700000000;
 constexpr std::uint32_t SWITCHED_ISSUE = 7;
 
-bool journal_takes_lines = true;
+bool drop_line(int /*priority*/, const char * /*file*/, const char * /*line*/, const char * /*function*/,
+               const char * /*format*/, std::va_list /*arguments*/) {
+    return false;
+}
 
 constexpr std::uint32_t id_of(int issue) { return issue == ALL_ISSUES - 1 ? 99 : static_cast<std::uint32_t>(issue); }
 
@@ -115,22 +118,6 @@ void bare_answer(DBusConnection *connection, DBusMessage *call, const std::vecto
 
 } // namespace
 
-// In front of the library's own, which does the same.
-int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
-                                   const char *format, ...) {
-    if (!journal_takes_lines) {
-        return 0;
-    }
-    std::va_list arguments;
-    va_start(arguments, format);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    const int result = sd_journal_printv_with_location(priority, file, line, function, format, arguments);
-#pragma GCC diagnostic pop
-    va_end(arguments);
-    return result;
-}
-
 std::vector<std::string> server_command(Server kind, int issues, const std::string &name) {
     return {"/proc/self/exe", "serve", KINDS[static_cast<std::size_t>(kind)], std::to_string(issues), name};
 }
@@ -143,7 +130,7 @@ void serve_if_asked(int argc, char **argv) {
     int issues = 0;
     std::from_chars(argv[3], argv[3] + std::strlen(argv[3]), issues);
     if (kind.starts_with(KINDS[0])) {
-        journal_takes_lines = kind == KINDS[0];
+        line_tap = kind == KINDS[0] ? nullptr : drop_line;
         serve_as_daemon(argv[4], issues);
     }
     serve_bare(argv[4], issues, kind == KINDS[3]);

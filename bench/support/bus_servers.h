@@ -1,7 +1,7 @@
 #pragma once
 
-// The processes between which the bus bench measures: a bus, the daemon's bus service, and the barest
-// server that answers with the same bytes.
+// The processes between which the bus bench measures: the daemon's bus service, and the barest server that
+// answers with the same bytes.
 
 #include <ctime>
 #include <string>
@@ -17,7 +17,7 @@ inline constexpr const char *BENCH_INTERFACE = "com.corvana.State2.Issues";
 /// A process of the bench's own, ended with the object.
 class Process {
   public:
-    /// Starts this program again, or another, with pipes to its stdin and from its stdout.
+    /// Starts a program with pipes to its stdin and from its stdout, which nobody reads but `read_line`.
     explicit Process(std::vector<std::string> command);
     ~Process();
     Process(const Process &) = delete;

@@ -2,6 +2,7 @@
 #include "call_tape.h"
 
 #include "handle.h"
+#include "line_tap.h"
 #include "system_bus.h"
 
 #include <algorithm>
@@ -38,6 +39,17 @@ void note_line_read() {
     }
 }
 
+bool note_line(int priority, const char *file, const char *line, const char *function, const char * /*format*/,
+               std::va_list arguments) {
+    noting->push_back({.kind = CallKind::trace,
+                       .path = va_arg(arguments, const char *),
+                       .property = function,
+                       .priority = priority,
+                       .code_file = file,
+                       .code_line = line});
+    return true;
+}
+
 template <typename Function> Function *next_in_line(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
@@ -47,29 +59,6 @@ template <typename Function> Function *next_in_line(const char *name) {
 // In front of the libraries' own; on 64-bit targets the headers lead these calls to the 64-bit names.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the headers' are reserved
 extern "C" {
-
-int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
-                                   const char *format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    if (noting != nullptr) {
-        std::va_list copy;
-        va_copy(copy, arguments);
-        noting->push_back({.kind = CallKind::trace,
-                           .path = va_arg(copy, const char *),
-                           .property = function,
-                           .priority = priority,
-                           .code_file = file,
-                           .code_line = line});
-        va_end(copy);
-    }
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    const int result = sd_journal_printv_with_location(priority, file, line, function, format, arguments);
-#pragma GCC diagnostic pop
-    va_end(arguments);
-    return result;
-}
 
 std::FILE *fopen(const char *path, const char *mode) {
     note(CallKind::read_file, path);
@@ -239,7 +228,9 @@ void play(const Call &call, int log) {
 CallTape note_calls(const std::function<void()> &run) {
     CallTape tape;
     noting = &tape;
+    line_tap = note_line;
     run();
+    line_tap = nullptr;
     noting = nullptr;
     return tape;
 }

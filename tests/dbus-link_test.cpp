@@ -220,7 +220,7 @@ unsigned next_pause(BusDaemon &daemon, std::size_t &line) {
     const std::string word = "pause ";
     const auto found = daemon.process().errors().wait_for(word, line);
     line = found.value_or(line) + 1;
-    return found ? static_cast<unsigned>(std::stoul(daemon.process().errors().lines()[*found].substr(word.size()))) : 0;
+    return found ? static_cast<unsigned>(std::stoul(daemon.process().errors().line(*found).substr(word.size()))) : 0;
 }
 
 TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {

@@ -3,9 +3,8 @@
 //     VIGMOND_SEED=n         that life instead of the usual ones
 //     VIGMOND_HEARTBEATS=n   so long a life
 
-#include "model/duet.h"
 #include "model/healthy_station.h"
-#include "model/script.h"
+#include "model/life.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>
@@ -46,14 +45,7 @@ std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector
     Duet duet(script.setup(), script.settings(), checks);
     duet.start();
     while (duet.beats_done() < heartbeats && duet.difference().empty()) {
-        const std::int64_t now = script.next_beat(duet.now());
-        for (const Input &input : script.inputs(now)) {
-            duet.put(input);
-        }
-        duet.beat(now);
-        for (const Input &question : script.questions()) {
-            duet.put(question);
-        }
+        live_until(script.next_beat(duet.now()), &script, &duet);
     }
     duet.stop();
     if (duet.difference().empty()) {
@@ -255,6 +247,32 @@ TEST(TheModel, FindsADifferenceAgainByItsReport) {
 }
 
 // --- what the comparison sees
+
+namespace {
+
+void live_till_rotation(Duet *duet) {
+    const unsigned before = duet->rotations();
+    while (duet->rotations() == before && duet->difference().empty()) {
+        duet->beat();
+    }
+}
+
+} // namespace
+
+TEST(TheReport, TellsOfAnOlderLogThatIsNotWhole) {
+    const std::string newest = std::string(model::LOG) + ".000.bz2";
+    for (const Input &secret : {removed(newest), written(newest, "no bzip2")}) {
+        model::RigSetup setup = model::healthy_station();
+        setup.arguments = model::small_logs().arguments;
+        Duet duet(setup, model::small_logs());
+        duet.start();
+        live_till_rotation(&duet);
+        EXPECT_EQ(duet.difference(), "");
+        duet.put_secretly(secret);
+        live_till_rotation(&duet);
+        EXPECT_THAT(duet.difference(), StartsWith("difference in: older status logs\n"));
+    }
+}
 
 TEST(TheReport, TellsOfADifferenceHowItCameAbout) {
     std::vector<Check> checks = built_in_checks();

@@ -49,7 +49,7 @@ class BusDaemon {
     std::optional<std::size_t> find_trace(const std::string &function, const std::string &text) {
         const std::string place = " " + function + "(";
         std::optional<std::size_t> line = child_.errors().wait_for(place);
-        while (line && child_.errors().lines()[*line].find(text) == std::string::npos) {
+        while (line && child_.errors().line(*line).find(text) == std::string::npos) {
             line = child_.errors().wait_for(place, *line + 1);
         }
         return line;

@@ -91,6 +91,11 @@ std::optional<std::size_t> LineReader::wait_for(const std::string &text, std::si
     }
 }
 
+std::string LineReader::line(std::size_t number) {
+    const std::lock_guard<std::mutex> hold(lock_);
+    return lines_.at(number);
+}
+
 std::vector<std::string> LineReader::lines() {
     const std::lock_guard<std::mutex> hold(lock_);
     return lines_;

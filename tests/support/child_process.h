@@ -23,6 +23,8 @@ class LineReader {
     /// Waits for the next line, from line `from` on, that contains `text`; its number, or none when the
     /// stream ends without it or nothing comes for a minute.
     std::optional<std::size_t> wait_for(const std::string &text, std::size_t from = 0);
+    /// A line that has come.
+    std::string line(std::size_t number);
     /// All lines so far.
     std::vector<std::string> lines();
 

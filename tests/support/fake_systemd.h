@@ -32,7 +32,7 @@ class FakeSystemd {
             return -1;
         }
         seen_ = *answer + 1;
-        return std::stoi(child_.output().lines()[*answer].substr(3));
+        return std::stoi(child_.output().line(*answer).substr(3));
     }
 
     // A unit is the last part of its object path, "nginx_2eservice".

@@ -116,6 +116,12 @@ void Duet::beats(int count) {
     }
 }
 
+void Duet::forget() {
+    sentences_.clear();
+    signals_.clear();
+    started_.clear();
+}
+
 void Duet::stop() {
     if (!difference_.empty()) {
         return;

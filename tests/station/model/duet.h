@@ -38,7 +38,11 @@ class Duet {
     /// All signals and calls of the load logger, likewise.
     [[nodiscard]] const std::vector<std::string> &signals() const { return signals_; }
     [[nodiscard]] const std::vector<std::string> &started() const { return started_; }
+    /// Drops these.
+    void forget();
     [[nodiscard]] unsigned beats_done() const { return beats_; }
+    [[nodiscard]] unsigned rotations() const { return rotations_; }
+    [[nodiscard]] pid_t pid() const { return rig_.pid(); }
 
     /// The first difference with all that led to it; empty as long as there is none.
     [[nodiscard]] const std::string &difference() const { return difference_; }

@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -157,7 +158,8 @@ void Rig::Bus::come_back() {
 Rig::Rig(const RigSetup &setup)
     : board_(board_after(setup.inputs, setup.has_bus)), station_(board_of(board_, setup)), arguments_(setup.arguments) {
     const BoardFolder &files = station_.files();
-    files.remove("/run/systemd/journal/socket"); // the traces go nowhere: they would take most of the time
+    // The traces go nowhere: they would take most of the time. A socket that is not there takes longer.
+    files.write("/run/systemd/journal/socket", "");
     chmod(files.host_path(LOAD_LOGGER).c_str(), S_IRWXU);
     files.make_fifo(CALLS);
     calls_.reset(open(files.host_path(CALLS).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -278,6 +280,7 @@ void Rig::apply(const Input &input) {
         end_load_logger(input.target);
         break;
     case bus_lost:
+        await_rest();
         bus_->lose();
         break;
     case bus_back:
@@ -290,14 +293,27 @@ void Rig::apply(const Input &input) {
     }
 }
 
+/// Until all its threads sleep: one that has written a signal, but has not come to see that the bus was still
+/// there then, sends it again.
+void Rig::await_rest() const {
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    const fs::directory_iterator threads("/proc/" + std::to_string(station_.pid()) + "/task");
+    for (const auto &thread : threads) {
+        while (read_file(thread.path() / "stat").find(") S ") == std::string::npos &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+    }
+}
+
 // --- what is shown
 
 std::vector<std::string> Rig::sentences() {
     std::vector<std::string> texts;
-    for (; sentences_taken_ < station_.syslog().size(); ++sentences_taken_) {
-        const SyslogRecord &record = station_.syslog()[sentences_taken_];
+    for (const SyslogRecord &record : station_.syslog()) {
         texts.push_back(std::to_string(record.priority) + " " + record.text);
     }
+    station_.forget();
     return texts;
 }
 

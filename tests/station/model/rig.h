@@ -35,6 +35,8 @@ class Rig {
     /// Ends the daemon; its status.
     int stop();
 
+    [[nodiscard]] pid_t pid() const { return station_.pid(); }
+
     // What it has shown since it was last asked.
     std::vector<std::string> sentences();
     /// Waits for `count` signals if they have not come yet.
@@ -90,6 +92,7 @@ class Rig {
     void lose_generation(int number) const;
     [[nodiscard]] std::vector<pid_t> children() const;
     bool read_call();
+    void await_rest() const;
 
     BoardState board_;
     Station station_;
@@ -100,7 +103,6 @@ class Rig {
     std::vector<LoadLogger> loggers_;
     std::vector<std::string> told_;
     std::vector<std::string> signals_;
-    std::size_t sentences_taken_ = 0;
 };
 
 inline constexpr const char *LOG = "/var/lib/evse/vigmond/logfile";

@@ -193,7 +193,7 @@ std::vector<Input> Script::rare_inputs() {
     if (random_.once_in(300)) {
         rare.push_back({.kind = Input::Kind::generation_lost, .target = std::to_string(random_.below(3)), .text = ""});
     }
-    if (random_.once_in(1000)) {
+    if (random_.once_in(beats_with_bus_)) {
         rare.push_back({.kind = Input::Kind::bus_lost, .target = "", .text = ""});
     }
     if (random_.once_in(10)) {

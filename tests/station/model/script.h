@@ -31,6 +31,8 @@ class Script {
     std::int64_t next_beat(std::int64_t now);
     /// What is done before the heartbeat at `now`.
     std::vector<Input> inputs(std::int64_t now);
+    /// So rarely is the bus lost, in heartbeats.
+    void lose_bus_every(std::int64_t beats) { beats_with_bus_ = beats; }
     /// What is asked after it.
     std::vector<Input> questions();
 
@@ -63,6 +65,7 @@ class Script {
     std::string quality_ = "70.";
     std::string strength_ = "-20.";
     std::int64_t pace_ = 10; ///< seconds from one heartbeat to the next, mostly
+    std::int64_t beats_with_bus_ = 1000;
     std::int64_t load_ = 20;
     std::int64_t counters_[3] = {1000, 1000, 8000};
     std::int64_t networkd_time_ = 1000;

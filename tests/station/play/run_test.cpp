@@ -46,7 +46,7 @@ class Run : public testing::Test {
     std::string sees(const std::string &text, std::size_t from = 0) {
         const auto line = script->output().wait_for(text, from);
         EXPECT_TRUE(line) << "never seen: " << text << "\n" << seen() << joined(script->errors().lines());
-        return line ? script->output().lines()[*line] : "";
+        return line ? script->output().line(*line) : "";
     }
     std::string seen() { return joined(script->output().lines()); }
     /// Types a line into a second terminal; what that answers.

@@ -1,5 +1,6 @@
 #include "logfile.h"
 
+#include "in_child.h"
 #include "logfile_rig.h"
 #include "memory_fault.h"
 #include "sample_task.h"
@@ -372,6 +373,18 @@ TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
     lf_print(0, "x", 0);
     std::printf("after\n");
     EXPECT_EQ(mask_times(testing::internal::GetCapturedStdout()), "before\n<time>\tOK\tx\nafter\n");
+}
+
+TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
+    in_child([this] {
+        use("stdout");
+        close(STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); // takes the number of stderr
+        dup2(null, STDOUT_FILENO);
+        close(null);
+        lf_print(0, "x", 0);
+        EXPECT_GT(logfile_state().logfile_stream.get(), STDERR_FILENO);
+    });
 }
 
 TEST_F(StandardStreamTest, GetsEachEntryInOneWrite) {

@@ -210,6 +210,7 @@ TEST(Trace, FormatsAsPrintfDoes) {
     EXPECT_TRACED("00 09 10 99 100 -1 -10", "%02d %02d %02d %02d %02d %02d %02d", 0, 9, 10, 99, 100, -1, -10);
     EXPECT_TRACED("analyze ID: CB05[0]: ok", "analyze ID: CB%02d[%d]: %s", 5, 0, "ok");
     EXPECT_TRACED("07d", "%02dd", 7);
+    EXPECT_TRACED("d7", "d%d", 7);
     EXPECT_TRACED("           7", "%12d", 7);
     EXPECT_TRACED("007", "%03d", 7);
     EXPECT_TRACED("100%", "%d%%", 100);

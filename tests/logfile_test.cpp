@@ -1,11 +1,13 @@
 #include "logfile.h"
 
+#include "in_child.h"
 #include "logfile_rig.h"
 #include "memory_fault.h"
 #include "sample_task.h"
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -21,8 +23,16 @@
 // Every time stamp is made by it, and every one of them fails while this is set.
 namespace {
 bool no_time = false;
-int interruptions = 0; // so many writes are interrupted by a signal
+int interruptions = 0;     // so many writes are interrupted by a signal
+std::time_t set_time = -1; // what the clock shows while it is set
 } // namespace
+extern "C" std::time_t __wrap_time(std::time_t *result);
+extern "C" std::time_t __wrap_time(std::time_t * /*result*/) {
+    return set_time >= 0 ? set_time : std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+}
+extern "C" std::time_t __wrap___time64(std::time_t *result);
+extern "C" std::time_t __wrap___time64(std::time_t *result) { return __wrap_time(result); }
+// namespace
 extern "C" std::size_t __real_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time) {
@@ -58,6 +68,20 @@ TEST_F(RecordTest, HasStampStateIdIndexAndValue) {
     Task task = task_of(5, 0, 42);
     EXPECT_EQ(logfile_exec(&task), 0);
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
+}
+
+TEST_F(RecordTest, HasTheTimeOfItsSecond) {
+    in_child([this] {
+        setenv("TZ", "UTC0", 1);
+        use(path);
+        set_time = 1700049600; // noon of 15 November 2023
+        lf_print(0, "x", 0);
+        lf_print(0, "y", 0);
+        ++set_time;
+        lf_print(0, "z", 0);
+        EXPECT_EQ(read_file(path),
+                  "2023-11-15 12:00:00\tOK\tx\n2023-11-15 12:00:00\tOK\ty\n2023-11-15 12:00:01\tOK\tz\n");
+    });
 }
 
 TEST_F(RecordTest, IsWrittenAgainAfterAnInterruption) {
@@ -372,6 +396,18 @@ TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
     lf_print(0, "x", 0);
     std::printf("after\n");
     EXPECT_EQ(mask_times(testing::internal::GetCapturedStdout()), "before\n<time>\tOK\tx\nafter\n");
+}
+
+TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
+    in_child([this] {
+        use("stdout");
+        close(STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); // takes the number of stderr
+        dup2(null, STDOUT_FILENO);
+        close(null);
+        lf_print(0, "x", 0);
+        EXPECT_GT(logfile_state().logfile_stream.get(), STDERR_FILENO);
+    });
 }
 
 TEST_F(StandardStreamTest, GetsEachEntryInOneWrite) {

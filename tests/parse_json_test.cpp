@@ -162,7 +162,7 @@ INSTANTIATE_TEST_SUITE_P(PrimitiveKeys, JsonErrorTest,
                                          ErrorCase{R"({"a":{} 1})", -2}));
 
 INSTANTIATE_TEST_SUITE_P(Escapes, JsonErrorTest,
-                         testing::Values(ErrorCase{R"("\x")", -2}, ErrorCase{R"("\a")", -2},
+                         testing::Values(ErrorCase{R"("\x")", -2}, ErrorCase{R"("\x)", -2}, ErrorCase{R"("\a")", -2},
                                          ErrorCase{R"("\U0000")", -2}, ErrorCase{R"("\ ")", -2},
                                          ErrorCase{R"("\u12")", -2}, ErrorCase{R"("\u12g4")", -2},
                                          ErrorCase{"\"\\u12\xC3\xA4\"", -2}, ErrorCase{"\"\\", -3},

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -34,6 +35,19 @@
 [[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void *memory, std::size_t /*size*/) noexcept { std::free(memory); }
 // NOLINTEND(cppcoreguidelines-no-malloc)
+
+namespace {
+
+constinit std::time_t set_time = -1; ///< what the clock shows while it is set
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" std::time_t __wrap_time(std::time_t * /*result*/) {
+    return set_time >= 0 ? set_time : std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+}
+extern "C" std::time_t __wrap___time64(std::time_t *result) { return __wrap_time(result); }
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 
@@ -177,6 +191,15 @@ TEST(Trace, TimeIsUtcWhateverTheTimeZone) {
     });
 }
 
+TEST(Trace, TimeHasTwoDigitsEach) {
+    for (set_time = 0; set_time < 86400; set_time += 3661) { // an hour, a minute and a second later
+        const CapturedTraces traces;
+        trace_write(2, "CODE_FILE=module.c", "CODE_LINE=90", "function", "%s", "text");
+        EXPECT_EQ(last_line(traces), prefix_at(set_time, 2, "module.c: function(90)") + "text");
+    }
+    set_time = -1;
+}
+
 TEST(Trace, KeepsTheBlankOfAnEntryTrace) {
     const CapturedTraces traces;
     trace_write(2, "CODE_FILE=module.c", "CODE_LINE=90", "function", " ");
@@ -210,6 +233,7 @@ TEST(Trace, FormatsAsPrintfDoes) {
     EXPECT_TRACED("00 09 10 99 100 -1 -10", "%02d %02d %02d %02d %02d %02d %02d", 0, 9, 10, 99, 100, -1, -10);
     EXPECT_TRACED("analyze ID: CB05[0]: ok", "analyze ID: CB%02d[%d]: %s", 5, 0, "ok");
     EXPECT_TRACED("07d", "%02dd", 7);
+    EXPECT_TRACED("d7", "d%d", 7);
     EXPECT_TRACED("           7", "%12d", 7);
     EXPECT_TRACED("007", "%03d", 7);
     EXPECT_TRACED("100%", "%d%%", 100);

@@ -90,6 +90,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::UnorderedElementsAreArray;
 
@@ -438,6 +439,17 @@ TEST_F(LoadChildTest, AMissingProgramWithoutOptionsIsTracedAsWell) {
         EXPECT_NE(failed, std::string::npos) << text;
         EXPECT_NE(text.find("execve(\"/missing/program\", [\"program\", \"-c\", \"150\",", failed), std::string::npos)
             << text;
+    });
+}
+
+TEST_F(LoadChildTest, AnUnknownOptionIsPassedOverInSilence) {
+    in_child([&] {
+        set_logfile();
+        Task task = load_task();
+        task.parameter = "/missing/program -x -c 7";
+        const std::string text = traces_of_failure(&task);
+        EXPECT_THAT(text, HasSubstr("[\"program\", \"-c\", \"7\", \"-t\", \"6\","));
+        EXPECT_THAT(text, Not(HasSubstr("invalid option")));
     });
 }
 

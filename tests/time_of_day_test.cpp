@@ -20,8 +20,10 @@ TEST_P(TimeOfDayTest, IsUtc) {
 
 INSTANTIATE_TEST_SUITE_P(Times, TimeOfDayTest,
                          testing::Values(Case{0, 0, 0, 0}, Case{86399, 23, 59, 59}, Case{86400, 0, 0, 0},
-                                         Case{-1, 23, 59, 59}, Case{2147483647, 3, 14, 7}, // 19 January 2038
-                                         Case{2147483648, 3, 14, 8},                       //
-                                         Case{4294967296, 6, 28, 16}));                    // 7 February 2106
+                                         Case{-1, 23, 59, 59}, Case{-86400, 0, 0, 0}, Case{-86401, 23, 59, 59},
+                                         Case{253402300799, 23, 59, 59}, // 31 December 9999
+                                         Case{2147483647, 3, 14, 7},     // 19 January 2038
+                                         Case{2147483648, 3, 14, 8},     //
+                                         Case{4294967296, 6, 28, 16}));  // 7 February 2106
 
 } // namespace

@@ -21,13 +21,12 @@ namespace {
 
 constexpr std::array units{"hostapd", "nginx", "ocppd", "rauc", "stationd", "wpa_5fsupplicant", "corvana_2dportapi"};
 
-// As often as the tasks that read them, the first line or all.
+// As often as the tasks that look at them, that read the first line, and that read all.
+constexpr std::array looked_at{"/sys/class/net/eth0/operstate", "/sys/class/net/wlan0sta/operstate"};
 constexpr std::array first_lines{"/sys/class/thermal/thermal_zone0/temp",
                                  "/proc/net/dev",
                                  "/proc/net/dev",
                                  "/sys/class/net/eth0/operstate",
-                                 "/sys/class/net/eth0/operstate",
-                                 "/sys/class/net/wlan0sta/operstate",
                                  "/sys/class/net/wlan0sta/operstate",
                                  "/proc/net/wireless",
                                  "/proc/net/wireless",
@@ -56,15 +55,17 @@ void trace_lines(int count) {
     }
 }
 
-void read_file(const char *path, bool all) {
-    std::FILE *file = std::fopen(path, "re");
-    if (file == nullptr) {
+enum class Reading { nothing, first_piece, all };
+
+void read_file(const char *path, Reading reading) {
+    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
         give_up(path);
     }
-    char line[1024];
-    while (std::fgets(line, sizeof line, file) != nullptr && all) {
+    char text[4096];
+    while (reading != Reading::nothing && read(file, text, sizeof text) > 0 && reading == Reading::all) {
     }
-    std::fclose(file);
+    close(file);
 }
 
 void ask_disk(const char *path) {
@@ -116,10 +117,13 @@ void write_records(int log) {
 
 void pass(char *argv[], sd_bus *bus, int log, int lines) {
     ask_network(bus);
-    for (const char *path : first_lines) {
-        read_file(path, false);
+    for (const char *path : looked_at) {
+        read_file(path, Reading::nothing);
     }
-    read_file("/proc/meminfo", true);
+    for (const char *path : first_lines) {
+        read_file(path, Reading::first_piece);
+    }
+    read_file("/proc/meminfo", Reading::all);
     for (const char *disk : disks) {
         ask_disk(disk);
     }

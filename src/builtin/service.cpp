@@ -218,13 +218,11 @@ std::int32_t service_read(const Task *task) {
         if (service->index != task->index) {
             continue;
         }
+        signals_safe_point();
         trace(TRACE_TRACE, "service: %s", service->name);
         service->running = service_ask_running(service->name);
         if (service->running != RUNNING) {
             result = 1;
-        }
-        if (service->running == UNKNOWN) { // waited for in vain, maybe for as long as it may take
-            signals_safe_point();
         }
     }
     return result;

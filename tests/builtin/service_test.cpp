@@ -9,11 +9,8 @@
 #include "private_bus.h"
 #include "probe_test.h"
 #include "sample_task.h"
-#include "signals.h"
-#include "trace.h"
 
 #include <array>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <gmock/gmock.h>
@@ -223,24 +220,6 @@ TEST(ServiceExec, RepeatsAnInterruptedQuestionOnly) {
         }
         EXPECT_TRUE(rig.traces.has("service_read", "GET PROPERTY FAILED: ret : -113 (No route to host) -- err.name: "
                                                    "System.Error.EHOSTUNREACH err.message: as told"));
-    });
-}
-
-void trace_signal(int /*signo*/) { trace_at(TRACE_TRACE, "service_test.c", "service_read", 1, "signal taken"); }
-
-TEST(ServiceExec, TakesASignalBeforeItAsksOnWhenAnAnswerIsMissing) {
-    in_child([] {
-        Services rig;
-        Task task = rig.watch({"a_2eservice", "b_2eservice"}, "a b");
-        rig.systemd.fail("b_2eservice", ACTIVE_STATE, "System.Error.ETIMEDOUT");
-        signals_hold();
-        std::signal(SIGUSR1, trace_signal);
-        raise(SIGUSR1);
-        const CapturedTraces traces;
-        EXPECT_EQ(run(task), 1);
-        EXPECT_THAT(traces.texts_of("service_read"),
-                    ElementsAre("service: b", testing::StartsWith("GET PROPERTY FAILED: "), "signal taken",
-                                "service: a", "service: a - not running (inactive)", "DONE"));
     });
 }
 

@@ -1,6 +1,7 @@
 // A message on the bus. Input: its bytes as they come over the wire ("l" or "B" first), or else the
 // length of a signature, the signature, and a body; then a call of each method has that body. No issue
-// is raised meanwhile if the length has the bit QUIET.
+// is raised meanwhile if the length has the bit QUIET. With the bit FAILING a byte follows it that tells
+// which call of the library fails, as when memory is out.
 
 #include "dbus-issues.h"
 #include "dbus-methods.h"
@@ -9,6 +10,7 @@
 #include "support/fuzz.h"
 
 #include <array>
+#include <cstdarg>
 #include <cstring>
 #include <utility>
 
@@ -30,18 +32,56 @@ constexpr std::array<Method, 3> METHODS{{
 
 constexpr std::uint32_t ANY_ISSUE = 20;
 constexpr std::uint8_t QUIET = 0x20;
+constexpr std::uint8_t FAILING = 0x80;
 
-BusMessage sent; // the last reply
+BusMessage sent;      // the last reply
+int failing_call = 0; // counted from 1; none fails at 0
+int calls_to_failure = 0;
+
+bool fails() { return calls_to_failure > 0 && --calls_to_failure == 0; }
 
 } // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
-extern "C" dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*connection*/, DBusMessage *message,
-                                                   dbus_uint32_t * /*serial*/) {
+extern "C" {
+DBusMessage *__real_dbus_message_new_method_return(DBusMessage *call);
+dbus_bool_t __real_dbus_message_iter_append_basic(DBusMessageIter *iter, int type, const void *value);
+dbus_bool_t __real_dbus_message_iter_open_container(DBusMessageIter *iter, int type, const char *signature,
+                                                    DBusMessageIter *sub);
+dbus_bool_t __real_dbus_message_iter_close_container(DBusMessageIter *iter, DBusMessageIter *sub);
+
+DBusMessage *__wrap_dbus_message_new_method_return(DBusMessage *call) {
+    return fails() ? nullptr : __real_dbus_message_new_method_return(call);
+}
+dbus_bool_t __wrap_dbus_message_append_args(DBusMessage *message, int type, ...) {
+    std::va_list arguments;
+    va_start(arguments, type);
+    const dbus_bool_t appended = dbus_message_append_args_valist(message, type, arguments);
+    va_end(arguments);
+    return fails() ? FALSE : appended;
+}
+dbus_bool_t __wrap_dbus_message_iter_append_basic(DBusMessageIter *iter, int type, const void *value) {
+    return fails() ? FALSE : __real_dbus_message_iter_append_basic(iter, type, value);
+}
+dbus_bool_t __wrap_dbus_message_iter_open_container(DBusMessageIter *iter, int type, const char *signature,
+                                                    DBusMessageIter *sub) {
+    return fails() ? FALSE : __real_dbus_message_iter_open_container(iter, type, signature, sub);
+}
+/// The library closes it even where it fails.
+dbus_bool_t __wrap_dbus_message_iter_close_container(DBusMessageIter *iter, DBusMessageIter *sub) {
+    const dbus_bool_t closed = __real_dbus_message_iter_close_container(iter, sub);
+    return fails() ? FALSE : closed;
+}
+dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*connection*/, DBusMessage *message,
+                                        dbus_uint32_t * /*serial*/) {
+    if (fails()) {
+        return FALSE;
+    }
     sent.reset(dbus_message_ref(message));
     return TRUE;
 }
-extern "C" void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
+void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
+}
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
@@ -69,7 +109,13 @@ class RaisedIssue {
 
 void check_call(DBusMessage *message, const Method &method) {
     sent.reset();
-    PROMISE(method.handler(nullptr, message) == 0);
+    calls_to_failure = failing_call;
+    const int result = method.handler(nullptr, message);
+    if (failing_call > 0 && calls_to_failure == 0) {
+        PROMISE(result == -1 && !sent);
+        return;
+    }
+    PROMISE(result == 0);
     PROMISE(sent && dbus_message_get_type(sent.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN);
     PROMISE(dbus_message_get_reply_serial(sent.get()) == dbus_message_get_serial(message));
     const char *signature = d_bus_srv_raised_issues() > 0 ? method.reply : method.quiet;
@@ -127,16 +173,20 @@ void serve(const BusMessage &message) {
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    const std::string input = text_of(data, size);
+    failing_call = 0;
     if (size == 0 || data[0] == 'l' || data[0] == 'B') {
         const RaisedIssue issue(true);
-        serve(message_of(input));
+        serve(message_of(text_of(data, size)));
         return 0;
     }
+    const bool has_failure = (data[0] & FAILING) != 0 && size > 1;
+    failing_call = has_failure ? data[1] : 0;
+    const std::size_t begin = has_failure ? 2 : 1;
+    const std::string input = text_of(data + begin, size - begin);
     const RaisedIssue issue((data[0] & QUIET) == 0);
-    const std::size_t length = std::min<std::size_t>(data[0] % QUIET, size - 1);
+    const std::size_t length = std::min<std::size_t>(data[0] % QUIET, input.size());
     for (const Method &method : METHODS) {
-        serve(message_of(call_bytes(method, input.substr(1, length), input.substr(1 + length))));
+        serve(message_of(call_bytes(method, input.substr(0, length), input.substr(length))));
     }
     return 0;
 }

@@ -1,4 +1,5 @@
-// The WiFi configuration: whatever stands in it, the WiFi is in use or it is not.
+// The WiFi configuration: whatever stands in it, the WiFi is in use or it is not. So too with tokens that
+// no parser makes: one for each word that a zero byte ends.
 
 #include "network.h"
 #include "parse_json.h"
@@ -7,15 +8,38 @@
 #include <array>
 #include <vector>
 
+namespace {
+
+constexpr std::size_t CAPACITY = 32;
+using Tokens = std::array<JsonToken, CAPACITY>;
+
+/// An object of the words; how many tokens there are.
+std::int32_t put_words(const std::vector<char> &text, Tokens *tokens) {
+    std::size_t count = 0;
+    (*tokens)[count++].type = JSON_OBJECT;
+    for (std::size_t i = 0; i < text.size() && count < CAPACITY; ++i) {
+        if (i == 0 || text[i - 1] == '\0') {
+            (*tokens)[count++].start = static_cast<std::int32_t>(i);
+        }
+    }
+    return static_cast<std::int32_t>(count);
+}
+
+} // namespace
+
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     std::vector<char> text(data, data + size);
     text.push_back('\0'); // as the reader's buffer ends
-    std::array<JsonToken, 32> tokens{};
+    Tokens tokens{};
     JsonParser parser{};
     json_init(&parser, tokens.data(), tokens.size());
     const std::int32_t count = json_parse(&parser, text.data(), static_cast<std::int32_t>(size));
     const std::int32_t decision = network_decide_wifi(text.data(), tokens.data(), count);
     PROMISE(decision == 0 || decision == 1);
     PROMISE(count > 0 || decision == 1);
+
+    Tokens words{};
+    const std::int32_t of_words = network_decide_wifi(text.data(), words.data(), put_words(text, &words));
+    PROMISE(of_words == 0 || of_words == 1);
     return 0;
 }

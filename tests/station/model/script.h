@@ -31,7 +31,7 @@ class Script {
     std::int64_t next_beat(std::int64_t now);
     /// What is done before the heartbeat at `now`.
     std::vector<Input> inputs(std::int64_t now);
-    /// So rarely is the bus lost, in heartbeats.
+    /// How many heartbeats pass from one loss of the bus to the next, on average.
     void lose_bus_every(std::int64_t beats) { beats_with_bus_ = beats; }
     /// What is asked after it.
     std::vector<Input> questions();

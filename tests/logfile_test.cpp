@@ -399,7 +399,7 @@ TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
 }
 
 TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
-    in_child([this] {
+    in_child([] {
         use("stdout");
         close(STDERR_FILENO);
         const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); // takes the number of stderr

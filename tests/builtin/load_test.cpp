@@ -81,7 +81,8 @@ TEST(LoadParseLine, CannotUseWhatIsNoCount) {
         EXPECT_FALSE(parse("cpu " + word + " 0 1 1\n").usable) << word;
         EXPECT_FALSE(parse("cpu 1 0 " + word + " 1\n").usable) << word;
         EXPECT_FALSE(parse("cpu 1 0 1 " + word + "\n").usable) << word;
-        EXPECT_TRUE(parse("cpu 1 " + word + " 1 1 " + word + "\n").usable) << word; // nice and iowait
+        EXPECT_TRUE(parse("cpu 1 " + word + " 1 1\n").usable) << word;   // nice
+        EXPECT_TRUE(parse("cpu 1 0 1 1 " + word + "\n").usable) << word; // iowait
     }
 }
 

@@ -19,7 +19,6 @@
 #include <random>
 #include <thread>
 
-using testing::SizeIs;
 
 namespace {
 

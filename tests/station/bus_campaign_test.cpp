@@ -19,7 +19,6 @@
 #include <random>
 #include <thread>
 
-
 namespace {
 
 using std::chrono::milliseconds;

@@ -195,7 +195,7 @@ void measure_absence(PrivateBus *bus) {
 
 int main(int argc, char **argv) {
     serve_if_asked(argc, argv);
-    keep_to(last_processor()); // all of them, or a round trip is that of where the scheduler put each
+    leave_last_processor(); // all share one, or a round trip is that of where the scheduler put each
     start_journal_sink();
     PrivateBus bus;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);

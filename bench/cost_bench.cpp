@@ -328,7 +328,6 @@ constexpr std::array stages{Stage{"start", compare_start}, Stage{"calls", compar
 } // namespace
 
 int main(int argc, char *argv[]) {
-    keep_programs_apart();
     const BenchBoard board;
     for (const Stage &stage : stages) {
         if (argc < 2 || std::strcmp(argv[1], stage.name) == 0) {

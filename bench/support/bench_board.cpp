@@ -82,6 +82,7 @@ BenchBoard::BenchBoard() : bus_(std::make_unique<PrivateBus>()), systemd_(std::m
         write(file.path, file.content);
     }
     write(emmc_, "");
+    keep_to(own_processor_);
 }
 
 void share_board_network() {

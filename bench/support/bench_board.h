@@ -6,6 +6,7 @@
 #include "bench_daemon.h"
 #include "fake_systemd.h"
 #include "private_bus.h"
+#include "processors.h"
 #include "scratch_folder.h"
 
 #include <memory>
@@ -22,6 +23,7 @@ class BenchBoard {
     [[nodiscard]] const ScratchFolder &scratch() const { return scratch_; }
 
   private:
+    int own_processor_ = leave_last_processor(); ///< before all that serves the board inherits the first
     ScratchFolder scratch_;
     std::unique_ptr<PrivateBus> bus_;
     std::unique_ptr<FakeSystemd> systemd_;

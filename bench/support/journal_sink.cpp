@@ -1,6 +1,7 @@
 #include "journal_sink.h"
 
 #include "handle.h"
+#include "processors.h"
 
 #include <array>
 #include <atomic>
@@ -56,6 +57,7 @@ bool bind_socket() {
 } // namespace
 
 bool start_journal_sink() {
+    const int own_processor = leave_last_processor();
     pthread_t thread{};
     if (!own_run_folder() || !deepen_queue() || !bind_socket() ||
         pthread_create(&thread, nullptr, drain, nullptr) != 0) {
@@ -63,6 +65,7 @@ bool start_journal_sink() {
         return false;
     }
     pthread_detach(thread);
+    keep_to(own_processor);
     return true;
 }
 

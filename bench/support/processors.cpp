@@ -5,32 +5,18 @@
 
 namespace {
 
-cpu_set_t allowed() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    sched_getaffinity(0, sizeof set, &set);
-    return set;
+/// Which of the processors that this thread may use comes first, from a side.
+int next_allowed(int processor, int step) {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    while (processor >= 0 && processor < CPU_SETSIZE && !CPU_ISSET(processor, &allowed)) {
+        processor += step;
+    }
+    return processor;
 }
 
 } // namespace
-
-int first_processor() {
-    const cpu_set_t set = allowed();
-    int processor = 0;
-    while (processor < CPU_SETSIZE - 1 && !CPU_ISSET(processor, &set)) {
-        ++processor;
-    }
-    return processor;
-}
-
-int last_processor() {
-    const cpu_set_t set = allowed();
-    int processor = CPU_SETSIZE - 1;
-    while (processor > 0 && !CPU_ISSET(processor, &set)) {
-        --processor;
-    }
-    return processor;
-}
 
 void keep_to(int processor) {
     cpu_set_t set;
@@ -39,4 +25,10 @@ void keep_to(int processor) {
     if (sched_setaffinity(0, sizeof set, &set) != 0) {
         std::perror("sched_setaffinity");
     }
+}
+
+int leave_last_processor() {
+    const int last = next_allowed(CPU_SETSIZE - 1, -1);
+    keep_to(next_allowed(0, 1));
+    return last;
 }

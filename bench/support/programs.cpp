@@ -1,7 +1,5 @@
 #include "programs.h"
 
-#include "processors.h"
-
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -17,14 +15,7 @@ namespace {
 constexpr const char *LINES = "437";
 constexpr const char *LINES_AT_START = "170";
 
-int programs_processor = -1;
-
 } // namespace
-
-void keep_programs_apart() {
-    programs_processor = last_processor();
-    keep_to(first_processor());
-}
 
 Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder) {
     const BoardPaths paths = board.paths();
@@ -40,9 +31,6 @@ Command floor_command(const BenchBoard &board, int period_ms, int heartbeats, co
 }
 
 void become(const Command &command, int out) {
-    if (programs_processor >= 0) {
-        keep_to(programs_processor);
-    }
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(out >= 0 ? out : nowhere, STDOUT_FILENO);
     dup2(nowhere, STDERR_FILENO);

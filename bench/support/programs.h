@@ -16,10 +16,6 @@ using Command = std::vector<std::string>;
 Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder = COST_FOLDER);
 Command floor_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder = COST_FOLDER);
 
-/// Keeps this process, and what it starts for the programs, to the first processor, and the programs
-/// to the last.
-void keep_programs_apart();
-
 /// Becomes the program, its stdout going to `out` or nowhere.
 [[noreturn]] void become(const Command &command, int out = -1);
 /// Starts the program as a child.

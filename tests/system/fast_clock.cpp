@@ -1,8 +1,10 @@
 // Preloaded into the installed daemon by the tests of the booted system, so that the confirmation of an
 // issue, minutes of real time, takes seconds: its wall clock runs FAST_CLOCK times as fast from its start
-// on, and its heartbeat comes as much sooner.
+// on, and its heartbeat comes as much sooner. The clock starts at FAST_CLOCK_START, if that is given, and
+// leaps by the seconds that the file FAST_CLOCK_LEAP names.
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <dlfcn.h>
@@ -18,9 +20,22 @@ std::int64_t real_microseconds() {
     return now.tv_sec * MICROSECONDS + now.tv_nsec / 1000;
 }
 
-std::int64_t factor() {
-    const char *given = std::getenv("FAST_CLOCK");
-    return given == nullptr ? 1 : std::strtol(given, nullptr, 10);
+std::int64_t number_of(const char *name, std::int64_t otherwise) {
+    const char *given = std::getenv(name);
+    return given == nullptr ? otherwise : std::strtoll(given, nullptr, 10);
+}
+
+std::int64_t factor() { return number_of("FAST_CLOCK", 1); }
+
+std::int64_t leap() {
+    const char *name = std::getenv("FAST_CLOCK_LEAP");
+    std::FILE *file = name == nullptr ? nullptr : std::fopen(name, "re");
+    long long seconds = 0;
+    if (file != nullptr) {
+        static_cast<void>(std::fscanf(file, "%lld", &seconds)); // NOLINT(cert-err34-c): the tests' own
+        std::fclose(file);
+    }
+    return seconds;
 }
 
 timeval divided(const timeval &time) {
@@ -35,8 +50,9 @@ timeval divided(const timeval &time) {
 extern "C" {
 
 time_t time(time_t *result) noexcept {
-    static const std::int64_t start = real_microseconds();
-    const time_t now = (start + (real_microseconds() - start) * factor()) / MICROSECONDS;
+    static const std::int64_t real_start = real_microseconds();
+    static const std::int64_t start = number_of("FAST_CLOCK_START", real_start / MICROSECONDS);
+    const time_t now = start + (real_microseconds() - real_start) * factor() / MICROSECONDS + leap();
     if (result != nullptr) {
         *result = now;
     }

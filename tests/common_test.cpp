@@ -1,4 +1,5 @@
 #include "captured_traces.h"
+#include "chosen_time.h"
 #include "common.h"
 #include "memory_fault.h"
 
@@ -10,7 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -334,8 +334,6 @@ TEST(Strsplit, LeavesTheRestUnsplit) {
 
 namespace {
 
-std::optional<std::time_t> chosen_time;
-
 /// The process lives in this zone while it lives.
 class Zone {
   public:
@@ -355,24 +353,7 @@ constexpr const char *FORMAT = "%Y-%m-%d %H:%M:%S";
 constexpr std::time_t BEFORE_2038 = 2147483647; // 2038-01-19 03:14:07 UTC
 constexpr std::size_t FORMATTED_SIZE = sizeof "2038-01-19 03:14:07";
 
-std::time_t answer_time(std::time_t *result) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const std::time_t seconds = chosen_time.value_or(now.tv_sec);
-    if (result != nullptr) {
-        *result = seconds;
-    }
-    return seconds;
-}
-
 } // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
-extern "C" {
-std::time_t __wrap_time(std::time_t *result) { return answer_time(result); }
-std::time_t __wrap___time64(std::time_t *result) { return answer_time(result); }
-}
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 TEST_F(TimeStamp, FormatsTheLocalTimeAndReturnsTheSeconds) {
     const Zone zone("XXX-05:30"); // 5 h 30 min ahead

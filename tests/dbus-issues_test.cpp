@@ -1,6 +1,7 @@
 #include "dbus-issues.h"
 
 #include "captured_traces.h"
+#include "chosen_time.h"
 #include "dbus-methods.h"
 #include "dbus-signals.h"
 #include "dbus-srv.h"
@@ -16,19 +17,14 @@
 
 namespace {
 
-std::int64_t clock_now = 0;
 /// Each "LOCK" and "UNLOCK" of the registry, and whether the lock was held when it was traced.
 std::vector<std::string> lock_traces;
 
 } // namespace
 
-// The program is linked so that the clock is read here, under either of its names, and every trace
-// passes by here.
+// The program is linked so that every trace passes by here.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
-std::int64_t __wrap_time(std::time_t * /*unused*/) { return clock_now; }
-std::int64_t __wrap___time64(std::time_t * /*unused*/) { return clock_now; }
-
 int __real_sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
                                           const char *format, ...);
 int __wrap_sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
@@ -71,7 +67,7 @@ class IssuesTest : public testing::Test {
             issue.count = issue.id == -1 ? -1 : 0;
             issue.enabled = issue.id == -1 ? 0 : 1;
         }
-        clock_now = START;
+        chosen_time = START;
         d_bus_srv_issue_init();
     }
 };
@@ -111,7 +107,7 @@ TEST_F(IssuesTest, CountsTheRaisedOnesOnceEach) {
 }
 
 TEST_F(IssuesTest, StartDatesAllRowsOneSecondBack) {
-    clock_now = 5000;
+    chosen_time = 5000;
     const CapturedTraces traces;
     d_bus_srv_issue_init();
     for (const Issue &issue : issue_registry) {
@@ -136,7 +132,7 @@ class IssueHistoryTest : public IssuesTest, public testing::WithParamInterface<H
 
 TEST_P(IssueHistoryTest, CountsReportsAndDatesRaiseAndClearing) {
     for (const Report &report : GetParam().reports) {
-        clock_now = report.when;
+        chosen_time = report.when;
         EXPECT_EQ(d_bus_srv_issue_update(5, report.state), 0);
         EXPECT_EQ(issue_registry[5].count, report.count) << "at " << report.when;
         EXPECT_EQ(issue_registry[5].changed, report.changed) << "at " << report.when;
@@ -199,7 +195,7 @@ TEST_F(IssuesTest, EndRowCountsFromMinusOne) {
     d_bus_srv_issue_update(END_ROW, 1);
     EXPECT_EQ(issue_registry[34].count, 0);
     EXPECT_EQ(issue_registry[34].changed, START - 1);
-    clock_now = 1010;
+    chosen_time = 1010;
     d_bus_srv_issue_update(END_ROW, 1);
     EXPECT_EQ(issue_registry[34].count, 1);
     EXPECT_EQ(issue_registry[34].changed, 1010);
@@ -279,7 +275,7 @@ TEST_F(IssuesTest, LockIsTracedBeforeItIsTakenAndUnlockBeforeItIsReleased) {
 
 TEST_F(IssuesTest, DisabledIssuesCountAllTheSame) {
     d_bus_srv_ID_set_enabled(5, 0);
-    clock_now = 1010;
+    chosen_time = 1010;
     d_bus_srv_issue_update(5, 1);
     EXPECT_EQ(issue_registry[5].count, 1);
     EXPECT_EQ(issue_registry[5].changed, 1010);

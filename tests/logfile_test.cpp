@@ -1,5 +1,6 @@
 #include "logfile.h"
 
+#include "chosen_time.h"
 #include "in_child.h"
 #include "logfile_rig.h"
 #include "memory_fault.h"
@@ -7,7 +8,6 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdio>
@@ -23,16 +23,8 @@
 // Every time stamp is made by it, and every one of them fails while this is set.
 namespace {
 bool no_time = false;
-int interruptions = 0;     // so many writes are interrupted by a signal
-std::time_t set_time = -1; // what the clock shows while it is set
+int interruptions = 0; // so many writes are interrupted by a signal
 } // namespace
-extern "C" std::time_t __wrap_time(std::time_t *result);
-extern "C" std::time_t __wrap_time(std::time_t * /*result*/) {
-    return set_time >= 0 ? set_time : std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-}
-extern "C" std::time_t __wrap___time64(std::time_t *result);
-extern "C" std::time_t __wrap___time64(std::time_t *result) { return __wrap_time(result); }
-// namespace
 extern "C" std::size_t __real_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time) {
@@ -74,10 +66,10 @@ TEST_F(RecordTest, HasTheTimeOfItsSecond) {
     in_child([this] {
         setenv("TZ", "UTC0", 1);
         use(path);
-        set_time = 1700049600; // noon of 15 November 2023
+        chosen_time = 1700049600; // noon of 15 November 2023
         lf_print(0, "x", 0);
         lf_print(0, "y", 0);
-        ++set_time;
+        ++*chosen_time;
         lf_print(0, "z", 0);
         EXPECT_EQ(read_file(path),
                   "2023-11-15 12:00:00\tOK\tx\n2023-11-15 12:00:00\tOK\ty\n2023-11-15 12:00:01\tOK\tz\n");

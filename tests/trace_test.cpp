@@ -2,12 +2,12 @@
 #include "trace.h"
 
 #include "captured_traces.h"
+#include "chosen_time.h"
 #include "in_child.h"
 #include "memory_fault.h"
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -35,19 +35,6 @@
 [[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void *memory, std::size_t /*size*/) noexcept { std::free(memory); }
 // NOLINTEND(cppcoreguidelines-no-malloc)
-
-namespace {
-
-constinit std::time_t set_time = -1; ///< what the clock shows while it is set
-
-} // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
-extern "C" std::time_t __wrap_time(std::time_t * /*result*/) {
-    return set_time >= 0 ? set_time : std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-}
-extern "C" std::time_t __wrap___time64(std::time_t *result) { return __wrap_time(result); }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 
@@ -192,12 +179,13 @@ TEST(Trace, TimeIsUtcWhateverTheTimeZone) {
 }
 
 TEST(Trace, TimeHasTwoDigitsEach) {
-    for (set_time = 0; set_time < 86400; set_time += 3661) { // an hour, a minute and a second later
+    for (std::time_t now = 0; now < 86400; now += 3661) { // an hour, a minute and a second later
+        chosen_time = now;
         const CapturedTraces traces;
         trace_write(2, "CODE_FILE=module.c", "CODE_LINE=90", "function", "%s", "text");
-        EXPECT_EQ(last_line(traces), prefix_at(set_time, 2, "module.c: function(90)") + "text");
+        EXPECT_EQ(last_line(traces), prefix_at(now, 2, "module.c: function(90)") + "text");
     }
-    set_time = -1;
+    chosen_time.reset();
 }
 
 TEST(Trace, KeepsTheBlankOfAnEntryTrace) {

@@ -1,11 +1,11 @@
 #include "gdata.h"
 
+#include "append_file.h"
 #include "handle.h"
 #include "immortal.h"
 #include "trace.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -67,7 +67,7 @@ const char *gdata_get_logfile() {
 
 const char *gdata_set_logfile(const char *path) {
     trace(TRACE_TRACE, "fn: %s", path);
-    const FileHandle file(std::fopen(path, "ae"));
+    const Descriptor file = open_for_append(path);
     if (!file) {
         return data.logfile;
     }

@@ -1,5 +1,6 @@
 #include "logfile.h"
 
+#include "append_file.h"
 #include "common.h"
 #include "immortal.h"
 #include "logfile_header.h"
@@ -51,11 +52,6 @@ const char *stamp() {
         }
     }
     return log.stamp.data();
-}
-
-/// Never waits: a pipe without a reader or a busy terminal in the file's place must not stop a heartbeat.
-Descriptor open_for_append(const char *name) {
-    return Descriptor(open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
 }
 
 /// A descriptor of our own for a standard stream, so that every stream may be closed alike.

@@ -1,7 +1,7 @@
 #include "options.h"
 
+#include "append_file.h"
 #include "gdata.h"
-#include "handle.h"
 #include "revision.h"
 #include "trace.h"
 
@@ -115,7 +115,7 @@ void set_logsize(const char *prog, const char *text) {
 }
 
 /// Whether the file can be appended to; it is created if missing. errno is that of the open.
-bool is_appendable(const char *path) { return FileHandle(std::fopen(path, "ae")) != nullptr; }
+bool is_appendable(const char *path) { return static_cast<bool>(open_for_append(path)); }
 
 void set_logfile(const char *prog, const char *path) {
     if (is_appendable(path) && std::strcmp(gdata_set_logfile(path), path) == 0) {

@@ -1,6 +1,7 @@
 #include "gdata.h"
 
 #include "captured_traces.h"
+#include "hang_guard.h"
 #include "memory_fault.h"
 #include "sample_task.h"
 #include "scratch_folder.h"
@@ -100,6 +101,7 @@ TEST_F(GdataTest, NumberSettersStoreAndReturnAValidValue) {
             const CapturedTraces traces;
             EXPECT_EQ(setting.set(given), stored);
             EXPECT_EQ(traces.texts_of(setting.name), std::vector<std::string>{setting.trace + std::to_string(given)});
+            EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
             EXPECT_EQ(setting.get(), stored);
         }
     }
@@ -164,6 +166,7 @@ TEST_F(GdataTest, SetLogfileCreatesTheFileAndStoresACopy) {
     EXPECT_EQ(in_force, expected);
     EXPECT_EQ(gdata_get_logfile(), expected);
     EXPECT_EQ(traces.texts_of("gdata_set_logfile"), std::vector<std::string>{"fn: " + expected});
+    EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
     EXPECT_TRUE(std::filesystem::is_regular_file(expected));
 }
 
@@ -184,6 +187,14 @@ TEST_F(GdataTest, SetLogfileKeepsTheOldPathWhenTheFileCannotBeOpened) {
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(gdata_set_logfile(""), old);
     EXPECT_EQ(gdata_get_logfile(), old);
+}
+
+TEST_F(GdataTest, SetLogfileDoesNotWaitForTheReaderOfAPipe) {
+    const HangGuard guard;
+    const std::string pipe = folder / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_STREQ(gdata_set_logfile(pipe.c_str()), BUILT_IN_LOGFILE);
+    EXPECT_EQ(errno, ENXIO);
 }
 
 TEST_F(GdataTest, SetLogfileTakesThePathInForce) {
@@ -270,6 +281,7 @@ TEST_F(CommandLineTest, IsTraced) {
     set_commandline({"vigmond", "-D"});
     EXPECT_EQ(traces.texts_of("gdata_set_commandline"),
               (std::vector<std::string>{"argc: 2", "gdata_commandline: 'vigmond \"-D\"'"}));
+    EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
 }
 
 TEST_F(CommandLineTest, IsLostWhenMemoryIsOut) {

@@ -3,16 +3,20 @@
 #include "captured_traces.h"
 #include "command_line.h"
 #include "gdata.h"
+#include "handle.h"
+#include "hang_guard.h"
 #include "in_child.h"
 #include "memory_fault.h"
 #include "scratch_folder.h"
 #include "trace.h"
 
 #include <array>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex>
 #include <string>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -217,6 +221,22 @@ TEST(Options, LogfileThatCannotBeOpenedLeavesTheOldOne) {
                                       "\": Is a directory - using \"" + folder / "log" + "\" instead.\n");
         EXPECT_EQ(second.options.outcome, OptionsOutcome::run);
         EXPECT_EQ(gdata_get_logfile(), folder / "log");
+    });
+}
+
+TEST(Options, LogfileThatIsAPipeIsTakenIfItHasAReader) {
+    const ScratchFolder folder;
+    const std::string pipe = folder / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    in_child([&] {
+        const HangGuard guard;
+        EXPECT_EQ(parse({"-L", pipe}).printed, "vigmond: WARNING: option -L: \"" + pipe +
+                                                   "\": No such device or address - using \"" + BUILT_IN_LOGFILE +
+                                                   "\" instead.\n");
+        EXPECT_STREQ(gdata_get_logfile(), BUILT_IN_LOGFILE);
+        const Descriptor reader(open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        EXPECT_EQ(parse({"-L", pipe}).printed, "");
+        EXPECT_EQ(gdata_get_logfile(), pipe);
     });
 }
 

@@ -3,11 +3,14 @@
 #include "station_life.h"
 #include "status_log.h"
 
+#include <array>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -316,6 +319,20 @@ TEST_F(StatusLog, IsNotWaitedForWhenItIsAFifoThatNobodyReads) {
     station.files().make_fifo(STATUS_LOG);
     station.start();
     station.heartbeats(3);
+    EXPECT_EQ(station.stop(), 1);
+}
+
+TEST_F(StatusLog, LosesTheReaderOfItsFifoAndTheDaemonLivesOn) {
+    const std::string fifo = "/tmp/fifo";
+    station.files().make_fifo(fifo);
+    Descriptor reader(open(station.files().host_path(fifo).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    station.start({"-D", "-L", fifo});
+    std::array<char, 3> head{};
+    ASSERT_EQ(read(reader.get(), head.data(), head.size()), 3);
+    EXPECT_EQ(std::string(head.data(), head.size()), "##\n");
+    reader.reset();
+    station.heartbeats(3);
+    EXPECT_THAT(station.trace().messages_of("lf_print"), Contains(fifo + ": Broken pipe"));
     EXPECT_EQ(station.stop(), 1);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -19,7 +20,6 @@ namespace {
 constexpr int LONGEST_WAIT_MS = 100;
 constexpr std::int64_t PAUSE_SECONDS = 10; // a heartbeat: one wait in each at most
 
-/// The library's socket is among the first: it is opened by the first trace of the process.
 constexpr int DESCRIPTORS_AT_START = 16;
 
 constinit std::atomic<std::int64_t> full_until = 0; ///< monotonic seconds; 0 while there is room
@@ -50,7 +50,9 @@ Descriptor connect_to_syslog() {
 
 void journal_bound_waits() {
     constexpr timeval longest{.tv_sec = 0, .tv_usec = LONGEST_WAIT_MS * 1000L};
-    for (int fd = 0; fd < DESCRIPTORS_AT_START; ++fd) { // the library does not tell which one is its own
+    // The library does not tell which one is its own. Opened by the first trace of the process, it got the
+    // lowest number that was free: behind the first ones, all below it are open.
+    for (int fd = 0; fd < DESCRIPTORS_AT_START || fcntl(fd, F_GETFD) >= 0; ++fd) {
         if (socket_option(fd, SO_DOMAIN) == AF_UNIX && socket_option(fd, SO_TYPE) == SOCK_DGRAM) {
             setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
         }

@@ -3,6 +3,7 @@
 
 #include "captured_traces.h"
 #include "handle.h"
+#include "hang_guard.h"
 #include "in_child.h"
 #include "scratch_folder.h"
 #include "trace.h"
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -119,6 +121,20 @@ TEST(JournalWaits, AreBoundedForAnyOfTheFirstSixteenDescriptors) {
             EXPECT_EQ(errno, EAGAIN) << fd;
         });
     }
+}
+
+TEST(JournalWaits, AreBoundedBehindManyInheritedDescriptors) {
+    in_child([] {
+        for (int inherited = 0; inherited < 100; ++inherited) {
+            ASSERT_GE(dup(STDERR_FILENO), 0);
+        }
+        const FullPair pair(SOCK_DGRAM);
+        ASSERT_GE(pair.writer.get(), 100);
+        journal_bound_waits();
+        const HangGuard guard;
+        EXPECT_EQ(send(pair.writer.get(), "x", 1, 0), -1);
+        EXPECT_EQ(errno, EAGAIN);
+    });
 }
 
 TEST(JournalWaits, AreLeftAloneForStreams) {

@@ -121,12 +121,16 @@ TEST_F(CleanupTest, TracesEveryTask) {
     second.name = "two";
     second.id = 22;
     second.index = 3;
+    Task unset = sample_task();
+    unset.name = "three";
+    unset.id = TASK_ID_UNSET;
     first.next = &second;
-    gdata_set_tasks({.first = &first, .last = &second, .count = 2});
+    second.next = &unset;
+    gdata_set_tasks({.first = &first, .last = &unset, .count = 3});
     const CapturedTraces traces;
     cleanup();
-    EXPECT_EQ(traces.texts_of("cleanup"),
-              (std::vector<std::string>{" ", "task: one(CB07[0])", "task: two(CB22[3])", "DONE"}));
+    EXPECT_EQ(traces.texts_of("cleanup"), (std::vector<std::string>{" ", "task: one(CB07[0])", "task: two(CB22[3])",
+                                                                    "task: three(CB99[0])", "DONE"}));
     std::string levels;
     for (const CapturedTrace &trace : traces.all()) {
         if (trace.function == "cleanup") {
@@ -134,7 +138,7 @@ TEST_F(CleanupTest, TracesEveryTask) {
             levels += trace.line.at(1);
         }
     }
-    EXPECT_EQ(levels, "1333");
+    EXPECT_EQ(levels, "13333");
 }
 
 TEST_F(CleanupTest, AddTracesItsEntryAndItsEnd) {
@@ -142,6 +146,8 @@ TEST_F(CleanupTest, AddTracesItsEntryAndItsEnd) {
         const CapturedTraces traces;
         cleanup_add(note, &one);
         EXPECT_EQ(traces.texts_of("cleanup_add"), (std::vector<std::string>{" ", "DONE"}));
+        EXPECT_EQ(traces.all().front().function, "cleanup_add");
+        EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
     });
 }
 

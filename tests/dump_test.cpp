@@ -6,11 +6,14 @@
 #include "scratch_folder.h"
 #include "tasks.h"
 
+#include <array>
 #include <cstdio>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -312,6 +315,36 @@ TEST_F(DumpTest, NumbersTheTasksFrom1InListOrder) {
                                                "}\n"
                                                "\n" +
                                                SEP + "#   end tasklist\n" + SEP);
+}
+
+using Blocks = std::vector<std::string>;
+
+/// What each flush of stdout wrote meanwhile, as the first line of it.
+Blocks flushed_by(const std::function<void()> &print) {
+    Blocks blocks;
+    const auto keep = [](void *all, const char *bytes, std::size_t size) {
+        const std::string text(bytes, size);
+        static_cast<Blocks *>(all)->push_back(text.substr(0, text.find('\n') + 1));
+        return static_cast<ssize_t>(size);
+    };
+    std::FILE *const pages =
+        fopencookie(&blocks, "w", {.read = nullptr, .write = keep, .seek = nullptr, .close = nullptr});
+    std::setvbuf(pages, nullptr, _IOFBF, 65536);
+    std::FILE *const console = std::exchange(stdout, pages);
+    print();
+    stdout = console;
+    std::fclose(pages);
+    return blocks;
+}
+
+TEST_F(DumpTest, IsFlushedAfterEachBlock) {
+    std::array<Task, 2> tasks{task_with(TASK_HAS_SOURCE), task_with(TASK_HAS_SOURCE)};
+    tasks[0].next = &tasks[1];
+    gdata_set_tasks({.first = tasks.data(), .last = &tasks.back(), .count = 2});
+    EXPECT_EQ(flushed_by([] { gdata_config_print(); }),
+              (Blocks{SEP, "#   logging configuration\n", "#   syslog severity\n",
+                      "#   the dbus path vigmond listens/talking too\n", "#   heartbeat\n",
+                      "#   default handlers and configuration\n", SEP, SEP, "#    task 1\n", "#    task 2\n", SEP}));
 }
 
 TEST_F(DumpTest, NothingIsLeftInTheBuffer) {

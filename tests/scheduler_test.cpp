@@ -90,7 +90,8 @@ TEST_F(SchedulerTest, WalksFromTheNetworkOverEveryTasksPipelineToTheAnnouncement
 }
 
 TEST_F(SchedulerTest, TracesEachStepInItsOrder) {
-    const Station station({recording_task("a", 10)});
+    Station station({recording_task("a", 10)});
+    station.tasks.front().source = "probe";
     const CapturedTraces traces;
     scheduler_pass(1700000007); // 22:13:27
     const std::set<std::string> steps_of_a_pass{"scheduler", "executer", "analyzer",
@@ -102,7 +103,7 @@ TEST_F(SchedulerTest, TracesEachStepInItsOrder) {
         }
     }
     EXPECT_EQ(steps, (Events{"scheduler", "executer", "analyzer", "notifier", "logger", "logfile_run", "scheduler"}));
-    EXPECT_EQ(traces.texts_of("scheduler"), (Events{"RUN: at 22:13:27", "a: next_run: 22:13:30"}));
+    EXPECT_EQ(traces.texts_of("scheduler"), (Events{"RUN: at 22:13:27", "probe: next_run: 22:13:30"}));
     EXPECT_TRUE(traces.all().front().line.starts_with("(2) ["));
     EXPECT_TRUE(traces.all().back().line.starts_with("(3) ["));
     EXPECT_EQ(traces.all().front().code_file, "CODE_FILE=scheduler.c");

@@ -5,6 +5,7 @@
 #include "gdata.h"
 #include "in_child.h"
 #include "memory_fault.h"
+#include "process_state.h"
 #include "sample_task.h"
 #include "scratch_folder.h"
 #include "signals.h"
@@ -249,6 +250,24 @@ TEST(SingleProcess, EmptiesAStaleLockFile) {
     });
 }
 
+// The lock is what counts: a pid that cannot be written is no failure.
+TEST(SingleProcess, SucceedsWithoutRoomForItsPid) {
+    const ScratchFolder folder;
+    in_daemon(folder, [&] {
+        const CapturedTraces traces;
+        bool single = false;
+        {
+            const FileSizeLimit full(0);
+            single = is_single_proc();
+        }
+        EXPECT_TRUE(single);
+        EXPECT_EQ(traces.texts_of("is_single_proc"), std::vector<std::string>{" "});
+        EXPECT_EQ(read_file(folder / ".lock"), "");
+        int flags = 0;
+        EXPECT_EQ(descriptors_of(folder / ".lock", &flags), 1) << "stays locked";
+    });
+}
+
 TEST(SingleProcess, RelativeNameOfOneLetterHasItsLockInTheWorkingFolder) {
     const ScratchFolder folder;
     in_child([&] {
@@ -432,6 +451,7 @@ TEST(ExitHandler, CleansUpAndEndsTheProcessWithStatus1) {
         const std::size_t entry = printed.find("vigmond.c: sig_exit_handler(");
         const std::size_t start = printed.find("cleanup.c: cleanup(");
         const std::size_t end = printed.find(") DONE\n", start);
+        EXPECT_EQ(printed.substr(printed.rfind('\n', entry) + 1, 4), "(3) ");
         EXPECT_LT(entry, start);
         EXPECT_LT(start, end);
         EXPECT_NE(end, std::string::npos);

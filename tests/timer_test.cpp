@@ -1,6 +1,7 @@
 #include "timer.h"
 
 #include "captured_traces.h"
+#include "gdata.h"
 #include "hang_guard.h"
 #include "scratch_folder.h"
 #include "signals.h"
@@ -98,6 +99,17 @@ INSTANTIATE_TEST_SUITE_P(Times, TimerAlignment,
                                          Start{2147483647, 3, "03:14:07"}, Start{2147483648, 2, "03:14:08"},
                                          Start{4294967299, 1, "06:28:19"}));
 
+TEST_F(TimerTest, TakesTheStepFromTheSettings) {
+    gdata_record().intervalsteps = 7;
+    system_calls().clock = [] { return std::int64_t{1700000005}; }; // 7 * 242857143 + 4
+    const CapturedTraces traces;
+    EXPECT_EQ(timer_init(), 0);
+    gdata_record().intervalsteps = 10;
+    EXPECT_EQ(system_calls().timer->it_interval.tv_sec, 7);
+    EXPECT_EQ(system_calls().timer->it_value.tv_sec, 3);
+    EXPECT_TRUE(traces.has("timer_init", "it_interval.tv_sec: 7 it_value.tv_sec: 3"));
+}
+
 TEST_F(TimerTest, TracesItsStartAtFallingLevels) {
     const CapturedTraces traces;
     timer_init();
@@ -184,6 +196,21 @@ TEST_F(WaitTest, HoldsABeatBackUntilItMayCome) {
     EXPECT_EQ(traces.texts_of("timer_continue").back(), " ");
     raise(SIGUSR1);
     runrun_wait(); // takes the beat that is counted
+}
+
+TEST_F(WaitTest, TracesEachStepAtItsLevel) {
+    const CapturedTraces only_these;
+    timer_suspend();
+    raise(SIGALRM);
+    timer_continue(); // in which the beat comes
+    system_calls().before_wait = [](int) { raise(SIGUSR1); };
+    runrun_wait();
+    Texts steps;
+    for (const CapturedTrace &trace : traces.all()) {
+        steps.push_back(trace.line.substr(0, 4) + trace.code_file + " " + trace.function);
+    }
+    EXPECT_EQ(steps, (Texts{"(3) CODE_FILE=timer.c timer_suspend", "(3) CODE_FILE=timer.c timer_continue",
+                            "(3) CODE_FILE=timer.c sig_alarm_handler", "(2) CODE_FILE=timer.c runrun_wait"}));
 }
 
 TEST_F(WaitTest, EndsWithABeatAndStartsFromNoneAgain) {

@@ -141,6 +141,19 @@ TEST(Lock, LiesBesideTheLogFileHoweverShortItsName) {
     EXPECT_FALSE(std::filesystem::exists(station.files().host_path(lock_file)));
 }
 
+// The names of streams are paths for the lock, and one of them is made a file.
+TEST(Lock, LiesBesideWhatIsNoFileToo) {
+    Station to_stream;
+    to_stream.start({"-L", "stderr"});
+    const std::string folder = to_stream.files().scratch() + "/work";
+    EXPECT_EQ(read_file(folder + "/.lock"), own_line(to_stream));
+    EXPECT_TRUE(std::filesystem::is_regular_file(folder + "/stderr"));
+
+    Station to_nothing;
+    to_nothing.start({"-L", "/dev/null"});
+    EXPECT_EQ(to_nothing.read("/dev/.lock"), own_line(to_nothing));
+}
+
 TEST(Lock, LiesInTheRootForALogFileInTheRoot) {
     Station station;
     station.start({"-D", "-L", "/x"});

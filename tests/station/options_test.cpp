@@ -296,6 +296,34 @@ TEST(LogFile, ThatExistsIsKeptAsItIs) {
     EXPECT_EQ(station.read("/tmp/status"), "earlier\n");
 }
 
+struct Copied {
+    Arguments arguments;
+    std::string copy;
+    int status;
+};
+
+class CommandLine : public testing::TestWithParam<Copied> {};
+
+// In the order in which the parser leaves it: what is no option stands behind the options.
+TEST_P(CommandLine, IsCopiedBehindTheUsageTextAndBeforeTheExit) {
+    const Outcome outcome = run(GetParam().arguments);
+    const std::size_t copied = outcome.err.find(") gdata_commandline: '" + GetParam().copy + "'\n");
+    EXPECT_NE(copied, std::string::npos) << outcome.err;
+    EXPECT_LT(outcome.err.find("usage:\n"), copied);
+    EXPECT_EQ(outcome.err.find("DBG TRACE"), std::string::npos);
+    EXPECT_EQ(outcome.status, GetParam().status);
+}
+
+INSTANTIATE_TEST_SUITE_P(BeforeAnExit, CommandLine,
+                         testing::Values(Copied{{"-D", "some", "-h"}, R"(vigmond "-D" "-h" "some")", 0},
+                                         Copied{{"thing", "-Dx"}, R"(vigmond "-Dx" "thing")", 255}));
+
+TEST(Version, EndsBeforeTheCommandLineIsCopied) {
+    const Outcome outcome = run({"-D", "-v"});
+    EXPECT_EQ(outcome.err.find("gdata_set_commandline"), std::string::npos);
+    EXPECT_EQ(outcome.status, 0);
+}
+
 // Log filters know both places.
 TEST(Help, IsTracedBetweenTwoFixedPlaces) {
     const Outcome help = run({"-D", "-h"});

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -107,6 +108,55 @@ TEST(Reinit, ChangesNothingButItsOwnTraces) {
     station.step();
     EXPECT_EQ(functions_of(station), usual);
 }
+
+/// The daemon's calls of sigaction at its start.
+enum HandlerCall : std::uint32_t { FOR_SIGTERM = 1, FOR_SIGUSR1 = 5, FOR_SIGALRM = 6, FOR_SIGCHLD = 7 };
+
+StationFault failing(StationCall call, std::uint32_t number) {
+    return {.call = call, .first = number, .last = number, .error = EINVAL, .main_thread_only = true};
+}
+
+TEST(Handlers, ThatSignalsOfTheExitDoNotGetAreMissed) {
+    Station station;
+    station.fault = failing(StationCall::handler, FOR_SIGTERM);
+    station.start();
+    EXPECT_THAT(station.trace().messages_of("signal_init"), ElementsAre(" ", "SIGTERM FAILED"));
+    station.step(3);
+    station.send(SIGTERM);
+    EXPECT_EQ(station.await_exit(), -SIGTERM) << "as without a handler";
+}
+
+TEST(Handlers, ThatSigusr1DoesNotGetIsMissed) {
+    Station station;
+    station.fault = failing(StationCall::handler, FOR_SIGUSR1);
+    station.start();
+    EXPECT_THAT(station.trace().messages_of("signal_init"), ElementsAre(" ", "SIGUSR1 FAILED"));
+    station.step(3);
+    EXPECT_EQ(station.stop(), 1);
+}
+
+struct FailedStart {
+    StationFault fault;
+    const char *function;
+};
+
+class StartWithout : public testing::TestWithParam<FailedStart> {};
+
+TEST_P(StartWithout, EndsWith255AndNoCleanup) {
+    Station station;
+    station.fault = GetParam().fault;
+    const Outcome outcome = station.run({"-D"});
+    TraceLog traces;
+    traces.append(outcome.err);
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_EQ(traces.lines().back().function, GetParam().function);
+    EXPECT_EQ(station.read(std::string(STATUS_FOLDER) + "/logfile"), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Any, StartWithout,
+                         testing::Values(FailedStart{failing(StationCall::handler, FOR_SIGALRM), "timer_init"},
+                                         FailedStart{failing(StationCall::timer, 1), "timer_init"},
+                                         FailedStart{failing(StationCall::handler, FOR_SIGCHLD), "process_init"}));
 
 TEST(Handlers, AreInstalledForAllSevenSignals) {
     Station station;

@@ -113,6 +113,27 @@ TEST(JournalMode, NamesTheAnalyzersPlace) {
                 MatchesRegex("\\(2\\) \\[[0-9]+\\] 12:00:07 analyzer\\.c: threshold_analyzer\\(90\\)"));
 }
 
+TEST(StartUp, GoesThroughItsStepsInTheirOrder) {
+    Station station;
+    station.start({});
+    const JournalRecord &first = station.journal().front();
+    EXPECT_EQ(first["PRIORITY"], "6");
+    EXPECT_THAT(first["MESSAGE"], MatchesRegex("\\(1\\) \\[[0-9]+\\] 12:00:07 vigmond\\.c: main\\([0-9]+\\)"));
+    const std::set<std::string> steps{"main",           "usage",       "gdata_set_commandline",
+                                      "is_single_proc", "signal_init", "timer_init",
+                                      "process_init",   "init",        "scheduler"};
+    std::vector<std::string> taken;
+    for (const std::string &function : functions_of(station.journal())) {
+        if (steps.contains(function) && (taken.empty() || taken.back() != function)) {
+            taken.push_back(function);
+        }
+    }
+    ASSERT_GE(taken.size(), 10U);
+    taken.resize(10);
+    EXPECT_THAT(taken, ElementsAre("main", "usage", "gdata_set_commandline", "main", "is_single_proc", "signal_init",
+                                   "timer_init", "process_init", "init", "scheduler"));
+}
+
 TEST(TraceMode, IsNamedAtTheStart) {
     Station debug;
     debug.start({"-D"});

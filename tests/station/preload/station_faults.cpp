@@ -88,6 +88,7 @@ FAILING(poll, -1, int, ppoll, (void *descriptors, unsigned long count, const voi
         (descriptors, count, timeout, mask))
 FAILING(control, -1, int, fcntl64, (int fd, int command, void *argument), (fd, command, argument))
 FAILING(timer, -1, int, setitimer, (int which, const void *timer, void *old), (which, timer, old))
+FAILING(handler, -1, int, sigaction, (int signo, const void *action, void *old), (signo, action, old))
 
 // The stream is closed all the same, as the C library does it.
 extern "C" int failing_fclose(std::FILE *file) __asm__("fclose");

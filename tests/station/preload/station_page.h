@@ -68,6 +68,7 @@ enum class StationCall : std::int32_t {
     poll,
     control, ///< fcntl
     timer,
+    handler, ///< sigaction
 };
 
 /// The calls number `first` to `last`, counted from 1, fail with `error`.

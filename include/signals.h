@@ -15,8 +15,8 @@ void signals_hold();
 /// The mask that the process had before the first hold, which a child starts with.
 sigset_t signals_original_mask();
 
-/// Runs the installed handlers of all signals of `set` that are pending, one at a time and never one
-/// inside another. Keeps errno, as do all below.
+/// Runs the installed handlers of all signals of `set` that are pending, one at a time, each once and
+/// never one inside another. Keeps errno, as do all below.
 void signals_dispatch(const sigset_t &set);
 /// Waits for one signal of `set` and runs its handler, then those of the others pending.
 void signals_wait(const sigset_t &set);

@@ -43,12 +43,14 @@ void run_handler(int signo, siginfo_t *info) {
     in_handler = false;
 }
 
-void dispatch_pending(const sigset_t &set) {
+/// Takes each once: one that keeps coming must not hold up the others.
+void dispatch_pending(sigset_t set) {
     constexpr std::timespec at_once{};
     siginfo_t info{};
     while (true) {
         const int signo = sigtimedwait(&set, &info, &at_once);
         if (signo > 0) {
+            sigdelset(&set, signo);
             run_handler(signo, &info);
         } else if (errno != EINTR) {
             return;

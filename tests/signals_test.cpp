@@ -37,6 +37,9 @@ void recording_handler(int signo) {
     errno = EIO;
 }
 
+/// Of a signal that is sent faster than it can be taken.
+void flooded_handler(int signo) { raise(signo); }
+
 void informed_handler(int signo, siginfo_t *info, void * /*context*/) {
     events().push_back("informed " + name_of(signo));
     last_info = *info;
@@ -216,6 +219,18 @@ TEST_F(SignalsTest, AreTakenFromTheLowestNumberOn) {
         raise(SIGHUP);
         take();
         EXPECT_EQ(events(), (Events{"begin HUP", "end HUP"}));
+    }
+}
+
+TEST_F(SignalsTest, ThatKeepComingHoldUpNoOther) {
+    install(SIGUSR1, flooded_handler);
+    for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_dispatch(signals_all()); },
+                                 +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
+        events().clear();
+        raise(SIGUSR1);
+        raise(SIGTERM);
+        take();
+        EXPECT_EQ(events(), (Events{"begin TERM", "end TERM"}));
     }
 }
 

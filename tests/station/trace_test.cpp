@@ -234,6 +234,12 @@ TEST(Dump, IsTracedAsPartOfTheSettings) {
     TraceLog trace;
     trace.append(station.run({"-D", "-d"}).err);
     EXPECT_THAT(trace.messages_of("gdata_config_print"), ElementsAre(" ", "DONE"));
+    const auto main = std::find_if(trace.lines().begin(), trace.lines().end(),
+                                   [](const TraceLine &line) { return line.function == "main"; });
+    ASSERT_NE(main, trace.lines().end());
+    EXPECT_EQ(main->message, "DBG TRACE");
+    EXPECT_EQ((main - 1)->function, "gdata_set_commandline");
+    EXPECT_EQ((main + 1)->function, "gdata_config_print");
     for (const TraceLine &line : trace.lines()) {
         EXPECT_TRUE(line.function != "gdata_config_print" || line.file == "gdata.c");
     }

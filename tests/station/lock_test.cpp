@@ -68,10 +68,12 @@ TEST(LockFile, IsMadeReadableForAllAndWritableForItsOwner) {
 TEST(SecondDaemon, EmptiesTheFileOfTheFirstAndGivesUp) {
     Station station;
     station.start();
+    const std::string status_log = station.read(std::string(STATUS_FOLDER) + "/logfile");
     const Outcome second = station.run({"-D"});
     EXPECT_EQ(second.status, 255);
     EXPECT_THAT(second.err, EndsWith(running));
     EXPECT_EQ(station.read(lock_file), "");
+    EXPECT_EQ(station.read(std::string(STATUS_FOLDER) + "/logfile"), status_log) << "its cleanup leaves no mark";
     EXPECT_EQ(owner_of_lock(station.files().host_path(lock_file)), station.pid());
 
     station.step();

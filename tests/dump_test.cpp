@@ -289,6 +289,12 @@ TEST_F(DumpTest, Id19ShowsMinfailAsItsParameterWhateverTheFlags) {
                                "    interval:       0\n");
 }
 
+TEST_F(DumpTest, ShowsTheCountThatTheListKeeps) {
+    Task only = task_with(0);
+    gdata_set_tasks({.first = &only, .last = &only, .count = 7});
+    EXPECT_NE(dump().find("#   tasklist[7]\n" + SEP + "\n#    task 1\n{\n}\n\n" + SEP), std::string::npos);
+}
+
 TEST_F(DumpTest, EscapesNothing) {
     Task task = task_with(TASK_HAS_PARAMETER | TASK_HAS_FORMAT);
     task.parameter = "a\"b\\c\td";

@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -336,6 +338,20 @@ TEST(Task, FieldsStandInTheEstablishedOrder) {
                              offsetof(Task, do_log),
                              offsetof(Task, do_logfile)};
     EXPECT_TRUE(std::is_sorted(offsets.begin(), offsets.end()));
+}
+
+TEST(Task, FieldsHaveTheirSignAndTheSmallOnesTheirSize) {
+    const Task task{};
+    const std::tuple bytes{task.counter_minfail, task.counter_minwarn, task.counter_ok,
+                           task.counter_maxwarn, task.counter_maxfail, task.analyzable,
+                           task.do_notify,       task.do_log,          task.do_logfile};
+    std::apply([](auto... each) { EXPECT_TRUE((std::is_same_v<decltype(each), std::uint8_t> && ...)); }, bytes);
+    EXPECT_TRUE((std::is_same_v<decltype(task.state), std::int8_t>));
+    EXPECT_TRUE(std::is_unsigned_v<decltype(task.flags)>);
+    const std::tuple numbers{task.id,      task.index,   task.interval,   task.minfail, task.minwarn,
+                             task.maxwarn, task.maxfail, task.hysteresis, task.delay,   task.next_run,
+                             task.value,   task.error,   task.child_pid};
+    std::apply([](auto... each) { EXPECT_TRUE((std::is_signed_v<decltype(each)> && ...)); }, numbers);
 }
 
 TEST(Task, CountersAreBytesThatWrap) {

@@ -3,11 +3,15 @@
 #include "station_life.h"
 #include "status_log.h"
 
+#include <algorithm>
+#include <array>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -316,6 +320,31 @@ TEST_F(StatusLog, IsNotWaitedForWhenItIsAFifoThatNobodyReads) {
     station.files().make_fifo(STATUS_LOG);
     station.start();
     station.heartbeats(3);
+    EXPECT_EQ(station.stop(), 1);
+}
+
+namespace {
+
+/// What can be read at once, and is no longer there then.
+std::string waiting_in(const Descriptor &pipe) {
+    std::array<char, 10240> text{};
+    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(read(pipe.get(), text.data(), text.size()), 0))};
+}
+
+} // namespace
+
+TEST_F(StatusLog, OutlivesTheReaderOfAFifoAndFeedsTheNext) {
+    const std::string fifo = station.files().host_path(STATUS_LOG);
+    station.files().make_fifo(STATUS_LOG);
+    Descriptor reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    life.start(&station, {"-D"});
+    EXPECT_THAT(waiting_in(reader), EndsWith("\n" + text_of(life.records())));
+    reader.reset();
+    life.step(&station);
+    EXPECT_THAT(station.trace().messages_of("lf_print"), Contains(std::string(STATUS_LOG) + ": Broken pipe"));
+    reader.reset(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    life.step(&station);
+    EXPECT_EQ(waiting_in(reader), text_of(life.last_records()));
     EXPECT_EQ(station.stop(), 1);
 }
 

@@ -53,10 +53,7 @@ const char *stamp() {
     return log.stamp.data();
 }
 
-/// Never waits: a pipe without a reader or a busy terminal in the file's place must not stop a heartbeat.
-Descriptor open_for_append(const char *name) {
-    return Descriptor(open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-}
+Descriptor open_for_append(const char *name) { return open_at_once(name, O_WRONLY | O_CREAT | O_APPEND); }
 
 /// A descriptor of our own for a standard stream, so that every stream may be closed alike.
 Descriptor duplicate(std::FILE *standard) {

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <type_traits>
 #include <unistd.h>
@@ -37,12 +38,30 @@ class Descriptor {
     int fd_ = -1;
 };
 
+/// Opens a file and never waits: a pipe without its other end, or a busy terminal, in the file's place must
+/// not stop a heartbeat. A file that is created has the usual permissions.
+inline Descriptor open_at_once(const char *name, int flags) {
+    return Descriptor(open(name, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+}
+
+/// Opens a file for appending, likewise, and makes it if missing; none, with errno, when that fails.
+inline Descriptor open_for_append(const char *name) { return open_at_once(name, O_WRONLY | O_CREAT | O_APPEND); }
+
 struct CloseFile {
     void operator()(std::FILE *file) const { std::fclose(file); } // NOLINT(cert-err33-c): nowhere to report to
 };
 
 /// Owns a stdio stream.
 using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
+
+/// A stdio stream on `descriptor`, which it takes over; none without a descriptor or without memory.
+inline FileHandle stream_on(Descriptor descriptor, const char *mode) {
+    FileHandle stream(descriptor ? fdopen(descriptor.get(), mode) : nullptr);
+    if (stream) {
+        descriptor.release();
+    }
+    return stream;
+}
 
 struct FreeMemory {
     void operator()(void *memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)

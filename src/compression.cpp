@@ -25,21 +25,27 @@ bool is_stdout(const char *name) { return std::strcmp(name, "stdout") == 0; }
 /// A stream on a copy of a standard descriptor: ours to close, and what a failed write leaves in its
 /// buffer does not come out of stdout later.
 FileHandle open_copy(int standard, const char *mode) {
-    Descriptor copy(fcntl(standard, F_DUPFD_CLOEXEC, 0));
-    FileHandle stream(copy ? fdopen(copy.get(), mode) : nullptr);
-    if (stream) {
-        copy.release();
+    return stream_on(Descriptor(fcntl(standard, F_DUPFD_CLOEXEC, 0)), mode);
+}
+
+FileHandle open_source(const char *name) {
+    return is_stdin(name) ? open_copy(STDIN_FILENO, "r") : stream_on(open_at_once(name, O_RDONLY), "r");
+}
+
+/// Leaves no empty file where there was no memory for its stream.
+FileHandle create_file(const char *name) {
+    Descriptor file = open_at_once(name, O_WRONLY | O_CREAT | O_TRUNC);
+    const bool created = static_cast<bool>(file);
+    FileHandle stream = stream_on(std::move(file), "w");
+    if (created && !stream) {
+        std::remove(name);
     }
     return stream;
 }
 
-FileHandle open_source(const char *name) {
-    return is_stdin(name) ? open_copy(STDIN_FILENO, "r") : FileHandle(std::fopen(name, "re"));
-}
-
 FileHandle open_destination(const char *name) {
     if (!is_stdout(name)) {
-        return FileHandle(std::fopen(name, "we"));
+        return create_file(name);
     }
     std::fflush(stdout); // what was printed before stays in front
     return open_copy(STDOUT_FILENO, "w");

@@ -1,6 +1,5 @@
 #include "gdata.h"
 
-#include "append_file.h"
 #include "handle.h"
 #include "immortal.h"
 #include "trace.h"

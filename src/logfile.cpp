@@ -1,6 +1,5 @@
 #include "logfile.h"
 
-#include "append_file.h"
 #include "common.h"
 #include "immortal.h"
 #include "logfile_header.h"
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <strings.h>
 #include <sys/uio.h>
 
@@ -75,9 +75,20 @@ void cut_back(const Descriptor &stream, ssize_t written) {
     errno = error;
 }
 
+/// Whether a standard stream takes what is written without making the daemon wait. It cannot be told not
+/// to: its flags are also those of others.
+bool has_room(const Descriptor &stream) {
+    pollfd polled{.fd = stream.get(), .events = POLLOUT, .revents = 0};
+    return poll(&polled, 1, 0) != 0; // what is wrong with it, the write will tell
+}
+
 /// Writes all pieces at once, or nothing: what goes into a file only in part is taken back. False
 /// with errno when they were lost.
 template <std::size_t N> bool write_whole(const Descriptor &stream, bool is_file, const std::array<iovec, N> &pieces) {
+    if (!is_file && !has_room(stream)) {
+        errno = EAGAIN;
+        return false;
+    }
     std::size_t size = 0;
     for (const iovec &each : pieces) {
         size += each.iov_len;

@@ -162,6 +162,7 @@ int logger_format(char *buffer, std::size_t size, const Task *task) {
         NumberText number{};
         const std::string_view inserted = insertion(task, letter, number);
         if (inserted.empty() || inserted.size() >= text.room()) {
+            fits = letter != '%'; // a sign is cut off as text is
             continue;
         }
         if (letter == 'P' || letter == 'T') {

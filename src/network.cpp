@@ -127,7 +127,7 @@ bool network_changed() {
 
 void network_check_lan() {
     trace(TRACE_TRACE, " ");
-    const FileHandle file(std::fopen(LAN_FILE, "re"));
+    const FileHandle file = stream_on(open_at_once(LAN_FILE, O_RDONLY), "r");
     if (!file || ini_parse_stream(ini_read_line, file.get(), network_lan_handler) != 0) {
         lan_available = 1;
         return;
@@ -142,7 +142,7 @@ void network_check_wifi() {
     static constinit std::array<char, most + 1> text{};
 
     trace(TRACE_TRACE, " ");
-    const Descriptor file(open(WIFI_FILE, O_RDONLY | O_CLOEXEC));
+    const Descriptor file(open_at_once(WIFI_FILE, O_RDONLY));
     if (!file) {
         wifi_available = 0;
         return;

@@ -1,7 +1,7 @@
 #include "options.h"
 
-#include "append_file.h"
 #include "gdata.h"
+#include "handle.h"
 #include "revision.h"
 #include "trace.h"
 

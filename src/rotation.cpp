@@ -16,6 +16,9 @@ bool names_no_file(const char *file) {
 
 bool exists(const char *file) { return access(file, F_OK) == 0; }
 
+/// Under this name the compressor would read the standard input, and perhaps wait for it.
+const char *path_of(const char *file) { return std::strcmp(file, "stdin") == 0 ? "./stdin" : file; }
+
 /// Spells the names of a file's generations, one at a time; false when memory was out.
 class GenerationName {
   public:
@@ -69,7 +72,7 @@ void file_rotate(const char *file, std::int32_t count) {
     }
     const char *newest = newer.of(0);
     trace(TRACE_TRACE, "compress %s -> %s", file, newest);
-    file_compress(file, newest);
+    file_compress(path_of(file), newest);
     malloc_trim(0);    // or the compressor's megabyte would stay with the process until the next rotation
     std::remove(file); // deliberate also after a failure: the disk of the board must not fill up
 }

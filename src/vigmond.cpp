@@ -36,7 +36,7 @@ bool start_up() {
 int main(int argc, char *argv[]) {
     standard_streams_init();
     std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of a file's size fails, as on a full disk
-    std::signal(SIGPIPE, SIG_IGN); // and so does one that nobody reads any more
+    std::signal(SIGPIPE, SIG_IGN); // and so does one into a pipe whose reader has gone
     trace(TRACE_INFO, " ");
     journal_bound_waits();
     gdata_set_tasks(builtin_tasks());

@@ -248,6 +248,15 @@ TEST(AnalyzerTraces, ShowTheMarkOfTheNotifierInBothFields) {
     }
 }
 
+TEST(AnalyzerTraces, ShowTheMarksOfTheChangeThatTheyEndWith) {
+    for (const TaskOperation operation : {bool_analyzer, threshold_analyzer, common_analyzer}) {
+        Task task = temperature_like();
+        task.value = 1;
+        task.maxfail = 1;
+        EXPECT_TRUE(traces_of(operation, task).back().ends_with(" -- value: 1 (VALID) -- do_log: Y, do_notify: Y"));
+    }
+}
+
 TEST(AnalyzerTraces, ShowTheNumberOfAnUnsetId) {
     Task task = traced_task();
     task.id = TASK_ID_UNSET;
@@ -277,9 +286,19 @@ TEST(AnalyzerTraces, HaveLevel2AtEntryAndLevel3Behind) {
             EXPECT_EQ(traces.all()[i].priority, 7);
         }
     }
+}
+
+TEST(AnalyzerTraces, HaveLevel2AtEachEntryOfCommonAndOfDispatcherAndInit) {
+    Task task = traced_task();
+    task.analyze = {.run = common_analyzer, .name = "common"};
     const CapturedTraces traces;
     analyzer_init();
-    EXPECT_TRUE(traces.all().front().line.starts_with("(2) ["));
+    analyzer(&task);
+    std::string levels;
+    for (const CapturedTrace &trace : traces.all()) {
+        levels += trace.line.substr(0, 3);
+    }
+    EXPECT_EQ(levels, "(2)(2)(2)(3)(2)(3)(3)"); // init, analyzer, common and its value, threshold, value, marks
 }
 
 } // namespace

@@ -40,6 +40,9 @@ struct {
 /// The close of a stdio stream that fails, counted from 1; 0 for none.
 int failing_close = 0;
 
+/// The stdio stream that finds no memory, counted from 1; 0 for none.
+int failing_stream = 0;
+
 /// The clock's next readings; without any it stands still.
 std::deque<timeval> clock_readings;
 
@@ -81,6 +84,11 @@ void __wrap_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned
     }
 }
 
+std::FILE *__real_fdopen(int fd, const char *mode);
+std::FILE *__wrap_fdopen(int fd, const char *mode) {
+    return failing_stream > 0 && --failing_stream == 0 ? nullptr : __real_fdopen(fd, mode);
+}
+
 int __real_fclose(std::FILE *file);
 int __wrap_fclose(std::FILE *file) {
     const int result = __real_fclose(file);
@@ -100,6 +108,7 @@ class CompressionTest : public testing::Test {
         opening = {};
         counts = {};
         failing_close = 0;
+        failing_stream = 0;
         clock_readings.clear();
     }
 
@@ -338,6 +347,20 @@ TEST_F(CompressionTest, WithoutMemoryTouchesNothing) {
     EXPECT_EQ(file_compress(from.c_str(), to.c_str()), -1);
     EXPECT_TRUE(MemoryFault::happened());
     EXPECT_EQ(read_file(to), "old");
+}
+
+TEST_F(CompressionTest, WithoutMemoryForAStreamLeavesNoEmptyFile) {
+    folder.write("log", "text");
+    folder.write("log.bz2", "old");
+    const std::ptrdiff_t descriptors = open_descriptors();
+    failing_stream = 1; // the source's
+    EXPECT_EQ(file_compress(from.c_str(), to.c_str()), -1);
+    EXPECT_EQ(read_file(to), "old");
+    failing_stream = 2;
+    EXPECT_EQ(file_compress(from.c_str(), to.c_str()), -1);
+    EXPECT_FALSE(exists(to));
+    EXPECT_EQ(failing_stream, 0);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 /// Every failure there is, once.

@@ -241,6 +241,17 @@ TEST_F(LogfileInitTest, TakesTheSettingsThroughTheirLimits) {
     EXPECT_THAT(traces.texts_of("logfile_init"), ElementsAre(" ", "level: 2 file: stderr size: 10240 count: 0"));
 }
 
+TEST_F(LogfileInitTest, TakesCountSizeAndLevelInThisOrderBehindTheHeader) {
+    start(path.c_str());
+    std::vector<std::string> functions;
+    for (const CapturedTrace &trace : traces.all()) {
+        if (trace.function.starts_with("gdata_set_log") || trace.function == "lf_header") {
+            functions.push_back(trace.function);
+        }
+    }
+    EXPECT_THAT(functions, ElementsAre("lf_header", "gdata_set_logcount", "gdata_set_logsize", "gdata_set_loglevel"));
+}
+
 TEST_F(LogfileInitTest, LeavesNoDescriptorBehind) {
     const auto descriptors = [] {
         const std::filesystem::directory_iterator all("/proc/self/fd");

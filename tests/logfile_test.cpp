@@ -1,6 +1,7 @@
 #include "logfile.h"
 
 #include "chosen_time.h"
+#include "hang_guard.h"
 #include "in_child.h"
 #include "logfile_rig.h"
 #include "memory_fault.h"
@@ -400,6 +401,34 @@ TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
         lf_print(0, "x", 0);
         EXPECT_GT(logfile_state().logfile_stream.get(), STDERR_FILENO);
     });
+}
+
+TEST_F(StandardStreamTest, IsNotWaitedForWhenItIsAPipeThatNobodyReads) {
+    const HangGuard guard;
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+    const Descriptor ours(ends[0]);
+    const Descriptor theirs(ends[1]);
+    const std::string page(4096, 'x');
+    while (write(theirs.get(), page.data(), page.size()) > 0) {
+    }
+    ASSERT_EQ(fcntl(theirs.get(), F_SETFL, 0), 0); // from here on a write would wait
+    std::fflush(stdout);
+    const Descriptor saved(dup(STDOUT_FILENO));
+    ASSERT_EQ(dup2(theirs.get(), STDOUT_FILENO), STDOUT_FILENO);
+    use("stdout");
+    lf_print(0, "lost", 0);
+    logfile_cleanup();
+    EXPECT_EQ(traces.texts_of("lf_print"), (std::vector<std::string>{" ", "stdout: Resource temporarily unavailable",
+                                                                     " ", "stdout: Resource temporarily unavailable"}));
+    std::array<char, 4096> text{};
+    while (read(ours.get(), text.data(), text.size()) > 0) {
+    }
+    lf_print(0, "x", 0);
+    dup2(saved.get(), STDOUT_FILENO);
+    text = {};
+    ASSERT_GT(read(ours.get(), text.data(), text.size() - 1), 0);
+    EXPECT_EQ(mask_times(text.data()), "<time>\tOK\tx\n");
 }
 
 TEST_F(StandardStreamTest, GetsEachEntryInOneWrite) {

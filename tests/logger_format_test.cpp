@@ -10,6 +10,7 @@
 #include <limits>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -159,6 +160,25 @@ TEST(LoggerFormat, InsertsNothingForAParameterThatIsNoText) {
         std::array<char, AMPLE> buffer{};
         EXPECT_EQ(logger_format(buffer.data(), buffer.size(), &task), 0);
         EXPECT_STREQ(buffer.data(), "<>");
+    }
+}
+
+TEST(LoggerFormat, EndsWithTheLastByteThatItWrites) {
+    struct Ending {
+        const char *format;
+        std::size_t size;
+        std::vector<std::string> traces;
+    };
+    const Ending endings[]{{"%%%D", 1, {" ", "%%", ""}},
+                           {"a%%%D%X", 2, {" ", "%%", "a"}},
+                           {"ab%D", 2, {" ", "a"}},
+                           {"a%D%X", 2, {" ", "%D", "%X", "a"}}}; // a byte is left
+    for (const Ending &ending : endings) {
+        const Task task = task_with(ending.format, 2, nullptr);
+        std::array<char, AMPLE> buffer{};
+        const CapturedTraces traces;
+        logger_format(buffer.data(), ending.size, &task);
+        EXPECT_EQ(traces.texts_of("logger_format"), ending.traces) << ending.format;
     }
 }
 

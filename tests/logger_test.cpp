@@ -4,6 +4,7 @@
 #include "captured_traces.h"
 #include "sample_task.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <gmock/gmock.h>
@@ -360,6 +361,19 @@ TEST_F(LoggerTest, BoolTracesTheIssueAndTheState) {
     const CapturedTraces traces;
     bool_logger(&task);
     EXPECT_THAT(traces.texts_of("bool_logger"), ElementsAre(" ", "ID: CB22[3], state: 2"));
+}
+
+// The sentence begins with CBnn.
+TEST_F(LoggerTest, TracesShowTheNumberOfAnUnsetId) {
+    for (const TaskOperation operation : {threshold_logger, bool_logger, NULL_logger}) {
+        Task task = marked_task(2);
+        task.id = TASK_ID_UNSET;
+        const CapturedTraces traces;
+        operation(&task);
+        EXPECT_EQ(std::count_if(traces.all().begin(), traces.all().end(),
+                                [](const CapturedTrace &t) { return t.text.ends_with("ID: CB99[3], state: 2"); }),
+                  1);
+    }
 }
 
 // --- NULL_logger

@@ -1,15 +1,18 @@
 #include "network.h"
 
 #include "captured_traces.h"
+#include "hang_guard.h"
 #include "in_child.h"
 #include "network_station.h"
 #include "parse_json.h"
 
 #include <array>
 #include <cstdint>
+#include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -220,6 +223,23 @@ TEST(NetworkWifi, IsInUseWithADirectoryInTheFilesPlace) {
         rig.remove("wifi");
         std::filesystem::create_directory(rig.folder / "wifi");
         EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(wifi_available, 1);
+    });
+}
+
+TEST(NetworkFiles, AreNotWaitedForWhenTheyArePipesThatNobodyFeeds) {
+    in_child([] {
+        const HangGuard guard;
+        const Station rig;
+        ASSERT_EQ(mkfifo((rig.folder / "lan").c_str(), 0600), 0);
+        ASSERT_EQ(mkfifo((rig.folder / "wifi").c_str(), 0600), 0);
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 0) << "at its end at once, without the keys";
+        EXPECT_EQ(wifi_available, 1) << "nothing can be read of it";
+        const Descriptor feeders[]{Descriptor(open((rig.folder / "lan").c_str(), O_RDWR | O_CLOEXEC)),
+                                   Descriptor(open((rig.folder / "wifi").c_str(), O_RDWR | O_CLOEXEC))};
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 0);
         EXPECT_EQ(wifi_available, 1);
     });
 }

@@ -2,6 +2,7 @@
 
 #include "captured_traces.h"
 #include "sample_task.h"
+#include "trace.h"
 
 #include <gtest/gtest.h>
 #include <utility>
@@ -21,6 +22,7 @@ std::vector<Update> &updates() {
 // The linker leads the registry's updates here; the result is one that the notifier must not pass on.
 extern "C" int __wrap__Z22d_bus_srv_issue_updateji(std::uint32_t id, std::int32_t state);
 extern "C" int __wrap__Z22d_bus_srv_issue_updateji(std::uint32_t id, std::int32_t state) {
+    trace_at(TRACE_TRACE, "notifier_test", __func__, 1, "update");
     updates().emplace_back(id, state);
     return -1;
 }
@@ -51,6 +53,15 @@ TEST_F(NotifierTest, PassesAMarkedChangeOnOnce) {
     EXPECT_EQ(int{task.do_log}, 1); // the logger's
     EXPECT_EQ(traces.texts_of("common_notifier"),
               (std::vector<std::string>{" ", "NOTIFY wireless: value: -71 -- state -2", " "}));
+}
+
+TEST_F(NotifierTest, AnnouncesTheChangeBeforeItPassesItOn) {
+    common_notifier(&task);
+    std::vector<std::string> texts;
+    for (const CapturedTrace &trace : traces.all()) {
+        texts.push_back(trace.text);
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{" ", "NOTIFY wireless: value: -71 -- state -2", "update"}));
 }
 
 TEST_F(NotifierTest, PassesEveryStateOn) {

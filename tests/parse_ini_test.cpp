@@ -194,7 +194,26 @@ TEST_F(IniTest, TracesSectionsPairsAndRefusals) {
               (std::vector<std::string>{" ", "section: \"Link\"", R"(section: "Link" name: "a" value: "1")",
                                         R"(section: "Link" name: "b" value: "2")",
                                         R"(ERROR: semantics failed -- section: "Link" name: "b" value: "2")"}));
-    EXPECT_EQ(traces.all().back().code_file, "CODE_FILE=parse_ini.c");
+    for (const CapturedTrace &trace : traces.all()) {
+        EXPECT_EQ(trace.line.substr(0, 4), "(3) ") << trace.line;
+        EXPECT_EQ(trace.code_file, "CODE_FILE=parse_ini.c");
+    }
+}
+
+const CapturedTraces *watched;
+std::string traced_last;
+
+int look_at_trace(const char * /*section*/, const char * /*name*/, const char * /*value*/) {
+    traced_last = watched->all().back().text;
+    return 1;
+}
+
+TEST_F(IniTest, TracesAPairBeforeItIsTaken) {
+    const CapturedTraces traces;
+    watched = &traces;
+    TextStream stream{"a=1", {}};
+    ini_parse_stream(read_text, &stream, look_at_trace);
+    EXPECT_EQ(traced_last, R"(section: "" name: "a" value: "1")");
 }
 
 TEST_F(IniTest, AFileIsReadToItsEnd) {

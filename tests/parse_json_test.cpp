@@ -94,7 +94,17 @@ INSTANTIATE_TEST_SUITE_P(
         TokensCase{R"({"a":1 {}})", {{1, 0, 10, 1, -1}, {2, 2, 3, 2, 0}, {4, 5, 6, 0, 1}, {1, 7, 9, 0, 1}}},
         // the value becomes the enclosing one
         TokensCase{R"({"a":1:{}})", {{1, 0, 10, 1, -1}, {2, 2, 3, 1, 0}, {4, 5, 6, 1, 1}, {1, 7, 9, 0, 2}}},
-        TokensCase{"t:f ", {{4, 0, 1, 1, -1}, {4, 2, 3, 0, 0}}}));
+        TokensCase{"t:f ", {{4, 0, 1, 1, -1}, {4, 2, 3, 0, 0}}},
+        // only of an object and of a key is asked what they hold already
+        TokensCase{"t:f n ", {{4, 0, 1, 2, -1}, {4, 2, 3, 0, 0}, {4, 4, 5, 0, 0}}},
+        // a comma leaves one token, not all up to the object
+        TokensCase{R"({"a":1:2,"b":3})",
+                   {{1, 0, 15, 1, -1},
+                    {2, 2, 3, 2, 0},
+                    {4, 5, 6, 1, 1},
+                    {4, 7, 8, 0, 2},
+                    {2, 10, 11, 1, 1},
+                    {4, 13, 14, 0, 4}}}));
 
 INSTANTIATE_TEST_SUITE_P(Strings, JsonTokensTest,
                          testing::Values(TokensCase{R"("")", {{2, 1, 1, 0, -1}}},       //
@@ -154,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(Structure, JsonErrorTest,
                          testing::Values(ErrorCase{"}", -2}, ErrorCase{"{}}", -2}, ErrorCase{R"({"a":1}})", -2},
                                          ErrorCase{R"("a"})", -2}, ErrorCase{"true}", -2}, ErrorCase{"{{", -2},
                                          ErrorCase{"{{}:1}", -2}, ErrorCase{R"({"a":1,{}})", -2},
-                                         ErrorCase{"{}:{}", -2}));
+                                         ErrorCase{"{}:{}", -2}, ErrorCase{"{}:1 ", -2}));
 
 INSTANTIATE_TEST_SUITE_P(PrimitiveKeys, JsonErrorTest,
                          testing::Values(ErrorCase{"{1:2}", -2}, ErrorCase{"{true}", -2}, ErrorCase{R"({"a":1,2})", -2},

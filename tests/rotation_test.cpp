@@ -2,6 +2,7 @@
 
 #include "bzip2_tool.h"
 #include "captured_traces.h"
+#include "hang_guard.h"
 #include "heap.h"
 #include "memory_fault.h"
 #include "process_state.h"
@@ -93,6 +94,9 @@ TEST_F(RotationTest, TracesWhatItDoes) {
               (std::vector<std::string>{"file: " + file + " -- count: 3 ", "remove " + generation(2),
                                         "compress " + file + " -> " + generation(0)}));
     EXPECT_EQ(traces.all().front().code_file, "CODE_FILE=common.c");
+    ASSERT_EQ(traces.all().size(), 5U);
+    EXPECT_EQ(traces.all()[3].text, "from: " + file + " to: " + generation(0)) << "the compressor's follow";
+    EXPECT_EQ(traces.all()[4].function, "file_compress");
 }
 
 TEST_F(RotationTest, TracesNoRemovalWhereNothingIsRemoved) {
@@ -101,6 +105,15 @@ TEST_F(RotationTest, TracesNoRemovalWhereNothingIsRemoved) {
     file_rotate(file.c_str(), 3);
     EXPECT_EQ(traces.texts_of("file_rotate"), (std::vector<std::string>{"file: " + file + " -- count: 3 ",
                                                                         "compress " + file + " -> " + generation(0)}));
+}
+
+TEST_F(RotationTest, TracesWhatItIsGivenWhateverItIs) {
+    const CapturedTraces traces;
+    file_rotate("StdErr", 3);
+    file_rotate((folder / "missing").c_str(), 0);
+    EXPECT_EQ(
+        traces.texts_of("file_rotate"),
+        (std::vector<std::string>{"file: StdErr -- count: 3 ", "file: " + (folder / "missing") + " -- count: 0 "}));
 }
 
 TEST_F(RotationTest, WithTheFirstGenerationMissingShiftsNothing) {
@@ -318,6 +331,24 @@ TEST_F(RotationTest, GivesTheCompressorsMemoryBack) {
     EXPECT_EQ(trims, 1);
 }
 
+TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInThePlaceOfTheFile) {
+    const HangGuard guard;
+    std::filesystem::remove(file);
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    file_rotate(file.c_str(), 3);
+    EXPECT_EQ(names(), Names{"log.000.bz2"});
+    EXPECT_EQ(bunzip2(generation(0)), "");
+}
+
+TEST_F(RotationTest, DoesNotWaitForTheReaderOfAPipeInThePlaceOfAGeneration) {
+    const HangGuard guard;
+    ASSERT_EQ(mkfifo(generation(0).c_str(), 0600), 0);
+    block(1); // so that it cannot be moved
+    file_rotate(file.c_str(), 2);
+    EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
+    EXPECT_TRUE(std::filesystem::is_fifo(generation(0)));
+}
+
 class StreamNameTest : public RotationTest, public testing::WithParamInterface<const char *> {};
 
 TEST_P(StreamNameTest, IsNotRotated) {
@@ -337,8 +368,9 @@ TEST_F(RotationTest, OfANameThatOnlyBeginsLikeAStreamsHappens) {
     file_rotate("stdout.log", 1);
     EXPECT_EQ(names(), (Names{"log", "stdout.log.000.bz2"}));
     folder.write("stdin", "text"); // a plain name here, though the compressor reads standard input
-    file_rotate("stdin", 0);
+    file_rotate("stdin", 1);
     EXPECT_FALSE(exists("stdin"));
+    EXPECT_EQ(bunzip2("stdin.000.bz2"), "text");
 }
 
 /// Rotates `name` in a process whose root is `root`; returns whether the file is still there.

@@ -21,27 +21,18 @@ constinit NetworkCalls calls;
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
-std::FILE *__real_fopen64(const char *path, const char *mode);
 int __real_open64(const char *path, int flags, ...);
 int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
 int __real_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout);
 
-std::FILE *__wrap_fopen64(const char *path, const char *mode) {
-    if (station == nullptr || std::strcmp(path, LAN_FILE) != 0) {
-        return __real_fopen64(path, mode);
-    }
-    ++calls.lan_opened;
-    calls.all_close_on_exec = calls.all_close_on_exec && std::strchr(mode, 'e') != nullptr;
-    return __real_fopen64((*station / "lan").c_str(), mode);
-}
-
 int __wrap_open64(const char *path, int flags, ...) {
-    if (station == nullptr || std::strcmp(path, WIFI_FILE) != 0) {
+    const bool lan = std::strcmp(path, LAN_FILE) == 0;
+    if (station == nullptr || (!lan && std::strcmp(path, WIFI_FILE) != 0)) {
         return __real_open64(path, flags, 0600);
     }
-    ++calls.wifi_opened;
+    ++(lan ? calls.lan_opened : calls.wifi_opened);
     calls.all_close_on_exec = calls.all_close_on_exec && (flags & O_CLOEXEC) != 0;
-    return __real_open64((*station / "wifi").c_str(), flags);
+    return __real_open64((*station / (lan ? "lan" : "wifi")).c_str(), flags);
 }
 
 int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message) {

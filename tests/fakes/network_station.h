@@ -1,7 +1,7 @@
 #pragma once
 
-// A station whose network files stand in a scratch folder. Programs linked with --wrap for fopen64,
-// open64, sd_bus_process and sd_bus_set_method_call_timeout see them in the place of the board's.
+// A station whose network files stand in a scratch folder. Programs linked with --wrap for open64,
+// sd_bus_process and sd_bus_set_method_call_timeout see them in the place of the board's.
 
 #include "captured_traces.h"
 #include "fake_systemd.h"

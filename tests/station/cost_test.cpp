@@ -36,6 +36,7 @@ constexpr std::array budgets{
     Budget{SYS_close, 11, "of all, and of the try to reach the bus"},
     Budget{SYS_newfstatat, 18, "eight disks, of each file its block size, once the zone file"},
     Budget{SYS_access, 1, "Bluetooth"},
+    Budget{SYS_fcntl, 1, "the stream of the LAN's settings"},
     Budget{SYS_write, 1, "the rig's own: it tells that the wait is entered"},
     // A try to reach the bus that is not there.
     Budget{SYS_socket, 1, ""},

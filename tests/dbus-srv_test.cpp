@@ -407,6 +407,22 @@ TEST(BusStartTest, ANameThatSomebodyKeepsEndsTheListenerAndIsNotQueuedFor) {
     EXPECT_EQ(daemon.process().wait(), 1);
 }
 
+TEST(BusStartTest, ANameThatIsGrantedTooLateIsGivenBack) {
+    PrivateBus bus;
+    BusClient monitor(bus);
+    BusClient client(bus);
+    monitor.become_monitor();
+    BusDaemon daemon(bus, Traces::to_stderr, "miss-answer");
+    ASSERT_TRUE(daemon.traced("dbus_bus_request_name() failed"));
+    EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " Connection Error (too late)"));
+    EXPECT_TRUE(daemon.traced("the listener has ended with -1"));
+    ASSERT_NE(monitor.wait_for([](DBusMessage *message) {
+        return dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "ReleaseName") != 0;
+    }),
+              nullptr);
+    EXPECT_EQ(dbus_message_get_type(client.ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR);
+}
+
 TEST(BusStartTest, ANameThatTheBusRefusesEndsTheListener) {
     const PrivateBus bus;
     BusDaemon daemon(bus, Traces::to_stderr, "name=no name");

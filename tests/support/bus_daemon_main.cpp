@@ -4,6 +4,7 @@
 //   send NOW          the end of a pass that began at NOW
 //   flood COUNT       that many passes, each raising or clearing CB07
 //   fail-send         the next message that is to be sent fails
+//   miss-answer       the next answer that a thread waits for comes after it has stopped waiting
 //   lose-bus PID      the bus, which is process PID, ends just before the next message is sent
 //   go                the thread that is held goes on
 //   exit              exit(1), as at a termination signal
@@ -13,6 +14,7 @@
 //   name=NAME         configures the name on the bus
 //   hold=THREAD       "listener" or "sender" is held before it first looks for the bus
 //   held-pauses       each pause of a thread is told on stderr, and lasts until "go"
+//   miss-answer       as the command
 //   no-eventfd        there is none to be had
 
 #include "dbus-listener.h"
@@ -50,6 +52,7 @@ std::binary_semaphore held_thread_goes{0};
 bool held_pauses = false;
 bool no_eventfd = false;
 std::atomic<bool> send_fails = false;
+std::atomic<bool> answer_is_missed = false;
 std::atomic<pid_t> bus_to_end = 0;
 
 void flood(int count) {
@@ -74,6 +77,8 @@ void obey(const std::string &line) {
         flood(static_cast<int>(first));
     } else if (command == "fail-send") {
         send_fails = true;
+    } else if (command == "miss-answer") {
+        answer_is_missed = true;
     } else if (command == "lose-bus") {
         bus_to_end = static_cast<pid_t>(first);
     } else if (command == "go") {
@@ -94,6 +99,7 @@ void configure(std::string_view argument) {
         held_thread = argument.substr(HOLD.size());
     }
     held_pauses = held_pauses || argument == "held-pauses";
+    answer_is_missed = answer_is_missed || argument == "miss-answer";
     no_eventfd = no_eventfd || argument == "no-eventfd";
 }
 
@@ -130,6 +136,19 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage 
         end_bus(bus, connection);
     }
     return send_fails.exchange(false) ? FALSE : __real_dbus_connection_send(connection, message, serial);
+}
+
+DBusMessage *__real_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
+                                                              int timeout, DBusError *error);
+
+DBusMessage *__wrap_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
+                                                              int timeout, DBusError *error) {
+    if (answer_is_missed.exchange(false)) {
+        __real_dbus_connection_send(connection, message, nullptr);
+        dbus_set_error_const(error, DBUS_ERROR_NO_REPLY, "too late");
+        return nullptr;
+    }
+    return __real_dbus_connection_send_with_reply_and_block(connection, message, timeout, error);
 }
 
 void *__real__Z14d_bus_srv_mainPv(void *argument);

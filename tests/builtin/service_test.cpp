@@ -6,6 +6,7 @@
 #include "fake_systemd.h"
 #include "in_child.h"
 #include "logger.h"
+#include "memory_fault.h"
 #include "private_bus.h"
 #include "probe_test.h"
 #include "sample_task.h"
@@ -84,6 +85,7 @@ std::int32_t run(Task &task) {
     EXPECT_EQ(service_exec(&task), 0);
     EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
     EXPECT_EQ(task.error, STALE_ERROR);
+    expect_others_marks_untouched(task);
     return task.value;
 }
 
@@ -122,6 +124,12 @@ TEST(UnitPathEscape, WritesWhatSystemdExpects) {
     EXPECT_STREQ(unit_path_escape("\xc3\xa4").get(), "_c3_a4");
     EXPECT_STREQ(unit_path_escape("").get(), "");
     EXPECT_EQ(unit_path_escape(nullptr), nullptr);
+}
+
+TEST(UnitPathEscape, IsNoneWhenMemoryIsOut) {
+    const MemoryFault fault(1);
+    EXPECT_EQ(unit_path_escape("a"), nullptr);
+    EXPECT_TRUE(MemoryFault::happened());
 }
 
 TEST(ServiceStates, AnyLoadStateButFourBeginningsIsLoaded) {
@@ -293,6 +301,20 @@ TEST(ServiceExec, RecoversFromABusThatDies) {
         EXPECT_EQ(run(task), 1);
         EXPECT_EQ(line_of(task, 2).text, "[failed] ID: CB23[0]: value: 1 Service: b is not running");
         EXPECT_EQ(open_descriptors(), before);
+    });
+}
+
+TEST(ServiceExec, TracesNoErrorOfTheBusWhereThereIsNoBus) {
+    in_child([] {
+        Services rig;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        rig.bus.stop();
+        EXPECT_EQ(run(task), 1); // finds the connection dead
+        const CapturedTraces traces;
+        EXPECT_EQ(run(task), 1);
+        EXPECT_THAT(traces.texts_of("service_read"),
+                    ElementsAre("service: a", "GET PROPERTY FAILED: ret : -111 (Connection refused) -- err.name:  "
+                                              "err.message: "));
     });
 }
 

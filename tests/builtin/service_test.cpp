@@ -25,6 +25,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constinit bool answer_without_text = false;
+constinit const Task *asking_task = nullptr;
+constinit bool asked_with_a_valid_value = false;
 
 } // namespace
 
@@ -35,6 +37,7 @@ int __real_sd_bus_get_property_string(sd_bus *bus, const char *destination, cons
 
 int __wrap_sd_bus_get_property_string(sd_bus *bus, const char *destination, const char *path, const char *interface,
                                       const char *member, sd_bus_error *error, char **text) {
+    asked_with_a_valid_value = asking_task != nullptr && task_has(asking_task, TASK_VALUE_VALID);
     return answer_without_text
                ? 1
                : __real_sd_bus_get_property_string(bus, destination, path, interface, member, error, text);
@@ -188,6 +191,19 @@ TEST(ServiceExec, FollowsTheActiveState) {
         }
         EXPECT_EQ(rig.systemd.count("nginx_2eservice", ACTIVE_STATE), 7) << "once a run";
         EXPECT_EQ(rig.systemd.count("nginx_2eservice", LOAD_STATE), 1) << "at init only";
+    });
+}
+
+TEST(ServiceExec, ClearsTheValidMarkBeforeItAsks) {
+    in_child([] {
+        Services rig;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        task.flags |= TASK_VALUE_VALID;
+        asking_task = &task;
+        asked_with_a_valid_value = true;
+        EXPECT_EQ(service_exec(&task), 0);
+        EXPECT_FALSE(asked_with_a_valid_value);
+        EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
     });
 }
 

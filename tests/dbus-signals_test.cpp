@@ -135,6 +135,8 @@ TEST_F(SignalsTest, TheFrameOfAPassIsTracedAtLevelTwo) {
             framing.push_back(trace.function + ": " + trace.text);
         }
     }
+    EXPECT_THAT(traces.texts_of(CREATE), ElementsAre(" ", "LOCK", "CB02: time: 1700000000 ClearedIssue", "UNLOCK",
+                                                     "cleared|new", "cleared", "DONE"));
     EXPECT_THAT(framing, ElementsAre("d_bus_srv_create_signal_messages:  ", "d_bus_create_signals:  ",
                                      "d_bus_srv_create_signal_messages: DONE"));
 }

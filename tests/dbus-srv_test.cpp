@@ -370,18 +370,28 @@ TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
     EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
 }
 
-TEST(BusStartTest, ACallIsOneWait) {
+/// How often the daemon waits for messages while it answers fifty calls; with nothing else to do it is
+/// once a message.
+void expect_waits_at_most(std::size_t others, const std::string &argument) {
     constexpr std::size_t calls = 50;
     constexpr std::size_t notices = 2; // with which the bus greets the new owner
     PrivateBus bus;
     BusClient client(bus);
-    BusDaemon daemon(bus, Traces::to_stderr);
+    BusDaemon daemon(bus, Traces::to_stderr, argument);
     ASSERT_TRUE(daemon.traced("wait for request"));
+    std::size_t line = 0;
     for (std::size_t i = 0; i < calls; ++i) {
         ASSERT_TRUE(is_return(client.call(listing_call())));
+        const auto traced = daemon.process().errors().wait_for("call method: GetListing", line);
+        ASSERT_TRUE(traced.has_value());
+        line = *traced + 1;
     }
-    EXPECT_LE(daemon.count_traces("wait for request"), notices + calls + 1);
+    EXPECT_LE(daemon.count_traces("wait for request"), notices + calls + others);
 }
+
+TEST(BusStartTest, ACallIsOneWait) { expect_waits_at_most(1, ""); }
+
+TEST(BusStartTest, ANoteOfTheSendersIsTakenOnce) { expect_waits_at_most(2, "noted-message"); }
 
 TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
     PrivateBus bus;

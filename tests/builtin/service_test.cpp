@@ -10,13 +10,16 @@
 #include "private_bus.h"
 #include "probe_test.h"
 #include "sample_task.h"
+#include "signals.h"
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <string>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -290,6 +293,22 @@ TEST(ServiceExec, WatchesTheUnitsOfItsOwnTask) {
         EXPECT_EQ(run(second), 0);
         EXPECT_EQ(line_of(second, 2).text, "[failed] ID: CB23[2]: value: 0 Service: a is not running")
             << "those of the other task are counted too";
+    });
+}
+
+constinit bool signal_was_taken = false;
+
+void note_signal(int /*signo*/) { signal_was_taken = true; }
+
+TEST(ServiceExec, TakesASignalBetweenItsUnits) {
+    in_child([] {
+        signals_hold(); // for the rig's threads, too
+        Services rig;
+        Task task = rig.watch({"a_2eservice", "b_2eservice"}, "a b");
+        std::signal(SIGTERM, note_signal);
+        rig.systemd.strike(getpid(), SIGTERM, 1);
+        EXPECT_EQ(run(task), 1);
+        EXPECT_TRUE(signal_was_taken); // after the first, before the last
     });
 }
 

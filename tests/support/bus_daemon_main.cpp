@@ -16,6 +16,7 @@
 //   held-pauses       each pause of a thread is told on stderr, and lasts until "go"
 //   miss-answer       as the command
 //   no-eventfd        there is none to be had
+//   noted-message     it is as if a message had been read in at the start
 
 #include "dbus-listener.h"
 #include "dbus-signals.h"
@@ -51,6 +52,7 @@ std::string_view held_thread;
 std::binary_semaphore held_thread_goes{0};
 bool held_pauses = false;
 bool no_eventfd = false;
+bool noted_message = false;
 std::atomic<bool> send_fails = false;
 std::atomic<bool> answer_is_missed = false;
 std::atomic<pid_t> bus_to_end = 0;
@@ -101,6 +103,7 @@ void configure(std::string_view argument) {
     held_pauses = held_pauses || argument == "held-pauses";
     answer_is_missed = answer_is_missed || argument == "miss-answer";
     no_eventfd = no_eventfd || argument == "no-eventfd";
+    noted_message = noted_message || argument == "noted-message";
 }
 
 void hold(std::string_view thread) {
@@ -181,7 +184,7 @@ int __wrap_eventfd(unsigned count, int flags) {
         errno = EMFILE;
         return -1;
     }
-    return __real_eventfd(count, flags);
+    return __real_eventfd(noted_message ? 1 : count, flags);
 }
 
 // Linked in front of the library's own.

@@ -29,7 +29,7 @@ BusLinkView bus_link_get();
 BusConnection bus_connect(BusError &error);
 bool bus_is_connected(const BusConnection &connection);
 /// Becomes the owner of the configured name, replacing one that allows it, within 5 s; false, with
-/// the request taken back, when somebody else keeps it.
+/// the request taken back, when somebody else keeps it or the bus does not answer.
 bool bus_own_name(const BusConnection &connection, BusError &error);
 /// Drops all received messages, of a dead connection also the library's own notice of its end:
 /// until that is taken the library hands out the dead one again.

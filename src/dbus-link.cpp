@@ -18,14 +18,23 @@ constinit pthread_mutex_t link_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit BusLink link_state = BusLink::starting;
 constinit Immortal<BusConnection> link_connection;
 
-/// Asks the bus itself; the first number of its answer, or 0 with the error set.
-dbus_uint32_t call_bus(const BusConnection &connection, const char *member, const dbus_uint32_t *flags,
-                       BusError &error) {
+/// A call to the bus itself about the configured name, and `flags` unless they are null.
+BusMessage name_call(const char *member, const dbus_uint32_t *flags) {
     const char *const name = gdata_get_dbus_busname();
-    const BusMessage call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
-    if (!call || dbus_message_append_args(call.get(), DBUS_TYPE_STRING, static_cast<const void *>(&name),
-                                          flags == nullptr ? DBUS_TYPE_INVALID : DBUS_TYPE_UINT32, flags,
-                                          DBUS_TYPE_INVALID) == 0) {
+    BusMessage call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
+    if (call && dbus_message_append_args(call.get(), DBUS_TYPE_STRING, static_cast<const void *>(&name),
+                                         flags == nullptr ? DBUS_TYPE_INVALID : DBUS_TYPE_UINT32, flags,
+                                         DBUS_TYPE_INVALID) == 0) {
+        call.reset();
+    }
+    return call;
+}
+
+/// Asks for the name; the number of the bus's answer, or 0 when there is none.
+dbus_uint32_t request_name(const BusConnection &connection, BusError &error) {
+    constexpr dbus_uint32_t flags = DBUS_NAME_FLAG_REPLACE_EXISTING;
+    const BusMessage call = name_call("RequestName", &flags);
+    if (!call) {
         return 0;
     }
     const BusMessage reply(
@@ -35,6 +44,15 @@ dbus_uint32_t call_bus(const BusConnection &connection, const char *member, cons
         dbus_message_get_args(reply.get(), error.fresh(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
     }
     return result;
+}
+
+/// Takes the request back, and waits for no answer: the bus keeps the order of the two.
+void release_name(const BusConnection &connection) {
+    const BusMessage call = name_call("ReleaseName", nullptr);
+    if (call) {
+        dbus_message_set_no_reply(call.get(), TRUE);
+        dbus_connection_send(connection.get(), call.get(), nullptr);
+    }
 }
 
 } // namespace
@@ -67,11 +85,10 @@ bool bus_is_connected(const BusConnection &connection) {
 }
 
 bool bus_own_name(const BusConnection &connection, BusError &error) {
-    constexpr dbus_uint32_t flags = DBUS_NAME_FLAG_REPLACE_EXISTING;
-    const dbus_uint32_t result = call_bus(connection, "RequestName", &flags, error);
-    if (result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) { // or the name would come to us with nobody listening
-        BusError ignored;
-        call_bus(connection, "ReleaseName", nullptr, ignored);
+    const dbus_uint32_t result = request_name(connection, error);
+    // Or the name would come to us later, with nobody listening, and be nothing new when asked for again.
+    if (result == 0 || result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) {
+        release_name(connection);
     }
     return result == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
 }

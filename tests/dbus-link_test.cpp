@@ -209,6 +209,18 @@ TEST_F(BusLossTest, ANameTakenMeanwhileIsAskedForAgain) {
     EXPECT_TRUE(is_listed(other));
 }
 
+TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsAskedForAgain) {
+    lose_the_bus();
+    daemon_.obey("miss-answer");
+    bus_.start();
+    ASSERT_TRUE(daemon_.traced("the bus is back"));
+    IssueWatcher client(bus_);
+    EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(client));
+    pass(2);
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
+}
+
 TEST_F(BusLossTest, ExitDoesNotWaitForTheBus) {
     lose_the_bus();
     daemon_.tell("exit");

@@ -125,6 +125,22 @@ TEST_F(SignalsTest, NewComesBeforeClearedWhateverTheOrderOfRows) {
                             "UNLOCK", "cleared|new", "new", "cleared", "DONE"));
 }
 
+TEST_F(SignalsTest, TheFrameOfAPassIsTracedAtLevelTwo) {
+    set_row(2, 0);
+    const CapturedTraces traces;
+    EXPECT_EQ(d_bus_srv_create_signal_messages(NOW), 1);
+    std::vector<std::string> framing;
+    for (const CapturedTrace &trace : traces.all()) {
+        if (trace.line.starts_with("(2) ")) {
+            framing.push_back(trace.function + ": " + trace.text);
+        }
+    }
+    EXPECT_THAT(traces.texts_of(CREATE), ElementsAre(" ", "LOCK", "CB02: time: 1700000000 ClearedIssue", "UNLOCK",
+                                                     "cleared|new", "cleared", "DONE"));
+    EXPECT_THAT(framing, ElementsAre("d_bus_srv_create_signal_messages:  ", "d_bus_create_signals:  ",
+                                     "d_bus_srv_create_signal_messages: DONE"));
+}
+
 TEST_F(SignalsTest, BytesOfOneSignal) {
     // 1700000000 is 0x6553F100; 13 bytes of two texts, the first padded to 12: 4+5+3 + 4+5 = 21.
     const std::array<const char *, 2> labels{"CB02", "CBnn"};

@@ -4,6 +4,7 @@
 
 #include "bus_daemon.h"
 #include "captured_traces.h"
+#include "dbus-issues.h"
 #include "message_bytes.h"
 #include "other_process.h"
 #include "private_bus.h"
@@ -33,6 +34,7 @@ constexpr std::int64_t LONG_AGO = 1; // a pass that began then announces every c
 /// How many threads may still be created; negative is any number, and none is really created.
 int threads_left = -1;
 std::vector<sigset_t> masks_at_creation;
+std::vector<std::int64_t> dates_at_creation; ///< of the first issue
 
 } // namespace
 
@@ -42,6 +44,7 @@ extern "C" int __wrap_pthread_create(pthread_t * /*thread*/, const pthread_attr_
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     masks_at_creation.push_back(mask);
+    dates_at_creation.push_back(issue_registry[0].changed);
     EXPECT_EQ(attributes, nullptr);
     EXPECT_EQ(argument, nullptr);
     return threads_left-- == 0 ? EAGAIN : 0;
@@ -65,6 +68,16 @@ TEST(BusInitTest, ThreadsAreCreatedWhileAllSignalsOfTheDaemonAreHeld) {
     for (int signo = 1; signo < 32; ++signo) {
         EXPECT_EQ(sigismember(&before, signo), sigismember(&after, signo)) << signo;
     }
+}
+
+TEST(BusInitTest, ThreadsAreCreatedWhenTheIssuesAreDated) {
+    constexpr std::int64_t undated = -1;
+    for (Issue &issue : issue_registry) {
+        issue.changed = undated;
+    }
+    dates_at_creation.clear();
+    EXPECT_EQ(d_bus_srv_init(), 0);
+    EXPECT_THAT(dates_at_creation, ElementsAre(testing::Gt(undated), testing::Gt(undated)));
 }
 
 TEST(BusInitTest, EitherThreadThatCannotBeCreatedIsTheListenerInTheTraces) {
@@ -357,18 +370,28 @@ TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
     EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
 }
 
-TEST(BusStartTest, ACallIsOneWait) {
+/// How often the daemon waits for messages while it answers fifty calls; with nothing else to do it is
+/// once a message.
+void expect_waits_at_most(std::size_t others, const std::string &argument) {
     constexpr std::size_t calls = 50;
     constexpr std::size_t notices = 2; // with which the bus greets the new owner
     PrivateBus bus;
     BusClient client(bus);
-    BusDaemon daemon(bus, Traces::to_stderr);
+    BusDaemon daemon(bus, Traces::to_stderr, argument);
     ASSERT_TRUE(daemon.traced("wait for request"));
+    std::size_t line = 0;
     for (std::size_t i = 0; i < calls; ++i) {
         ASSERT_TRUE(is_return(client.call(listing_call())));
+        const auto traced = daemon.process().errors().wait_for("call method: GetListing", line);
+        ASSERT_TRUE(traced.has_value());
+        line = *traced + 1;
     }
-    EXPECT_LE(daemon.count_traces("wait for request"), notices + calls + 1);
+    EXPECT_LE(daemon.count_traces("wait for request"), notices + calls + others);
 }
+
+TEST(BusStartTest, ACallIsOneWait) { expect_waits_at_most(1, ""); }
+
+TEST(BusStartTest, ANoteOfTheSendersIsTakenOnce) { expect_waits_at_most(2, "noted-message"); }
 
 TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
     PrivateBus bus;
@@ -407,11 +430,30 @@ TEST(BusStartTest, ANameThatSomebodyKeepsEndsTheListenerAndIsNotQueuedFor) {
     EXPECT_EQ(daemon.process().wait(), 1);
 }
 
+TEST(BusStartTest, ANameThatIsGrantedTooLateIsGivenBack) {
+    PrivateBus bus;
+    BusClient monitor(bus);
+    BusClient client(bus);
+    monitor.become_monitor();
+    BusDaemon daemon(bus, Traces::to_stderr, "miss-answer");
+    ASSERT_TRUE(daemon.traced("dbus_bus_request_name() failed"));
+    EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " Connection Error (too late)"));
+    EXPECT_TRUE(daemon.traced("the listener has ended with -1"));
+    ASSERT_NE(monitor.wait_for([](DBusMessage *message) {
+        return dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "ReleaseName") != 0;
+    }),
+              nullptr);
+    EXPECT_EQ(dbus_message_get_type(client.ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR);
+}
+
 TEST(BusStartTest, ANameThatTheBusRefusesEndsTheListener) {
     const PrivateBus bus;
     BusDaemon daemon(bus, Traces::to_stderr, "name=no name");
-    EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " dbus_bus_request_name() failed"));
-    EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " Connection Error ("));
+    const std::optional<std::size_t> failure = daemon.find_trace("d_bus_srv_main", " dbus_bus_request_name() failed");
+    const std::optional<std::size_t> reason = daemon.find_trace("d_bus_srv_main", " Connection Error (");
+    ASSERT_TRUE(failure && reason);
+    EXPECT_TRUE(daemon.process().errors().line(*failure).starts_with("(2) "));
+    EXPECT_TRUE(daemon.process().errors().line(*reason).starts_with("(3) "));
     EXPECT_TRUE(daemon.traced("the listener has ended with -1"));
 }
 
@@ -478,7 +520,10 @@ TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {
     daemon.obey("update 5 1");
     daemon.obey("fail-send");
     daemon.obey("send 2");
-    ASSERT_TRUE(daemon.traced("dbus_connection_send(\"msg\") failed"));
+    const std::optional<std::size_t> failure =
+        daemon.find_trace("d_bus_srv_msg_sender", "dbus_connection_send(\"msg\") failed");
+    ASSERT_TRUE(failure.has_value());
+    EXPECT_TRUE(daemon.process().errors().line(*failure).starts_with("(2) "));
     const auto expect_next = [&client](const std::string &member, std::uint32_t pass) {
         const BusMessage signal =
             client.wait_for([](DBusMessage *message) { return dbus_message_has_interface(message, ISSUES) != 0; });

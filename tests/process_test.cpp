@@ -169,6 +169,7 @@ TEST_F(ProcessTest, FindsTheNewestFirst) {
     EXPECT_EQ(traces.texts_of("process_cmp"),
               (Texts{"val: 2147483630 pid: 2147483632", "val: 2147483631 pid: 2147483632",
                      "val: 2147483632 pid: 2147483632"}));
+    EXPECT_EQ(traces.texts_of("d_list_search").size(), 3U + 1U); // the head is passed over, the last is the match
     EXPECT_EQ(tasks[0].child_pid, 0);
     EXPECT_EQ(tasks[1].child_pid, NOBODY - 1);
     EXPECT_EQ(process_remove(NOBODY - 1), 0); // from the middle of what is left

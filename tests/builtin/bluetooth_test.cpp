@@ -30,7 +30,7 @@ class BluetoothTest : public LinkProbeTest {
     ScratchFolder folder;
 };
 
-TEST_F(BluetoothTest, InitMarksTheTask) { expect_init_marks(bluetooth_init); }
+TEST_F(BluetoothTest, InitMarksTheTask) { expect_init_marks(bluetooth_init, "bluetooth_init"); }
 
 TEST_F(BluetoothTest, IsPresentWhateverTheFileSays) {
     for (const char *content : {"active\n", "suspended\n", "unsupported\n", "error\n", "down\n", ""}) {

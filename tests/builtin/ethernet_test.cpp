@@ -23,7 +23,7 @@ class EthernetTest : public LinkProbeTest {
     std::string missing = folder / "nowhere";
 };
 
-TEST_F(EthernetTest, InitMarksTheTask) { expect_init_marks(ethernet_init); }
+TEST_F(EthernetTest, InitMarksTheTask) { expect_init_marks(ethernet_init, "ethernet_init"); }
 
 // --- the text
 
@@ -189,6 +189,14 @@ TEST_F(EthernetTest, LogsNothingForAnyOtherIdAndClearsTheMark) {
     for (const std::int32_t id : {0, 10, 13, 99}) {
         EXPECT_THAT(written_by(ethernet_logger, id, 2), IsEmpty());
     }
+}
+
+TEST_F(EthernetTest, TracesTheEntryOfTheLogger) {
+    Task task = sample_task();
+    const CapturedTraces traces;
+    ethernet_logger(&task);
+    EXPECT_THAT(traces.texts_of("ethernet_logger"), ElementsAre(" "));
+    EXPECT_THAT(traces.all()[0].line, StartsWith("(2) "));
 }
 
 TEST_F(EthernetTest, LogsNothingUnlessMarked) {

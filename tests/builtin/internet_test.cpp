@@ -185,7 +185,7 @@ class InternetTest : public LinkProbeTest {
     RedirectedOpen open;
 };
 
-TEST_F(InternetTest, InitMarksTheTask) { expect_init_marks(internet_init); }
+TEST_F(InternetTest, InitMarksTheTask) { expect_init_marks(internet_init, "internet_init"); }
 
 TEST_F(InternetTest, MeasuresTheInterfaceOfTheTask) {
     show(HEADING + std::string(LOOPBACK) + table_line("eth0", "900", "100", "1", "1") +

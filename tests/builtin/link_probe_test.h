@@ -4,11 +4,13 @@
 
 #include "builtin.h"
 #include "captured_syslog.h"
+#include "captured_traces.h"
 #include "logger.h"
 #include "network.h"
 #include "sample_task.h"
 
 #include <cstdint>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -59,13 +61,15 @@ class LinkProbeTest : public testing::Test {
     }
 
     /// The init operation sets the first flag, clears the second and touches no other.
-    static void expect_init_marks(TaskOperation init) {
+    static void expect_init_marks(TaskOperation init, const char *name) {
         for (const std::uint32_t others : {0U, 0xfffffffcU}) {
             for (const std::uint32_t marks : {0U, 1U, 2U, 3U}) {
                 Task task = sample_task();
                 task.flags = others | marks;
+                const CapturedTraces traces;
                 EXPECT_EQ(init(&task), 0);
                 EXPECT_EQ(task.flags, others | 1U);
+                EXPECT_THAT(traces.texts_of(name), testing::ElementsAre(" "));
             }
         }
     }

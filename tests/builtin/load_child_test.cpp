@@ -527,6 +527,22 @@ TEST_F(LoadChildTest, BlocksTheEndOfChildrenUntilTheChildIsRegistered) {
     });
 }
 
+TEST_F(LoadChildTest, RegistersTheChildBeforeItsEndCanBeSeen) {
+    in_child([&] {
+        set_logfile();
+        Task task = load_task();
+        const CapturedTraces traces;
+        run_to_its_end(&task);
+        Texts functions;
+        for (const CapturedTrace &trace : traces.all()) {
+            if (trace.function.starts_with("process_")) {
+                functions.push_back(trace.function);
+            }
+        }
+        EXPECT_THAT(functions, ElementsAre("process_suspend_sig", "process_add", "process_continue_sig"));
+    });
+}
+
 TEST_F(LoadChildTest, LearnsThatTheChildHasEndedAndMayStartAnother) {
     in_child([&] {
         const HangGuard guard;

@@ -24,6 +24,7 @@ inline bool operator==(const Reading &left, const Reading &right) {
 
 inline constexpr std::int32_t STALE_VALUE = 77;
 inline constexpr std::int32_t STALE_ERROR = 99;
+inline constexpr std::uint8_t OTHERS_MARK = 7;
 
 /// A task that has measured before.
 inline Task probe_task(const char *parameter) {
@@ -31,7 +32,16 @@ inline Task probe_task(const char *parameter) {
     task.parameter = parameter;
     task.value = STALE_VALUE;
     task.error = STALE_ERROR;
+    task.do_notify = task.do_log = task.do_logfile = OTHERS_MARK;
     return task;
+}
+
+/// The marks for those that come after the probe are as `probe_task` set them.
+inline void expect_others_marks_untouched(const Task &task) {
+    EXPECT_EQ(task.do_notify, OTHERS_MARK);
+    EXPECT_EQ(task.do_log, OTHERS_MARK);
+    EXPECT_EQ(task.do_logfile, OTHERS_MARK);
+    EXPECT_EQ(task.state, 0);
 }
 
 /// The run measures `value`: it is stored and marked, and nothing else of the task changes.
@@ -42,6 +52,7 @@ inline void expect_measured(TaskOperation exec, Task task, std::int32_t value) {
     EXPECT_EQ(task.value, value);
     EXPECT_EQ(task.flags, before.flags | TASK_VALUE_VALID);
     EXPECT_EQ(task.error, STALE_ERROR) << "written on failure only";
+    expect_others_marks_untouched(task);
 }
 
 /// The run fails with `error`: the old value stays and loses its mark, and nothing else changes.
@@ -52,6 +63,7 @@ inline void expect_failed(TaskOperation exec, Task task, std::int32_t error) {
     EXPECT_EQ(task.error, error);
     EXPECT_EQ(task.value, STALE_VALUE);
     EXPECT_EQ(task.flags, before.flags & ~std::uint32_t{TASK_VALUE_VALID});
+    expect_others_marks_untouched(task);
 }
 
 /// The init operation sets the first bit, clears the second and touches no other.

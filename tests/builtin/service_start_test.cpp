@@ -172,6 +172,7 @@ TEST(ServiceInit, DoesNotAskForAUnitWhosePathIsTooLong) {
         rig.systemd.load(fits + "_2eservice");
         EXPECT_EQ(rig.init((fits + " a" + fits).c_str()), 0);
         EXPECT_EQ(rig.systemd.total(), 1);
+        EXPECT_THAT(rig.traces.texts_of("service_path"), ElementsAre("FAILED"));
         EXPECT_EQ(service_exec(&rig.task), 0);
         EXPECT_EQ(rig.systemd.total(), 2) << "the first only";
         // The report takes 9 characters for [service "], then the name's 983, then 22: all of it fits.

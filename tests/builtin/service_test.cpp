@@ -6,16 +6,20 @@
 #include "fake_systemd.h"
 #include "in_child.h"
 #include "logger.h"
+#include "memory_fault.h"
 #include "private_bus.h"
 #include "probe_test.h"
 #include "sample_task.h"
+#include "signals.h"
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <string>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -24,6 +28,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constinit bool answer_without_text = false;
+constinit const Task *asking_task = nullptr;
+constinit bool asked_with_a_valid_value = false;
 
 } // namespace
 
@@ -34,6 +40,7 @@ int __real_sd_bus_get_property_string(sd_bus *bus, const char *destination, cons
 
 int __wrap_sd_bus_get_property_string(sd_bus *bus, const char *destination, const char *path, const char *interface,
                                       const char *member, sd_bus_error *error, char **text) {
+    asked_with_a_valid_value = asking_task != nullptr && task_has(asking_task, TASK_VALUE_VALID);
     return answer_without_text
                ? 1
                : __real_sd_bus_get_property_string(bus, destination, path, interface, member, error, text);
@@ -84,6 +91,7 @@ std::int32_t run(Task &task) {
     EXPECT_EQ(service_exec(&task), 0);
     EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
     EXPECT_EQ(task.error, STALE_ERROR);
+    expect_others_marks_untouched(task);
     return task.value;
 }
 
@@ -122,6 +130,12 @@ TEST(UnitPathEscape, WritesWhatSystemdExpects) {
     EXPECT_STREQ(unit_path_escape("\xc3\xa4").get(), "_c3_a4");
     EXPECT_STREQ(unit_path_escape("").get(), "");
     EXPECT_EQ(unit_path_escape(nullptr), nullptr);
+}
+
+TEST(UnitPathEscape, IsNoneWhenMemoryIsOut) {
+    const MemoryFault fault(1);
+    EXPECT_EQ(unit_path_escape("a"), nullptr);
+    EXPECT_TRUE(MemoryFault::happened());
 }
 
 TEST(ServiceStates, AnyLoadStateButFourBeginningsIsLoaded) {
@@ -180,6 +194,19 @@ TEST(ServiceExec, FollowsTheActiveState) {
         }
         EXPECT_EQ(rig.systemd.count("nginx_2eservice", ACTIVE_STATE), 7) << "once a run";
         EXPECT_EQ(rig.systemd.count("nginx_2eservice", LOAD_STATE), 1) << "at init only";
+    });
+}
+
+TEST(ServiceExec, ClearsTheValidMarkBeforeItAsks) {
+    in_child([] {
+        Services rig;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        task.flags |= TASK_VALUE_VALID;
+        asking_task = &task;
+        asked_with_a_valid_value = true;
+        EXPECT_EQ(service_exec(&task), 0);
+        EXPECT_FALSE(asked_with_a_valid_value);
+        EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
     });
 }
 
@@ -269,6 +296,22 @@ TEST(ServiceExec, WatchesTheUnitsOfItsOwnTask) {
     });
 }
 
+constinit bool signal_was_taken = false;
+
+void note_signal(int /*signo*/) { signal_was_taken = true; }
+
+TEST(ServiceExec, TakesASignalBetweenItsUnits) {
+    in_child([] {
+        signals_hold(); // for the rig's threads, too
+        Services rig;
+        Task task = rig.watch({"a_2eservice", "b_2eservice"}, "a b");
+        std::signal(SIGTERM, note_signal);
+        rig.systemd.strike(getpid(), SIGTERM, 1);
+        EXPECT_EQ(run(task), 1);
+        EXPECT_TRUE(signal_was_taken); // after the first, before the last
+    });
+}
+
 TEST(ServiceExec, RecoversFromABusThatDies) {
     in_child([] {
         Services rig;
@@ -293,6 +336,20 @@ TEST(ServiceExec, RecoversFromABusThatDies) {
         EXPECT_EQ(run(task), 1);
         EXPECT_EQ(line_of(task, 2).text, "[failed] ID: CB23[0]: value: 1 Service: b is not running");
         EXPECT_EQ(open_descriptors(), before);
+    });
+}
+
+TEST(ServiceExec, TracesNoErrorOfTheBusWhereThereIsNoBus) {
+    in_child([] {
+        Services rig;
+        Task task = rig.watch({"a_2eservice"}, "a");
+        rig.bus.stop();
+        EXPECT_EQ(run(task), 1); // finds the connection dead
+        const CapturedTraces traces;
+        EXPECT_EQ(run(task), 1);
+        EXPECT_THAT(traces.texts_of("service_read"),
+                    ElementsAre("service: a", "GET PROPERTY FAILED: ret : -111 (Connection refused) -- err.name:  "
+                                              "err.message: "));
     });
 }
 

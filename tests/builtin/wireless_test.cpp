@@ -452,6 +452,7 @@ TEST_F(WirelessTest, TracesARun) {
     EXPECT_EQ(wireless_exec(&task), 0);
     EXPECT_THAT(traces.texts_of("wireless_exec"), ElementsAre(" ", "CB09 3: FOUND", "wlan0sta: -55"));
     EXPECT_THAT(traces.texts_of("wireless_psearch"), ElementsAre("ID: 9, ID_ndx: 3", "FOUND"));
+    EXPECT_THAT(traces.texts_of("d_list_search"), testing::SizeIs(3)); // the head, the newest record, which matches
     EXPECT_THAT(traces.texts_of("wireless_strength"),
                 ElementsAre("/proc/net/wireless wlan0sta", "value: -55 (-55.900000), level: -55.400000"));
     EXPECT_EQ(traces.all()[0].code_file, "CODE_FILE=builtin/wireless.c");

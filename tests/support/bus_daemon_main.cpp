@@ -4,6 +4,7 @@
 //   send NOW          the end of a pass that began at NOW
 //   flood COUNT       that many passes, each raising or clearing CB07
 //   fail-send         the next message that is to be sent fails
+//   miss-answer       the next answer that a thread waits for comes after it has stopped waiting
 //   lose-bus PID      the bus, which is process PID, ends just before the next message is sent
 //   go                the thread that is held goes on
 //   exit              exit(1), as at a termination signal
@@ -13,7 +14,9 @@
 //   name=NAME         configures the name on the bus
 //   hold=THREAD       "listener" or "sender" is held before it first looks for the bus
 //   held-pauses       each pause of a thread is told on stderr, and lasts until "go"
+//   miss-answer       as the command
 //   no-eventfd        there is none to be had
+//   noted-message     it is as if a message had been read in at the start
 
 #include "dbus-listener.h"
 #include "dbus-signals.h"
@@ -49,7 +52,9 @@ std::string_view held_thread;
 std::binary_semaphore held_thread_goes{0};
 bool held_pauses = false;
 bool no_eventfd = false;
+bool noted_message = false;
 std::atomic<bool> send_fails = false;
+std::atomic<bool> answer_is_missed = false;
 std::atomic<pid_t> bus_to_end = 0;
 
 void flood(int count) {
@@ -74,6 +79,8 @@ void obey(const std::string &line) {
         flood(static_cast<int>(first));
     } else if (command == "fail-send") {
         send_fails = true;
+    } else if (command == "miss-answer") {
+        answer_is_missed = true;
     } else if (command == "lose-bus") {
         bus_to_end = static_cast<pid_t>(first);
     } else if (command == "go") {
@@ -94,7 +101,9 @@ void configure(std::string_view argument) {
         held_thread = argument.substr(HOLD.size());
     }
     held_pauses = held_pauses || argument == "held-pauses";
+    answer_is_missed = answer_is_missed || argument == "miss-answer";
     no_eventfd = no_eventfd || argument == "no-eventfd";
+    noted_message = noted_message || argument == "noted-message";
 }
 
 void hold(std::string_view thread) {
@@ -132,6 +141,19 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage 
     return send_fails.exchange(false) ? FALSE : __real_dbus_connection_send(connection, message, serial);
 }
 
+DBusMessage *__real_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
+                                                              int timeout, DBusError *error);
+
+DBusMessage *__wrap_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
+                                                              int timeout, DBusError *error) {
+    if (answer_is_missed.exchange(false)) {
+        __real_dbus_connection_send(connection, message, nullptr);
+        dbus_set_error_const(error, DBUS_ERROR_NO_REPLY, "too late");
+        return nullptr;
+    }
+    return __real_dbus_connection_send_with_reply_and_block(connection, message, timeout, error);
+}
+
 void *__real__Z14d_bus_srv_mainPv(void *argument);
 void *__real__Z20d_bus_srv_msg_senderPv(void *argument);
 
@@ -162,7 +184,7 @@ int __wrap_eventfd(unsigned count, int flags) {
         errno = EMFILE;
         return -1;
     }
-    return __real_eventfd(count, flags);
+    return __real_eventfd(noted_message ? 1 : count, flags);
 }
 
 // Linked in front of the library's own.

@@ -10,7 +10,8 @@
 
 /// What the init operation of a simple probe does to its task.
 constexpr void probe_mark_initialised(Task *task) {
-    task->flags = (task->flags & ~std::uint32_t{TASK_REINIT}) | TASK_INITIALISED;
+    task_clear(task, TASK_REINIT);
+    task->flags |= TASK_INITIALISED;
 }
 
 /// Stores a fresh measurement; returns 0.

@@ -88,6 +88,9 @@ struct Task {
 /// Whether all bits of `mask` are set in the task's flags.
 constexpr bool task_has(const Task *task, std::uint32_t mask) { return (task->flags & mask) == mask; }
 
+/// Clears all bits of `mask` in the task's flags.
+constexpr void task_clear(Task *task, std::uint32_t mask) { task->flags &= ~mask; }
+
 /// A list of tasks linked through `next` and `prev`.
 struct TaskList {
     Task *first;

@@ -32,7 +32,7 @@ std::int64_t following_run(std::int64_t now, std::int32_t interval) {
 
 void run_pipeline(Task *task) {
     task->error = 0;
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     executer(task);
     analyzer(task);
     notifier(task);

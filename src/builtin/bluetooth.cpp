@@ -20,7 +20,7 @@ int bluetooth_init(Task *task) {
 
 int bluetooth_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const std::int32_t value = bluetooth_state(task->parameter);
     trace(TRACE_TRACE, "%s: %d", task->parameter, value);
     return probe_succeed(task, value);

@@ -94,7 +94,7 @@ int diskusage_init(Task *task) {
 
 int diskusage_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const Reading reading = diskusage_read(task->parameter);
     if (reading.error != 0) {
         trace(TRACE_TRACE, "%s FAILED!", task->parameter);

@@ -55,7 +55,7 @@ int ethernet_init(Task *task) {
 
 int ethernet_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     if (lan_available != 1) {
         task->do_logfile = 0;
         return probe_fail(task, ENONET);

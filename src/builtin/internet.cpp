@@ -106,7 +106,7 @@ int internet_exec(Task *task) {
         return ENONET; // deliberately not in `error`: a path switched off is no failed run
     }
     task->do_logfile = 1;
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const Reading reading = interface_read(task->parameter);
     if (reading.error != 0) {
         trace(TRACE_TRACE, "%s FAILED!", task->id == ID_LAN ? "CB10" : "CB13");

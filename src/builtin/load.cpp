@@ -101,9 +101,9 @@ int load_init(Task *task) {
 
 int load_exec(Task *task) {
     trace(TRACE_DEBUG, "CB%02d", task->id);
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     if (task_has(task, TASK_REINIT)) {
-        task->flags &= ~std::uint32_t{TASK_REINIT};
+        task_clear(task, TASK_REINIT);
         load_child_started = false;
     }
     CpuCounters now{};

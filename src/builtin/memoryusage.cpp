@@ -74,7 +74,7 @@ int memoryusage_init(Task *task) {
 
 int memoryusage_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const Reading reading = memoryusage_read();
     if (reading.error != 0) {
         trace(TRACE_TRACE, "FAILED!");

@@ -257,7 +257,7 @@ int service_init(Task *task) {
 
 int service_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     return probe_succeed(task, service_list.next == nullptr ? 0 : service_read(task));
 }
 

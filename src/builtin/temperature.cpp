@@ -50,7 +50,7 @@ int temperature_init(Task *task) {
 
 int temperature_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const Reading reading = temperature_read(task->parameter);
     if (reading.error != 0) {
         trace(TRACE_TRACE, "FAILED!");

@@ -60,7 +60,7 @@ int wearout_init(Task *task) {
 
 int wearout_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const Reading reading = wearout_read(task->parameter);
     if (reading.error != 0) {
         trace(TRACE_TRACE, "reading wearout FAILED!");

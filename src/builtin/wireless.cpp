@@ -258,7 +258,7 @@ int wireless_exec(Task *task) {
         return -1;
     }
     trace(TRACE_TRACE, "CB%02d %d: FOUND", task->id, task->index);
-    task->flags &= ~std::uint32_t{TASK_VALUE_VALID};
+    task_clear(task, TASK_VALUE_VALID);
     const Reading reading = wireless_read(record);
     if (reading.error != 0) {
         return probe_fail(task, reading.error);

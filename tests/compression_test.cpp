@@ -43,6 +43,9 @@ int failing_close = 0;
 /// The stdio stream that finds no memory, counted from 1; 0 for none.
 int failing_stream = 0;
 
+/// The bzip2 stream to read that finds no memory, counted from 1; 0 for none.
+int failing_reader = 0;
+
 /// The clock's next readings; without any it stands still.
 std::deque<timeval> clock_readings;
 
@@ -63,6 +66,16 @@ extern "C" {
 BZFILE *__real_BZ2_bzWriteOpen(int *error, std::FILE *file, int block_size, int verbosity, int work_factor);
 void __real_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned *in_low, unsigned *in_high,
                                unsigned *out_low, unsigned *out_high);
+
+BZFILE *__real_BZ2_bzReadOpen(int *error, std::FILE *file, int verbosity, int small, void *unused, int unused_count);
+
+BZFILE *__wrap_BZ2_bzReadOpen(int *error, std::FILE *file, int verbosity, int small, void *unused, int unused_count) {
+    if (failing_reader > 0 && --failing_reader == 0) {
+        *error = BZ_MEM_ERROR;
+        return nullptr;
+    }
+    return __real_BZ2_bzReadOpen(error, file, verbosity, small, unused, unused_count);
+}
 
 BZFILE *__wrap_BZ2_bzWriteOpen(int *error, std::FILE *file, int block_size, int verbosity, int work_factor) {
     opening = {opening.fails, block_size, verbosity, work_factor, descriptors_open_over_exec()};
@@ -547,6 +560,15 @@ TEST_F(DecompressionTest, WithoutMemoryTouchesNothing) {
     EXPECT_EQ(file_decompress(to.c_str(), back.c_str()), -1);
     EXPECT_TRUE(MemoryFault::happened());
     EXPECT_EQ(read_file(back), "old");
+}
+
+TEST_F(DecompressionTest, WithoutMemoryForAStreamRemovesTheDestination) {
+    for (const int stream : {1, 2}) {
+        failing_reader = stream;
+        EXPECT_EQ(decompress(bzip2("one ", "") + bzip2("two", "")), -1) << stream;
+        EXPECT_EQ(failing_reader, 0);
+        EXPECT_FALSE(exists(back)) << stream;
+    }
 }
 
 } // namespace

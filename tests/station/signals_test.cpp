@@ -113,7 +113,7 @@ TEST(Reinit, ChangesNothingButItsOwnTraces) {
 enum HandlerCall : std::uint32_t { FOR_SIGTERM = 1, FOR_SIGUSR1 = 5, FOR_SIGALRM = 6, FOR_SIGCHLD = 7 };
 
 StationFault failing(StationCall call, std::uint32_t number) {
-    return {.call = call, .first = number, .last = number, .error = EINVAL, .main_thread_only = true};
+    return {.call = call, .first = number, .last = number, .error = EINVAL, .threads = StationThreads::main};
 }
 
 struct MissedHandler {

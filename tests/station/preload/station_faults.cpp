@@ -21,7 +21,8 @@ bool fails(StationCall call) {
     if (page == nullptr || page->fault.call != call) {
         return false;
     }
-    if (page->fault.main_thread_only && gettid() != getpid()) {
+    const StationThreads threads = page->fault.threads;
+    if (threads != StationThreads::all && (threads == StationThreads::main) != (gettid() == getpid())) {
         return false;
     }
     const std::uint32_t number = page->calls.fetch_add(1) + 1;

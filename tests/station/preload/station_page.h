@@ -71,13 +71,15 @@ enum class StationCall : std::int32_t {
     handler, ///< sigaction
 };
 
+enum class StationThreads : std::uint8_t { all, main, others };
+
 /// The calls number `first` to `last`, counted from 1, fail with `error`.
 struct StationFault {
     StationCall call;
     std::uint32_t first; ///< 0: none fails
     std::uint32_t last;
     std::int32_t error;
-    bool main_thread_only; ///< the calls of other threads neither count nor fail
+    StationThreads threads; ///< whose calls count and fail
 };
 
 struct StationPage {

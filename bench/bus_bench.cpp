@@ -4,7 +4,7 @@
 // the daemon uses while there is no bus.
 
 #include "bus_servers.h"
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
 #include "journal_sink.h"
 #include "private_bus.h"
 #include "processors.h"

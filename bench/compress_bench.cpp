@@ -1,7 +1,7 @@
 // file_compress against the tool "bzip2 -1" on the same status log: processor time, each in a process
 // of its own, and the heap of the one against the whole memory of the other.
 
-#include "common.h"
+#include "common/compression.h"
 
 #include <algorithm>
 #include <array>

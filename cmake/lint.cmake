@@ -40,7 +40,7 @@ add_stamps(lint_stamps format .clang-format COMMAND ${FORMAT} FILES ${HEADERS} $
            ${FUZZ_SOURCES})
 add_stamps(lint_stamps tidy .clang-tidy COMMAND ${TIDY} FILES ${SOURCES_TO_TIDY} DEPENDS ${HEADERS})
 add_stamps(lint_tests_stamps tidy .clang-tidy COMMAND ${TIDY} FILES ${TESTS_TO_TIDY} DEPENDS ${HEADERS})
-add_custom_target(lint DEPENDS ${lint_stamps})
+add_custom_target(lint COMMAND ${PROJECT_SOURCE_DIR}/script/layers DEPENDS ${lint_stamps})
 add_custom_target(lint_tests DEPENDS ${lint_tests_stamps})
 add_dependencies(lint vigmond_revision_header)
 add_dependencies(lint_tests vigmond_revision_header)

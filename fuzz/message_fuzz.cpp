@@ -3,10 +3,10 @@
 // is raised meanwhile if the length has the bit QUIET. With the bit FAILING a byte follows it that tells
 // which call of the library fails, as when memory is out.
 
-#include "dbus-issues.h"
-#include "dbus-methods.h"
 #include "dbus-srv.h"
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
+#include "dbus-srv/issues.h"
+#include "dbus-srv/methods.h"
 #include "support/fuzz.h"
 
 #include <array>

@@ -2,9 +2,9 @@
 // here, and no log file is ever made.
 
 #include "gdata.h"
-#include "options.h"
 #include "support/fuzz.h"
 #include "trace.h"
+#include "vigmond/options.h"
 
 #include <cerrno>
 #include <cstring>

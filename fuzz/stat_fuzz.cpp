@@ -1,6 +1,6 @@
 // Two readings of the first line of /proc/stat, one a line.
 
-#include "load.h"
+#include "builtin/load.h"
 #include "support/fuzz.h"
 
 #include <algorithm>

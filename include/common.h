@@ -1,6 +1,6 @@
 #pragma once
 
-// The list type, text helpers, and rotation and compression of log files.
+// The list type and small text helpers.
 
 #include <cstddef>
 #include <cstdint>
@@ -40,12 +40,3 @@ int strsplit(char *text, char **tokens, int max);
 
 /// Dumps `length` bytes to stderr, 16 a line. For debugging by hand.
 void hex_dump(const void *address, std::size_t length);
-
-/// Shifts the compressed generations of `file` up by one, keeping at most `count`, compresses `file`
-/// into generation 000 and removes it, compressed or not. Nothing happens to a stream's name.
-void file_rotate(const char *file, std::int32_t count);
-/// Compresses `from` ("stdin" is standard input) to `to` ("stdout" is standard output) with bzip2.
-/// Returns 0, or -1 after any failure.
-int file_compress(const char *from, const char *to);
-/// The way back; returns 0 or -1. The daemon never calls it.
-int file_decompress(const char *from, const char *to);

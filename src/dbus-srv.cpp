@@ -1,8 +1,8 @@
 #include "dbus-srv.h"
 
-#include "dbus-issues.h"
-#include "dbus-listener.h"
-#include "dbus-signals.h"
+#include "dbus-srv/issues.h"
+#include "dbus-srv/listener.h"
+#include "dbus-srv/sender.h"
 #include "signals.h"
 #include "trace.h"
 

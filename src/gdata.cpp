@@ -1,7 +1,7 @@
 #include "gdata.h"
 
 #include "handle.h"
-#include "immortal.h"
+#include "no_destructor.h"
 #include "trace.h"
 
 #include <algorithm>
@@ -27,8 +27,8 @@ constinit GlobalData data{
     .hysteresis = 0,
 };
 
-constinit Immortal<TextHandle> commandline;
-constinit Immortal<TextHandle> logfile_allocated; // none while the built-in text is in force
+constinit NoDestructor<TextHandle> commandline;
+constinit NoDestructor<TextHandle> logfile_allocated; // none while the built-in text is in force
 
 /// `argument` in double quotes behind a blank, written at `end`; returns the new end.
 char *append_quoted(char *end, const char *argument) {

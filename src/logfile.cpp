@@ -1,8 +1,9 @@
 #include "logfile.h"
 
 #include "common.h"
-#include "immortal.h"
-#include "logfile_header.h"
+#include "logfile/header.h"
+#include "no_destructor.h"
+#include "rotation.h"
 #include "trace.h"
 
 #include <algorithm>
@@ -28,7 +29,7 @@ constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
 
 namespace {
 
-constinit Immortal<LogfileState> the_state;
+constinit NoDestructor<LogfileState> the_state;
 
 /// A state that the table does not know passes every level that can be set.
 constexpr LogfileStateRow unknown_state{0, -1, "INV"};

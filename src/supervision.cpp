@@ -1,7 +1,7 @@
 #include "supervision.h"
 
 #include "handle.h"
-#include "immortal.h"
+#include "no_destructor.h"
 #include "text_buffer.h"
 #include "time_of_day.h"
 #include "trace.h"
@@ -17,7 +17,7 @@
 
 namespace {
 
-constinit Immortal<Descriptor> notify_socket; // open from the first message on, as long as the process lives
+constinit NoDestructor<Descriptor> notify_socket; // open from the first message on, as long as the process lives
 
 /// Writes where the manager listens: a path, or behind an @ a name of the abstract kind. The address's
 /// size, 0 when nobody asks.

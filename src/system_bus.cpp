@@ -1,6 +1,6 @@
 #include "system_bus.h"
 
-#include "immortal.h"
+#include "no_destructor.h"
 
 #include <cerrno>
 #include <chrono>
@@ -20,7 +20,7 @@ struct Unreference {
 
 /// The only reference that this program holds: while another was held, the library would hand out a
 /// dead connection again and again.
-constinit Immortal<std::unique_ptr<sd_bus, Unreference>> connection;
+constinit NoDestructor<std::unique_ptr<sd_bus, Unreference>> connection;
 
 void drop_dead_connection() {
     sd_bus *bus = connection.get().get();

@@ -4,13 +4,13 @@
 #include "gdata.h"
 #include "init.h"
 #include "log_sockets.h"
-#include "options.h"
 #include "process.h"
 #include "scheduler.h"
-#include "startup.h"
 #include "tasks.h"
 #include "timer.h"
 #include "trace.h"
+#include "vigmond/options.h"
+#include "vigmond/startup.h"
 
 #include <csignal>
 #include <cstdlib>

@@ -4,7 +4,7 @@
 
 #include "bus_daemon.h"
 #include "captured_traces.h"
-#include "dbus-issues.h"
+#include "dbus-srv/issues.h"
 #include "message_bytes.h"
 #include "other_process.h"
 #include "private_bus.h"

@@ -1,7 +1,7 @@
 // What the documents say about the program, held against the program.
 
 #include "bus_daemon.h"
-#include "dbus-issues.h"
+#include "dbus-srv/issues.h"
 #include "gdata.h"
 #include "private_bus.h"
 #include "scratch_folder.h"

@@ -7,8 +7,8 @@
 #include "init.h"
 #include "process.h"
 #include "scheduler.h"
-#include "startup.h"
 #include "timer.h"
+#include "vigmond/startup.h"
 
 #include <cstdio>
 #include <cstdlib>

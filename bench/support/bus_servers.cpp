@@ -1,11 +1,11 @@
 #include "bus_servers.h"
 
-#include "dbus-issues.h"
 #include "dbus-srv.h"
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
+#include "dbus-srv/issues.h"
+#include "dbus-srv/mutex_lock.h"
 #include "gdata.h"
 #include "line_tap.h"
-#include "mutex_lock.h"
 
 #include <array>
 #include <charconv>

@@ -1,6 +1,7 @@
-#include "load.h"
+#include "builtin/load.h"
 
 #include "builtin.h"
+#include "builtin/load/child.h"
 #include "common.h"
 #include "handle.h"
 #include "logger.h"

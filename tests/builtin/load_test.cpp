@@ -1,4 +1,4 @@
-#include "load.h"
+#include "builtin/load.h"
 
 #include "builtin.h"
 #include "captured_traces.h"

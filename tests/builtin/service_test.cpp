@@ -1,4 +1,4 @@
-#include "service.h"
+#include "builtin/service.h"
 
 #include "builtin.h"
 #include "captured_syslog.h"

@@ -18,9 +18,10 @@
 //   no-eventfd        there is none to be had
 //   noted-message     it is as if a message had been read in at the start
 
-#include "dbus-listener.h"
-#include "dbus-signals.h"
 #include "dbus-srv.h"
+#include "dbus-srv/listener.h"
+#include "dbus-srv/queue.h"
+#include "dbus-srv/sender.h"
 #include "gdata.h"
 #include "handle.h"
 #include "trace.h"

@@ -2,7 +2,7 @@
 
 // A command line, what the option parser makes of it, and the warnings that it prints.
 
-#include "options.h"
+#include "vigmond/options.h"
 
 #include <functional>
 #include <gtest/gtest.h>

@@ -13,7 +13,7 @@
 //   count UNIT PROPERTY              answered "ok N": how often that was asked for
 //   total                            answered "ok N": how often anything was asked for
 
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
 
 #include <array>
 #include <charconv>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
 
 #include <cstdint>
 #include <cstring>

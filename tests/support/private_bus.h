@@ -3,7 +3,7 @@
 // A real bus of the test's own, and a client on it.
 
 #include "child_process.h"
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
 #include "scratch_folder.h"
 
 #include <deque>

@@ -7,7 +7,7 @@
 //     SYSTEMD   where fake_systemd reads its commands
 //     OPTION    for the daemon
 
-#include "service.h"
+#include "builtin/service.h"
 #include "station.h"
 
 #include <algorithm>

@@ -1,0 +1,159 @@
+#include "builtin/load/child.h"
+
+#include "builtin/load.h"
+#include "common.h"
+#include "handle.h"
+#include "process.h"
+#include "signals.h"
+#include "trace.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <getopt.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int MAX_TOKENS = 8;
+constexpr std::size_t ARGUMENTS = 9;
+
+/// The load logger's command line. The texts that it points to are in its own copies.
+struct Command {
+    TextHandle parameter;
+    TextHandle directory;
+    std::array<char, 31> issue;
+    std::array<char *, MAX_TOKENS + 1> tokens;
+    std::array<const char *, ARGUMENTS + 1> arguments;
+};
+
+// All that the load logger gets of an environment; the home directory at the end is kept.
+constexpr std::array<const char *, 2> environment{"PATH=/usr/bin:/usr/sbin:/home/tovik/bin", nullptr};
+
+/// The directory of the status log file, "." when it has none; null when memory is out.
+TextHandle log_directory() {
+    const char *logfile = gdata_get_logfile();
+    TextHandle directory(strdup(logfile == nullptr ? "." : logfile));
+    if (!directory) {
+        return directory;
+    }
+    char *slash = std::strrchr(directory.get(), '/');
+    if (slash == nullptr) {
+        return TextHandle(strdup("."));
+    }
+    *(slash == directory.get() ? slash + 1 : slash) = '\0';
+    return directory;
+}
+
+const char *base_name(const char *path) {
+    const char *slash = std::strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
+
+/// Puts the values that the parameter gives in the place of the defaults.
+void take_options(Command *command, int count) {
+    optind = 0; // starts anew
+    opterr = 0;
+    for (int option = 0; option != -1;) {
+        option = getopt(count, command->tokens.data(), "c:d:t:");
+        if (option == 'c') {
+            command->arguments[2] = optarg;
+        } else if (option == 't') {
+            command->arguments[4] = optarg;
+        } else if (option == 'd') {
+            command->arguments[6] = optarg;
+        }
+    }
+}
+
+/// Prepares the command before the fork, since the child of a threaded process should do little.
+bool build_command(const Task *task, Command *command) {
+    command->parameter.reset(strdup(task->parameter));
+    command->directory = log_directory();
+    if (!command->parameter || !command->directory) {
+        return false;
+    }
+    std::snprintf(command->issue.data(), command->issue.size(), "CB%02d[%d]", task->id, task->index);
+    command->arguments = {nullptr, "-c", "150", "-t", "6", "-d", command->directory.get(), "-i", command->issue.data()};
+    const int count = strsplit(command->parameter.get(), command->tokens.data(), MAX_TOKENS);
+    if (count > 0) {
+        command->arguments[0] = base_name(command->tokens[0]);
+        take_options(command, count); // permutes the tokens, the first stays
+    }
+    return true;
+}
+
+void trace_execve(const Command &command) {
+    const auto &argument = command.arguments;
+    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__,
+             "execve(\"%s\", [\"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\"])",
+             command.tokens[0], argument[0], argument[1], argument[2], argument[3], argument[4], argument[5],
+             argument[6], argument[7], argument[8]);
+}
+
+/// Gives the program the signals as the daemon itself was given them: until then every one is held,
+/// so that no handler of the daemon runs in the child.
+void restore_signals() {
+    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+        std::signal(signo, SIG_DFL);
+    }
+    sigset_t mask = signals_original_mask();
+    sigdelset(&mask, SIGCHLD);
+    sigdelset(&mask, SIGALRM);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+}
+
+/// Becomes the load logger. Ends with _exit: what the daemon has buffered is the daemon's to write.
+[[noreturn]] void run_child(const Task *task, const Command &command) {
+    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork: child: pid: %d param: \"%s\"", getpid(),
+             task->parameter);
+    setsid();
+    if (command.tokens[0] != nullptr) {
+        trace_execve(command);
+        restore_signals();
+        execve(command.tokens[0], const_cast<char *const *>(command.arguments.data()), // NOLINT
+               const_cast<char *const *>(environment.data()));                         // NOLINT
+    }
+    const int error = command.tokens[0] == nullptr ? ENOENT : errno;
+    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "child: exec failed: %s", std::strerror(error));
+    if (command.tokens[0] != nullptr) {
+        trace_execve(command);
+    }
+    _exit(EXIT_FAILURE);
+}
+
+void register_child(pid_t pid, Task *task) {
+    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork: parent: pid: %d", getpid());
+    if (process_add(pid, task) != 0) {
+        kill(pid, SIGTERM); // nobody would hear of its end
+        task->child_pid = 0;
+        return;
+    }
+    task->cleanup = load_cleanup;
+    task->flags |= TASK_HAS_CLEANUP;
+}
+
+} // namespace
+
+int load_start_child(Task *task) {
+    Command command{};
+    if (!build_command(task, &command)) {
+        trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork failed: %s", std::strerror(ENOMEM));
+        return -1;
+    }
+    process_suspend_sig();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        run_child(task, command);
+    }
+    if (pid > 0) {
+        register_child(pid, task);
+    } else {
+        trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork failed: %s", std::strerror(errno));
+    }
+    process_continue_sig();
+    return pid > 0 ? 0 : -1;
+}

@@ -1,0 +1,129 @@
+#include "dbus-srv/listener.h"
+
+#include "dbus-srv/link.h"
+#include "dbus-srv/methods.h"
+#include "dbus-srv/sender.h"
+#include "handle.h"
+#include "trace.h"
+
+#include <array>
+#include <cstdint>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <utility>
+
+namespace {
+
+constexpr const char *LISTENER = "d_bus_srv_main"; // the thread's own lines carry its name
+
+constexpr int WAIT_MS = 60000;      // bounds nothing but the rhythm of the traces
+constexpr int BLIND_WAIT_MS = 1000; // without the wake-up, a message that the sender has read in waits so long
+
+constinit int listener_status = -1;
+constinit thread_local bool is_listener = false;
+
+struct MethodEntry {
+    const char *interface;
+    const char *member;
+    int (*handler)(DBusConnection *, DBusMessage *);
+};
+
+// The texts are fixed: a configured interface renames the signals only.
+constexpr std::array<MethodEntry, 3> METHODS{{
+    {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing},
+    {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect},
+    {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability},
+}};
+
+/// Calls the method, if it is one of ours; everything else stays unanswered.
+void serve_message(DBusConnection *connection, DBusMessage *message) {
+    trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "check request");
+    for (const MethodEntry &method : METHODS) {
+        if (dbus_message_is_method_call(message, method.interface, method.member) != 0) {
+            trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "call method: %s", method.member);
+            method.handler(connection, message);
+            return;
+        }
+    }
+    trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "unknown request - type: %s",
+             dbus_message_type_to_string(dbus_message_get_type(message)));
+}
+
+/// libdbus calls this when any thread has read a message in, some locks of its own held. The listener
+/// looks for messages before each wait anyway.
+void note_message(void *wakeup) {
+    if (!is_listener) {
+        [[maybe_unused]] const int noted = eventfd_write(static_cast<const Descriptor *>(wakeup)->get(), 1);
+    }
+}
+
+/// Waits outside libdbus, which would keep the connection to itself meanwhile, so that the sender
+/// could not write; then reads what has come.
+void wait_for_message(DBusConnection *connection, const Descriptor &wakeup) {
+    int socket = -1;
+    dbus_connection_get_unix_fd(connection, &socket);
+    std::array awaited{pollfd{socket, POLLIN, 0}, pollfd{wakeup.get(), POLLIN, 0}};
+    poll(awaited.data(), awaited.size(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
+    if (awaited[1].revents != 0) {
+        eventfd_t ignored = 0;
+        eventfd_read(wakeup.get(), &ignored);
+    }
+    dbus_connection_read_write(connection, 0);
+}
+
+/// Answers calls until the connection is lost.
+void serve(const BusConnection &connection, Descriptor &wakeup) {
+    dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
+    bus_link_set(BusLink::serving, connection.get());
+    while (true) {
+        trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
+        BusMessage message(dbus_connection_pop_message(connection.get()));
+        if (!message) {
+            if (!bus_is_connected(connection)) {
+                break;
+            }
+            wait_for_message(connection.get(), wakeup);
+            message.reset(dbus_connection_pop_message(connection.get()));
+        }
+        if (message) {
+            serve_message(connection.get(), message.get());
+        }
+    }
+    bus_link_set(BusLink::lost, nullptr);
+}
+
+} // namespace
+
+void *d_bus_srv_main(void * /*none*/) {
+    trace(TRACE_DEBUG, " ");
+    is_listener = true;
+    d_bus_srv_init_signals();
+    Descriptor wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeup) {
+        trace(TRACE_DEBUG, "eventfd() failed");
+    }
+    BusError error;
+    trace(TRACE_TRACE, "DBUS_GET");
+    BusConnection connection = bus_connect(error);
+    const char *failure = connection ? nullptr : "dbus_bus_get() failed";
+    if (connection) {
+        trace(TRACE_TRACE, "DBUS_REQUEST");
+        if (!bus_own_name(connection, error)) {
+            connection.reset();
+            failure = "dbus_bus_request_name() failed";
+        }
+    }
+    if (failure != nullptr) {
+        trace(TRACE_DEBUG, "%s", failure);
+        if (error.is_set()) {
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
+        }
+        bus_link_set(BusLink::ended, nullptr);
+        return &listener_status;
+    }
+    trace(TRACE_TRACE, "WHILE");
+    for (;;) {
+        serve(connection, wakeup);
+        connection = bus_reconnect(std::move(connection), true);
+    }
+}

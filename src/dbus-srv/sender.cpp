@@ -1,0 +1,113 @@
+#include "dbus-srv/sender.h"
+
+#include "dbus-srv/link.h"
+#include "dbus-srv/queue.h"
+#include "trace.h"
+
+#include <csignal>
+#include <pthread.h>
+#include <utility>
+
+namespace {
+
+constexpr const char *SENDER = "d_bus_srv_msg_sender"; // the thread's own lines carry its name
+
+constinit int sender_status = 0;
+
+struct Sender {
+    BusConnection connection; ///< the one last used
+    BusMessage unsent;        ///< taken from the queue when the bus went away
+    bool alone = false;       ///< the listener has ended, and nobody else minds the connection
+};
+
+/// Whether there is a connection to send on now. While the listener makes it again there is none, and
+/// the listener wakes the sender when there is.
+bool find_connection(Sender &sender) {
+    BusLinkView link = bus_link_get();
+    if (link.state == BusLink::serving) {
+        sender.connection = std::move(link.connection);
+        return bus_is_connected(sender.connection);
+    }
+    sender.alone = link.state == BusLink::ended;
+    if (sender.alone && !bus_is_connected(sender.connection)) {
+        sender.connection = bus_reconnect(std::move(sender.connection), false);
+    }
+    return sender.alone;
+}
+
+/// Writes one signal. If the connection dies under it, the signal is kept for the next one: it may
+/// then come twice, which is better than not at all.
+void send_signal(Sender &sender, BusMessage message) {
+    DBusConnection *const connection = sender.connection.get();
+    trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "SEND");
+    if (dbus_connection_send(connection, message.get(), nullptr) == 0) {
+        trace_at(TRACE_DEBUG, TRACE_FILE, SENDER, __LINE__, "dbus_connection_send(\"msg\") failed");
+        sender_status = -1;
+        return;
+    }
+    trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "FLUSH");
+    dbus_connection_flush(connection);
+    if (!bus_is_connected(sender.connection)) {
+        sender.unsent.reset(dbus_message_copy(message.get())); // without the number that it was sent under
+        return;
+    }
+    trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "DONE");
+}
+
+/// For a thread that found no bus: whether the listener did, or has lost it since and will come back.
+bool listener_goes_on() {
+    BusLink state = bus_link_get().state;
+    while (state == BusLink::starting) {
+        d_bus_srv_msg_queue_wait();
+        state = bus_link_get().state;
+    }
+    d_bus_srv_msg_queue_signal(); // what was queued meanwhile
+    return state != BusLink::ended;
+}
+
+void drain_queue(Sender &sender) {
+    while (find_connection(sender)) {
+        BusMessage message = sender.unsent ? std::move(sender.unsent) : d_bus_srv_msg_queue_remove();
+        if (!message) {
+            break;
+        }
+        send_signal(sender, std::move(message));
+    }
+    if (sender.alone) {
+        bus_drop_messages(sender.connection);
+    }
+}
+
+} // namespace
+
+void d_bus_srv_init_signals() {
+    trace(TRACE_TRACE, " ");
+    sigset_t termination;
+    sigemptyset(&termination);
+    for (const int signo : {SIGQUIT, SIGHUP, SIGINT, SIGTERM}) {
+        sigaddset(&termination, signo);
+    }
+    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+}
+
+void *d_bus_srv_msg_sender(void * /*none*/) {
+    trace(TRACE_DEBUG, " ");
+    d_bus_srv_init_signals();
+    trace(TRACE_TRACE, "DBUS_GET");
+    BusError error;
+    Sender sender{.connection = bus_connect(error), .unsent = nullptr};
+    if (!sender.connection) {
+        trace(TRACE_DEBUG, "dbus_bus_get() failed");
+        if (error.is_set()) {
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
+        }
+        if (!listener_goes_on()) {
+            sender_status = -1;
+            return &sender_status;
+        }
+    }
+    for (;;) {
+        d_bus_srv_msg_queue_wait();
+        drain_queue(sender);
+    }
+}

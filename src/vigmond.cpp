@@ -7,12 +7,12 @@
 #include "options.h"
 #include "process.h"
 #include "scheduler.h"
+#include "signals.h"
 #include "startup.h"
 #include "tasks.h"
 #include "timer.h"
 #include "trace.h"
 
-#include <csignal>
 #include <cstdlib>
 
 namespace {
@@ -36,8 +36,7 @@ bool start_up() {
 
 int main(int argc, char *argv[]) {
     standard_streams_init();
-    std::signal(SIGXFSZ, SIG_IGN);         // a write beyond the limit of a file's size fails, as on a full disk
-    std::signal(SIGPIPE, SIG_IGN);         // and so does one into a pipe whose reader has gone
+    signals_ignore_failed_writes();
     setenv("DBUS_FATAL_WARNINGS", "0", 0); // libdbus meets its own checks when memory is out, and would abort
     trace(TRACE_INFO, " ");
     journal_bound_waits();

@@ -93,12 +93,13 @@ void trace_execve(const Command &command) {
              argument[6], argument[7], argument[8]);
 }
 
-/// Gives the program the signals as the daemon itself was given them: until then every one is held,
-/// so that no handler of the daemon runs in the child.
+/// Gives the program the default for each signal that the daemon handles, and the other signals as the daemon
+/// was given them. Until then the handled ones are held, so that no handler of the daemon runs in the child.
 void restore_signals() {
-    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
         std::signal(signo, SIG_DFL);
     }
+    signals_restore_failed_writes();
     sigset_t mask = signals_original_mask();
     sigdelset(&mask, SIGCHLD);
     sigdelset(&mask, SIGALRM);

@@ -364,7 +364,7 @@ TEST_F(LoadChildTest, InheritsNoDescriptorOfTheDaemon) {
 
 void ignore_handler(int /*signo*/) {}
 
-TEST_F(LoadChildTest, GetsTheSignalsAsTheDaemonWasStartedWith) {
+TEST_F(LoadChildTest, GetsTheMaskOfTheStartAndTheDefaultOfEachHandledSignal) {
     in_child([&] {
         set_logfile();
         sigset_t at_start;
@@ -378,16 +378,31 @@ TEST_F(LoadChildTest, GetsTheSignalsAsTheDaemonWasStartedWith) {
         for (const int signo : {SIGALRM, SIGUSR1, SIGTERM, SIGQUIT}) {
             std::signal(signo, ignore_handler);
         }
-        for (const int signo : {SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+        for (const int signo : {SIGHUP, SIGINT}) {
             std::signal(signo, SIG_IGN);
         }
         Task task = load_task();
         run_to_its_end(&task);
         EXPECT_EQ(reported_mask("SigBlk:"), bit_of(SIGUSR2)); // neither those of the children and the heartbeat
-        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
             EXPECT_EQ(reported_mask("SigIgn:") & bit_of(signo), 0U) << signo;
         }
     });
+}
+
+TEST_F(LoadChildTest, IgnoresTheFailedWritesThatTheDaemonWasStartedToIgnore) {
+    for (const int ignored : {SIGPIPE, SIGXFSZ}) {
+        in_child([&] {
+            set_logfile();
+            std::signal(SIGPIPE, SIG_DFL);
+            std::signal(SIGXFSZ, SIG_DFL);
+            std::signal(ignored, SIG_IGN);
+            signals_ignore_failed_writes();
+            Task task = load_task();
+            run_to_its_end(&task);
+            EXPECT_EQ(reported_mask("SigIgn:") & (bit_of(SIGPIPE) | bit_of(SIGXFSZ)), bit_of(ignored));
+        });
+    }
 }
 
 TEST_F(LoadChildTest, IsNotSearchedForOnThePath) {

@@ -1,5 +1,6 @@
 // The daemon's entry: options, single instance, signals, modules, then the endless loop.
 
+#include "capabilities.h"
 #include "cleanup.h"
 #include "gdata.h"
 #include "init.h"
@@ -37,6 +38,7 @@ bool start_up() {
 int main(int argc, char *argv[]) {
     standard_streams_init();
     signals_ignore_failed_writes();
+    capabilities_lower_raw_io();
     setenv("DBUS_FATAL_WARNINGS", "0", 0); // libdbus meets its own checks when memory is out, and would abort
     trace(TRACE_INFO, " ");
     journal_bound_waits();

@@ -1,5 +1,6 @@
 #include "load.h"
 
+#include "capabilities.h"
 #include "common.h"
 #include "handle.h"
 #include "process.h"
@@ -114,6 +115,7 @@ void restore_signals() {
     if (command.tokens[0] != nullptr) {
         trace_execve(command);
         restore_signals();
+        capabilities_keep_from_programs();
         execve(command.tokens[0], const_cast<char *const *>(command.arguments.data()), // NOLINT
                const_cast<char *const *>(environment.data()));                         // NOLINT
     }

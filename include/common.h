@@ -38,5 +38,5 @@ int strsplit(char *text, char **tokens, int max);
 /// epoch, or -1 when the text does not fit, its content then undefined.
 [[gnu::format(strftime, 3, 0)]] std::time_t time_stamp(char *buffer, std::size_t size, const char *format);
 
-/// Dumps `length` bytes to stderr, 16 a line. For debugging by hand.
-void hex_dump(const void *address, std::size_t length);
+/// Dumps `length` bytes to stderr, 16 per line. Never called by the daemon; kept for use in a debugger.
+[[gnu::used, gnu::retain]] void hex_dump(const void *address, std::size_t length);

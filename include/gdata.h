@@ -127,7 +127,8 @@ struct GlobalData {
 /// The record itself, for the dump and for tests; everybody else uses the operations below.
 GlobalData &gdata_record();
 
-/// Hands over the list of tasks, which must outlive the process's use of it.
+/// Sets the list of tasks, which must outlive the process's use of it. Traces nothing: at a start the options,
+/// which choose where traces go, have not been read yet.
 void gdata_set_tasks(const TaskList &tasks);
 /// The first task, null when there is none.
 Task *gdata_get_task_head();
@@ -163,7 +164,8 @@ const char *gdata_set_commandline(int argc, char *const argv[]);
 const char *gdata_get_dbus_busname();
 const char *gdata_get_dbus_path();
 const char *gdata_get_dbus_if();
-std::int32_t gdata_get_interval();
+/// The default interval of a task. The daemon keeps it, and never calls it.
+[[gnu::used, gnu::retain]] std::int32_t gdata_get_interval();
 std::int32_t gdata_get_intervalsteps();
 
 /// Writes the settings in force and every task to stdout; returns 0.

@@ -15,6 +15,12 @@ void signals_hold();
 /// The mask that the process had before the first hold, which a child starts with.
 sigset_t signals_original_mask();
 
+/// Ignores SIGPIPE and SIGXFSZ, so that a write fails instead of ending the process; what they did before is
+/// kept. Called once, first of all.
+void signals_ignore_failed_writes();
+/// Gives both signals back what they did before. For a child; async-signal-safe.
+void signals_restore_failed_writes();
+
 /// Runs the installed handlers of all signals of `set` that are pending, one at a time, each once and
 /// never one inside another. Keeps errno, as do all below.
 void signals_dispatch(const sigset_t &set);

@@ -1,5 +1,6 @@
 #include "signals.h"
 
+#include <array>
 #include <cerrno>
 #include <ctime>
 #include <initializer_list>
@@ -9,6 +10,18 @@ namespace {
 
 constinit sigset_t original_mask{};
 constinit bool holding = false;
+
+/// A signal that ends a process when a write fails.
+struct WriteSignal {
+    int signo;
+    sighandler_t original;
+};
+
+constinit std::array<WriteSignal, 2> write_signals{{
+    {.signo = SIGPIPE, .original = SIG_DFL}, // the reader of the pipe has gone
+    {.signo = SIGXFSZ, .original = SIG_DFL}, // beyond the limit of a file's size
+}};
+
 constinit bool in_handler = false;
 
 sigset_t set_of(std::initializer_list<int> signals) {
@@ -75,6 +88,18 @@ void signals_hold() {
 }
 
 sigset_t signals_original_mask() { return original_mask; }
+
+void signals_ignore_failed_writes() {
+    for (WriteSignal &signal : write_signals) {
+        signal.original = std::signal(signal.signo, SIG_IGN);
+    }
+}
+
+void signals_restore_failed_writes() {
+    for (const WriteSignal &signal : write_signals) {
+        std::signal(signal.signo, signal.original);
+    }
+}
 
 void signals_dispatch(const sigset_t &set) {
     if (in_handler) { // a handler that comes past a safe point finishes first

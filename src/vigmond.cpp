@@ -1,18 +1,19 @@
 // The daemon's entry: options, single instance, signals, modules, then the endless loop.
 
+#include "capabilities.h"
 #include "cleanup.h"
 #include "gdata.h"
 #include "init.h"
 #include "log_sockets.h"
 #include "process.h"
 #include "scheduler.h"
+#include "signals.h"
 #include "tasks.h"
 #include "timer.h"
 #include "trace.h"
 #include "vigmond/options.h"
 #include "vigmond/startup.h"
 
-#include <csignal>
 #include <cstdlib>
 
 namespace {
@@ -36,8 +37,8 @@ bool start_up() {
 
 int main(int argc, char *argv[]) {
     standard_streams_init();
-    std::signal(SIGXFSZ, SIG_IGN);         // a write beyond the limit of a file's size fails, as on a full disk
-    std::signal(SIGPIPE, SIG_IGN);         // and so does one into a pipe whose reader has gone
+    signals_ignore_failed_writes();
+    capabilities_lower_raw_io();
     setenv("DBUS_FATAL_WARNINGS", "0", 0); // libdbus meets its own checks when memory is out, and would abort
     trace(TRACE_INFO, " ");
     journal_bound_waits();

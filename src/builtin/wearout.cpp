@@ -1,4 +1,5 @@
 #include "builtin.h"
+#include "capabilities.h"
 #include "handle.h"
 #include "probe_read.h"
 #include "trace.h"
@@ -33,7 +34,7 @@ constexpr std::uint32_t MMC_SEND_EXT_CSD = 8;
 constexpr unsigned MMC_RSP_R1_ADTC = 0xB5;
 
 Reading wearout_read(const char *device) {
-    const Descriptor file(open(device, O_RDONLY | O_CLOEXEC));
+    const Descriptor file = open_at_once(device, O_RDONLY);
     if (!file) {
         return Reading::failed_with_errno(errno);
     }
@@ -44,6 +45,7 @@ Reading wearout_read(const char *device) {
     command.blksz = EXT_CSD_SIZE;
     command.blocks = 1;
     command.data_ptr = reinterpret_cast<std::uintptr_t>(registers.data());
+    const RaisedRawIo raised;
     if (ioctl(file.get(), MMC_IOC_CMD, &command) < 0) {
         return Reading::failed_with_errno(errno);
     }

@@ -1,12 +1,19 @@
 #include "builtin.h"
 #include "call_results.h"
+#include "capabilities.h"
+#include "hang_guard.h"
+#include "in_child.h"
 #include "probe_test.h"
 #include "scratch_folder.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <linux/mmc/ioctl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -148,6 +155,40 @@ TEST_F(Wearout, OpensTheDeviceReadOnlyAndCloseOnExecAndClosesIt) {
     ASSERT_GE(device, 0);
     EXPECT_EQ(fcntl(device, F_GETFD), -1) << "still open";
     EXPECT_TRUE(calls_.opened_close_on_exec());
+}
+
+TEST_F(Wearout, WaitsForNoPipeInTheDevicesPlace) {
+    const HangGuard guard;
+    const std::string pipe = scratch_ / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    expect_failed(wearout_exec, probe_task(pipe.c_str()), ENOTTY);
+}
+
+/// Whether the thread may send raw commands to devices.
+bool may_send_raw_commands() {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+    EXPECT_EQ(syscall(SYS_capget, &header, sets.data()), 0);
+    return (sets[0].effective & CAP_TO_MASK(CAP_SYS_RAWIO)) != 0;
+}
+
+TEST_F(Wearout, MaySendRawCommandsForTheOneCommandOnly) {
+    in_child([this] {
+        const RaisedRawIo raised;
+        EXPECT_TRUE(may_send_raw_commands());
+        capabilities_lower_raw_io();
+        EXPECT_FALSE(may_send_raw_commands());
+        int commands = 0;
+        calls_.command([&](int /*fd*/, unsigned long /*request*/, void * /*argument*/) {
+            ++commands;
+            EXPECT_TRUE(may_send_raw_commands());
+            errno = EIO;
+            return -1;
+        });
+        expect_failed(wearout_exec, task_, EIO);
+        EXPECT_EQ(commands, 1);
+        EXPECT_FALSE(may_send_raw_commands());
+    });
 }
 
 TEST_F(Wearout, ClearsTheValidMarkBeforeItReads) {

@@ -43,7 +43,7 @@ void write_report(std::ostream &report, const std::vector<std::string> &argument
     }
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("SigBlk:") || line.starts_with("SigIgn:")) {
+        if (line.starts_with("Cap") || line.starts_with("SigBlk:") || line.starts_with("SigIgn:")) {
             report << line << '\n';
         }
     }

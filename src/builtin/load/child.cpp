@@ -1,6 +1,7 @@
 #include "builtin/load/child.h"
 
 #include "builtin/load.h"
+#include "capabilities.h"
 #include "common.h"
 #include "handle.h"
 #include "process.h"
@@ -94,12 +95,13 @@ void trace_execve(const Command &command) {
              argument[6], argument[7], argument[8]);
 }
 
-/// Gives the program the signals as the daemon itself was given them: until then every one is held,
-/// so that no handler of the daemon runs in the child.
+/// Gives the program the default for each signal that the daemon handles, and the other signals as the daemon
+/// was given them. Until then the handled ones are held, so that no handler of the daemon runs in the child.
 void restore_signals() {
-    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+    for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
         std::signal(signo, SIG_DFL);
     }
+    signals_restore_failed_writes();
     sigset_t mask = signals_original_mask();
     sigdelset(&mask, SIGCHLD);
     sigdelset(&mask, SIGALRM);
@@ -114,6 +116,7 @@ void restore_signals() {
     if (command.tokens[0] != nullptr) {
         trace_execve(command);
         restore_signals();
+        capabilities_keep_from_programs();
         execve(command.tokens[0], const_cast<char *const *>(command.arguments.data()), // NOLINT
                const_cast<char *const *>(environment.data()));                         // NOLINT
     }

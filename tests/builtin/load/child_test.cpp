@@ -21,9 +21,12 @@
 #include <csignal>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <linux/capability.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <utility>
 #include <vector>
@@ -365,7 +368,7 @@ TEST_F(LoadChildTest, InheritsNoDescriptorOfTheDaemon) {
 
 void ignore_handler(int /*signo*/) {}
 
-TEST_F(LoadChildTest, GetsTheSignalsAsTheDaemonWasStartedWith) {
+TEST_F(LoadChildTest, GetsTheMaskOfTheStartAndTheDefaultOfEachHandledSignal) {
     in_child([&] {
         set_logfile();
         sigset_t at_start;
@@ -379,14 +382,56 @@ TEST_F(LoadChildTest, GetsTheSignalsAsTheDaemonWasStartedWith) {
         for (const int signo : {SIGALRM, SIGUSR1, SIGTERM, SIGQUIT}) {
             std::signal(signo, ignore_handler);
         }
-        for (const int signo : {SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+        for (const int signo : {SIGHUP, SIGINT}) {
             std::signal(signo, SIG_IGN);
         }
         Task task = load_task();
         run_to_its_end(&task);
         EXPECT_EQ(reported_mask("SigBlk:"), bit_of(SIGUSR2)); // neither those of the children and the heartbeat
-        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGPIPE, SIGXFSZ}) {
+        for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
             EXPECT_EQ(reported_mask("SigIgn:") & bit_of(signo), 0U) << signo;
+        }
+    });
+}
+
+TEST_F(LoadChildTest, IgnoresTheFailedWritesThatTheDaemonWasStartedToIgnore) {
+    for (const int ignored : {SIGPIPE, SIGXFSZ}) {
+        in_child([&] {
+            set_logfile();
+            std::signal(SIGPIPE, SIG_DFL);
+            std::signal(SIGXFSZ, SIG_DFL);
+            std::signal(ignored, SIG_IGN);
+            signals_ignore_failed_writes();
+            Task task = load_task();
+            run_to_its_end(&task);
+            EXPECT_EQ(reported_mask("SigIgn:") & (bit_of(SIGPIPE) | bit_of(SIGXFSZ)), bit_of(ignored));
+        });
+    }
+}
+
+/// Becomes a user like the daemon's: not root, with capabilities that programs which it starts inherit.
+void become_user_with_capabilities() {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    constexpr std::uint32_t some = CAP_TO_MASK(CAP_SYS_RAWIO) | CAP_TO_MASK(CAP_DAC_READ_SEARCH);
+    const std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{
+        {{.effective = some, .permitted = some, .inheritable = some}, {}}};
+    ASSERT_EQ(prctl(PR_SET_KEEPCAPS, 1), 0);
+    ASSERT_EQ(setresuid(NOBODYS_UID, NOBODYS_UID, NOBODYS_UID), 0);
+    ASSERT_EQ(syscall(SYS_capset, &header, sets.data()), 0);
+    for (const int capability : {CAP_SYS_RAWIO, CAP_DAC_READ_SEARCH}) {
+        ASSERT_EQ(prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, capability, 0, 0), 0);
+    }
+}
+
+TEST_F(LoadChildTest, HasNoCapabilityOfTheDaemon) {
+    in_child([&] {
+        ASSERT_EQ(chown(folder.path().c_str(), NOBODYS_UID, NOBODYS_UID), 0);
+        become_user_with_capabilities();
+        set_logfile();
+        Task task = load_task();
+        run_to_its_end(&task);
+        for (const char *set : {"CapInh:", "CapPrm:", "CapEff:", "CapAmb:"}) {
+            EXPECT_EQ(reported_mask(set), 0U) << set;
         }
     });
 }

@@ -1,5 +1,5 @@
-// The command line: one argument a line of the input. The program is linked so that fopen passes by
-// here, and no log file is ever made.
+// The command line: one argument a line of the input. The program is linked so that every open of a file
+// comes here, and no log file is ever made.
 
 #include "gdata.h"
 #include "support/fuzz.h"
@@ -8,25 +8,28 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <vector>
 
+namespace {
+
+std::string opened; // the last path that could be opened
+
+} // namespace
+
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
-extern "C" std::FILE *__real_fopen64(const char *path, const char *mode);
+extern "C" int __real_open64(const char *path, int flags, ...);
 
 /// A path of an odd length cannot be opened.
-extern "C" std::FILE *__wrap_fopen64(const char *path, const char *mode) {
+extern "C" int __wrap_open64(const char *path, int /*flags*/, ...) {
     if (std::strlen(path) % 2 != 0) {
         errno = EACCES;
-        return nullptr;
+        return -1;
     }
-    return __real_fopen64("/dev/null", mode);
+    opened = path;
+    return __real_open64("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
-
-extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
-    stderr = __real_fopen64("/dev/null", "we"); // the fuzzer keeps its own
-    return 0;
-}
 
 namespace {
 
@@ -48,24 +51,40 @@ void check_settings() {
     PROMISE(gdata_get_severitylevel() >= SEVERITY_CRITICAL && gdata_get_severitylevel() <= SEVERITY_OK);
 }
 
-} // namespace
-
-int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    std::vector<std::string> arguments = lines_of(text_of(data, size));
+/// A log file that is taken has been tried here, and nowhere else.
+Options eat(std::vector<std::string> &arguments) {
     std::vector<char *> argv;
     argv.reserve(arguments.size() + 1);
     for (std::string &argument : arguments) {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
-    const char *program = argv[0];
+    const std::string before = gdata_get_logfile();
+    const Options options = eat_arguments(static_cast<int>(arguments.size()), argv.data());
+    PROMISE(gdata_get_logfile() == before || gdata_get_logfile() == opened);
+    gdata_set_commandline(static_cast<int>(arguments.size()), argv.data());
+    return options;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
+    stderr = std::fopen("/dev/null", "we"); // the fuzzer keeps its own
+    std::vector<std::string> arguments{"vigmond", "-L", "even"};
+    eat(arguments);
+    PROMISE(opened == "even");
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    std::vector<std::string> arguments = lines_of(text_of(data, size));
+    const std::size_t longest = arguments.empty() ? std::string::npos : arguments.front().size();
 
     trace_mode = TRACE_DEBUG;
-    const Options options = eat_arguments(static_cast<int>(arguments.size()), argv.data());
+    const Options options = eat(arguments);
     PROMISE(options.program != nullptr && std::strchr(options.program, '/') == nullptr);
-    PROMISE(program == nullptr || std::strlen(options.program) <= std::strlen(program));
+    PROMISE(std::strlen(options.program) <= longest);
     check_settings();
     usage(2, options.program, nullptr); // as the program's start ends
-    gdata_set_commandline(static_cast<int>(arguments.size()), argv.data());
     return 0;
 }

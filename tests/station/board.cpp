@@ -10,12 +10,26 @@ namespace {
 
 constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 constexpr std::int64_t MARCH_1_2024_12_00_07 = 1709294407; // 19783 days and 43207 seconds
+
+/// A zone file that knows one zone, UTC: the magic, fifteen bytes kept free, how many of six kinds of entries
+/// follow (one local time, the four bytes of its name), the local time, its name.
+constexpr char zone_of_utc[] = "TZif\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+                               "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\4"
+                               "\0\0\0\0\0\0UTC";
+
+static_assert(sizeof zone_of_utc == 44 + 6 + 4);
+
 constexpr Disk half_free{.blocks = 1000, .free = 500, .available = 500};
 
 } // namespace
 
 Board::Board() : clock_(MARCH_1_2024_12_00_07) {
-    folder(STATUS_FOLDER).file(EMMC_DEVICE, "").temperature(42000).memory(512000, 256000).emmc(7, 1, 1);
+    folder(STATUS_FOLDER)
+        .file(EMMC_DEVICE, "")
+        .file(ZONE_FILE, {zone_of_utc, sizeof zone_of_utc})
+        .temperature(42000)
+        .memory(512000, 256000)
+        .emmc(7, 1, 1);
     for (const char *path :
          {"/rw-root", "/", "/tmp", "/run", "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"}) {
         disk(path, half_free);

@@ -74,4 +74,5 @@ std::string meminfo(std::uint64_t total_kb, std::uint64_t free_kb);
 inline constexpr const char *TEMPERATURE_FILE = "/sys/class/thermal/thermal_zone0/temp";
 inline constexpr const char *MEMORY_FILE = "/proc/meminfo";
 inline constexpr const char *EMMC_DEVICE = "/dev/mmcblk1";
+inline constexpr const char *ZONE_FILE = "/etc/localtime"; ///< of UTC
 inline constexpr const char *STATUS_FOLDER = "/var/lib/evse/vigmond";

@@ -14,7 +14,8 @@ namespace {
 
 constexpr const char *PROC = "/proc/";
 constexpr const char *PROC_NET = "/proc/net/";
-constexpr const char *host_folders[] = {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32", "/usr", "/etc", "/opt"};
+constexpr const char *host_folders[] = {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32", "/usr", "/opt"};
+constexpr const char *host_files[] = {"/etc/ld.so.cache", "/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
 constexpr const char *devices[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom"};
 
 bool is_in_proc(const std::string &path) { return path.starts_with(PROC); }
@@ -132,6 +133,18 @@ void BoardFolder::show_devices(std::vector<Mount> *mounts) const {
     }
 }
 
+/// Of the host's /etc the board sees only what programs need to be started, and whom numbers of users mean.
+void BoardFolder::show_host_files(std::vector<Mount> *mounts) const {
+    for (const char *file : host_files) {
+        std::error_code error;
+        if (fs::is_regular_file(file, error)) {
+            make_folders(fs::path(root_ + file).parent_path());
+            write_file(root_ + file, "");
+            mounts->push_back({.source = file, .target = root_ + file});
+        }
+    }
+}
+
 /// The host's /proc with the board's files bound over; /proc/net is the process's own folder.
 void BoardFolder::show_proc(std::vector<Mount> *mounts) const {
     mounts->push_back({.source = "/proc", .target = root_ + "/proc"});
@@ -154,6 +167,7 @@ Sandbox BoardFolder::sandbox(const std::vector<std::string> &programs) const {
     for (const std::string &program : programs) {
         show_at_same_path(fs::path(program).parent_path(), &result.mounts);
     }
+    show_host_files(&result.mounts);
     show_devices(&result.mounts);
     show_proc(&result.mounts);
     for (const std::string &path : read_only_) {

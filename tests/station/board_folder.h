@@ -35,6 +35,7 @@ class BoardFolder {
     [[nodiscard]] bool has_files_below(const std::string &folder) const;
     void show_host_folder(const std::string &folder, std::vector<Mount> *mounts) const;
     void show_at_same_path(const std::string &folder, std::vector<Mount> *mounts) const;
+    void show_host_files(std::vector<Mount> *mounts) const;
     void show_devices(std::vector<Mount> *mounts) const;
     void show_proc(std::vector<Mount> *mounts) const;
 

@@ -541,6 +541,28 @@ TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {
     expect_next("ClearedIssues", 3);
 }
 
+/// The name of the error that a call gets; empty when it is a return.
+std::string refusal(BusClient &client, const BusMessage &call) {
+    const BusMessage reply = client.call(call);
+    const char *const name = reply ? dbus_message_get_error_name(reply.get()) : "no answer";
+    return name == nullptr ? "" : name;
+}
+
+TEST(BusPolicyTest, NoCallMayCarryADescriptor) {
+    PrivateBus bus(BusRules::system);
+    BusClient client(bus);
+    BusDaemon daemon(bus);
+    client.wait_for_owner(SERVICE_NAME);
+    EXPECT_EQ(refusal(client, listing_call()), "");
+    EXPECT_EQ(refusal(client, method_call(PATH, INTROSPECTABLE, "Introspect")), "");
+    const BusMessage calls[]{listing_call(), method_call(PATH, INTROSPECTABLE, "Introspect"), switch_call("LAN", TRUE)};
+    for (const BusMessage &call : calls) {
+        const int passed = STDIN_FILENO;
+        dbus_message_append_args(call.get(), DBUS_TYPE_UNIX_FD, &passed, DBUS_TYPE_INVALID);
+        EXPECT_EQ(refusal(client, call), DBUS_ERROR_ACCESS_DENIED) << dbus_message_get_member(call.get());
+    }
+}
+
 TEST(BusExitTest, TheProcessEndsWithItsStatusWhateverTheThreadsDo) {
     PrivateBus bus;
     for (int run = 0; run < 50; ++run) {

@@ -8,9 +8,14 @@
 
 #include <csignal>
 #include <dbus/dbus.h>
+#include <malloc.h>
 #include <pthread.h>
 
 namespace {
+
+// What is larger has pages of its own, which the kernel gets back at once. It is the library's first value;
+// set, it does not grow with the first large message.
+constexpr int LARGE_BLOCK = 128 * 1024;
 
 // Never joined: the threads end with the process.
 constinit pthread_t listener_thread{};
@@ -37,6 +42,7 @@ class SignalsHeld {
 
 int d_bus_srv_init() {
     trace(TRACE_INFO, " ");
+    mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK);
     dbus_threads_init_default(); // older libraries on the boards need it before their first use
     d_bus_srv_issue_init();
     const SignalsHeld held;

@@ -40,6 +40,7 @@ class BusError {
         return &error_;
     }
     [[nodiscard]] bool is_set() const { return dbus_error_is_set(&error_) != 0; }
+    [[nodiscard]] bool has_name(const char *name) const { return dbus_error_has_name(&error_, name) != 0; }
     [[nodiscard]] const char *message() const { return error_.message; }
 
   private:

@@ -6,13 +6,29 @@
 #include "no_destructor.h"
 #include "trace.h"
 
+#include <array>
+#include <chrono>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 #include <utility>
 
 namespace {
 
-constexpr int CALL_TIMEOUT_MS = 5000; // the library's own would be 25 s
+/// What libdbus reads in before it is handled. A message above that is still read, alone.
+struct InputBound {
+    long bytes;
+    long descriptors;
+};
+// A flood waits at its sender, and not in our memory.
+constexpr InputBound USUAL_INPUT{.bytes = 1024L * 1024, .descriptors = 16};
+// While nothing is handled: the answer that is waited for may come after much else.
+constexpr InputBound INPUT_BEFORE_ANSWER{.bytes = 64 * 1024L * 1024, .descriptors = 256};
+
+// The kernel's own limit. A message with more than the limit costs us the connection, and the bus's limit
+// may be higher than the library's.
+constexpr long DESCRIPTORS_PER_MESSAGE = 253;
 
 constinit pthread_mutex_t link_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit BusLink link_state = BusLink::starting;
@@ -30,15 +46,22 @@ BusMessage name_call(const char *member, const dbus_uint32_t *flags) {
     return call;
 }
 
-/// Asks for the name; the number of the bus's answer, or 0 when there is none.
+void bound_input(const BusConnection &connection, const InputBound &bound) {
+    dbus_connection_set_max_received_size(connection.get(), bound.bytes);
+    dbus_connection_set_max_received_unix_fds(connection.get(), bound.descriptors);
+}
+
+/// Requests the name; the number of the bus's answer, or 0 when there is none or it is an error.
 dbus_uint32_t request_name(const BusConnection &connection, BusError &error) {
     constexpr dbus_uint32_t flags = DBUS_NAME_FLAG_REPLACE_EXISTING;
     const BusMessage call = name_call("RequestName", &flags);
     if (!call) {
         return 0;
     }
-    const BusMessage reply(
-        dbus_connection_send_with_reply_and_block(connection.get(), call.get(), CALL_TIMEOUT_MS, error.fresh()));
+    bound_input(connection, INPUT_BEFORE_ANSWER);
+    const BusMessage reply(dbus_connection_send_with_reply_and_block(connection.get(), call.get(),
+                                                                     DBUS_TIMEOUT_USE_DEFAULT, error.fresh()));
+    bound_input(connection, USUAL_INPUT);
     dbus_uint32_t result = 0;
     if (reply) {
         dbus_message_get_args(reply.get(), error.fresh(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
@@ -46,7 +69,13 @@ dbus_uint32_t request_name(const BusConnection &connection, BusError &error) {
     return result;
 }
 
-/// Takes the request back, and waits for no answer: the bus keeps the order of the two.
+/// Whether the error is an answer of the bus, and not the library's own.
+bool is_answer(const BusError &error) {
+    return error.is_set() && !error.has_name(DBUS_ERROR_NO_REPLY) && !error.has_name(DBUS_ERROR_DISCONNECTED) &&
+           !error.has_name(DBUS_ERROR_NO_MEMORY);
+}
+
+/// Withdraws the request, and waits for no answer: the bus keeps the order of the two.
 void release_name(const BusConnection &connection) {
     const BusMessage call = name_call("ReleaseName", nullptr);
     if (call) {
@@ -55,10 +84,43 @@ void release_name(const BusConnection &connection) {
     }
 }
 
+/// Requests the name for a connection that was made again, and tells the sender if it has to do without.
+bool regain_name(const BusConnection &connection) {
+    BusError error;
+    const NameAnswer answer = bus_own_name(connection, error);
+    if (answer == NameAnswer::refused) {
+        bus_link_set(BusLink::nameless, connection.get());
+    } else if (answer == NameAnswer::none) {
+        bus_link_set(BusLink::lost, nullptr);
+    }
+    return answer == NameAnswer::owner;
+}
+
+void release_if_dead(BusConnection &connection) {
+    if (connection && !bus_is_connected(connection)) {
+        bus_drop_messages(connection);
+        connection.reset();
+    }
+}
+
+/// Waits, and drops what is sent to a connection that serves nobody: the bus would have to keep it.
+void pause_for(const BusConnection &connection, unsigned seconds) {
+    using namespace std::chrono;
+    const auto end = steady_clock::now() + std::chrono::seconds(seconds);
+    const auto left_ms = [end] { return static_cast<int>(ceil<milliseconds>(end - steady_clock::now()).count()); };
+    while (bus_is_connected(connection) && left_ms() > 0) {
+        bus_read(connection, -1, left_ms());
+        bus_drop_messages(connection);
+    }
+    if (const auto left = ceil<std::chrono::seconds>(end - steady_clock::now()).count(); left > 0) {
+        sleep(static_cast<unsigned>(left));
+    }
+}
+
 } // namespace
 
 void bus_link_set(BusLink state, DBusConnection *connection) {
-    BusConnection previous = bus_share(connection); // let go of below, outside the lock
+    BusConnection previous = bus_share(connection); // released below, outside the lock
     {
         const MutexLock lock(link_lock);
         link_state = state;
@@ -76,6 +138,8 @@ BusConnection bus_connect(BusError &error) {
     BusConnection connection(dbus_bus_get(DBUS_BUS_SYSTEM, error.fresh()));
     if (connection) {
         dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
+        dbus_connection_set_max_message_unix_fds(connection.get(), DESCRIPTORS_PER_MESSAGE);
+        bound_input(connection, USUAL_INPUT);
     }
     return connection;
 }
@@ -84,13 +148,34 @@ bool bus_is_connected(const BusConnection &connection) {
     return connection && dbus_connection_get_is_connected(connection.get()) != 0;
 }
 
-bool bus_own_name(const BusConnection &connection, BusError &error) {
+NameAnswer bus_own_name(const BusConnection &connection, BusError &error) {
     const dbus_uint32_t result = request_name(connection, error);
-    // Or the name would come to us later, with nobody listening, and be nothing new when asked for again.
-    if (result == 0 || result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) {
+    const bool answered = result != 0 || is_answer(error);
+    // Or the name would come to us later, with nobody to serve it, and be nothing new when requested again.
+    if (!answered || result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) {
         release_name(connection);
     }
-    return result == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
+    if (!answered) {
+        return NameAnswer::none;
+    }
+    return result == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER ? NameAnswer::owner : NameAnswer::refused;
+}
+
+// Waits outside libdbus, which would keep the connection to itself for that time, so that the sender could
+// not write.
+void bus_read(const BusConnection &connection, int wakeup, int timeout_ms) {
+    int socket = -1;
+    dbus_connection_get_unix_fd(connection.get(), &socket);
+    std::array awaited{pollfd{socket, POLLIN, 0}, pollfd{wakeup, POLLIN, 0}};
+    do { // a large message comes in many parts
+        poll(awaited.data(), awaited.size(), timeout_ms);
+        dbus_connection_read_write(connection.get(), 0);
+    } while (awaited[0].revents == POLLIN && awaited[1].revents == 0 &&
+             dbus_connection_get_dispatch_status(connection.get()) == DBUS_DISPATCH_COMPLETE);
+    if (awaited[1].revents != 0) {
+        eventfd_t ignored = 0;
+        eventfd_read(wakeup, &ignored);
+    }
 }
 
 void bus_drop_messages(const BusConnection &connection) {
@@ -98,20 +183,19 @@ void bus_drop_messages(const BusConnection &connection) {
     }
 }
 
-BusConnection bus_reconnect(BusConnection lost, bool with_name) {
+BusConnection bus_reconnect(BusConnection connection, bool with_name) {
     trace(TRACE_DEBUG, "the bus is gone, trying to come back");
-    bus_drop_messages(lost);
-    lost.reset();
     for (unsigned attempt = 0;; ++attempt) {
-        sleep(bus_pause_seconds(attempt));
-        BusError error;
-        BusConnection connection = bus_connect(error);
-        if (bus_is_connected(connection) && (!with_name || bus_own_name(connection, error))) {
+        release_if_dead(connection);
+        pause_for(connection, bus_pause_seconds(attempt));
+        release_if_dead(connection);
+        if (!connection) {
+            BusError error;
+            connection = bus_connect(error);
+        }
+        if (bus_is_connected(connection) && (!with_name || regain_name(connection))) {
             trace(TRACE_DEBUG, "the bus is back");
             return connection;
-        }
-        if (connection && !bus_is_connected(connection)) {
-            bus_drop_messages(connection);
         }
     }
 }

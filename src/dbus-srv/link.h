@@ -11,28 +11,41 @@
 enum class BusLink : std::uint8_t {
     starting, ///< the name is not there yet
     serving,
-    lost,  ///< being made again
-    ended, ///< the listener gave up at start and will not come back
+    nameless, ///< connected again, but somebody else has the name
+    lost,     ///< no connection, or one on which the bus does not answer
+    ended,    ///< the listener gave up at start and will not come back
 };
 
 struct BusLinkView {
     BusLink state;
-    BusConnection connection; ///< set while serving
+    BusConnection connection; ///< set while serving or nameless
 };
 
-/// Says how the link stands, and wakes the sender. `connection` is shared while serving.
+/// Sets how the link stands, and wakes the sender. `connection` is shared while serving or nameless.
 void bus_link_set(BusLink state, DBusConnection *connection);
 BusLinkView bus_link_get();
 
-/// The shared connection to the system bus, which will not end the process when the bus goes away;
-/// none with the error set on failure. May wait for the bus: not for the main thread.
+/// The shared connection to the system bus, which does not end the process when the bus goes away and
+/// reads in no more than 1 MiB and one message before these are handled; none with the error set on
+/// failure. May wait for the bus: not for the main thread.
 BusConnection bus_connect(BusError &error);
 bool bus_is_connected(const BusConnection &connection);
-/// Becomes the owner of the configured name, replacing one that allows it, within 5 s; false, with
-/// the request taken back, when somebody else keeps it or the bus does not answer.
-bool bus_own_name(const BusConnection &connection, BusError &error);
-/// Drops all received messages, of a dead connection also the library's own notice of its end:
-/// until that is taken the library hands out the dead one again.
+
+/// What the bus says to a request for the name.
+enum class NameAnswer : std::uint8_t {
+    owner,
+    refused, ///< somebody else keeps it, or the bus does not allow it
+    none,    ///< no answer in the library's own time (25 s), or the connection was lost
+};
+
+/// Requests the configured name, and replaces an owner that allows it. A name that is not ours at
+/// once is not queued for, and one that is granted too late is released.
+NameAnswer bus_own_name(const BusConnection &connection, BusError &error);
+/// Waits until a message comes, or until `wakeup`, an event descriptor or -1, is set, which it then clears;
+/// reads in what has come. Returns early when the sender has read that instead.
+void bus_read(const BusConnection &connection, int wakeup, int timeout_ms);
+/// Drops all received messages. The last one of a dead connection is the library's own notice of its
+/// end: until that is taken, the library returns the dead connection again.
 void bus_drop_messages(const BusConnection &connection);
 
 /// The seconds to wait before the `attempt`-th try, from 0, to come back: 1, 2, 4, ... 32, 60, 60.
@@ -42,5 +55,7 @@ constexpr unsigned bus_pause_seconds(unsigned attempt) {
     return attempt < doublings ? 1U << attempt : longest;
 }
 
-/// Lets go of a lost connection and tries until there is another, which owns the name if `with_name`.
-BusConnection bus_reconnect(BusConnection lost, bool with_name);
+/// Tries with growing pauses until there is a connection, which owns the name if `with_name`. Then also
+/// keeps the link's state up to date, for the sender to use a connection without the name. `connection`
+/// is the lost one, or one that lives and has no name.
+BusConnection bus_reconnect(BusConnection connection, bool with_name);

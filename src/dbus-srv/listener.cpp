@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cstdint>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <utility>
 
@@ -57,20 +56,6 @@ void note_message(void *wakeup) {
     }
 }
 
-/// Waits outside libdbus, which would keep the connection to itself meanwhile, so that the sender
-/// could not write; then reads what has come.
-void wait_for_message(DBusConnection *connection, const Descriptor &wakeup) {
-    int socket = -1;
-    dbus_connection_get_unix_fd(connection, &socket);
-    std::array awaited{pollfd{socket, POLLIN, 0}, pollfd{wakeup.get(), POLLIN, 0}};
-    poll(awaited.data(), awaited.size(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
-    if (awaited[1].revents != 0) {
-        eventfd_t ignored = 0;
-        eventfd_read(wakeup.get(), &ignored);
-    }
-    dbus_connection_read_write(connection, 0);
-}
-
 /// Answers calls until the connection is lost.
 void serve(const BusConnection &connection, Descriptor &wakeup) {
     dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
@@ -82,7 +67,7 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
             if (!bus_is_connected(connection)) {
                 break;
             }
-            wait_for_message(connection.get(), wakeup);
+            bus_read(connection, wakeup.get(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
             message.reset(dbus_connection_pop_message(connection.get()));
         }
         if (message) {
@@ -90,6 +75,20 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
         }
     }
     bus_link_set(BusLink::lost, nullptr);
+}
+
+void trace_failure(const char *failure, const BusError &error) {
+    trace_at(TRACE_DEBUG, TRACE_FILE, LISTENER, __LINE__, "%s", failure);
+    if (error.is_set()) { // the empty line is kept
+        trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "Connection Error (%s)\n", error.message());
+    }
+}
+
+/// The status that the thread ends with.
+void *end_listener(const char *failure, const BusError &error) {
+    trace_failure(failure, error);
+    bus_link_set(BusLink::ended, nullptr);
+    return &listener_status;
 }
 
 } // namespace
@@ -105,21 +104,21 @@ void *d_bus_srv_main(void * /*none*/) {
     BusError error;
     trace(TRACE_TRACE, "DBUS_GET");
     BusConnection connection = bus_connect(error);
-    const char *failure = connection ? nullptr : "dbus_bus_get() failed";
-    if (connection) {
-        trace(TRACE_TRACE, "DBUS_REQUEST");
-        if (!bus_own_name(connection, error)) {
-            connection.reset();
-            failure = "dbus_bus_request_name() failed";
-        }
+    if (!connection) {
+        return end_listener("dbus_bus_get() failed", error);
     }
-    if (failure != nullptr) {
-        trace(TRACE_DEBUG, "%s", failure);
-        if (error.is_set()) {
-            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
-        }
-        bus_link_set(BusLink::ended, nullptr);
-        return &listener_status;
+    trace(TRACE_TRACE, "DBUS_REQUEST");
+    switch (bus_own_name(connection, error)) {
+    case NameAnswer::owner:
+        break;
+    case NameAnswer::refused:
+        connection.reset();
+        return end_listener("dbus_bus_request_name() failed", error);
+    case NameAnswer::none:
+        trace_failure("dbus_bus_request_name() failed", error);
+        bus_link_set(BusLink::lost, nullptr);
+        connection = bus_reconnect(std::move(connection), true);
+        break;
     }
     trace(TRACE_TRACE, "WHILE");
     for (;;) {

@@ -105,7 +105,11 @@ class Listing {
     bool open_ = false;
 };
 
-int send_reply(DBusConnection *connection, const BusMessage &reply) {
+/// Sends the reply to `call`, unless the caller wants none: the bus would refuse it and log that.
+int send_reply(DBusConnection *connection, DBusMessage *call, const BusMessage &reply) {
+    if (dbus_message_get_no_reply(call) != 0) {
+        return 0;
+    }
     if (dbus_connection_send(connection, reply.get(), nullptr) == 0) {
         return -1;
     }
@@ -113,12 +117,12 @@ int send_reply(DBusConnection *connection, const BusMessage &reply) {
     return 0;
 }
 
-int send_text(DBusConnection *connection, const BusMessage &reply, const char *text) {
+int send_text(DBusConnection *connection, DBusMessage *call, const BusMessage &reply, const char *text) {
     if (dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, static_cast<const void *>(&text), DBUS_TYPE_INVALID) ==
         0) {
         return -1;
     }
-    return send_reply(connection, reply);
+    return send_reply(connection, call, reply);
 }
 
 /// A row's word matches what begins with it: WiFi0 is WiFi, wifi is nothing.
@@ -169,7 +173,7 @@ int d_bus_srv_GetListing(DBusConnection *connection, DBusMessage *message) {
         }
         trace(TRACE_TRACE, "UNLOCK");
     }
-    return complete && listing.close() ? send_reply(connection, reply) : -1;
+    return complete && listing.close() ? send_reply(connection, message, reply) : -1;
 }
 
 int d_bus_srv_Introspect(DBusConnection *connection, DBusMessage *message) {
@@ -180,7 +184,7 @@ int d_bus_srv_Introspect(DBusConnection *connection, DBusMessage *message) {
     }
     const char *const path = dbus_message_get_path(message);
     const bool described = path != nullptr && path == DESCRIBED_PATH;
-    return send_text(connection, reply, described ? DESCRIPTION : NO_DESCRIPTION);
+    return send_text(connection, message, reply, described ? DESCRIPTION : NO_DESCRIPTION);
 }
 
 int d_bus_srv_ChangeInterfaceAvailability(DBusConnection *connection, DBusMessage *message) {
@@ -200,5 +204,5 @@ int d_bus_srv_ChangeInterfaceAvailability(DBusConnection *connection, DBusMessag
         trace(TRACE_TRACE, "dbus_message_new_method_return() failed");
         return -1;
     }
-    return send_text(connection, reply, answer);
+    return send_text(connection, message, reply, answer);
 }

@@ -17,14 +17,14 @@ constinit int sender_status = 0;
 struct Sender {
     BusConnection connection; ///< the one last used
     BusMessage unsent;        ///< taken from the queue when the bus went away
-    bool alone = false;       ///< the listener has ended, and nobody else minds the connection
+    bool alone = false;       ///< the listener has ended, and nobody else reads from the connection
 };
 
-/// Whether there is a connection to send on now. While the listener makes it again there is none, and
-/// the listener wakes the sender when there is.
+/// Whether there is a connection to send on now. If there is none, the listener makes it again and wakes
+/// the sender then.
 bool find_connection(Sender &sender) {
     BusLinkView link = bus_link_get();
-    if (link.state == BusLink::serving) {
+    if (link.connection) {
         sender.connection = std::move(link.connection);
         return bus_is_connected(sender.connection);
     }

@@ -7,7 +7,9 @@
 #include "other_process.h"
 #include "private_bus.h"
 
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
@@ -17,6 +19,11 @@
 namespace {
 
 constinit bool messages_are_out = false;
+
+/// What the next call gets in the place of an answer; nothing is sent then.
+constinit const char *own_error = nullptr;
+constinit long bytes_while_waiting = 0;
+constinit long descriptors_while_waiting = 0;
 
 } // namespace
 
@@ -28,6 +35,20 @@ DBusMessage *__real_dbus_message_new_method_call(const char *destination, const 
 DBusMessage *__wrap_dbus_message_new_method_call(const char *destination, const char *path, const char *interface,
                                                  const char *method) {
     return messages_are_out ? nullptr : __real_dbus_message_new_method_call(destination, path, interface, method);
+}
+
+DBusMessage *__real_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
+                                                              int timeout, DBusError *error);
+
+DBusMessage *__wrap_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
+                                                              int timeout, DBusError *error) {
+    bytes_while_waiting = dbus_connection_get_max_received_size(connection);
+    descriptors_while_waiting = dbus_connection_get_max_received_unix_fds(connection);
+    if (own_error == nullptr) {
+        return __real_dbus_connection_send_with_reply_and_block(connection, message, timeout, error);
+    }
+    dbus_set_error_const(error, own_error, "as the test wants it");
+    return nullptr;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
@@ -53,12 +74,127 @@ struct IssueWatcher : BusClient {
     }
 };
 
-TEST(BusNameTest, IsNotOursWhenItCannotBeAskedFor) {
+TEST(BusNameTest, IsNotAnsweredForWhenItCannotBeRequested) {
     BusError error;
     messages_are_out = true;
-    EXPECT_FALSE(bus_own_name(BusConnection(), error));
+    EXPECT_EQ(bus_own_name(BusConnection(), error), NameAnswer::none);
     messages_are_out = false;
     EXPECT_FALSE(error.is_set());
+}
+
+/// The tests' own connection by way of the code under test. The library takes the bus's address from the
+/// environment once.
+class OwnConnectionTest : public testing::Test {
+  protected:
+    OwnConnectionTest() {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.address().c_str(), 1);
+        connection_ = bus_connect(error_);
+    }
+    /// Or the library would keep the connection for the next test.
+    ~OwnConnectionTest() override {
+        own_error = nullptr;
+        bus_.stop();
+        while (dbus_connection_read_write(connection_.get(), -1) != 0) {
+        }
+        bus_drop_messages(connection_);
+    }
+    /// Reads in all that the connection takes without anything being handled; the number of signals in it.
+    std::size_t taken_in() {
+        for (int i = 0; i < 5000; ++i) {
+            dbus_connection_read_write(connection_.get(), 0);
+        }
+        std::size_t signals = 0;
+        while (const BusMessage message{dbus_connection_pop_message(connection_.get())}) {
+            signals += dbus_message_is_signal(message.get(), "a.b", "C") != 0 ? 1 : 0;
+        }
+        return signals;
+    }
+    /// Everything that was sent comes, never more than `most` at once.
+    void expect_taken_in(std::size_t count, std::size_t most) {
+        ASSERT_NE(client_.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        std::size_t taken = 0;
+        while (taken < count && std::chrono::steady_clock::now() < deadline) {
+            const std::size_t at_once = taken_in();
+            EXPECT_LE(at_once, most);
+            taken += at_once;
+        }
+        EXPECT_EQ(taken, count);
+    }
+    /// A signal to the connection alone.
+    [[nodiscard]] BusMessage signal() const {
+        BusMessage signal(dbus_message_new_signal("/", "a.b", "C"));
+        dbus_message_set_destination(signal.get(), dbus_bus_get_unique_name(connection_.get()));
+        return signal;
+    }
+    /// Sends a signal with a text of `size` bytes.
+    void send_text(std::size_t size) {
+        const std::string text(size, 'x');
+        const char *const first = text.c_str();
+        const BusMessage message = signal();
+        dbus_message_append_args(message.get(), DBUS_TYPE_STRING, static_cast<const void *>(&first), DBUS_TYPE_INVALID);
+        client_.send(message);
+    }
+    static const std::string &folder() {
+        static const ScratchFolder scratch;
+        static const std::string path = scratch.path();
+        return path;
+    }
+
+    PrivateBus bus_{folder()};
+    BusClient client_{bus_};
+    BusConnection connection_;
+    BusError error_;
+};
+
+TEST_F(OwnConnectionTest, OnlyTheBusItselfRefusesTheName) {
+    const std::vector<std::pair<const char *, NameAnswer>> cases{{DBUS_ERROR_NO_REPLY, NameAnswer::none},
+                                                                 {DBUS_ERROR_DISCONNECTED, NameAnswer::none},
+                                                                 {DBUS_ERROR_NO_MEMORY, NameAnswer::none},
+                                                                 {DBUS_ERROR_ACCESS_DENIED, NameAnswer::refused},
+                                                                 {DBUS_ERROR_LIMITS_EXCEEDED, NameAnswer::refused}};
+    for (const auto &[error, answer] : cases) {
+        own_error = error;
+        EXPECT_EQ(bus_own_name(connection_, error_), answer) << error;
+    }
+    own_error = nullptr;
+    EXPECT_EQ(bus_own_name(connection_, error_), NameAnswer::owner);
+}
+
+TEST_F(OwnConnectionTest, NoMoreIsTakenInThanIsHandledAndNothingIsLost) {
+    constexpr std::size_t count = 3000;
+    for (std::size_t i = 0; i < count; ++i) {
+        send_text(1000);
+    }
+    expect_taken_in(count, 1024 * 1024 / 1000);
+}
+
+TEST_F(OwnConnectionTest, AMessageAboveTheBoundIsTakenInAlone) {
+    send_text(3000000);
+    send_text(3000000);
+    expect_taken_in(2, 1);
+}
+
+TEST_F(OwnConnectionTest, DescriptorsAreTakenInByTheMessage) {
+    constexpr int count = 16; // what a bus passes on with one message
+    for (int i = 0; i < 3; ++i) {
+        const BusMessage message = signal();
+        for (int passed = 0; passed < count; ++passed) {
+            const int descriptor = STDIN_FILENO;
+            dbus_message_append_args(message.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_INVALID);
+        }
+        client_.send(message);
+    }
+    expect_taken_in(3, 1);
+}
+
+// Nothing is handled then, and the answer comes after all that was sent before it.
+TEST_F(OwnConnectionTest, MoreIsTakenInWhileTheNameIsRequested) {
+    EXPECT_EQ(bus_own_name(connection_, error_), NameAnswer::owner);
+    EXPECT_EQ(bytes_while_waiting, 64L << 20U);
+    EXPECT_EQ(descriptors_while_waiting, 256);
+    EXPECT_EQ(dbus_connection_get_max_received_size(connection_.get()), 1L << 20U);
+    EXPECT_EQ(dbus_connection_get_max_received_unix_fds(connection_.get()), 16);
 }
 
 bool is_listed(BusClient &client) {
@@ -189,26 +325,6 @@ TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
     EXPECT_EQ(daemon_.count_traces("the bus is gone"), 0U);
 }
 
-TEST_F(BusLossTest, ANameTakenMeanwhileIsAskedForAgain) {
-    lose_the_bus();
-    bus_.start();
-    BusClient monitor(bus_);
-    BusClient other(bus_);
-    monitor.become_monitor();
-    ASSERT_EQ(number_of(other.ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
-    pass(1);
-    // Having found the name taken, the daemon takes its request back, and asks again later.
-    ASSERT_NE(monitor.wait_for([](DBusMessage *message) {
-        return dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "ReleaseName") != 0;
-    }),
-              nullptr);
-    other.watch(std::string("type='signal',sender='") + SERVICE_NAME + "',interface='com.corvana.State2.Issues'");
-    ASSERT_EQ(number_of(other.ask_bus("ReleaseName", SERVICE_NAME)), 1U);
-    EXPECT_NE(other.wait_for_owner(SERVICE_NAME), "");
-    EXPECT_EQ(announced(other, 1), std::vector<std::uint32_t>{1}); // held back until the name was there
-    EXPECT_TRUE(is_listed(other));
-}
-
 TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsAskedForAgain) {
     lose_the_bus();
     daemon_.obey("miss-answer");
@@ -233,6 +349,79 @@ unsigned next_pause(BusDaemon &daemon, std::size_t &line) {
     const auto found = daemon.process().errors().wait_for(word, line);
     line = found.value_or(line) + 1;
     return found ? static_cast<unsigned>(std::stoul(daemon.process().errors().line(*found).substr(word.size()))) : 0;
+}
+
+/// A daemon that has come back to a bus on which somebody else has its name.
+class NamelessTest : public testing::Test {
+  protected:
+    NamelessTest() {
+        std::size_t line = 0;
+        EXPECT_TRUE(daemon_.traced("wait for request"));
+        bus_.stop();
+        EXPECT_EQ(next_pause(daemon_, line), 1U);
+        bus_.start();
+        owner_.emplace(bus_);
+        EXPECT_EQ(number_of(owner_->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
+        owner_->watch("type='signal',interface='com.corvana.State2.Issues'");
+        daemon_.obey("go");
+    }
+    /// One pass, known by its number, that announces CB05.
+    void pass(int number) {
+        daemon_.obey("update 5 1");
+        daemon_.obey("send " + std::to_string(number));
+    }
+
+    PrivateBus bus_;
+    BusDaemon daemon_{bus_, Traces::to_stderr, "held-pauses"};
+    std::optional<BusClient> owner_;
+};
+
+TEST_F(NamelessTest, SendsAllTheSameAndRequestsTheNameAgain) {
+    pass(1);
+    EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
+    pass(2);
+    EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{2});
+    EXPECT_EQ(daemon_.count_traces("the bus is back"), 0U);
+    ASSERT_EQ(number_of(owner_->ask_bus("ReleaseName", SERVICE_NAME)), 1U);
+    EXPECT_EQ(dbus_message_get_type(owner_->ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR)
+        << "the daemon is not in the queue";
+    EXPECT_NE(owner_->wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(*owner_));
+    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
+}
+
+TEST_F(NamelessTest, ComesBackFromAnotherLossToo) {
+    pass(1);
+    EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
+    owner_.reset();
+    bus_.stop();
+    pass(2);
+    bus_.start();
+    IssueWatcher client(bus_);
+    daemon_.obey("go"); // the rest of the pause in which the bus was lost
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
+    EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(client));
+}
+
+// Or the answer to the next request would come after too much to be reached.
+TEST_F(NamelessTest, DropsWhatIsSentToIt) {
+    pass(1);
+    const BusMessage announced = owner_->wait_for_signal("NewIssues");
+    ASSERT_NE(announced, nullptr);
+    const std::string text(1U << 20U, 'x');
+    const char *const first = text.c_str();
+    for (int i = 0; i < 80; ++i) { // more than one wait for an answer takes in
+        const BusMessage signal(dbus_message_new_signal("/", "a.b", "C"));
+        dbus_message_set_destination(signal.get(), dbus_message_get_sender(announced.get()));
+        dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, static_cast<const void *>(&first), DBUS_TYPE_INVALID);
+        owner_->send(signal);
+        dbus_connection_flush(owner_->connection());
+    }
+    ASSERT_EQ(number_of(owner_->ask_bus("ReleaseName", SERVICE_NAME)), 1U);
+    EXPECT_NE(owner_->wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(*owner_));
+    EXPECT_LE(daemon_.count_traces("unknown request"), 4U) << "the bus's notices of the name, twice";
 }
 
 TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {

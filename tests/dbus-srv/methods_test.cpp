@@ -326,6 +326,35 @@ TEST_P(MethodFailureTest, AReplyThatCannotBeBuiltOrSentIsAFailure) {
     pthread_mutex_unlock(&registry_lock);
 }
 
+// The reply is built all the same, for the traces and the result are those of any other call.
+TEST_P(MethodFailureTest, ACallThatWantsNoReplyIsTreatedAlikeAndGetsNone) {
+    const auto [name, handler] = GetParam();
+    issue_registry[1].count = 1;
+    const BusMessage call = switch_call("LAN", FALSE);
+    std::vector<std::string> traced;
+    {
+        const CapturedTraces traces;
+        ASSERT_EQ(handler(nullptr, call.get()), 0);
+        traced = traces.texts_of(name);
+    }
+    ASSERT_NE(sent, nullptr);
+    const std::vector<std::int32_t> switched = ids_with(0);
+    SetUp();
+    sent.reset();
+    flushes = 0;
+
+    dbus_message_set_no_reply(call.get(), TRUE);
+    issue_registry[1].count = 1;
+    const CapturedTraces traces;
+    EXPECT_EQ(handler(nullptr, call.get()), 0);
+    EXPECT_EQ(sent, nullptr);
+    EXPECT_EQ(flushes, 0);
+    EXPECT_EQ(traces.texts_of(name), traced);
+    EXPECT_EQ(ids_with(0), switched);
+    return_fails = true;
+    EXPECT_EQ(handler(nullptr, call.get()), -1);
+}
+
 INSTANTIATE_TEST_SUITE_P(Handlers, MethodFailureTest,
                          testing::Values(std::pair{"d_bus_srv_GetListing", Handler{d_bus_srv_GetListing}},
                                          std::pair{"d_bus_srv_Introspect", Handler{d_bus_srv_Introspect}},

@@ -37,7 +37,7 @@ std::string processor_ticks(int beats) {
 
 } // namespace
 
-BusyWorld::BusyWorld() : systemd_(std::make_unique<FakeSystemd>(bus_)) {
+BusyWorld::BusyWorld(BusRules rules) : bus_(rules), systemd_(std::make_unique<FakeSystemd>(bus_)) {
     for (const char *unit : {"nginx_2eservice", "ocppd_2eservice"}) {
         systemd_->load(unit);
         systemd_->activate(unit);

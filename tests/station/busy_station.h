@@ -16,7 +16,7 @@ class FakeSystemd;
 /// The bus and the systemd of many busy stations, one after the other.
 class BusyWorld {
   public:
-    BusyWorld();
+    explicit BusyWorld(BusRules rules = BusRules::open);
     ~BusyWorld();
     BusyWorld(const BusyWorld &) = delete;
     BusyWorld &operator=(const BusyWorld &) = delete;

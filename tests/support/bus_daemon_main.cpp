@@ -149,7 +149,7 @@ DBusMessage *__wrap_dbus_connection_send_with_reply_and_block(DBusConnection *co
                                                               int timeout, DBusError *error) {
     if (answer_is_missed.exchange(false)) {
         __real_dbus_connection_send(connection, message, nullptr);
-        dbus_set_error_const(error, DBUS_ERROR_NO_REPLY, "too late");
+        dbus_set_error(error, DBUS_ERROR_NO_REPLY, "none within %d ms", timeout);
         return nullptr;
     }
     return __real_dbus_connection_send_with_reply_and_block(connection, message, timeout, error);

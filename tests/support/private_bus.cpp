@@ -9,8 +9,48 @@ namespace {
 /// Half of the listener's wait: what comes only with its end comes too late.
 constexpr std::chrono::seconds PATIENCE{30};
 
-std::string configuration(const std::string &address) {
-    return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
+constexpr const char *OPEN_RULES = "  <policy context='default'>\n"
+                                   "    <allow user='*'/>\n"
+                                   "    <allow own='*'/>\n"
+                                   "    <allow send_destination='*' eavesdrop='true'/>\n"
+                                   "    <allow receive_sender='*' eavesdrop='true'/>\n"
+                                   "  </policy>\n"
+                                   "  <limit name='max_replies_per_connection'>50000</limit>\n"
+                                   "  <limit name='max_message_unix_fds'>253</limit>\n"
+                                   "  <limit name='max_incoming_unix_fds'>2000</limit>\n"
+                                   "  <limit name='max_outgoing_unix_fds'>2000</limit>\n";
+
+// The stock rules, then room for the stand-in for systemd.
+constexpr const char *SYSTEM_RULES = "  <policy context='default'>\n"
+                                     "    <allow user='*'/>\n"
+                                     "    <deny own='*'/>\n"
+                                     "    <deny send_type='method_call'/>\n"
+                                     "    <allow send_type='signal'/>\n"
+                                     "    <allow send_requested_reply='true' send_type='method_return'/>\n"
+                                     "    <allow send_requested_reply='true' send_type='error'/>\n"
+                                     "    <allow receive_type='method_call'/>\n"
+                                     "    <allow receive_type='method_return'/>\n"
+                                     "    <allow receive_type='error'/>\n"
+                                     "    <allow receive_type='signal'/>\n"
+                                     "    <allow send_destination='org.freedesktop.DBus'/>\n"
+                                     "    <allow own='org.freedesktop.systemd1'/>\n"
+                                     "    <allow send_destination='org.freedesktop.systemd1'/>\n"
+                                     "  </policy>\n";
+
+/// The policy of the package. The daemon's user need not exist where the tests run, and the bus does not know
+/// a daemon that is root in its user namespace only: anybody may own the name.
+std::string package_policy() {
+    std::string policy = read_file(BUS_POLICY);
+    const std::string user = "<policy user=\"vigmond\">";
+    const std::size_t owner = policy.find(user);
+    const std::size_t start = policy.find("<busconfig>");
+    EXPECT_NE(owner, std::string::npos);
+    policy.replace(owner, user.size(), "<policy context=\"default\">");
+    return policy.substr(start + std::string("<busconfig>").size());
+}
+
+std::string configuration(const std::string &address, BusRules rules) {
+    return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN'\n"
            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
            "<busconfig>\n"
            "  <listen>" +
@@ -18,25 +58,18 @@ std::string configuration(const std::string &address) {
            "</listen>\n"
            "  <auth>EXTERNAL</auth>\n"
            "  <auth>ANONYMOUS</auth>\n" // for a daemon that is root in its user namespace only
-           "  <allow_anonymous/>\n"
-           "  <policy context='default'>\n"
-           "    <allow user='*'/>\n"
-           "    <allow own='*'/>\n"
-           "    <allow send_destination='*' eavesdrop='true'/>\n"
-           "    <allow receive_sender='*' eavesdrop='true'/>\n"
-           "  </policy>\n"
-           "  <limit name='max_replies_per_connection'>50000</limit>\n"
-           "</busconfig>\n";
+           "  <allow_anonymous/>\n" +
+           (rules == BusRules::open ? OPEN_RULES + std::string("</busconfig>\n") : SYSTEM_RULES + package_policy());
 }
 
 } // namespace
 
-PrivateBus::PrivateBus() : folder_(own_folder_.path()) { start(); }
+PrivateBus::PrivateBus(BusRules rules) : folder_(own_folder_.path()), rules_(rules) { start(); }
 
 PrivateBus::PrivateBus(std::string folder) : folder_(std::move(folder)) { start(); }
 
 void PrivateBus::start() {
-    const std::string settings = own_folder_.write("bus.conf", configuration(address()));
+    const std::string settings = own_folder_.write("bus.conf", configuration(address(), rules_));
     daemon_.emplace(std::vector<std::string>{"dbus-daemon", "--config-file=" + settings, "--nofork", "--nopidfile",
                                              "--nosyslog", "--print-address=1"});
     if (!daemon_->output().wait_for("unix:path=")) {

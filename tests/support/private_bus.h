@@ -10,11 +10,17 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
+
+enum class BusRules {
+    open,   ///< everybody may do everything, and far more than usual at once
+    system, ///< those of a system bus, with the policy of the package; anybody may own its names
+};
 
 /// A dbus-daemon on a socket in a scratch folder, ready when constructed, ended with the object.
 class PrivateBus {
   public:
-    PrivateBus();
+    explicit PrivateBus(BusRules rules = BusRules::open);
     /// With its socket in `folder`.
     explicit PrivateBus(std::string folder);
     /// Starts it again on the same address after `stop`; returns when it is ready.
@@ -24,6 +30,8 @@ class PrivateBus {
     /// Ends it and leaves nothing of it behind, as if it had never been there.
     void remove();
     [[nodiscard]] pid_t pid() const { return daemon_->pid(); }
+    /// What it has logged since its start.
+    [[nodiscard]] std::vector<std::string> log() { return daemon_->errors().lines(); }
     /// The folder with its socket.
     [[nodiscard]] const std::string &folder() const { return folder_; }
     [[nodiscard]] std::string address() const { return "unix:path=" + folder_ + "/bus"; }
@@ -33,6 +41,7 @@ class PrivateBus {
   private:
     ScratchFolder own_folder_;
     std::string folder_;
+    BusRules rules_ = BusRules::open;
     std::optional<ChildProcess> daemon_;
 };
 

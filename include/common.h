@@ -41,9 +41,16 @@ int strsplit(char *text, char **tokens, int max);
 /// Dumps `length` bytes to stderr, 16 a line. For debugging by hand.
 void hex_dump(const void *address, std::size_t length);
 
+/// Asked between the pieces of long work; true breaks it off.
+using BreakOff = bool (*)();
+
 /// Shifts the compressed generations of `file` up by one, keeping at most `count`, compresses `file`
-/// into generation 000 and removes it, compressed or not. Nothing happens to a stream's name.
-void file_rotate(const char *file, std::int32_t count);
+/// into generation 000 and removes it, compressed or not. Nothing happens to a stream's name. The
+/// generation has its name only when all of it is on the disk; until then it is "<file>.packing".
+/// A rotation that `break_off` ends leaves `file` as it is, and no generation 000.
+void file_rotate(const char *file, std::int32_t count, BreakOff break_off = nullptr);
+/// Removes what a rotation of `file` has left that a kill or a power cut ended.
+void file_rotate_leftover(const char *file);
 /// Compresses `from` ("stdin" is standard input) to `to` ("stdout" is standard output) with bzip2.
 /// Returns 0, or -1 after any failure.
 int file_compress(const char *from, const char *to);

@@ -53,8 +53,8 @@ LogfileState &logfile_state();
 
 /// Takes the settings in force and writes the first header; once in a process. Returns 0.
 int logfile_init();
-/// Once a heartbeat: when the name of the open file has come to lead elsewhere, because the file was moved or
-/// removed, goes on in the file of that name, with a header. While none can be opened there, stays.
+/// For the start of each heartbeat: when the open file was moved or removed, opens the file that has its name
+/// now, or a new one, and begins it with a header. While none can be opened, the old one stays open.
 void logfile_follow_name();
 /// Writes the task's record when its mark `do_logfile` is 1, which it leaves alone; returns 0.
 int logfile_run(Task *task);

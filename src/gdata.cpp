@@ -59,7 +59,7 @@ std::size_t folder_length(const char *path) {
 }
 
 /// Whether `file`, opened as `path`, is the lock file of its folder by a link.
-bool is_lock_beside(const char *path, const Descriptor &file) {
+bool is_lock_of_folder(const char *path, const Descriptor &file) {
     std::array<char, PATH_MAX + 8> lock{}; // the path has just been opened, and so is no longer than PATH_MAX
     std::snprintf(lock.data(), lock.size(), "%.*s%s", static_cast<int>(folder_length(path)), path, LOCK_NAME);
     struct stat of_lock {};
@@ -93,7 +93,7 @@ bool gdata_can_log_to(const char *path) {
         return false;
     }
     const Descriptor file = open_for_append(path);
-    if (file && is_lock_beside(path, file)) {
+    if (file && is_lock_of_folder(path, file)) {
         errno = EINVAL;
         return false;
     }

@@ -135,8 +135,11 @@ Task *gdata_get_task_head();
 
 /// The status log file in force.
 const char *gdata_get_logfile();
-/// Takes a copy of `path` when it can be opened for appending, creating it if missing. Returns the
-/// path in force, which is the old one after a failure; errno then tells why.
+/// Whether the status log can be appended to `path`, which is created if missing. False with errno;
+/// EINVAL for the lock file in its own folder, under whatever name: its close would free the lock.
+bool gdata_can_log_to(const char *path);
+/// Takes a copy of `path` when gdata_can_log_to it. Returns the path in force, which is the old one
+/// after a failure; errno then tells why.
 const char *gdata_set_logfile(const char *path);
 
 std::int32_t gdata_get_logcount();

@@ -2,6 +2,7 @@
 
 // Owners of what the C libraries hand out.
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -44,8 +45,15 @@ inline Descriptor open_at_once(const char *name, int flags) {
     return Descriptor(open(name, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
 }
 
-/// Opens a file for appending, likewise, and makes it if missing; none, with errno, when that fails.
-inline Descriptor open_for_append(const char *name) { return open_at_once(name, O_WRONLY | O_CREAT | O_APPEND); }
+/// Opens a file for appending, likewise, and makes it if missing; none, with errno, when that fails. A link
+/// is followed to a file that is there, but nothing is made where it leads to none.
+inline Descriptor open_for_append(const char *name) {
+    Descriptor file = open_at_once(name, O_WRONLY | O_APPEND);
+    if (!file && errno == ENOENT) {
+        file = open_at_once(name, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW);
+    }
+    return file;
+}
 
 struct CloseFile {
     void operator()(std::FILE *file) const { std::fclose(file); } // NOLINT(cert-err33-c): nowhere to report to

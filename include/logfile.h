@@ -1,7 +1,9 @@
 #pragma once
 
 // The status log: a tab-separated file of every evaluation, rotated when full. Each record and each
-// block is in the kernel when its call returns; what finds no room is lost whole, never in part.
+// block is in the kernel when its call returns; what finds no room is lost whole. Only where a piece of it
+// cannot be taken back (a pipe, a file that others have written to since) that piece stays, on a line of
+// its own.
 
 #include "gdata.h"
 #include "handle.h"
@@ -9,6 +11,7 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
+#include <sys/types.h>
 
 /// How a state is recorded: under `label`, from the record level `level` on.
 struct LogfileStateRow {
@@ -20,13 +23,24 @@ struct LogfileStateRow {
 /// Searched from the first row.
 extern const std::array<LogfileStateRow, 8> logfile_state_table;
 
+/// Which file it is, whatever its name.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const FileIdentity &) const = default;
+};
+
 /// What the module keeps from call to call.
 struct LogfileState {
     TextHandle logfile_name;        ///< none: the status log is off
-    Descriptor logfile_stream;      ///< opened by the first record, closed by rotation only
+    Descriptor logfile_stream;      ///< opened by the first record, closed by rotation
+    FileIdentity logfile_identity;  ///< of the open file
     int logfile_is_file = 0;        ///< 0 for a standard stream, which is never rotated
     int logfile_header_written = 0; ///< the next header says "START" while 0, "ROTATE" from then on
     int logfile_initialised = 0;
+    bool torn = false;                ///< the last line of the stream is a piece of a record
+    bool rotation_broken_off = false; ///< the last one, because the process is to end
+    std::int64_t rotation_end = 0;    ///< the second of the monotonic clock after which one is; 0 is none
     std::int32_t loglevel = LOGLEVEL_OK;
     std::int32_t logsize = 1048576;
     std::int32_t logcount = 10;
@@ -39,6 +53,9 @@ LogfileState &logfile_state();
 
 /// Takes the settings in force and writes the first header; once in a process. Returns 0.
 int logfile_init();
+/// For the start of each heartbeat: when the open file was moved or removed, opens the file that has its name
+/// now, or a new one, and begins it with a header. While none can be opened, the old one stays open.
+void logfile_follow_name();
 /// Writes the task's record when its mark `do_logfile` is 1, which it leaves alone; returns 0.
 int logfile_run(Task *task);
 /// Writes the task's record; returns 0.

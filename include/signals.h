@@ -28,6 +28,8 @@ void signals_dispatch(const sigset_t &set);
 void signals_wait(const sigset_t &set);
 /// A place where held signals may be taken.
 void signals_safe_point();
+/// Whether a held signal waits for the next safe point that ends the process there.
+bool signals_termination_held();
 
 /// A safe point that lasts: pauses for `milliseconds`, or until a held signal has been taken.
 void signals_pause(int milliseconds);

@@ -5,7 +5,12 @@
 #include "trace.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace {
 
@@ -45,6 +50,24 @@ std::size_t commandline_size(int argc, char *const argv[]) {
     return size;
 }
 
+constexpr const char *LOCK_NAME = ".lock";
+
+/// That of the path's folder with the slash after it.
+std::size_t folder_length(const char *path) {
+    const char *slash = std::strrchr(path, '/');
+    return slash == nullptr ? 0 : static_cast<std::size_t>(slash - path) + 1;
+}
+
+/// Whether `file`, opened as `path`, is the lock file of its folder by a link.
+bool is_lock_of_folder(const char *path, const Descriptor &file) {
+    std::array<char, PATH_MAX + 8> lock{}; // the path has just been opened, and so is no longer than PATH_MAX
+    std::snprintf(lock.data(), lock.size(), "%.*s%s", static_cast<int>(folder_length(path)), path, LOCK_NAME);
+    struct stat of_lock {};
+    struct stat of_file {};
+    return stat(lock.data(), &of_lock) == 0 && fstat(file.get(), &of_file) == 0 && of_lock.st_dev == of_file.st_dev &&
+           of_lock.st_ino == of_file.st_ino;
+}
+
 } // namespace
 
 GlobalData &gdata_record() { return data; }
@@ -61,10 +84,22 @@ const char *gdata_get_logfile() {
     return data.logfile;
 }
 
+bool gdata_can_log_to(const char *path) {
+    if (std::strcmp(path + folder_length(path), LOCK_NAME) == 0) {
+        errno = EINVAL;
+        return false;
+    }
+    const Descriptor file = open_for_append(path);
+    if (file && is_lock_of_folder(path, file)) {
+        errno = EINVAL;
+        return false;
+    }
+    return static_cast<bool>(file);
+}
+
 const char *gdata_set_logfile(const char *path) {
     trace(TRACE_TRACE, "fn: %s", path);
-    const Descriptor file = open_for_append(path);
-    if (!file) {
+    if (!gdata_can_log_to(path)) {
         return data.logfile;
     }
     TextHandle copy(strdup(path)); // made first: `path` may be the text in force

@@ -4,6 +4,7 @@
 #include "logfile/header.h"
 #include "no_destructor.h"
 #include "rotation.h"
+#include "signals.h"
 #include "trace.h"
 
 #include <algorithm>
@@ -14,7 +15,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
+#include <utility>
 
 constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
     {-2, 1, "FAIL"},
@@ -66,14 +69,27 @@ iovec piece(const char *text) {
     return {.iov_base = const_cast<char *>(text), .iov_len = text == nullptr ? 0 : std::strlen(text)};
 }
 
-/// Takes the last `written` bytes off the end of the file again; keeps errno.
-void cut_back(const Descriptor &stream, ssize_t written) {
-    const int error = errno;
-    const off_t end = lseek(stream.get(), 0, SEEK_CUR);
-    if (end >= written && ftruncate(stream.get(), end - written) != 0) {
-        trace(TRACE_TRACE, "%s", std::strerror(errno)); // a piece of a record stays
+/// Whether what is written next would follow our last byte, at the offset `end` of a regular file.
+bool is_last(const Descriptor &stream, off_t end) {
+    struct stat status {};
+    return fstat(stream.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size == end;
+}
+
+/// Takes the last `written` bytes off the end of the file again, unless others have written after them;
+/// false when a piece of a record stays. The offset goes with the end: stdout may not be appending.
+bool cut_back(const Descriptor &stream, ssize_t written) {
+    if (written == 0) {
+        return true;
     }
-    errno = error;
+    const off_t end = lseek(stream.get(), 0, SEEK_CUR);
+    if (end < written || !is_last(stream, end)) {
+        return false;
+    }
+    if (ftruncate(stream.get(), end - written) != 0) {
+        trace(TRACE_TRACE, "%s", std::strerror(errno));
+        return false;
+    }
+    return lseek(stream.get(), end - written, SEEK_SET) >= 0;
 }
 
 /// Whether a standard stream takes what is written without making the daemon wait. It cannot be told not
@@ -83,55 +99,75 @@ bool has_room(const Descriptor &stream) {
     return poll(&polled, 1, 0) != 0; // what is wrong with it, the write will tell
 }
 
-/// Writes all pieces at once, or nothing: what goes into a file only in part is taken back. False
-/// with errno when they were lost.
-template <std::size_t N> bool write_whole(const Descriptor &stream, bool is_file, const std::array<iovec, N> &pieces) {
-    if (!is_file && !has_room(stream)) {
-        errno = EAGAIN;
-        return false;
-    }
+/// Writes all pieces at once, or nothing: what is written only in part is taken back. Where that cannot
+/// be done, what is written next begins with a line feed. False with errno when they were lost.
+template <std::size_t N>
+bool write_whole(LogfileState &log, const Descriptor &stream, const std::array<iovec, N> &pieces) {
+    std::array<iovec, N + 1> all{piece("\n")};
+    std::copy(pieces.begin(), pieces.end(), all.begin() + 1);
+    const std::size_t first = log.torn ? 0 : 1;
     std::size_t size = 0;
-    for (const iovec &each : pieces) {
-        size += each.iov_len;
+    for (std::size_t i = first; i < all.size(); ++i) {
+        size += all[i].iov_len;
     }
     ssize_t written = -1;
     do {
-        written = writev(stream.get(), pieces.data(), N);
+        written = writev(stream.get(), &all[first], static_cast<int>(all.size() - first));
     } while (written == -1 && errno == EINTR);
     if (written >= 0 && static_cast<std::size_t>(written) < size) {
+        log.torn = !cut_back(stream, written) || log.torn;
         errno = ENOSPC;
-        if (is_file) {
-            cut_back(stream, written);
-        }
         return false;
     }
+    log.torn = log.torn && written < 0;
     return written >= 0;
 }
 
+/// The same into the open stream.
+template <std::size_t N> bool write_whole(LogfileState &log, const std::array<iovec, N> &pieces) {
+    if (log.logfile_is_file == 0 && !has_room(log.logfile_stream)) {
+        errno = EAGAIN;
+        return false;
+    }
+    return write_whole(log, log.logfile_stream, pieces);
+}
+
 /// False with errno when the header was lost.
-bool write_header(const Descriptor &file, const char *occasion) {
-    const TextHandle block = logfile_header_text(stamp(), occasion);
+bool write_header(LogfileState &log, const Descriptor &file) {
+    const TextHandle block = logfile_header_text(stamp(), log.logfile_header_written == 0 ? "START" : "ROTATE");
     if (!block) {
         errno = ENOMEM;
         return false;
     }
-    return write_whole(file, true, std::array{piece(block.get())});
+    return write_whole(log, file, std::array{piece(block.get())});
 }
 
-bool write_marker(const LogfileState &log, const char *text) {
-    return write_whole(log.logfile_stream, log.logfile_is_file == 1,
-                       std::array{piece("##\n##\t"), piece(stamp()), piece("\t"), piece(text), piece("\t"),
-                                  piece(gdata_get_commandline()), piece("\n##\n")});
+bool write_marker(LogfileState &log, const char *text) {
+    return write_whole(log, std::array{piece("##\n##\t"), piece(stamp()), piece("\t"), piece(text), piece("\t"),
+                                       piece(gdata_get_commandline()), piece("\n##\n")});
 }
 
-bool write_record(const LogfileState &log, const char *label, const char *text) {
-    return write_whole(log.logfile_stream, log.logfile_is_file == 1,
+bool write_record(LogfileState &log, const char *label, const char *text) {
+    return write_whole(log,
                        std::array{piece(stamp()), piece("\t"), piece(label), piece("\t"), piece(text), piece("\n")});
 }
 
 bool is_off(const LogfileState &log) {
     const char *name = log.logfile_name.get();
     return name == nullptr || std::strcmp(name, "/dev/null") == 0;
+}
+
+FileIdentity identity_of(const Descriptor &file) {
+    struct stat status {};
+    fstat(file.get(), &status); // that of an open file does not fail
+    return {.device = status.st_dev, .inode = status.st_ino};
+}
+
+/// Makes `file` the open stream, in which nothing has been written yet.
+void take_file(LogfileState &log, Descriptor file) {
+    log.logfile_is_file = 1;
+    log.logfile_identity = identity_of(file);
+    log.logfile_stream = std::move(file);
 }
 
 /// Opens what the name says; false with errno when that fails.
@@ -143,8 +179,11 @@ bool open_stream(LogfileState &log) {
     } else if (same_name(name, "stdout")) {
         log.logfile_stream = duplicate(stdout);
     } else {
-        log.logfile_stream = open_for_append(name);
-        log.logfile_is_file = log.logfile_stream ? 1 : 0;
+        Descriptor file = open_for_append(name);
+        if (!file) {
+            return false;
+        }
+        take_file(log, std::move(file));
     }
     return static_cast<bool>(log.logfile_stream);
 }
@@ -158,7 +197,7 @@ void flush_standard_streams(const LogfileState &log) {
 }
 
 /// Writes what the level lets pass; false with errno when it was lost.
-bool write_entry(const LogfileState &log, std::int32_t state, const char *text, int mark) {
+bool write_entry(LogfileState &log, std::int32_t state, const char *text, int mark) {
     if (mark == 1) {
         return write_marker(log, text);
     }
@@ -166,10 +205,33 @@ bool write_entry(const LogfileState &log, std::int32_t state, const char *text, 
     return row.level > log.loglevel || write_record(log, row.label, text);
 }
 
+/// The packing of a log of the default size takes some 4 s on the board, and the service manager waits 30 s.
+constexpr std::int64_t LONGEST_LAST_ROTATION = 10;
+
+std::int64_t monotonic_seconds() {
+    std::timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+/// Others may have made the log too large to be packed while a termination waits. What is broken off is
+/// left to the next start.
+bool break_rotation_off() {
+    LogfileState &log = logfile_state();
+    const bool late = log.rotation_end != 0 && monotonic_seconds() > log.rotation_end;
+    log.rotation_broken_off = late || signals_termination_held();
+    return log.rotation_broken_off;
+}
+
 void rotate_when_full(LogfileState &log) {
-    if (log.logfile_is_file == 1 && lseek(log.logfile_stream.get(), 0, SEEK_END) >= log.logsize) {
-        log.logfile_stream.reset();
-        file_rotate(log.logfile_name.get(), log.logcount);
+    if (log.logfile_is_file == 0 || lseek(log.logfile_stream.get(), 0, SEEK_END) < log.logsize) {
+        return;
+    }
+    log.logfile_stream.reset();
+    log.rotation_broken_off = false;
+    file_rotate(log.logfile_name.get(), log.logcount, break_rotation_off);
+    if (!log.rotation_broken_off) {
+        log.torn = false;
         lf_header(log.logfile_name.get());
     }
 }
@@ -183,6 +245,7 @@ void take_name(LogfileState &log, const char *name) {
     }
     log.logfile_name.reset(strdup(name));
     if (!bare && log.logfile_name) {
+        file_rotate_leftover(name);
         lf_header(log.logfile_name.get());
     }
 }
@@ -213,7 +276,7 @@ void lf_header(const char *name) {
     trace(TRACE_TRACE, " ");
     LogfileState &log = logfile_state();
     const Descriptor file = open_for_append(name);
-    if (!file || !write_header(file, log.logfile_header_written == 0 ? "START" : "ROTATE")) {
+    if (!file || !write_header(log, file)) {
         trace(TRACE_TRACE, "%s: %s", name, std::strerror(errno));
         return;
     }
@@ -236,7 +299,30 @@ void lf_print(std::int32_t state, const char *text, int mark) {
     if (!write_entry(log, state, text, mark)) {
         trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
     }
-    rotate_when_full(log);
+    if (mark != 1 || !log.rotation_broken_off) {
+        rotate_when_full(log);
+    }
+}
+
+void logfile_follow_name() {
+    LogfileState &log = logfile_state();
+    if (!log.logfile_stream || log.logfile_is_file == 0) {
+        return;
+    }
+    const char *name = log.logfile_name.get();
+    struct stat status {};
+    if (stat(name, &status) == 0 &&
+        log.logfile_identity == FileIdentity{.device = status.st_dev, .inode = status.st_ino}) {
+        return;
+    }
+    Descriptor file = open_for_append(name);
+    if (!file || log.logfile_identity == identity_of(file)) {
+        return;
+    }
+    trace(TRACE_DEBUG, "%s: another file", name);
+    take_file(log, std::move(file));
+    log.torn = false;
+    lf_header(name);
 }
 
 int logfile_exec(Task *task) {
@@ -266,6 +352,7 @@ int logfile_run(Task *task) {
 
 int logfile_cleanup() {
     trace(TRACE_DEBUG, " ");
+    logfile_state().rotation_end = monotonic_seconds() + LONGEST_LAST_ROTATION;
     lf_print(0, "FINISHED", 1);
     return 0;
 }

@@ -43,6 +43,7 @@ void run_pipeline(Task *task) {
 } // namespace
 
 void scheduler_pass(std::int64_t now) {
+    logfile_follow_name();
     network_check_daemon();
     const TimeOfDay start = utc_time_of_day(now);
     trace_at(TRACE_DEBUG, TRACE_FILE, "scheduler", __LINE__, "RUN: at %02d:%02d:%02d", start.hour, start.minute,

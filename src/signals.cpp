@@ -1,5 +1,6 @@
 #include "signals.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <ctime>
@@ -125,6 +126,15 @@ void signals_wait(const sigset_t &set) {
 }
 
 void signals_safe_point() { signals_dispatch(signals_held()); }
+
+bool signals_termination_held() {
+    constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    return std::any_of(terminations.begin(), terminations.end(),
+                       [&pending](int signo) { return sigismember(&pending, signo) == 1; });
+}
 
 void signals_pause(int milliseconds) {
     const int saved_errno = errno;

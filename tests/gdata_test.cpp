@@ -4,6 +4,7 @@
 #include "hang_guard.h"
 #include "memory_fault.h"
 #include "sample_task.h"
+#include "process_state.h"
 #include "scratch_folder.h"
 
 #include <algorithm>
@@ -197,6 +198,37 @@ TEST_F(GdataTest, SetLogfileDoesNotWaitForTheReaderOfAPipe) {
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     EXPECT_STREQ(gdata_set_logfile(pipe.c_str()), BUILT_IN_LOGFILE);
     EXPECT_EQ(errno, ENXIO);
+}
+
+// Its close would free the lock that the daemon holds, under whatever name it was opened.
+TEST_F(GdataTest, SetLogfileRefusesTheLockFileOfItsFolder) {
+    const WorkingFolder here(folder.path());
+    std::filesystem::create_directory("sub");
+    for (const char *name : {".lock", "./.lock", "sub/.lock", "sub//.lock", "sub/./.lock", "sub/../.lock"}) {
+        EXPECT_STREQ(gdata_set_logfile(name), BUILT_IN_LOGFILE) << name;
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FALSE(std::filesystem::exists(name)) << name << " was made";
+    }
+    folder.write("sub/.lock", "1\n");
+    std::filesystem::create_symlink(".lock", "sub/symlink");
+    std::filesystem::create_hard_link("sub/.lock", "sub/hardlink");
+    for (const char *name : {"sub/symlink", "sub/hardlink"}) {
+        EXPECT_STREQ(gdata_set_logfile(name), BUILT_IN_LOGFILE) << name;
+        EXPECT_EQ(errno, EINVAL);
+    }
+    for (const char *name : {"lock", "sub.lock", ".lock2", "sub/x"}) {
+        EXPECT_STREQ(gdata_set_logfile(name), name);
+    }
+}
+
+TEST_F(GdataTest, SetLogfileFollowsALinkButMakesNothingAtItsEnd) {
+    const std::string link = folder / "link";
+    std::filesystem::create_symlink(folder / "elsewhere", link);
+    EXPECT_STREQ(gdata_set_logfile(link.c_str()), BUILT_IN_LOGFILE);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_FALSE(std::filesystem::exists(folder / "elsewhere"));
+    folder.write("elsewhere", "");
+    EXPECT_EQ(gdata_set_logfile(link.c_str()), link);
 }
 
 TEST_F(GdataTest, SetLogfileTakesThePathInForce) {

@@ -111,20 +111,46 @@ TEST_F(FullDiskTest, LosesWhatAFullDeviceRefuses) {
     EXPECT_EQ(logfile_state().logfile_header_written, 0);
 }
 
-TEST_F(FullDiskTest, NeverCutsAFileThatIsTheStandardOutput) {
-    const std::string file = folder.write("stdout", "what stood there\n"); // 17 bytes
-    const Descriptor saved(dup(STDOUT_FILENO));
-    ASSERT_NE(std::freopen(file.c_str(), "ae", stdout), nullptr);
-    use("stdout");
-    {
-        const FileSizeLimit full(27);
-        lf_print(0, "x", 0);
+/// The standard output in a file that the test prepares.
+class StandardOutputTest : public LogfileTest {
+  protected:
+    StandardOutputTest() { use("stdout"); }
+
+    /// Prints "x" to what is open as `stdout_file`, whose size is limited, and then "y" without the limit.
+    static void print_in_limit(int stdout_file, rlim_t limit) {
+        const Descriptor saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+        std::fflush(stdout);
+        dup2(stdout_file, STDOUT_FILENO);
+        {
+            const FileSizeLimit full(limit);
+            lf_print(0, "x", 0);
+        }
+        lf_print(0, "y", 0);
+        dup2(saved.get(), STDOUT_FILENO);
     }
-    dup2(saved.get(), STDOUT_FILENO);
-    EXPECT_EQ(read_file(file).size(), 27U);
+
+    const std::string file = folder.write("stdout", "what stood there\n"); // 17 bytes
+};
+
+TEST_F(StandardOutputTest, TakesBackWhatFitsOnlyInPart) {
+    for (const int flags : {O_APPEND, 0}) {
+        const Descriptor out(open(file.c_str(), O_WRONLY | O_CLOEXEC | flags));
+        lseek(out.get(), 0, SEEK_END);
+        logfile_state().logfile_stream.reset();
+        const std::string before = read_file(file);
+        print_in_limit(out.get(), before.size() + 10);
+        EXPECT_EQ(mask_times(read_file(file)), mask_times(before) + "<time>\tOK\ty\n");
+    }
 }
 
-TEST_F(FullDiskTest, LeavesAPieceOnlyWhereTheFileCannotBeCut) {
+// A piece in the middle of a file could only be taken back together with what others have written.
+TEST_F(StandardOutputTest, KeepsAPieceThatIsNotTheLastOnALineOfItsOwn) {
+    const Descriptor out(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    print_in_limit(out.get(), 10);
+    EXPECT_EQ(mask_times(read_file(file).substr(10)), "\n<time>\tOK\ty\n");
+}
+
+TEST_F(FullDiskTest, LeavesAPieceOnlyWhereTheFileCannotBeCutAndOnALineOfItsOwn) {
     const Descriptor uncuttable(memfd_create("log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     ASSERT_EQ(fcntl(uncuttable.get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
     const std::string name = "/proc/self/fd/" + std::to_string(uncuttable.get());
@@ -132,10 +158,14 @@ TEST_F(FullDiskTest, LeavesAPieceOnlyWhereTheFileCannotBeCut) {
     {
         const FileSizeLimit full(22);
         lf_print(0, "x", 0);
+        EXPECT_EQ(mask_times(read_file(name)), "<time>\tOK");
+        lf_print(0, "lost", 0);
     }
-    EXPECT_EQ(mask_times(read_file(name)), "<time>\tOK");
     EXPECT_TRUE(traces.has("cut_back", "Operation not permitted"));
     EXPECT_TRUE(traces.has("lf_print", name + ": No space left on device"));
+    lf_print(0, "y", 0);
+    lf_print(0, "z", 0);
+    EXPECT_EQ(mask_times(read_file(name)), "<time>\tOK\n<time>\tOK\ty\n<time>\tOK\tz\n");
 }
 
 /// A disk of 64 KiB in a mount namespace that ends with the test program.

@@ -1,13 +1,48 @@
 #include "logfile.h"
 
 #include "logfile_rig.h"
+#include "process_state.h"
+#include "signals.h"
 
 #include <array>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+std::int64_t seconds_a_look = 0; ///< what a look at the clock takes
+std::int64_t monotonic_now = 0;
+bool stat_fails = false;
+
+int answer_stat(const char *path, struct stat *status) {
+    errno = EACCES;
+    return stat_fails ? -1 : fstatat(AT_FDCWD, path, status, 0);
+}
+
+} // namespace
+
+extern "C" {
+int __wrap_stat(const char *path, struct stat *status);
+int __wrap_stat(const char *path, struct stat *status) { return answer_stat(path, status); }
+int __wrap_stat64(const char *path, struct stat *status);
+int __wrap_stat64(const char *path, struct stat *status) { return answer_stat(path, status); }
+int __wrap___stat64_time64(const char *path, struct stat *status);
+int __wrap___stat64_time64(const char *path, struct stat *status) { return answer_stat(path, status); }
+int __wrap_clock_gettime(clockid_t clock, std::timespec *now);
+int __wrap_clock_gettime(clockid_t /*clock*/, std::timespec *now) {
+    *now = {.tv_sec = static_cast<std::time_t>(monotonic_now), .tv_nsec = 0};
+    monotonic_now += seconds_a_look;
+    return 0;
+}
+int __wrap___clock_gettime64(clockid_t clock, std::timespec *now);
+int __wrap___clock_gettime64(clockid_t clock, std::timespec *now) { return __wrap_clock_gettime(clock, now); }
+}
 
 namespace {
 
@@ -126,29 +161,151 @@ TEST_F(LogRotationTest, GoesByTheSizeOfAFileThatWasEmptied) {
     EXPECT_THAT(rotations().calls, IsEmpty());
 }
 
+TEST_F(LogRotationTest, LeftUnfinishedByAKillIsClearedAwayAtTheStart) {
+    folder.write("logfile.packing", "BZh1 torn");
+    start(path.c_str());
+    EXPECT_FALSE(std::filesystem::exists(path + ".packing"));
+    EXPECT_EQ(log(), start_header);
+}
+
+// --- a rotation that a termination breaks off
+
+class BrokenRotationTest : public LogRotationTest {
+  protected:
+    BrokenRotationTest() {
+        rotations().is_long = true;
+        sigset_t held = signals_held();
+        pthread_sigmask(SIG_BLOCK, &held, &mask_);
+    }
+    ~BrokenRotationTest() override {
+        const sigset_t held = signals_held();
+        constexpr std::timespec at_once{};
+        while (sigtimedwait(&held, nullptr, &at_once) > 0) {
+        }
+        pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+        seconds_a_look = 0;
+    }
+
+  private:
+    sigset_t mask_{};
+};
+
+TEST_F(BrokenRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
+    for (const int signo : {SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
+        rotations().calls.clear();
+        logfile_state() = {};
+        full_file(100, 100);
+        raise(signo);
+        lf_print(0, "x", 0);
+        EXPECT_THAT(rotations().calls, SizeIs(1));
+        EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n");
+        const sigset_t held = signals_held();
+        int taken = 0;
+        sigwait(&held, &taken);
+        logfile_cleanup();
+        EXPECT_THAT(rotations().calls, SizeIs(1));
+        EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n" + finished);
+    }
+}
+
+TEST_F(BrokenRotationTest, IsTriedAgainWithTheNextRecord) {
+    full_file(100, 100);
+    raise(SIGTERM);
+    lf_print(0, "x", 0);
+    lf_print(0, "y", 0);
+    ASSERT_THAT(rotations().calls, SizeIs(2));
+    EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n<time>\tOK\ty\n");
+}
+
+TEST_F(BrokenRotationTest, IsNoneForOtherSignals) {
+    full_file(100, 100);
+    raise(SIGUSR1);
+    raise(SIGCHLD);
+    lf_print(0, "x", 0);
+    EXPECT_EQ(log(), rotate_header);
+}
+
+TEST_F(BrokenRotationTest, IsTheLastOneAfterTenSeconds) {
+    seconds_a_look = 10;
+    full_file(100, 100);
+    logfile_cleanup();
+    EXPECT_EQ(log(), rotate_header);
+    seconds_a_look = 11;
+    full_file(100, 100);
+    logfile_cleanup();
+    EXPECT_EQ(log(), std::string(100, 'x') + finished);
+}
+
 // --- a file that is taken away
 
 using LostFileTest = LogRotationTest;
 
-TEST_F(LostFileTest, KeepsItsStreamUntilRotationBringsANewOne) {
+TEST_F(LostFileTest, IsWrittenToUntilTheNextHeartbeat) {
     start(path.c_str());
     lf_print(0, "x", 0);
     std::filesystem::remove(path);
     lf_print(0, "lost with the file", 0);
     EXPECT_FALSE(std::filesystem::exists(path));
-    logfile_state().logsize = 1;
-    lf_print(0, "lost too", 0);
+    logfile_follow_name();
     EXPECT_EQ(log(), rotate_header);
+    lf_print(0, "y", 0);
+    EXPECT_EQ(log(), rotate_header + "<time>\tOK\ty\n");
 }
 
-TEST_F(LostFileTest, LeavesTheFileThatTookItsPlaceAloneUntilRotation) {
+TEST_F(LostFileTest, IsFollowedByTheFileThatTookItsPlace) {
     start(path.c_str());
     lf_print(0, "x", 0);
     std::filesystem::rename(path, folder / "moved");
     folder.write("logfile", "another\n");
+    logfile_follow_name();
     lf_print(0, "y", 0);
-    EXPECT_EQ(log(), "another\n");
-    EXPECT_EQ(mask_times(read_file(folder / "moved")), start_header + "<time>\tOK\tx\n<time>\tOK\ty\n");
+    EXPECT_EQ(log(), "another\n" + rotate_header + "<time>\tOK\ty\n");
+    EXPECT_EQ(mask_times(read_file(folder / "moved")), start_header + "<time>\tOK\tx\n");
+}
+
+TEST_F(LostFileTest, IsKeptWhileNoneCanTakeItsPlace) {
+    const std::string sub = folder / "sub";
+    const std::string file = sub + "/logfile";
+    std::filesystem::create_directory(sub);
+    start(file.c_str());
+    lf_print(0, "x", 0);
+    std::filesystem::rename(sub, folder / "moved");
+    logfile_follow_name();
+    lf_print(0, "y", 0);
+    std::filesystem::create_directories(file); // a folder in the place of the file
+    logfile_follow_name();
+    lf_print(0, "z", 0);
+    EXPECT_EQ(mask_times(read_file(folder / "moved/logfile")),
+              start_header + "<time>\tOK\tx\n<time>\tOK\ty\n<time>\tOK\tz\n");
+    std::filesystem::remove(file);
+    logfile_follow_name();
+    EXPECT_EQ(mask_times(read_file(file)), rotate_header);
+}
+
+TEST_F(LostFileTest, IsNotMissedWhileItsNameLeadsToIt) {
+    const std::string target = folder.write("target", "");
+    std::filesystem::create_symlink(target, path);
+    start(path.c_str());
+    logfile_follow_name(); // nothing is open yet
+    lf_print(0, "x", 0);
+    logfile_follow_name();
+    std::filesystem::remove(path);
+    std::filesystem::create_hard_link(target, path);
+    logfile_follow_name();
+    stat_fails = true;
+    logfile_follow_name();
+    stat_fails = false;
+    EXPECT_EQ(log(), start_header + "<time>\tOK\tx\n");
+    EXPECT_THAT(traces.texts_of("logfile_follow_name"), IsEmpty());
+}
+
+TEST_F(LostFileTest, IsNoStandardStream) {
+    const WorkingFolder here(folder.path());
+    start("stdout");
+    lf_print(0, "x", 0);
+    logfile_follow_name();
+    EXPECT_FALSE(std::filesystem::exists("stdout"));
+    EXPECT_THAT(traces.texts_of("logfile_follow_name"), IsEmpty());
 }
 
 TEST_F(LostFileTest, ComesBackWithItsFolder) {

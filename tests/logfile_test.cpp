@@ -25,6 +25,7 @@
 namespace {
 bool no_time = false;
 int interruptions = 0; // so many writes are interrupted by a signal
+int empty_writes = 0;  // so many write nothing
 } // namespace
 extern "C" std::size_t __real_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
@@ -38,6 +39,10 @@ extern "C" ssize_t __wrap_writev(int fd, const iovec *pieces, int count) {
         --interruptions;
         errno = EINTR;
         return -1;
+    }
+    if (empty_writes > 0) {
+        --empty_writes;
+        return 0;
     }
     return __real_writev(fd, pieces, count);
 }
@@ -84,6 +89,18 @@ TEST_F(RecordTest, IsWrittenAgainAfterAnInterruption) {
     logfile_exec(&task);
     EXPECT_EQ(interruptions, 0);
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
+}
+
+TEST_F(RecordTest, OfWhichNothingIsWrittenTakesNothingBack) {
+    folder.write("logfile", "what stood there\n");
+    use(path);
+    empty_writes = 2;
+    lf_print(0, "lost", 0);
+    lf_header(path.c_str());
+    EXPECT_EQ(log(), "what stood there\n");
+    EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
+    lf_print(0, "x", 0);
+    EXPECT_EQ(log(), "what stood there\n<time>\tOK\tx\n");
 }
 
 TEST_F(RecordTest, ShowsNumbersOfAnySize) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <bzlib.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -33,8 +34,8 @@ FileHandle open_source(const char *name) {
 }
 
 /// Leaves no empty file where there was no memory for its stream.
-FileHandle create_file(const char *name) {
-    Descriptor file = open_at_once(name, O_WRONLY | O_CREAT | O_TRUNC);
+FileHandle create_file(const char *name, int flags) {
+    Descriptor file = open_at_once(name, O_WRONLY | O_CREAT | flags);
     const bool created = static_cast<bool>(file);
     FileHandle stream = stream_on(std::move(file), "w");
     if (created && !stream) {
@@ -45,10 +46,16 @@ FileHandle create_file(const char *name) {
 
 FileHandle open_destination(const char *name) {
     if (!is_stdout(name)) {
-        return create_file(name);
+        return create_file(name, O_TRUNC);
     }
     std::fflush(stdout); // what was printed before stays in front
     return open_copy(STDOUT_FILENO, "w");
+}
+
+/// In the place of what has this name, and never through a link.
+FileHandle create_new(const char *name) {
+    std::remove(name);
+    return create_file(name, O_EXCL | O_NOFOLLOW);
 }
 
 void remove_destination(const char *name) {
@@ -58,6 +65,9 @@ void remove_destination(const char *name) {
 }
 
 bool close_checked(FileHandle &stream) { return std::fclose(stream.release()) == 0; }
+
+/// Puts on the disk what has been flushed; true, too, on a file system that has nothing to synchronise.
+bool synchronise(std::FILE *stream) { return fdatasync(fileno(stream)) == 0 || errno == EINVAL || errno == ENOSYS; }
 
 timeval time_of_day() {
     timeval now{};
@@ -78,9 +88,9 @@ struct Job {
     FileHandle out;
     timeval start;
 
-    Job(const char *from, const char *to)
-        : buffer(text_allocate(COPY_SIZE)), in(buffer ? open_source(from) : nullptr),
-          out(in ? open_destination(to) : nullptr), start(time_of_day()) {}
+    Job(const char *from, const char *to, FileHandle (*open_to)(const char *) = open_destination)
+        : buffer(text_allocate(COPY_SIZE)), in(buffer ? open_source(from) : nullptr), out(in ? open_to(to) : nullptr),
+          start(time_of_day()) {}
 };
 
 struct ByteCounts {
@@ -140,10 +150,17 @@ class BzipWriter {
     BZFILE *stream_;
 };
 
-enum class Outcome : std::uint8_t { DONE, WRITE_FAILED, CLOSE_FAILED };
+enum class Outcome : std::uint8_t { DONE, WRITE_FAILED, CLOSE_FAILED, BROKEN_OFF };
 
-/// A read error ends the input like its end: what could be read is kept.
-Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts) {
+/// What a rotation asks for beyond compressing.
+struct Care {
+    bool synchronised = false; ///< the destination is on the disk before it is closed
+    BreakOff break_off = nullptr;
+};
+
+/// A read error ends the input like its end: what could be read is kept. An input of one piece is never
+/// broken off.
+Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts, const Care &care) {
     BzipWriter writer(out.get());
     if (!writer) {
         return Outcome::WRITE_FAILED;
@@ -152,31 +169,64 @@ Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts
         if (!writer.write(buffer, count)) {
             return Outcome::WRITE_FAILED;
         }
+        if (count == COPY_SIZE && care.break_off != nullptr && care.break_off()) {
+            return Outcome::BROKEN_OFF;
+        }
     }
     in.reset();
-    const bool finished = writer.finish(counts);
+    const bool finished = writer.finish(counts) && (!care.synchronised || synchronise(out.get()));
     return close_checked(out) && finished ? Outcome::DONE : Outcome::CLOSE_FAILED;
+}
+
+Outcome compress(Job &job, ByteCounts &counts, const Care &care) {
+    return compress(std::move(job.in), std::move(job.out), job.buffer.get(), counts, care);
+}
+
+// The traces are those of file_compress, whoever packs.
+
+void trace_begin(const char *from, const char *to) {
+    trace_at(TRACE_TRACE, TRACE_FILE, "file_compress", __LINE__, "from: %s to: %s", from, to);
+}
+
+void trace_end(const char *from, const ByteCounts &counts, const timeval &start) {
+    trace_at(TRACE_TRACE, TRACE_FILE, "file_compress", __LINE__, "file: %s: factor: %d%% time: %ld us", from,
+             counts.factor(), elapsed_microseconds(start, time_of_day()));
 }
 
 } // namespace
 
 int file_compress(const char *from, const char *to) {
-    trace(TRACE_TRACE, "from: %s to: %s", from, to);
+    trace_begin(from, to);
     Job job(from, to);
     if (!job.out) {
         return -1;
     }
     ByteCounts counts{};
-    const Outcome outcome = compress(std::move(job.in), std::move(job.out), job.buffer.get(), counts);
+    const Outcome outcome = compress(job, counts, {});
     if (outcome != Outcome::DONE) {
         if (outcome == Outcome::WRITE_FAILED || !is_stdin(from)) { // deliberate: a piped text keeps its torn end
             remove_destination(to);
         }
         return -1;
     }
-    trace(TRACE_TRACE, "file: %s: factor: %d%% time: %ld us", from, counts.factor(),
-          elapsed_microseconds(job.start, time_of_day()));
+    trace_end(from, counts, job.start);
     return 0;
+}
+
+Packing file_pack(const char *from, const char *to, const char *temporary, BreakOff break_off) {
+    trace_begin(from, to);
+    Job job(from, temporary, create_new);
+    if (!job.out) {
+        return Packing::FAILED;
+    }
+    ByteCounts counts{};
+    const Outcome outcome = compress(job, counts, {.synchronised = true, .break_off = break_off});
+    if (outcome != Outcome::DONE) {
+        std::remove(temporary);
+        return outcome == Outcome::BROKEN_OFF ? Packing::BROKEN_OFF : Packing::FAILED;
+    }
+    trace_end(from, counts, job.start);
+    return Packing::DONE;
 }
 
 namespace {

@@ -1,10 +1,13 @@
 #include "rotation.h"
+
 #include "common/compression.h"
 #include "handle.h"
 #include "trace.h"
 
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <libgen.h>
 #include <malloc.h>
 #include <strings.h>
 #include <unistd.h>
@@ -49,31 +52,76 @@ std::int32_t first_gap(GenerationName &name, std::int32_t count) {
     return number;
 }
 
+/// Frees the name of generation 000 as far as that can be done.
+void shift(GenerationName &newer, GenerationName &older, std::int32_t count) {
+    std::int32_t gap = first_gap(older, count);
+    if (gap == count) {
+        const char *oldest = older.of(--gap);
+        trace_at(TRACE_TRACE, TRACE_FILE, "file_rotate", __LINE__, "remove %s", oldest);
+        std::remove(oldest);
+    }
+    for (std::int32_t number = gap; number > 0; --number) {
+        std::rename(newer.of(number - 1), older.of(number));
+    }
+}
+
+/// The name under which a generation is written: no generation's, and no longer than one.
+TextHandle packing_name(const char *file) {
+    const std::size_t size = std::strlen(file) + sizeof ".packing";
+    TextHandle name = text_allocate(size);
+    if (name) {
+        std::snprintf(name.get(), size, "%s.packing", file);
+    }
+    return name;
+}
+
+/// Puts the names in the folder of `path`, which it cuts, on the disk.
+void synchronise_folder(char *path) {
+    const Descriptor folder = open_at_once(dirname(path), O_RDONLY | O_DIRECTORY);
+    if (folder) {
+        fsync(folder.get());
+    }
+}
+
+/// The generation gets its name when it is on the disk, and the name is there before the original goes.
+Packing pack(const char *file, const char *generation, char *temporary, BreakOff break_off) {
+    const Packing result = file_pack(path_of(file), generation, temporary, break_off);
+    if (result == Packing::DONE) {
+        if (std::rename(temporary, generation) == 0) {
+            synchronise_folder(temporary);
+        } else {
+            std::remove(temporary);
+        }
+    }
+    return result;
+}
+
 } // namespace
 
-void file_rotate(const char *file, std::int32_t count) {
+void file_rotate(const char *file, std::int32_t count, BreakOff break_off) {
     trace(TRACE_TRACE, "file: %s -- count: %d ", file, count);
     if (names_no_file(file) || !exists(file)) {
         return;
     }
     GenerationName newer(file);
     GenerationName older(file);
-    if (count == 0 || !newer || !older) {
+    const TextHandle temporary = packing_name(file);
+    if (count == 0 || !newer || !older || !temporary) {
         std::remove(file);
         return;
     }
-    std::int32_t gap = first_gap(older, count);
-    if (gap == count) {
-        const char *oldest = older.of(--gap);
-        trace(TRACE_TRACE, "remove %s", oldest);
-        std::remove(oldest);
-    }
-    for (std::int32_t number = gap; number > 0; --number) {
-        std::rename(newer.of(number - 1), older.of(number));
-    }
+    shift(newer, older, count);
     const char *newest = newer.of(0);
     trace(TRACE_TRACE, "compress %s -> %s", file, newest);
-    file_compress(path_of(file), newest);
+    if (pack(file, newest, temporary.get(), break_off) == Packing::BROKEN_OFF) {
+        return;
+    }
     malloc_trim(0);    // or the compressor's megabyte would stay with the process until the next rotation
     std::remove(file); // deliberate also after a failure: the disk of the board must not fill up
+}
+
+void file_rotate_leftover(const char *file) {
+    if (const TextHandle leftover = packing_name(file)) {
+        std::remove(leftover.get());
+    }
 }

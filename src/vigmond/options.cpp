@@ -1,7 +1,6 @@
 #include "vigmond/options.h"
 
 #include "gdata.h"
-#include "handle.h"
 #include "revision.h"
 #include "trace.h"
 
@@ -114,11 +113,8 @@ void set_logsize(const char *prog, const char *text) {
     }
 }
 
-/// Whether the file can be appended to; it is created if missing. errno is that of the open.
-bool is_appendable(const char *path) { return static_cast<bool>(open_for_append(path)); }
-
 void set_logfile(const char *prog, const char *path) {
-    if (is_appendable(path) && std::strcmp(gdata_set_logfile(path), path) == 0) {
+    if (gdata_can_log_to(path) && std::strcmp(gdata_set_logfile(path), path) == 0) {
         return;
     }
     const int error = errno; // of the open, or of the copy when memory is out

@@ -34,9 +34,10 @@ TextHandle lock_path() {
     return nullptr;
 }
 
-/// Opens the file anew, which empties it even while its owner runs; that is how it has always been.
+/// Empties the file even while its owner runs, deliberately; never follows a link to another file.
 Descriptor open_lock_file(const char *path) {
-    return Descriptor(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
+    return Descriptor(
+        open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
 }
 
 bool lock_whole_file(const Descriptor &file) {

@@ -5,20 +5,45 @@
 #include "common/compression.h"
 #include "hang_guard.h"
 #include "heap.h"
+#include "in_child.h"
 #include "memory_fault.h"
 #include "process_state.h"
 #include "scratch_folder.h"
 
 #include <array>
+#include <bzlib.h>
+#include <cerrno>
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <set>
+#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <vector>
 
 namespace {
 
 int trims = 0; ///< how often the heap was given back
+
+constexpr int KILLED = 7;
+
+int kill_at = 0;                ///< the process ends before this call of those below, counted from 1; 0: never
+bool keeps_calls = false;       ///< whether they are noted
+std::vector<std::string> calls; ///< "name argument", in file names without their folder
+int sync_error = 0;             ///< with which fdatasync fails
+
+std::string name_of(const char *path) { return std::filesystem::path(path).filename(); }
+
+std::string name_of(int fd) { return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename(); }
+
+void step(const std::string &call) {
+    if (kill_at > 0 && --kill_at == 0) {
+        _exit(KILLED);
+    }
+    if (keeps_calls) {
+        calls.push_back(call);
+    }
+}
 
 } // namespace
 
@@ -28,6 +53,51 @@ int __real_malloc_trim(std::size_t keep);
 int __wrap_malloc_trim(std::size_t keep) {
     trims += keep == 0 ? 1 : 0;
     return __real_malloc_trim(keep);
+}
+
+int __real_fdatasync(int fd);
+int __wrap_fdatasync(int fd) {
+    step("fdatasync " + name_of(fd));
+    errno = sync_error;
+    return sync_error == 0 ? __real_fdatasync(fd) : -1;
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    step("fsync " + name_of(fd));
+    return __real_fsync(fd);
+}
+
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to) {
+    step("rename " + name_of(from) + " " + name_of(to));
+    return __real_rename(from, to);
+}
+
+int __real_remove(const char *path);
+int __wrap_remove(const char *path) {
+    step("remove " + name_of(path));
+    return __real_remove(path);
+}
+
+int __real_fclose(std::FILE *file);
+int __wrap_fclose(std::FILE *file) {
+    step("fclose");
+    return __real_fclose(file);
+}
+
+void __real_BZ2_bzWrite(int *error, BZFILE *stream, void *bytes, int count);
+void __wrap_BZ2_bzWrite(int *error, BZFILE *stream, void *bytes, int count) {
+    step("BZ2_bzWrite");
+    __real_BZ2_bzWrite(error, stream, bytes, count);
+}
+
+void __real_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned *in_low, unsigned *in_high,
+                               unsigned *out_low, unsigned *out_high);
+void __wrap_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned *in_low, unsigned *in_high,
+                               unsigned *out_low, unsigned *out_high) {
+    step("BZ2_bzWriteClose64");
+    __real_BZ2_bzWriteClose64(error, stream, abandon, in_low, in_high, out_low, out_high);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
@@ -275,13 +345,125 @@ TEST_F(RotationTest, RemovesTheFileAndTheHalfGenerationOnAFullDisk) {
 }
 
 TEST_F(RotationTest, RemovesTheFileWhenItsCompressionFailsAtTheEnd) {
-    create_symlink("/dev/full", generation(0));
-    file_rotate(file.c_str(), -1);
+    const FileSizeLimit full(10);
+    file_rotate(file.c_str(), 3);
     EXPECT_EQ(names(), Names{});
 }
 
+TEST_F(RotationTest, RemovesTheFileThatTheDiskDoesNotTake) {
+    for (const int error : {EIO, ENOSPC}) {
+        folder.write("log", "log text");
+        sync_error = error;
+        file_rotate(file.c_str(), 3);
+        sync_error = 0;
+        EXPECT_EQ(names(), Names{});
+    }
+}
+
+TEST_F(RotationTest, KeepsAGenerationWhereNothingCanBeSynchronised) {
+    for (const int error : {EINVAL, ENOSYS}) {
+        folder.write("log", "log text");
+        sync_error = error;
+        file_rotate(file.c_str(), 1);
+        sync_error = 0;
+        EXPECT_EQ(bunzip2(generation(0)), "log text");
+    }
+}
+
+// --- kills and power cuts
+
+TEST_F(RotationTest, HasItsGenerationOnTheDiskUnderItsNameBeforeTheFileGoes) {
+    put_generations({0});
+    calls.clear();
+    keeps_calls = true;
+    file_rotate(file.c_str(), 3);
+    keeps_calls = false;
+    const std::string name = folder.path().filename();
+    EXPECT_EQ(calls, (std::vector<std::string>{"rename log.000.bz2 log.001.bz2", "remove log.packing", "BZ2_bzWrite",
+                                               "fclose", "BZ2_bzWriteClose64", "fdatasync log.packing", "fclose",
+                                               "rename log.packing log.000.bz2", "fsync " + name, "remove log"}));
+}
+
+TEST_F(RotationTest, KilledAtAnyStepLosesNothingAndLeavesNoTornGeneration) {
+    const std::string text = noise(140000);
+    int last = 0;
+    for (int killed = 1; last == 0; ++killed) {
+        SCOPED_TRACE("at step " + std::to_string(killed));
+        folder.write("log", text);
+        put_generations({0, 1});
+        const int status = run_child([this, killed] {
+            kill_at = killed;
+            file_rotate(file.c_str(), 4);
+        });
+        last = WEXITSTATUS(status) == KILLED ? 0 : killed;
+        std::set<std::string> found;
+        for (const std::string &name : names()) {
+            if (name.ends_with(".bz2")) {
+                const std::string content = read_file(folder / name);
+                found.insert(content.starts_with("old") ? content : bunzip2(folder / name));
+            }
+        }
+        found.insert(exists(file) ? read_file(file) : text);
+        ASSERT_TRUE(found == (std::set<std::string>{text, "old 0", "old 1"}));
+        ASSERT_TRUE(exists(file) || bunzip2(generation(0)) == text);
+        for (const std::string &name : names()) {
+            std::remove((folder / name).c_str());
+        }
+    }
+    EXPECT_EQ(last, 14); // two shifts, three pieces, and the eight others above
+}
+
+TEST_F(RotationTest, AfterAKillUsesTheGapAndRemovesWhatWasLeft) {
+    folder.write("log.packing", "BZh1 torn");
+    put_generations({1});
+    file_rotate(file.c_str(), 3);
+    EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
+    EXPECT_EQ(bunzip2(generation(0)), "log text");
+    EXPECT_EQ(read_file(generation(1)), "old 1");
+}
+
+TEST_F(RotationTest, LeftoverIsRemovedAlone) {
+    folder.write("log.packing", "BZh1 torn");
+    put_generations({0});
+    file_rotate_leftover(file.c_str());
+    file_rotate_leftover(file.c_str());
+    EXPECT_EQ(names(), (Names{"log", "log.000.bz2"}));
+}
+
+// --- breaking off
+
+TEST_F(RotationTest, BrokenOffLeavesTheFileAndNoGeneration) {
+    put_generations({0});
+    const std::string text = noise(350000);
+    folder.write("log", text);
+    file_rotate(file.c_str(), 3, [] { return true; });
+    EXPECT_EQ(names(), (Names{"log", "log.001.bz2"}));
+    EXPECT_TRUE(read_file(file) == text);
+    file_rotate(file.c_str(), 3, [] { return false; });
+    EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
+    EXPECT_TRUE(bunzip2(generation(0)) == text);
+}
+
+TEST_F(RotationTest, OfAFileOfOnePieceIsNotBrokenOff) {
+    file_rotate(file.c_str(), 3, [] { return true; });
+    EXPECT_EQ(names(), Names{"log.000.bz2"});
+}
+
+// --- links
+
+TEST_F(RotationTest, WritesThroughNoLink) {
+    const std::string foreign = folder.write("foreign", "what stood there");
+    create_symlink(foreign, folder / "log.packing");
+    create_symlink(folder / "made", generation(0));
+    file_rotate(file.c_str(), 1);
+    EXPECT_EQ(names(), (Names{"foreign", "log.000.bz2"}));
+    EXPECT_EQ(read_file(foreign), "what stood there");
+    EXPECT_FALSE(std::filesystem::is_symlink(generation(0)));
+    EXPECT_EQ(bunzip2(generation(0)), "log text");
+}
+
 TEST_F(RotationTest, WithoutMemoryForANameRemovesTheFileAndMovesNothing) {
-    for (const int nth : {1, 2}) {
+    for (const int nth : {1, 2, 3}) {
         put_generations({0, 1});
         folder.write("log", "log text");
         const MemoryFault fault(nth);
@@ -295,7 +477,7 @@ TEST_F(RotationTest, WithoutMemoryForANameRemovesTheFileAndMovesNothing) {
 
 TEST_F(RotationTest, WithoutMemoryForTheCompressionRemovesTheFile) {
     put_generations({0});
-    const MemoryFault fault(3);
+    const MemoryFault fault(4);
     file_rotate(file.c_str(), 2);
     EXPECT_TRUE(MemoryFault::happened());
     EXPECT_EQ(names(), Names{"log.001.bz2"});
@@ -303,7 +485,7 @@ TEST_F(RotationTest, WithoutMemoryForTheCompressionRemovesTheFile) {
 
 TEST_F(RotationTest, DropsTheOldestGenerationEvenWhenNoneFollows) {
     put_generations({0});
-    const MemoryFault fault(3); // nothing is compressed
+    const MemoryFault fault(4); // nothing is compressed
     file_rotate(file.c_str(), 1);
     EXPECT_EQ(names(), Names{});
 }
@@ -341,13 +523,14 @@ TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInThePlaceOfTheFile) {
     EXPECT_EQ(bunzip2(generation(0)), "");
 }
 
-TEST_F(RotationTest, DoesNotWaitForTheReaderOfAPipeInThePlaceOfAGeneration) {
+TEST_F(RotationTest, ReplacesAPipeInThePlaceOfAGeneration) {
     const HangGuard guard;
     ASSERT_EQ(mkfifo(generation(0).c_str(), 0600), 0);
     block(1); // so that it cannot be moved
     file_rotate(file.c_str(), 2);
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
-    EXPECT_TRUE(std::filesystem::is_fifo(generation(0)));
+    ASSERT_TRUE(std::filesystem::is_regular_file(generation(0)));
+    EXPECT_EQ(bunzip2(generation(0)), "log text");
 }
 
 class StreamNameTest : public RotationTest, public testing::WithParamInterface<const char *> {};

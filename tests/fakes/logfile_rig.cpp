@@ -1,5 +1,6 @@
 #include "logfile_rig.h"
 
+#include "common.h"
 #include "logfile.h"
 
 #include <cctype>
@@ -31,11 +32,14 @@ Rotations &rotations() {
     return noted;
 }
 
-// Linked in place of file_rotate(const char *, std::int32_t).
-extern "C" void __wrap__Z11file_rotatePKci(const char *file, std::int32_t count);
-extern "C" void __wrap__Z11file_rotatePKci(const char *file, std::int32_t count) {
+// Linked in place of file_rotate(const char *, std::int32_t, BreakOff).
+extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, BreakOff break_off);
+extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, BreakOff break_off) {
     const std::string content = std::filesystem::is_regular_file(file) ? read_file(file) : "";
     rotations().calls.push_back({file, count, content, !logfile_state().logfile_stream});
+    if (rotations().is_long && break_off()) {
+        return;
+    }
     if (rotations().remove) {
         std::remove(file);
     }

@@ -21,7 +21,8 @@ struct Rotation {
 
 struct Rotations {
     std::vector<Rotation> calls;
-    bool remove = true; ///< whether the file goes, as it does when all is well
+    bool remove = true;   ///< whether the file goes, as it does when all is well
+    bool is_long = false; ///< whether they ask if they are to be broken off
 };
 
 /// Those since the start of the test.

@@ -34,7 +34,7 @@ constexpr std::array budgets{
     Budget{SYS_openat, 10, "eight by the probes, two with the settings of the network"},
     Budget{SYS_read, 10, "and their ends"},
     Budget{SYS_close, 11, "of all, and of the try to reach the bus"},
-    Budget{SYS_newfstatat, 18, "eight disks, of each file its block size, once the zone file"},
+    Budget{SYS_newfstatat, 19, "eight disks, of each file its block size, once the zone file, once the status log"},
     Budget{SYS_access, 1, "Bluetooth"},
     Budget{SYS_fcntl, 1, "the stream of the LAN's settings"},
     Budget{SYS_write, 1, "the rig's own: it tells that the wait is entered"},

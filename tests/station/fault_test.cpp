@@ -34,7 +34,7 @@ struct Kind {
     Loss loss;
 };
 
-constexpr std::array<Kind, 24> kinds{{
+constexpr std::array<Kind, 25> kinds{{
     {"Open", StationCall::open, EMFILE, Loss::a_file},
     {"Fopen", StationCall::fopen, EMFILE, Loss::a_file},
     {"Read", StationCall::read, EIO, Loss::nothing},
@@ -44,10 +44,11 @@ constexpr std::array<Kind, 24> kinds{{
     {"Fwrite", StationCall::fwrite, ENOSPC, Loss::a_file},
     {"Fclose", StationCall::fclose, ENOSPC, Loss::a_file},
     {"Lseek", StationCall::lseek, EIO, Loss::nothing},
+    {"Sync", StationCall::sync, EIO, Loss::a_file},
     {"Memory", StationCall::memory, ENOMEM, Loss::a_file},
     {"Fork", StationCall::fork, EAGAIN, Loss::nothing},
     {"Thread", StationCall::thread, EAGAIN, Loss::nothing},
-    {"Rename", StationCall::rename, EACCES, Loss::nothing},
+    {"Rename", StationCall::rename, EACCES, Loss::a_file},
     {"Remove", StationCall::remove, EACCES, Loss::nothing},
     {"Stat", StationCall::stat, EACCES, Loss::a_file},
     {"Ioctl", StationCall::ioctl, EIO, Loss::nothing},

@@ -89,6 +89,7 @@ RigProcess::RigProcess(const Launch &launch, const Sandbox &sandbox, const Board
     board.fill(page_.get());
     page_->wake_fd = wake_.get();
     page_->fault = launch.fault;
+    page_->uses_disk = launch.uses_disk;
     Pipe out = make_pipe();
     Pipe err = make_pipe();
     pid_ = fork(); // NOLINT(cppcoreguidelines-prefer-member-initializer): after the page is filled

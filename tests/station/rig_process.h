@@ -26,6 +26,7 @@ struct Launch {
     mode_t umask;
     rlim_t file_size;
     StationFault fault{};
+    bool uses_disk = false;
 };
 
 struct UnmapPage {

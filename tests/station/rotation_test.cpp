@@ -4,11 +4,13 @@
 #include "station_life.h"
 #include "status_log.h"
 
+#include <csignal>
 #include <deque>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -167,6 +169,23 @@ TEST_F(Rotation, CanBeDueWithTheLastMark) {
     EXPECT_EQ(bunzip2(generation_path(station, 0)),
               before + ballast + finished_text("2024-03-01 12:00:10", command_line));
     EXPECT_EQ(station.read(STATUS_LOG), header_text("2024-03-01 12:00:10", "ROTATE", command_line));
+}
+
+// Others have made the file so large that its packing takes many seconds.
+TEST_F(Rotation, IsBrokenOffByATermination) {
+    station.files().write(STATUS_LOG, "");
+    fs::resize_file(station.files().host_path(STATUS_LOG), 1U << 30U);
+    station.launch({"-D", "-S", "10"});
+    station.await_trace("file_compress");
+    station.send(SIGTERM);
+    EXPECT_EQ(station.await_exit(), 1);
+    EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(0));
+    std::ifstream log(station.files().host_path(STATUS_LOG));
+    log.seekg(1U << 30U);
+    const std::string command_line = "vigmond \"-D\" \"-S\" \"10\"";
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(log), {}),
+              header_text("2024-03-01 12:00:07", "START", command_line) + "2024-03-01 12:00:07\tOK\tCB20\t0\t42\n" +
+                  finished_text("2024-03-01 12:00:07", command_line));
 }
 
 // --- a full disk

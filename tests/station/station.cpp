@@ -42,7 +42,8 @@ Launch Station::launch_of(const std::vector<std::string> &arguments) const {
             .environment = environment,
             .umask = umask,
             .file_size = file_size,
-            .fault = fault};
+            .fault = fault,
+            .uses_disk = uses_disk};
 }
 
 Sandbox Station::sandbox() const {

@@ -43,6 +43,7 @@ class Station {
     rlim_t file_size = RLIM_INFINITY;         ///< no file of theirs grows beyond it
     std::map<std::string, std::string> shown; ///< folders of this machine and where the programs see them
     StationFault fault{};
+    bool uses_disk = false;    ///< what they synchronise is written to this machine's disk, which takes its time
     bool reads_journal = true; ///< changed at any time; what is not read stays in its socket
     bool reads_syslog = true;
     std::string note; ///< what a failure of the rig is reported with

@@ -224,6 +224,16 @@ TEST(Options, LogfileThatCannotBeOpenedLeavesTheOldOne) {
     });
 }
 
+TEST(Options, LogfileThatIsTheLockFileLeavesTheOldOne) {
+    const ScratchFolder folder;
+    in_child([&] {
+        EXPECT_EQ(parse({"-L", folder / ".lock"}).printed, "vigmond: WARNING: option -L: \"" + folder / ".lock" +
+                                                               "\": Invalid argument - using \"" + BUILT_IN_LOGFILE +
+                                                               "\" instead.\n");
+        EXPECT_FALSE(std::filesystem::exists(folder / ".lock"));
+    });
+}
+
 TEST(Options, LogfileThatIsAPipeIsTakenIfItHasAReader) {
     const ScratchFolder folder;
     const std::string pipe = folder / "pipe";

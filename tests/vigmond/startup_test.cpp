@@ -250,6 +250,18 @@ TEST(SingleProcess, EmptiesAStaleLockFile) {
     });
 }
 
+TEST(SingleProcess, DoesNotFollowALinkInThePlaceOfItsFile) {
+    const ScratchFolder folder;
+    const std::string foreign = folder.write("foreign", "what stood there");
+    for (const std::string &target : {foreign, folder / "missing"}) {
+        fs::create_symlink(target, folder / ".lock");
+        in_daemon(folder, [&] { expect_refused({" ", "Too many levels of symbolic links"}, folder / ".lock"); });
+        fs::remove(folder / ".lock");
+    }
+    EXPECT_EQ(read_file(foreign), "what stood there");
+    EXPECT_FALSE(fs::exists(folder / "missing"));
+}
+
 // The lock is what counts: a pid that cannot be written is no failure.
 TEST(SingleProcess, SucceedsWithoutRoomForItsPid) {
     const ScratchFolder folder;

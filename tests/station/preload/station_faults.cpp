@@ -63,6 +63,8 @@ FAILING(fwrite, 0, std::size_t, fwrite, (const void *bytes, std::size_t size, st
         (bytes, size, count, file))
 FAILING(lseek, -1, off_t, lseek64, (int fd, off_t offset, int from), (fd, offset, from))
 FAILING(truncate, -1, int, ftruncate64, (int fd, off_t size), (fd, size))
+FAILING(sync, -1, int, fdatasync, (int fd), (fd))
+FAILING(sync, -1, int, fsync, (int fd), (fd))
 FAILING(memory, nullptr, void *, malloc, (std::size_t size), (size))
 FAILING(memory, nullptr, void *, calloc, (std::size_t count, std::size_t size), (count, size))
 FAILING(memory, nullptr, void *, realloc, (void *memory, std::size_t size), (memory, size))

@@ -53,6 +53,7 @@ enum class StationCall : std::int32_t {
     fclose,
     lseek,
     truncate,
+    sync, ///< fdatasync and fsync
     memory,
     fork,
     thread,
@@ -91,6 +92,7 @@ struct StationPage {
     StationTimer timer;
     StationMmc mmc;
     StationDisk disks[16];
+    bool uses_disk; ///< fdatasync and fsync wait for it; else they do nothing
     StationFault fault;
     std::atomic<std::uint32_t> calls; ///< of the kind that `fault` names, so far
 };

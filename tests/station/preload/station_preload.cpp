@@ -136,6 +136,8 @@ int ask_mmc(mmc_ioc_cmd *command) {
     return mmc.result;
 }
 
+bool uses_disk() { return page == nullptr || page->uses_disk; }
+
 } // namespace
 
 // With 64-bit times on a 32-bit board the headers give these their __..64 names, as they do in the daemon.
@@ -192,6 +194,10 @@ int sigwaitinfo(const sigset_t *set, siginfo_t *info) {
 int sigtimedwait(const sigset_t *set, siginfo_t *info, const timespec *timeout) {
     return take_signal(set, info, timeout);
 }
+
+int fdatasync(int fd) { return uses_disk() ? static_cast<int>(syscall(SYS_fdatasync, fd)) : 0; }
+
+int fsync(int fd) { return uses_disk() ? static_cast<int>(syscall(SYS_fsync, fd)) : 0; }
 
 // With 64-bit file offsets this is statvfs64, as in the daemon.
 int statvfs(const char *path, struct statvfs *result) noexcept { return ask_disk(path, result, "statvfs64"); }

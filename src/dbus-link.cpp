@@ -1,6 +1,7 @@
 #include "dbus-link.h"
 
 #include "dbus-signals.h"
+#include "dbus-srv.h"
 #include "gdata.h"
 #include "immortal.h"
 #include "mutex_lock.h"
@@ -70,6 +71,11 @@ void bus_link_set(BusLink state, DBusConnection *connection) {
 BusLinkView bus_link_get() {
     const MutexLock lock(link_lock);
     return {link_state, bus_share(link_connection.get().get())};
+}
+
+bool d_bus_srv_is_off_bus() {
+    const MutexLock lock(link_lock);
+    return link_state == BusLink::lost || link_state == BusLink::ended;
 }
 
 BusConnection bus_connect(BusError &error) {

@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <strings.h>
 #include <sys/uio.h>
+#include <utility>
 
 constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
     {-2, 1, "FAIL"},
@@ -107,6 +108,9 @@ template <std::size_t N> bool write_whole(const Descriptor &stream, bool is_file
     return written >= 0;
 }
 
+/// Of a pass with both, a loss counts. Keeps errno.
+void note_outcome(LogfileState &log, bool written) { log.pass_error = std::max(log.pass_error, written ? 0 : errno); }
+
 /// False with errno when the header was lost.
 bool write_header(const Descriptor &file, const char *occasion) {
     const TextHandle block = logfile_header_text(stamp(), occasion);
@@ -157,12 +161,14 @@ void flush_standard_streams(const LogfileState &log) {
 }
 
 /// Writes what the level lets pass; false with errno when it was lost.
-bool write_entry(const LogfileState &log, std::int32_t state, const char *text, int mark) {
-    if (mark == 1) {
-        return write_marker(log, text);
-    }
+bool write_entry(LogfileState &log, std::int32_t state, const char *text, int mark) {
     const LogfileStateRow &row = row_of(state);
-    return row.level > log.loglevel || write_record(log, row.label, text);
+    if (mark != 1 && row.level > log.loglevel) {
+        return true;
+    }
+    const bool written = mark == 1 ? write_marker(log, text) : write_record(log, row.label, text);
+    note_outcome(log, written);
+    return written;
 }
 
 void rotate_when_full(LogfileState &log) {
@@ -178,9 +184,11 @@ void rotate_when_full(LogfileState &log) {
 void take_name(LogfileState &log, const char *name) {
     const bool bare = same_name(name, "/dev/null") || same_name(name, "stderr") || same_name(name, "stdout");
     if (!bare && !open_for_append(name)) {
+        note_outcome(log, false);
         return;
     }
     log.logfile_name.reset(strdup(name));
+    note_outcome(log, static_cast<bool>(log.logfile_name));
     if (!bare && log.logfile_name) {
         lf_header(log.logfile_name.get());
     }
@@ -213,6 +221,7 @@ void lf_header(const char *name) {
     LogfileState &log = logfile_state();
     const Descriptor file = open_for_append(name);
     if (!file || !write_header(file, log.logfile_header_written == 0 ? "START" : "ROTATE")) {
+        note_outcome(log, false);
         trace(TRACE_TRACE, "%s: %s", name, std::strerror(errno));
         return;
     }
@@ -227,6 +236,7 @@ void lf_print(std::int32_t state, const char *text, int mark) {
             return;
         }
         if (!open_stream(log)) {
+            note_outcome(log, false);
             trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
             return;
         }
@@ -261,6 +271,14 @@ int logfile_run(Task *task) {
         logfile_exec(task);
     }
     return 0;
+}
+
+int logfile_pass_error() {
+    LogfileState &log = logfile_state();
+    if (log.pass_error != -1) {
+        log.last_error = std::exchange(log.pass_error, -1);
+    }
+    return log.last_error;
 }
 
 int logfile_cleanup() {

@@ -3,6 +3,7 @@
 // The bus service: what the rest of the daemon uses of the issue registry and its face on the system
 // bus. None of these operations ever waits for the bus.
 
+#include <cstddef>
 #include <cstdint>
 
 /// Prepares the registry and starts the bus threads; 0, or -1 when a thread could not be started.
@@ -10,7 +11,9 @@ int d_bus_srv_init();
 /// Reports a change of a task's state to the issue `id`: 0 is good, anything else is failing.
 /// Returns 0, for an unknown id too.
 int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state);
-/// The number of issues that are raised.
-int d_bus_srv_raised_issues();
+/// Writes the labels of the raised issues, "CB07, CB20"; "" when there are none. 256 bytes hold all.
+void d_bus_srv_raised_labels(char *text, std::size_t size);
+/// Whether the bus was lost, or never there; not while the daemon is still on its way to it.
+bool d_bus_srv_is_off_bus();
 /// Announces what was raised and cleared since `now`, the start of the pass; returns 0.
 int d_bus_srv_send_issues(std::int64_t now);

@@ -44,6 +44,8 @@ struct LogfileState {
     std::int32_t loglevel = LOGLEVEL_OK;
     std::int32_t logsize = 1048576;
     std::int32_t logcount = 10;
+    int pass_error = -1;         ///< of what was written in this pass: 0 or the errno of a loss; -1 for nothing yet
+    int last_error = 0;          ///< the same of the last pass in which there was something to write
     std::time_t stamp_time = -1; ///< that of `stamp`; -1 is none
     std::array<char, sizeof "0000-00-00 00:00:00"> stamp{};
 };
@@ -60,6 +62,9 @@ void logfile_follow_name();
 int logfile_run(Task *task);
 /// Writes the task's record; returns 0.
 int logfile_exec(Task *task);
+/// Ends a pass: the errno with which records were lost in it, 0 when none was. A pass without a record is
+/// as the one before.
+int logfile_pass_error();
 /// Writes the closing block and leaves the stream open; returns 0.
 int logfile_cleanup();
 /// Appends a header block to the file `name`; nothing when it cannot be opened.

@@ -3,12 +3,18 @@
 // What the daemon tells the service manager of itself. All of it is silent where nobody asks for it
 // (NOTIFY_SOCKET), and none of it ever waits: a manager that hangs must not stop the monitoring.
 
-#include <cstdint>
+/// How the station stands after a pass.
+struct PassStatus {
+    const char *raised_issues = ""; ///< their labels, "" when there are none
+    bool is_off_bus = false;        ///< nobody can ask for the issues
+    int status_log_error = 0;       ///< the errno with which records were lost, or 0
+    unsigned lost_traces = 0;       ///< since the start
+};
 
 /// The daemon is up: its scheduler starts.
 void supervision_ready();
-/// A whole pass is over, that of the time `now` (seconds since the epoch): the keep-alive, and a
-/// status text with the number of raised issues.
-void supervision_pass_done(std::int64_t now, int raised_issues);
+/// A whole pass is over: the keep-alive, and a status text when it differs from the one before. A bus or a
+/// status log that was lost, or is there again, is also one trace of level 1.
+void supervision_pass_done(const PassStatus &status);
 /// The daemon is about to end.
 void supervision_stopping();

@@ -132,6 +132,9 @@ template <std::size_t N> bool write_whole(LogfileState &log, const std::array<io
     return write_whole(log, log.logfile_stream, pieces);
 }
 
+/// Of a pass with both, a loss counts. Keeps errno.
+void note_outcome(LogfileState &log, bool written) { log.pass_error = std::max(log.pass_error, written ? 0 : errno); }
+
 /// False with errno when the header was lost.
 bool write_header(LogfileState &log, const Descriptor &file) {
     const TextHandle block = logfile_header_text(stamp(), log.logfile_header_written == 0 ? "START" : "ROTATE");
@@ -198,11 +201,13 @@ void flush_standard_streams(const LogfileState &log) {
 
 /// Writes what the level lets pass; false with errno when it was lost.
 bool write_entry(LogfileState &log, std::int32_t state, const char *text, int mark) {
-    if (mark == 1) {
-        return write_marker(log, text);
-    }
     const LogfileStateRow &row = row_of(state);
-    return row.level > log.loglevel || write_record(log, row.label, text);
+    if (mark != 1 && row.level > log.loglevel) {
+        return true;
+    }
+    const bool written = mark == 1 ? write_marker(log, text) : write_record(log, row.label, text);
+    note_outcome(log, written);
+    return written;
 }
 
 /// The packing of a log of the default size takes some 4 s on the board, and the service manager waits 30 s.
@@ -241,9 +246,11 @@ void rotate_when_full(LogfileState &log) {
 void take_name(LogfileState &log, const char *name) {
     const bool bare = same_name(name, "/dev/null") || same_name(name, "stderr") || same_name(name, "stdout");
     if (!bare && !open_for_append(name)) {
+        note_outcome(log, false);
         return;
     }
     log.logfile_name.reset(strdup(name));
+    note_outcome(log, static_cast<bool>(log.logfile_name));
     if (!bare && log.logfile_name) {
         file_rotate_leftover(name);
         lf_header(log.logfile_name.get());
@@ -277,6 +284,7 @@ void lf_header(const char *name) {
     LogfileState &log = logfile_state();
     const Descriptor file = open_for_append(name);
     if (!file || !write_header(log, file)) {
+        note_outcome(log, false);
         trace(TRACE_TRACE, "%s: %s", name, std::strerror(errno));
         return;
     }
@@ -291,6 +299,7 @@ void lf_print(std::int32_t state, const char *text, int mark) {
             return;
         }
         if (!open_stream(log)) {
+            note_outcome(log, false);
             trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
             return;
         }
@@ -348,6 +357,14 @@ int logfile_run(Task *task) {
         logfile_exec(task);
     }
     return 0;
+}
+
+int logfile_pass_error() {
+    LogfileState &log = logfile_state();
+    if (log.pass_error != -1) {
+        log.last_error = std::exchange(log.pass_error, -1);
+    }
+    return log.last_error;
 }
 
 int logfile_cleanup() {

@@ -14,6 +14,7 @@
 #include "timer.h"
 #include "trace.h"
 
+#include <array>
 #include <ctime>
 
 namespace {
@@ -38,6 +39,14 @@ void run_pipeline(Task *task) {
     notifier(task);
     logger(task);
     logfile_run(task);
+}
+
+void tell_manager() {
+    std::array<char, 256> labels{};
+    d_bus_srv_raised_labels(labels.data(), labels.size());
+    supervision_pass_done({.raised_issues = labels.data(),
+                           .is_off_bus = d_bus_srv_is_off_bus(),
+                           .status_log_error = logfile_pass_error()});
 }
 
 } // namespace
@@ -74,7 +83,7 @@ void scheduler() {
         const std::int64_t now = std::time(nullptr); // before the block, so that a waiting beat is not dated late
         timer_suspend();
         scheduler_pass(now);
-        supervision_pass_done(now, d_bus_srv_raised_issues());
+        tell_manager();
         timer_continue();
         runrun_wait();
     }

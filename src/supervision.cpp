@@ -3,7 +3,6 @@
 #include "handle.h"
 #include "no_destructor.h"
 #include "text_buffer.h"
-#include "time_of_day.h"
 #include "trace.h"
 
 #include <array>
@@ -17,7 +16,13 @@
 
 namespace {
 
-constinit NoDestructor<Descriptor> notify_socket; // open from the first message on, as long as the process lives
+/// Room for all labels and the longest error of the C library.
+using StatusText = std::array<char, 448>;
+
+constinit StatusText told_status{}; // the last that the manager took
+constinit PassStatus told_sentences;
+
+constinit NoDestructor<Descriptor> notify_socket; // opened by the first message
 
 /// Writes where the manager listens: a path, or behind an @ a name of the abstract kind. The address's
 /// size, 0 when nobody asks.
@@ -36,12 +41,13 @@ socklen_t notify_address(sockaddr_un *address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (is_path ? 1 : 0));
 }
 
-/// Sends by hand: the library's sd_notify waits for room at a manager that does not read.
-void notify(const char *message) {
+/// Sends by hand: the library's sd_notify waits for room at a manager that does not read. True when the
+/// manager has it.
+bool notify(const char *message) {
     sockaddr_un address{};
     const socklen_t size = notify_address(&address);
     if (size == 0) {
-        return;
+        return false;
     }
     Descriptor &socket_ = notify_socket.get();
     if (!socket_) {
@@ -50,20 +56,77 @@ void notify(const char *message) {
     if (sendto(socket_.get(), message, std::strlen(message), MSG_DONTWAIT | MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr *>(&address), size) < 0) {
         trace(TRACE_TRACE, "FAILED: %s", std::strerror(errno));
+        return false;
     }
+    return true;
+}
+
+StatusText status_text(const PassStatus &status) {
+    StatusText array{};
+    TextBuffer text(array.data(), array.size());
+    text.append("Raised issues: ");
+    text.append(*status.raised_issues == '\0' ? "none" : status.raised_issues);
+    if (status.is_off_bus) {
+        text.append("; not on the bus");
+    }
+    if (status.status_log_error != 0) {
+        text.append("; status log cannot be written: ");
+        text.append(std::strerror(status.status_log_error));
+    }
+    if (status.lost_traces != 0) {
+        text.append_format("; traces lost: %u", status.lost_traces);
+    }
+    return array;
+}
+
+/// The keep-alive alone while the status is the same: a new one makes the manager announce it on the bus.
+void keep_alive(const StatusText &status) {
+    const bool is_new = status != told_status;
+    std::array<char, sizeof(StatusText) + sizeof "WATCHDOG=1\nSTATUS="> message{};
+    TextBuffer text(message.data(), message.size());
+    text.append("WATCHDOG=1");
+    if (is_new) {
+        text.append("\nSTATUS=");
+        text.append(status.data());
+    }
+    if (notify(message.data()) && is_new) {
+        told_status = status;
+    }
+}
+
+/// What an operator must find in a journal that keeps no traces of higher levels.
+void say_changes(const PassStatus &status) {
+    if (status.is_off_bus != told_sentences.is_off_bus) {
+        trace(TRACE_INFO, "%s", status.is_off_bus ? "not on the bus" : "on the bus again");
+    }
+    if (status.status_log_error != told_sentences.status_log_error) {
+        if (status.status_log_error != 0) {
+            trace(TRACE_INFO, "status log cannot be written: %s", std::strerror(status.status_log_error));
+        } else {
+            trace(TRACE_INFO, "status log is written again");
+        }
+    }
+    told_sentences = status;
+}
+
+bool is_asked() {
+    sockaddr_un address{};
+    return notify_address(&address) != 0;
 }
 
 } // namespace
 
-void supervision_ready() { notify("READY=1"); }
+void supervision_ready() {
+    told_status = {};
+    told_sentences = {};
+    notify("READY=1");
+}
 
-void supervision_pass_done(std::int64_t now, int raised_issues) {
-    std::array<char, 128> message{};
-    const TimeOfDay time = utc_time_of_day(now);
-    TextBuffer(message.data(), message.size())
-        .append_format("WATCHDOG=1\nSTATUS=Last heartbeat at %02d:%02d:%02d UTC, raised issues: %d", time.hour,
-                       time.minute, time.second, raised_issues);
-    notify(message.data());
+void supervision_pass_done(const PassStatus &status) {
+    if (is_asked()) {
+        keep_alive(status_text(status));
+        say_changes(status);
+    }
 }
 
 void supervision_stopping() { notify("STOPPING=1"); }

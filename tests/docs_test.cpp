@@ -166,6 +166,17 @@ TEST(Catalogue, HasTheFiguresOfTheTasks) {
     }
 }
 
+TEST(Version, IsTheBuildsInBothChangelogs) {
+    const std::string version = PROJECT_VERSION;
+    EXPECT_THAT(read_file(DOCS_FOLDER "/../CHANGELOG.md"), testing::StartsWith("# Changelog\n\n## " + version + "\n"));
+    EXPECT_THAT(read_file(DOCS_FOLDER "/../debian/changelog"), testing::StartsWith("vigmond (" + version + ") "));
+}
+
+TEST(License, IsThatOfThePackage) {
+    EXPECT_THAT(read_file(DOCS_FOLDER "/../LICENSE"), HasSubstr("License: "));
+    EXPECT_EQ(read_file(DOCS_FOLDER "/../LICENSE"), read_file(DOCS_FOLDER "/../debian/copyright"));
+}
+
 TEST(Example, IsTheProgramInTheDocument) {
     const std::string program = read_file(DOCS_FOLDER "/examples/watch_issues.cpp");
     ASSERT_NE(program, "");

@@ -3,6 +3,7 @@
 #include "logfile_rig.h"
 #include "process_state.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -54,6 +55,54 @@ TEST_F(FullDiskTest, SaysThatTheRecordIsLost) {
     lf_print(0, "x", 0);
     EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
     EXPECT_THAT(traces.texts_of("cut_back"), IsEmpty());
+}
+
+TEST_F(FullDiskTest, TellsThatAPassHasLostARecord) {
+    use(path);
+    EXPECT_EQ(logfile_pass_error(), 0);
+    lf_print(0, "x", 0);
+    EXPECT_EQ(logfile_pass_error(), 0);
+    {
+        const FileSizeLimit full(30);
+        lf_print(0, "lost", 0);
+    }
+    lf_print(0, "written", 0);
+    EXPECT_EQ(logfile_pass_error(), ENOSPC);
+    EXPECT_EQ(logfile_pass_error(), ENOSPC) << "a pass without records is as the one before";
+    logfile_state().loglevel = LOGLEVEL_FAIL;
+    lf_print(0, "left out", 0);
+    EXPECT_EQ(logfile_pass_error(), ENOSPC) << "and so is one whose records are of no interest";
+    lf_print(2, "written", 0);
+    EXPECT_EQ(logfile_pass_error(), 0);
+}
+
+TEST_F(FullDiskTest, TellsThatAPassHasLostAHeader) {
+    use(path);
+    {
+        const FileSizeLimit full(10);
+        lf_header(path.c_str());
+    }
+    EXPECT_EQ(logfile_pass_error(), ENOSPC);
+}
+
+TEST_F(FullDiskTest, TellsThatTheFileCannotBeOpened) {
+    use(folder / "missing/logfile");
+    lf_print(0, "x", 0);
+    EXPECT_EQ(logfile_pass_error(), ENOENT);
+}
+
+TEST_F(FullDiskTest, TellsForGoodThatTheFileCouldNotBeOpenedAtTheStart) {
+    start((folder / "missing/logfile").c_str());
+    lf_print(0, "x", 0);
+    EXPECT_EQ(logfile_pass_error(), ENOENT);
+    lf_print(0, "x", 0);
+    EXPECT_EQ(logfile_pass_error(), ENOENT);
+}
+
+TEST_F(FullDiskTest, TellsNothingOfALogThatIsSwitchedOff) {
+    start("/dev/null");
+    lf_print(0, "x", 0);
+    EXPECT_EQ(logfile_pass_error(), 0);
 }
 
 TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {

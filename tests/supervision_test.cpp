@@ -9,6 +9,7 @@
 #include "scratch_folder.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -16,6 +17,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <vector>
 
@@ -24,8 +26,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
-
-constexpr std::int64_t NOON = 1700049600; // of 15 November 2023
 
 /// What the manager listens at: a path, or behind an @ a name of the abstract kind.
 class NotifySocket {
@@ -44,7 +44,7 @@ class NotifySocket {
     /// The messages that have come.
     [[nodiscard]] std::vector<std::string> take() const {
         std::vector<std::string> messages;
-        std::array<char, 256> buffer{};
+        std::array<char, 1024> buffer{};
         ssize_t size = 0;
         while ((size = recv(fd_.get(), buffer.data(), buffer.size(), 0)) >= 0) {
             messages.emplace_back(buffer.data(), static_cast<std::size_t>(size));
@@ -60,6 +60,11 @@ class Supervision : public testing::Test {
   protected:
     void SetUp() override { ask_at(folder / "notify"); }
     void TearDown() override { unsetenv("NOTIFY_SOCKET"); }
+    /// As a daemon that has told nothing yet.
+    void start() const {
+        supervision_ready();
+        static_cast<void>(manager.take());
+    }
     static void ask_at(const std::string &name) { setenv("NOTIFY_SOCKET", name.c_str(), 1); }
 
     ScratchFolder folder;
@@ -76,11 +81,84 @@ TEST_F(Supervision, SaysThatItStops) {
     EXPECT_THAT(manager.take(), ElementsAre("STOPPING=1"));
 }
 
-TEST_F(Supervision, KeepsAliveAndTellsItsStatusInOneMessageAPass) {
-    supervision_pass_done(NOON, 0);
-    supervision_pass_done(NOON + 3723, 12);
-    EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Last heartbeat at 12:00:00 UTC, raised issues: 0",
-                                            "WATCHDOG=1\nSTATUS=Last heartbeat at 13:02:03 UTC, raised issues: 12"));
+TEST_F(Supervision, KeepsAliveAfterEachPassAndTellsAStatusWhenItIsNew) {
+    start();
+    supervision_pass_done({});
+    supervision_pass_done({});
+    supervision_pass_done({.raised_issues = "CB07, CB20"});
+    supervision_pass_done({.raised_issues = "CB07, CB20"});
+    supervision_pass_done({});
+    EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: none", "WATCHDOG=1",
+                                            "WATCHDOG=1\nSTATUS=Raised issues: CB07, CB20", "WATCHDOG=1",
+                                            "WATCHDOG=1\nSTATUS=Raised issues: none"));
+}
+
+TEST_F(Supervision, TellsInItsStatusWhatIsWrong) {
+    start();
+    supervision_pass_done({.is_off_bus = true});
+    supervision_pass_done({.status_log_error = ENOSPC});
+    supervision_pass_done({.lost_traces = 12});
+    supervision_pass_done({.raised_issues = "CB20", .is_off_bus = true, .status_log_error = EACCES, .lost_traces = 13});
+    EXPECT_THAT(manager.take(),
+                ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: none; not on the bus",
+                            "WATCHDOG=1\nSTATUS=Raised issues: none; status log cannot be written: "
+                            "No space left on device",
+                            "WATCHDOG=1\nSTATUS=Raised issues: none; traces lost: 12",
+                            "WATCHDOG=1\nSTATUS=Raised issues: CB20; not on the bus; status log cannot be written: "
+                            "Permission denied; traces lost: 13"));
+}
+
+TEST_F(Supervision, HasRoomForAllThatCanBeWrongAtOnce) {
+    std::string labels = "CBnn";
+    for (int id = 32; id >= 0; --id) {
+        labels = "CB" + std::to_string(id) + ", " + labels;
+    }
+    start();
+    supervision_pass_done({.raised_issues = labels.c_str(),
+                           .is_off_bus = true,
+                           .status_log_error = EILSEQ, // of the longest texts one
+                           .lost_traces = 4294967295});
+    const std::vector<std::string> messages = manager.take();
+    ASSERT_THAT(messages, SizeIs(1));
+    EXPECT_THAT(messages[0], testing::EndsWith("traces lost: 4294967295"));
+}
+
+TEST_F(Supervision, TellsAStatusAgainThatTheManagerDidNotTake) {
+    start();
+    const CapturedTraces traces;
+    while (traces.all().empty()) {
+        supervision_pass_done({});
+    }
+    static_cast<void>(manager.take());
+    supervision_pass_done({.raised_issues = "CB20"});
+    EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: CB20"));
+    while (traces.all().size() < 2) {
+        supervision_pass_done({.raised_issues = "CB20"});
+    }
+    supervision_pass_done({.raised_issues = "CB21"}); // is lost
+    static_cast<void>(manager.take());
+    supervision_pass_done({.raised_issues = "CB21"});
+    EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: CB21"));
+}
+
+TEST_F(Supervision, SaysOnceAChangeThatTheBusOrTheStatusLogIsLostOrThereAgain) {
+    start();
+    const CapturedTraces traces;
+    const auto pass = [](bool is_off_bus, int error) {
+        supervision_pass_done({.is_off_bus = is_off_bus, .status_log_error = error});
+        supervision_pass_done({.is_off_bus = is_off_bus, .status_log_error = error});
+    };
+    pass(false, 0);
+    EXPECT_THAT(traces.all(), IsEmpty());
+    pass(true, 0);
+    pass(true, ENOSPC);
+    pass(true, EACCES);
+    pass(false, 0);
+    EXPECT_THAT(traces.texts_of("say_changes"),
+                ElementsAre("not on the bus", "status log cannot be written: No space left on device",
+                            "status log cannot be written: Permission denied", "on the bus again",
+                            "status log is written again"));
+    EXPECT_THAT(traces.all(), testing::Each(testing::Field(&CapturedTrace::priority, LOG_INFO)));
 }
 
 TEST_F(Supervision, FindsASocketOfTheAbstractKind) {
@@ -112,7 +190,7 @@ TEST_F(Supervision, IsSilentWhereNobodyAsks) {
     const CapturedTraces traces;
     unsetenv("NOTIFY_SOCKET");
     supervision_ready();
-    supervision_pass_done(NOON, 1);
+    supervision_pass_done({.raised_issues = "CB20", .is_off_bus = true});
     supervision_stopping();
     EXPECT_THAT(manager.take(), IsEmpty());
     EXPECT_THAT(traces.all(), IsEmpty());
@@ -141,7 +219,7 @@ TEST_F(Supervision, DoesNotWaitForAManagerThatDoesNotRead) {
     const CapturedTraces traces;
     int sent = 0;
     while (traces.all().empty()) {
-        supervision_pass_done(NOON, 0);
+        supervision_pass_done({});
         ++sent;
     }
     EXPECT_THAT(traces.texts_of("notify"), ElementsAre("FAILED: Resource temporarily unavailable"));
@@ -156,12 +234,12 @@ std::ptrdiff_t open_descriptors() {
 }
 
 TEST_F(Supervision, NeitherAllocatesNorKeepsMoreDescriptorsAPass) {
-    supervision_pass_done(NOON, 0);
+    supervision_pass_done({});
     EXPECT_THAT(manager.take(), SizeIs(1));
     const int allocations = allocation_count();
     const std::ptrdiff_t descriptors = open_descriptors();
     for (int pass = 1; pass <= 100; ++pass) {
-        supervision_pass_done(NOON + pass, pass);
+        supervision_pass_done({.status_log_error = pass % 3, .lost_traces = static_cast<unsigned>(pass)});
         EXPECT_THAT(manager.take(), SizeIs(1));
     }
     EXPECT_EQ(open_descriptors(), descriptors);

@@ -2,6 +2,7 @@
 
 #include "dbus-srv.h"
 #include "dbus-srv/mutex_lock.h"
+#include "text_buffer.h"
 #include "trace.h"
 
 #include <algorithm>
@@ -85,10 +86,15 @@ int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state) {
     return 0;
 }
 
-int d_bus_srv_raised_issues() {
+void d_bus_srv_raised_labels(char *text, std::size_t size) {
+    TextBuffer labels(text, size);
     const MutexLock lock(registry_lock);
-    return static_cast<int>(std::count_if(issue_registry.begin(), issue_registry.end(),
-                                          [](const Issue &issue) { return issue.count > 0; }));
+    for (const Issue &issue : issue_registry) {
+        if (issue.count > 0) {
+            labels.append(*labels.c_str() == '\0' ? "" : ", ");
+            labels.append(issue.label);
+        }
+    }
 }
 
 int d_bus_srv_ID_is_enabled(std::uint32_t id) {

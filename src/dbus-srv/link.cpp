@@ -1,5 +1,6 @@
 #include "dbus-srv/link.h"
 
+#include "dbus-srv.h"
 #include "dbus-srv/mutex_lock.h"
 #include "dbus-srv/queue.h"
 #include "gdata.h"
@@ -132,6 +133,11 @@ void bus_link_set(BusLink state, DBusConnection *connection) {
 BusLinkView bus_link_get() {
     const MutexLock lock(link_lock);
     return {link_state, bus_share(link_connection.get().get())};
+}
+
+bool d_bus_srv_is_off_bus() {
+    const MutexLock lock(link_lock);
+    return link_state == BusLink::nameless || link_state == BusLink::lost || link_state == BusLink::ended;
 }
 
 BusConnection bus_connect(BusError &error) {

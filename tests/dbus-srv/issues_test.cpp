@@ -6,6 +6,7 @@
 #include "dbus-srv/methods.h"
 #include "dbus-srv/signals.h"
 
+#include <array>
 #include <cstdarg>
 #include <cstdint>
 #include <ctime>
@@ -95,15 +96,32 @@ TEST(IssueRegistryTest, IsStaticallyClearAndEnabled) {
     EXPECT_EQ(issue_registry[34].enabled, 0);
 }
 
-TEST_F(IssuesTest, CountsTheRaisedOnesOnceEach) {
-    EXPECT_EQ(d_bus_srv_raised_issues(), 0);
+std::string raised_labels() {
+    std::array<char, 256> labels{"left over"};
+    d_bus_srv_raised_labels(labels.data(), labels.size());
+    return labels.data();
+}
+
+TEST_F(IssuesTest, NamesTheRaisedOnesOnceEach) {
+    EXPECT_EQ(raised_labels(), "");
+    d_bus_srv_issue_update(99, -1);
     d_bus_srv_issue_update(5, 1);
     d_bus_srv_issue_update(5, 2);
-    d_bus_srv_issue_update(99, -1);
-    EXPECT_EQ(d_bus_srv_raised_issues(), 2);
+    EXPECT_EQ(raised_labels(), "CB05, CBnn");
+    d_bus_srv_issue_update(5, 0);
+    EXPECT_EQ(raised_labels(), "CB05, CBnn");
     d_bus_srv_issue_update(99, 0);
-    EXPECT_EQ(d_bus_srv_raised_issues(), 1);
-    EXPECT_EQ(lock_traces.size(), 2U * 5U) << "of the reports and the start alone: it is asked in each pass";
+    EXPECT_EQ(raised_labels(), "CB05");
+    EXPECT_EQ(lock_traces.size(), 2U * 6U) << "of the reports and the start alone: it is asked in each pass";
+}
+
+TEST_F(IssuesTest, NamesAllInTheRoomThatIsAskedFor) {
+    for (std::uint32_t id = 0; id <= 32; ++id) {
+        d_bus_srv_issue_update(id, 1);
+    }
+    d_bus_srv_issue_update(99, 1);
+    EXPECT_EQ(raised_labels().size(), 34U * 6U - 2U); // each with a comma and a blank, but the last
+    EXPECT_EQ(raised_labels().substr(192), "CB32, CBnn");
 }
 
 TEST_F(IssuesTest, StartDatesAllRowsOneSecondBack) {

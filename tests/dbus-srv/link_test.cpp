@@ -3,6 +3,7 @@
 #include "dbus-srv/link.h"
 
 #include "bus_daemon.h"
+#include "dbus-srv.h"
 #include "message_bytes.h"
 #include "other_process.h"
 #include "private_bus.h"
@@ -65,6 +66,17 @@ TEST(BusPauseTest, DoublesFromOneSecondToSixty) {
     }
     EXPECT_THAT(pauses, testing::ElementsAre(1, 2, 4, 8, 16, 32, 60, 60, 60));
     EXPECT_EQ(bus_pause_seconds(4294967295), 60U);
+}
+
+TEST(BusLinkTest, IsOffTheBusWhenItWasLostOrNeverThere) {
+    EXPECT_FALSE(d_bus_srv_is_off_bus()) << "it has not been tried yet";
+    bus_link_set(BusLink::serving, nullptr);
+    EXPECT_FALSE(d_bus_srv_is_off_bus());
+    bus_link_set(BusLink::lost, nullptr);
+    EXPECT_TRUE(d_bus_srv_is_off_bus());
+    bus_link_set(BusLink::ended, nullptr);
+    EXPECT_TRUE(d_bus_srv_is_off_bus());
+    bus_link_set(BusLink::starting, nullptr);
 }
 
 /// Gets all that is announced on the bus.

@@ -1,45 +1,86 @@
 // What the service manager hears of the daemon.
 
+#include "bus_station.h"
 #include "capture.h"
-#include "station.h"
 
+#include <algorithm>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
+#include <vector>
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 namespace {
 
-class Supervision : public testing::Test {
+constexpr const char *ALIVE = "WATCHDOG=1";
+constexpr const char *NO_ISSUE = "WATCHDOG=1\nSTATUS=Raised issues: none";
+
+class Supervision : public BusStation {
   protected:
-    void SetUp() override { station.environment = {"NOTIFY_SOCKET=/run/notify"}; }
-    static std::string after_pass(const std::string &time, int raised) {
-        return "WATCHDOG=1\nSTATUS=Last heartbeat at " + time + " UTC, raised issues: " + std::to_string(raised);
+    Supervision() : BusStation(even_board().folder("/run")) {
+        station.environment.emplace_back("NOTIFY_SOCKET=/run/notify");
+    }
+    /// Waits, heartbeat after heartbeat, for a message of the status.
+    void expect_status(const std::string &text) {
+        std::vector<std::string> messages;
+        for (int i = 0; i < 1000 && !std::count(messages.begin(), messages.end(), "WATCHDOG=1\nSTATUS=" + text); ++i) {
+            station.step();
+            messages = manager.take();
+        }
+        EXPECT_THAT(messages, Contains("WATCHDOG=1\nSTATUS=" + text));
     }
 
-    Station station{Board().folder("/run")};
     DatagramSocket manager{station.files().host_path("/run/notify")};
 };
 
 TEST_F(Supervision, IsReadyBeforeTheFirstPassAndAliveAfterEach) {
     station.start();
-    EXPECT_THAT(manager.take(), ElementsAre("READY=1", after_pass("12:00:07", 0)));
+    EXPECT_THAT(manager.take(), ElementsAre("READY=1", NO_ISSUE));
     station.step(3);
-    EXPECT_THAT(manager.take(), ElementsAre(after_pass("12:00:10", 0)));
+    EXPECT_THAT(manager.take(), ElementsAre(ALIVE));
     station.step();
-    EXPECT_THAT(manager.take(), ElementsAre(after_pass("12:00:20", 0)));
+    EXPECT_THAT(manager.take(), ElementsAre(ALIVE));
 }
 
-TEST_F(Supervision, CountsTheIssuesRaised) {
+TEST_F(Supervision, NamesTheIssuesRaised) {
     station.start();
     station.temperature(90000);
     station.step(3);
     station.heartbeats(3);
     static_cast<void>(manager.take());
     station.step(); // the fifth hot one, with which CB20 is raised
-    EXPECT_THAT(manager.take(), ElementsAre(after_pass("12:00:50", 1)));
+    EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: CB20"));
+}
+
+TEST_F(Supervision, TellsThatTheBusIsLostAndThereAgain) {
+    station.start();
+    BusClient(bus).wait_for_owner(SERVICE_NAME);
+    bus.stop();
+    expect_status("Raised issues: none; not on the bus");
+    EXPECT_THAT(station.trace().messages_with("not on the bus"), SizeIs(1));
+    bus.start();
+    BusClient(bus).wait_for_owner(SERVICE_NAME);
+    expect_status("Raised issues: none");
+    EXPECT_THAT(station.trace().messages_with("on the bus again"), SizeIs(1));
+}
+
+TEST_F(Supervision, TellsThatThereWasNoBus) {
+    bus.stop();
+    station.start();
+    expect_status("Raised issues: none; not on the bus");
+}
+
+TEST_F(Supervision, TellsThatTheStatusLogHasNoRoom) {
+    station.file_size = 2000; // less than its header
+    station.start();
+    EXPECT_THAT(manager.take(), Contains("WATCHDOG=1\nSTATUS=Raised issues: none; status log cannot be written: "
+                                         "No space left on device"));
+    EXPECT_THAT(station.trace().messages_with("status log cannot be written"), SizeIs(1));
 }
 
 TEST_F(Supervision, IsNotAliveBeforeAPassIsOver) {
@@ -53,7 +94,7 @@ TEST_F(Supervision, IsNotAliveBeforeAPassIsOver) {
     EXPECT_THAT(manager.take(), IsEmpty());
     held.release("42000\n");
     station.await_wait_after(before);
-    EXPECT_THAT(manager.take(), ElementsAre(after_pass("12:00:10", 0)));
+    EXPECT_THAT(manager.take(), ElementsAre(ALIVE));
 }
 
 TEST_F(Supervision, SaysThatItStopsWhenASignalEndsIt) {
@@ -72,11 +113,13 @@ TEST_F(Supervision, IsNotReadyWhereItDoesNotRun) {
 }
 
 TEST_F(Supervision, IsSilentWhereNobodyAsks) {
-    station.environment = {};
+    std::erase(station.environment, "NOTIFY_SOCKET=/run/notify");
+    bus.stop();
     station.start();
     station.step(3);
     station.stop();
     EXPECT_THAT(manager.take(), IsEmpty());
+    EXPECT_THAT(station.trace().messages_with("not on the bus"), IsEmpty());
 }
 
 } // namespace

@@ -12,7 +12,6 @@ namespace {
 
 constexpr const char *LAN_FILE = "/var/lib/evse/etc/systemd/network/eth0.network";
 constexpr const char *WIFI_FILE = "/var/lib/evse/portapi/wifi.conf";
-constexpr std::uint64_t SHORT_TIMEOUT = 100'000;
 
 constinit const ScratchFolder *station = nullptr;
 constinit NetworkCalls calls;
@@ -23,7 +22,6 @@ constinit NetworkCalls calls;
 extern "C" {
 int __real_open64(const char *path, int flags, ...);
 int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
-int __real_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout);
 
 int __wrap_open64(const char *path, int flags, ...) {
     const bool lan = std::strcmp(path, LAN_FILE) == 0;
@@ -38,12 +36,6 @@ int __wrap_open64(const char *path, int flags, ...) {
 int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message) {
     ++calls.processed;
     return __real_sd_bus_process(bus, message);
-}
-
-/// Nobody has to wait for the whole of it.
-int __wrap_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout) {
-    calls.call_timeout = timeout;
-    return __real_sd_bus_set_method_call_timeout(bus, SHORT_TIMEOUT);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

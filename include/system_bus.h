@@ -27,10 +27,12 @@ class UnitError {
     sd_bus_error error_{}; // as SD_BUS_ERROR_NULL, which is a literal of C99
 };
 
-/// Makes sure of a connection, replacing one that has died; 0 or more, or a negative errno.
+/// Makes sure of a connection, replacing one that has died or that others have flooded; 0 or more, or a negative
+/// errno.
 int system_bus_open();
 
-/// Reads a property of the systemd unit at the object `path`; 0 or more, or a negative errno. A call
-/// without an answer ends after 5 s. A connection that died meanwhile is dropped.
+/// Reads a property of the systemd unit at the object `path`; 0 or more, or a negative errno. A call without an
+/// answer ends after 5 s, in which held signals are taken, so that it may not return. The connection of a question
+/// that failed is dropped.
 int system_bus_read_text(const char *path, const char *property, TextHandle *text, UnitError *error);
 int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, UnitError *error);

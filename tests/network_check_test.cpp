@@ -21,7 +21,6 @@ using testing::ElementsAre;
 using testing::StartsWith;
 
 constexpr const char *CHECK = "network_check_daemon";
-constexpr std::uint64_t FIVE_SECONDS = 5'000'000;
 
 // --- when the files are read
 
@@ -38,7 +37,6 @@ TEST(NetworkCheck, ReadsTwiceThenNoMoreWhileNetworkdStandsStill) {
         EXPECT_EQ(rig.systemd.count(NETWORKD, CHANGE_TIME), 3);
         EXPECT_EQ(rig.systemd.total(), 3) << "and nothing else";
         EXPECT_TRUE(network_calls().all_close_on_exec);
-        EXPECT_EQ(network_calls().call_timeout, FIVE_SECONDS);
     });
 }
 
@@ -125,10 +123,8 @@ TEST(NetworkCheck, GivesUpAQuestionWithoutAnAnswer) {
         EXPECT_TRUE(rig.reads());
         EXPECT_TRUE(rig.reads());
         rig.systemd.obey("hold");
-        give_up_calls(true);
         EXPECT_TRUE(rig.reads());
         EXPECT_TRUE(rig.traces.has(CHECK, "get_property FAILEd: ret : -110 (Connection timed out)"));
-        give_up_calls(false);
         rig.systemd.obey("release");
         EXPECT_FALSE(rig.reads()) << "the late answer is not taken for this one's";
     });

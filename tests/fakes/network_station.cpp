@@ -12,12 +12,9 @@ namespace {
 
 constexpr const char *LAN_FILE = "/var/lib/evse/etc/systemd/network/eth0.network";
 constexpr const char *WIFI_FILE = "/var/lib/evse/portapi/wifi.conf";
-constexpr std::uint64_t SOON = 100'000;
-constexpr std::uint64_t A_MINUTE = 60'000'000;
 
 constinit const ScratchFolder *station = nullptr;
 constinit NetworkCalls calls;
-constinit sd_bus *asked = nullptr; // the daemon's last connection
 
 } // namespace
 
@@ -25,7 +22,6 @@ constinit sd_bus *asked = nullptr; // the daemon's last connection
 extern "C" {
 int __real_open64(const char *path, int flags, ...);
 int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
-int __real_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout);
 
 int __wrap_open64(const char *path, int flags, ...) {
     const bool lan = std::strcmp(path, LAN_FILE) == 0;
@@ -41,19 +37,10 @@ int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message) {
     ++calls.processed;
     return __real_sd_bus_process(bus, message);
 }
-
-/// On a busy machine an answer may come later than the daemon would wait.
-int __wrap_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout) {
-    calls.call_timeout = timeout;
-    asked = bus;
-    return __real_sd_bus_set_method_call_timeout(bus, A_MINUTE);
-}
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 void use_system_bus(const std::string &address) { setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1); }
-
-void give_up_calls(bool soon) { __real_sd_bus_set_method_call_timeout(asked, soon ? SOON : A_MINUTE); }
 
 const NetworkCalls &network_calls() { return calls; }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// A station whose network files stand in a scratch folder. Programs linked with --wrap for open64,
-// sd_bus_process and sd_bus_set_method_call_timeout see them in the place of the board's.
+// A station whose network files stand in a scratch folder. Programs linked with --wrap for open64 and
+// sd_bus_process see them in the place of the board's.
 
 #include "captured_traces.h"
 #include "fake_systemd.h"
@@ -20,13 +20,9 @@ struct NetworkCalls {
     int lan_opened = 0;
     int wifi_opened = 0;
     bool all_close_on_exec = true;
-    std::uint64_t call_timeout = 0; ///< in microseconds; a minute is set instead
-    int processed = 0;              ///< how often the bus was processed
+    int processed = 0; ///< how often the bus was processed
 };
 const NetworkCalls &network_calls();
-
-/// Whether calls without an answer are given up soon, or after a minute, from now on; the daemon is connected.
-void give_up_calls(bool soon);
 
 /// The station, without a bus at first. One at a time.
 class Station {

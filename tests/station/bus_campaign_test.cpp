@@ -312,3 +312,40 @@ TEST(SystemBusCampaign, LeavesAFloodOfCallsThatWantNoReplyWithItsSenders) {
     EXPECT_THAT(world.bus().log(), testing::Not(testing::Contains(testing::HasSubstr("Rejected send message"))));
     EXPECT_EQ(station.stop(), 1);
 }
+
+namespace {
+
+/// Signals to the connection over which systemd is asked, as fast as a process of its own can send them.
+class SignalFlood {
+  public:
+    SignalFlood(const PrivateBus &bus, pid_t daemon, const std::string &size)
+        : neighbour_({BUS_FLOOD, std::to_string(daemon), size}, {bus.variable()}) {
+        EXPECT_TRUE(neighbour_.output().wait_for("4 MB sent to"));
+    }
+
+  private:
+    ChildProcess neighbour_;
+};
+
+} // namespace
+
+TEST_F(Campaign, LosesNoHeartbeatInAFloodOfSignals) {
+    const std::chrono::seconds duration(from_environment("STATION_FLOOD_SECONDS", DEFAULT_FLOOD_SECONDS));
+    ASSERT_NO_FATAL_FAILURE(change_state([] {}));
+    const ProcessUsage before = usage_of(station.pid());
+    int states = 1;
+    for (const char *size : {"10", "4000", "1000000"}) {
+        const SignalFlood flood(world.bus(), station.pid(), size);
+        const auto end = std::chrono::steady_clock::now() + duration;
+        while (std::chrono::steady_clock::now() < end) {
+            ASSERT_NO_FATAL_FAILURE(change_state([] {}));
+            ++states;
+        }
+        SCOPED_TRACE(size);
+        expect_as_before(usage_of(station.pid()), before);
+    }
+    ASSERT_NO_FATAL_FAILURE(expect_back());
+    EXPECT_EQ(changes["CB20"], states);
+    EXPECT_FALSE(raised["CB23"]) << "each question was answered";
+    EXPECT_EQ(station.stop(), 1);
+}

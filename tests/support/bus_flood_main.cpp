@@ -1,0 +1,193 @@
+// A hostile neighbour on the bus of DBUS_SYSTEM_BUS_ADDRESS: sends signals to every connection of a process, the
+// later ones too, but not to the one that owns the service's name.
+//   bus_flood PID BYTES       signals with so many bytes each, as fast as it can, until it is killed
+//   bus_flood PID descriptor  one signal, with a socket whose last close waits for a minute
+// Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus begins to refuse them, and
+// "sent to all" when it has done its work once.
+
+#include "dbus_handle.h"
+#include "handle.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <map>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *SERVICE = "com.corvana.vigmond";
+constexpr std::size_t BURST_BYTES = 200'000;
+constexpr std::size_t MEGABYTES = 1'000'000;
+constexpr std::size_t STEP = 4;       ///< in which it tells of them
+constexpr std::size_t OVERHEAD = 400; ///< of a signal, about
+
+DBusConnection *connection = nullptr;
+std::map<std::string, std::size_t> targets; ///< the bytes that have been sent to each
+std::uint32_t victim = 0;
+bool refused = false;
+
+/// Calls a method of the bus, with `name` unless it is empty.
+BusMessage ask_bus(const char *member, const std::string &name = "") {
+    const BusMessage call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
+    const char *const text = name.c_str();
+    if (!name.empty()) {
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, static_cast<const void *>(&text), DBUS_TYPE_INVALID);
+    }
+    return BusMessage(
+        dbus_connection_send_with_reply_and_block(connection, call.get(), DBUS_TIMEOUT_INFINITE, nullptr));
+}
+
+void consider(const std::string &name) {
+    const BusMessage reply = ask_bus("GetConnectionUnixProcessID", name);
+    dbus_uint32_t pid = 0;
+    if (reply && name != dbus_bus_get_unique_name(connection) &&
+        dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_UINT32, &pid, DBUS_TYPE_INVALID) != 0 && pid == victim) {
+        targets.emplace(name, 0);
+    }
+}
+
+void forget_owner_of_service() {
+    const BusMessage reply = ask_bus("GetNameOwner", SERVICE);
+    const char *owner = nullptr;
+    if (reply && dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, static_cast<void *>(&owner),
+                                       DBUS_TYPE_INVALID) != 0) {
+        targets.erase(owner);
+    }
+}
+
+void consider_all() {
+    const BusMessage reply = ask_bus("ListNames");
+    char **names = nullptr;
+    int count = 0;
+    if (reply && dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING,
+                                       static_cast<void *>(&names), &count, DBUS_TYPE_INVALID) != 0) {
+        for (int i = 0; i < count; ++i) {
+            consider(names[i]);
+        }
+        dbus_free_string_array(names);
+    }
+    forget_owner_of_service();
+}
+
+void follow(DBusMessage *change) {
+    const char *name = "";
+    const char *before = "";
+    const char *now = "";
+    dbus_message_get_args(change, nullptr, DBUS_TYPE_STRING, static_cast<void *>(&name), DBUS_TYPE_STRING,
+                          static_cast<void *>(&before), DBUS_TYPE_STRING, static_cast<void *>(&now), DBUS_TYPE_INVALID);
+    if (*name == ':' && *now == '\0') {
+        targets.erase(name);
+    } else if (*name == ':') {
+        consider(name);
+    } else if (std::string(name) == SERVICE) {
+        targets.erase(now);
+    }
+}
+
+/// Takes in what the bus tells.
+void take_in_news() {
+    dbus_connection_read_write(connection, 0);
+    while (const BusMessage message{dbus_connection_pop_message(connection)}) {
+        if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_DBUS, "NameOwnerChanged") != 0) {
+            follow(message.get());
+        } else if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_ERROR && !refused) {
+            refused = true;
+            std::printf("refused: %s\n", dbus_message_get_error_name(message.get()));
+        }
+    }
+}
+
+BusMessage signal_to(const std::string &name) {
+    BusMessage signal(dbus_message_new_signal("/flood", "flood.Flood", "Flood"));
+    dbus_message_set_destination(signal.get(), name.c_str());
+    return signal;
+}
+
+void flood(const std::string &content) {
+    for (auto &[name, sent] : targets) {
+        const BusMessage signal = signal_to(name);
+        const char *const text = content.c_str();
+        dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, static_cast<const void *>(&text), DBUS_TYPE_INVALID);
+        const std::size_t before = sent;
+        while (sent < before + BURST_BYTES) {
+            const BusMessage copy(dbus_message_copy(signal.get()));
+            dbus_connection_send(connection, copy.get(), nullptr);
+            sent += OVERHEAD + content.size();
+        }
+        dbus_connection_flush(connection);
+        if (before / MEGABYTES / STEP != sent / MEGABYTES / STEP) {
+            std::printf("%zu MB sent to %s\n", sent / MEGABYTES / STEP * STEP, name.c_str());
+        }
+    }
+}
+
+/// A connection to nobody who reads, with unsent data: its last close waits until a minute is over.
+Descriptor lingering_socket() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto *const any = reinterpret_cast<sockaddr *>(&address);
+    static Descriptor listener; // for as long as the process lives
+    listener.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Descriptor client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (bind(listener.get(), any, size) != 0 || listen(listener.get(), 1) != 0 ||
+        getsockname(listener.get(), any, &size) != 0 || connect(client.get(), any, size) != 0) {
+        std::perror("bus_flood");
+        std::exit(1);
+    }
+    constexpr std::array<char, 65536> data{};
+    while (send(client.get(), data.data(), data.size(), MSG_DONTWAIT) > 0) {
+    }
+    constexpr linger a_minute{.l_onoff = 1, .l_linger = 60};
+    setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &a_minute, sizeof a_minute);
+    return client;
+}
+
+void send_descriptor() {
+    for (const auto &[name, sent] : targets) {
+        const BusMessage signal = signal_to(name);
+        const Descriptor lingering = lingering_socket();
+        const int fd = lingering.get();
+        dbus_message_append_args(signal.get(), DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
+        dbus_connection_send(connection, signal.get(), nullptr);
+        dbus_connection_flush(connection);
+    }
+    ask_bus("GetNameOwner", SERVICE); // which the bus answers when it has dealt with all of them
+    take_in_news();
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
+    if (argc != 3 || connection == nullptr) {
+        return 1;
+    }
+    victim = static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10));
+    const std::string what = argv[2];
+    dbus_bus_add_match(connection, "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'", nullptr);
+    consider_all();
+    if (what == "descriptor") {
+        send_descriptor();
+    }
+    std::printf("sent to all %zu\n", targets.size());
+    const std::string content(what == "descriptor" ? 0 : std::strtoul(argv[2], nullptr, 10), 'x');
+    while (dbus_connection_get_is_connected(connection) != 0) {
+        if (what == "descriptor" || targets.empty()) {
+            dbus_connection_read_write(connection, 100);
+        } else {
+            flood(content);
+        }
+        take_in_news();
+    }
+    return 0;
+}

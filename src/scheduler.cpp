@@ -4,6 +4,7 @@
 #include "dbus-srv.h"
 #include "executer.h"
 #include "gdata.h"
+#include "log_sockets.h"
 #include "logfile.h"
 #include "logger.h"
 #include "network.h"
@@ -71,7 +72,9 @@ void scheduler() {
     timer_continue();
     for (;;) {
         const std::int64_t now = std::time(nullptr); // before the block, so that a waiting beat is not dated late
+        log_sockets_resume();
         timer_suspend();
+        logger_tell_lost();
         scheduler_pass(now);
         supervision_pass_done(now, d_bus_srv_raised_issues());
         timer_continue();

@@ -3,6 +3,7 @@
 #include "cleanup.h"
 #include "gdata.h"
 #include "handle.h"
+#include "log_sockets.h"
 #include "signals.h"
 #include "supervision.h"
 #include "trace.h"
@@ -125,6 +126,7 @@ void signal_init() {
 }
 
 void sig_exit_handler(int /*signo*/) {
+    log_sockets_resume(); // the last traces are worth a try
     trace(TRACE_TRACE, " ");
     supervision_stopping();
     cleanup();

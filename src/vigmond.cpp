@@ -39,8 +39,10 @@ int main(int argc, char *argv[]) {
     std::signal(SIGXFSZ, SIG_IGN);         // a write beyond the limit of a file's size fails, as on a full disk
     std::signal(SIGPIPE, SIG_IGN);         // and so does one into a pipe whose reader has gone
     setenv("DBUS_FATAL_WARNINGS", "0", 0); // libdbus meets its own checks when memory is out, and would abort
-    trace(TRACE_INFO, " ");
-    journal_bound_waits();
+    {
+        const JournalOpening opening;
+        trace(TRACE_INFO, " ");
+    }
     gdata_set_tasks(builtin_tasks());
     const Options options = eat_arguments(argc, argv);
     if (options.outcome == OptionsOutcome::version) {

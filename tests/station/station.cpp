@@ -22,8 +22,8 @@ std::string tail_of(const std::string &text) {
 
 Station::Station(Board board)
     : program(STATION_DAEMON), board_(std::move(board)), folder_(board_, scratch_.path()),
-      journal_socket_(folder_.host_path("/run/systemd/journal/socket")), syslog_socket_(folder_.host_path("/dev/log")) {
-}
+      journal_socket_(folder_.host_path("/run/systemd/journal/socket"), DatagramSocket::Queue::roomy),
+      syslog_socket_(folder_.host_path("/dev/log")) {}
 
 Station::~Station() {
     if (is_running()) {

@@ -47,6 +47,29 @@ bool lock_whole_file(const Descriptor &file) {
     return fcntl(file.get(), F_SETLK, &lock) == 0;
 }
 
+/// The process that holds the lock; 0 when it is gone or cannot be named.
+pid_t lock_owner(const Descriptor &file) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    const bool held = fcntl(file.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return held ? lock.l_pid : 0;
+}
+
+/// Says why the daemon does not start, to the person who started it by hand.
+void explain(const char *path, const Descriptor &file, int error) {
+    if (isatty(STDERR_FILENO) == 0) {
+        return;
+    }
+    if (!file) {
+        std::fprintf(stderr, "cannot open %s: %s\n", path, std::strerror(error));
+    } else if (const pid_t owner = lock_owner(file); owner > 0) {
+        std::fprintf(stderr, "another vigmond holds %s (pid %d)\n", path, owner);
+    } else {
+        std::fprintf(stderr, "cannot lock %s: %s\n", path, std::strerror(error));
+    }
+}
+
 struct ExitSignal {
     int signo;
     const char *failure;
@@ -105,7 +128,9 @@ bool is_single_proc() {
     }
     Descriptor file = open_lock_file(path.get());
     if (!file || !lock_whole_file(file)) {
-        trace(TRACE_DEBUG, "%s", std::strerror(errno));
+        const int error = errno;
+        trace(TRACE_DEBUG, "%s", std::strerror(error));
+        explain(path.get(), file, error);
         return false;
     }
     dprintf(file.get(), "%d\n", getpid());

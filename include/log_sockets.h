@@ -15,6 +15,8 @@ class JournalOpening {
     ~JournalOpening();
     JournalOpening(const JournalOpening &) = delete;
     JournalOpening &operator=(const JournalOpening &) = delete;
+    JournalOpening(JournalOpening &&) = delete;
+    JournalOpening &operator=(JournalOpening &&) = delete;
 
   private:
     void start_timer();

@@ -54,7 +54,7 @@ using MakeCommand = std::function<Command(int heartbeats)>;
 /// would otherwise be missing in, or added to, the difference.
 double instructions_of_pass(const MakeCommand &command, int heartbeats) {
     constexpr int more = 2;
-    constexpr int runs = 3;
+    constexpr int runs = 2; // each takes minutes
     const auto least = [&command](int count) {
         double instructions = instructions_of(command(count));
         for (int run = 1; run < runs; ++run) {

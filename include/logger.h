@@ -29,6 +29,8 @@ int logger(Task *task);
 
 /// Writes `text` under the label of `state` (-2..4), if the severity level lets it pass.
 void logger_syslog(int state, const char *text);
+/// Traces how many sentences were lost, once syslog is read again.
+void logger_tell_lost();
 /// Expands the task's template into `buffer`; 0, or -1, the buffer untouched, when it has none.
 /// What does not fit is cut, an insertion that does not fit whole is left out.
 int logger_format(char *buffer, std::size_t size, const Task *task);

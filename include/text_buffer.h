@@ -9,14 +9,14 @@
 #include <string_view>
 #include <system_error>
 
-/// Builds a text in an array that it borrows. What does not fit is cut; the text is terminated at all
-/// times. An array of size 0 is left alone.
+/// Builds a text in an array that it borrows. What does not fit is cut; the text is always terminated. An array
+/// of size 0 is left alone.
 class TextBuffer {
   public:
     /// Starts with an empty text.
     TextBuffer(char *data, std::size_t size) : TextBuffer(data, size, 0) {}
 
-    /// Goes on behind the terminated text that stands in the array.
+    /// Continues after the terminated text in the array.
     static TextBuffer behind(char *data, std::size_t size) { return {data, size, strnlen(data, size)}; }
 
     /// False when the text was cut.
@@ -30,34 +30,33 @@ class TextBuffer {
 
     bool append(char character) { return append(std::string_view(&character, 1)); }
 
-    /// False when the text was cut.
-    bool append_number(int number) {
+    void append_number(int number) {
         const auto [last, error] = std::to_chars(end(), end() + space(), number);
         if (error != std::errc()) {
-            return append_format("%d", number);
+            append_printed("%d", number);
+            return;
         }
         length_ = static_cast<std::size_t>(last - data_);
         terminate();
-        return true;
     }
 
-    /// False when the text was cut.
-    [[gnu::format(printf, 2, 3)]] bool append_format(const char *format, ...) {
+    [[gnu::format(printf, 2, 3)]] void append_format(const char *format, ...) {
         std::va_list arguments;
         va_start(arguments, format);
-        const bool fits = append_list(format, arguments);
+        append_list(format, arguments);
         va_end(arguments);
-        return fits;
     }
 
-    /// False when the text was cut.
-    [[gnu::format(printf, 2, 0)]] bool append_list(const char *format, std::va_list arguments) {
-        const int result = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, room(), format, arguments);
-        const std::size_t wanted = result < 0 ? 0 : static_cast<std::size_t>(result);
-        const std::size_t fitting = std::min(wanted, space());
-        length_ += fitting;
-        terminate();
-        return fitting == wanted;
+    /// As vprintf, in a fraction of its time where the format has no conversions but "%s", "%d" and "%02d".
+    [[gnu::format(printf, 2, 0)]] void append_list(const char *format, std::va_list arguments) {
+        std::va_list all;
+        va_copy(all, arguments);
+        const std::size_t start = length_;
+        if (!append_plain(format, arguments)) {
+            length_ = start;
+            append_printed_list(format, all);
+        }
+        va_end(all);
     }
 
     /// The bytes left, that of the terminator included: a shorter text fits whole.
@@ -69,6 +68,41 @@ class TextBuffer {
   private:
     TextBuffer(char *data, std::size_t size, std::size_t length)
         : data_(data), size_(size), length_(size == 0 ? 0 : std::min(length, size - 1)) {
+        terminate();
+    }
+
+    /// False at a conversion that it does not know.
+    bool append_plain(const char *format, std::va_list arguments) {
+        for (const char *percent = strchrnul(format, '%'); *percent != '\0'; percent = strchrnul(format, '%')) {
+            append({format, static_cast<std::size_t>(percent - format)});
+            const bool two_digits = percent[1] == '0' && percent[2] == '2';
+            const char *letter = percent + (two_digits ? 3 : 1);
+            if (*letter == 'd') {
+                const int number = va_arg(arguments, int);
+                append(two_digits && number >= 0 && number < 10 ? "0" : "");
+                append_number(number);
+            } else if (*letter == 's' && !two_digits) {
+                const char *text = va_arg(arguments, const char *);
+                append(text == nullptr ? "(null)" : text);
+            } else {
+                return false;
+            }
+            format = letter + 1;
+        }
+        append(format);
+        return true;
+    }
+
+    [[gnu::format(printf, 2, 3)]] void append_printed(const char *format, ...) {
+        std::va_list arguments;
+        va_start(arguments, format);
+        append_printed_list(format, arguments);
+        va_end(arguments);
+    }
+
+    [[gnu::format(printf, 2, 0)]] void append_printed_list(const char *format, std::va_list arguments) {
+        const int wanted = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, room(), format, arguments);
+        length_ += wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), space());
         terminate();
     }
 

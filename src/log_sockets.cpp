@@ -2,14 +2,13 @@
 
 #include "handle.h"
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -18,11 +17,8 @@
 namespace {
 
 constexpr int LONGEST_WAIT_MS = 100;
-constexpr std::int64_t PAUSE_SECONDS = 10; // a heartbeat: one wait in each at most
-
-constexpr int DESCRIPTORS_AT_START = 16;
-
-constinit std::atomic<std::int64_t> full_until = 0; ///< monotonic seconds; 0 while there is room
+constexpr int SEND_WAIT_MS = 40; // the library sends twice; the kernel rounds up to its ticks
+constexpr std::int64_t PAUSE_SECONDS = 10;
 
 std::int64_t monotonic_seconds() {
     std::timespec now{};
@@ -30,11 +26,31 @@ std::int64_t monotonic_seconds() {
     return now.tv_sec;
 }
 
+/// Whether a socket is left alone. Any thread may ask, begin and end.
+class Pause {
+  public:
+    [[nodiscard]] bool lasts() const {
+        const std::int64_t until = until_.load(std::memory_order_relaxed);
+        return until != 0 && monotonic_seconds() < until;
+    }
+    void begin() { until_.store(monotonic_seconds() + PAUSE_SECONDS, std::memory_order_relaxed); }
+    void end() { until_.store(0, std::memory_order_relaxed); }
+
+  private:
+    std::atomic<std::int64_t> until_ = 0; ///< monotonic seconds; 0 while there is none
+};
+
+constinit Pause journal_pause;
+constinit Pause syslog_pause;
+
 int socket_option(int fd, int option) {
     int value = -1;
     socklen_t size = sizeof value;
     return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
 }
+
+/// The number that the next descriptor gets; -1 when there is none left.
+int lowest_free_descriptor() { return Descriptor(open("/", O_PATH | O_CLOEXEC)).get(); }
 
 Descriptor connect_to_syslog() {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
@@ -48,33 +64,75 @@ Descriptor connect_to_syslog() {
 
 } // namespace
 
-void journal_bound_waits() {
-    constexpr timeval longest{.tv_sec = 0, .tv_usec = LONGEST_WAIT_MS * 1000L};
-    // The library does not tell which one is its own. Opened by the first trace of the process, it got the
-    // lowest number that was free: behind the first ones, all below it are open.
-    for (int fd = 0; fd < DESCRIPTORS_AT_START || fcntl(fd, F_GETFD) >= 0; ++fd) {
-        if (socket_option(fd, SO_DOMAIN) == AF_UNIX && socket_option(fd, SO_TYPE) == SOCK_DGRAM) {
-            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
-        }
+JournalOpening::JournalOpening() : socket_(lowest_free_descriptor()) { start_timer(); }
+
+// The library does not tell which socket is its own. It is the one with the number that was free before: those
+// that the daemon was started with, which others share, have other numbers.
+JournalOpening::~JournalOpening() {
+    stop_timer();
+    constexpr timeval longest{.tv_sec = 0, .tv_usec = SEND_WAIT_MS * 1000L};
+    if (socket_option(socket_, SO_DOMAIN) == AF_UNIX && socket_option(socket_, SO_TYPE) == SOCK_DGRAM) {
+        setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
     }
 }
 
-bool journal_is_full() {
-    const std::int64_t until = full_until.load(std::memory_order_relaxed);
-    return until != 0 && monotonic_seconds() < until;
+/// The library opens its socket and waits in one call, which only a signal can end. It repeats, in case the
+/// first one comes before the wait.
+void JournalOpening::start_timer() {
+    const int signo = SIGRTMIN;
+    sigevent event{};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = signo;
+    timed_ = timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
+    if (!timed_) {
+        return;
+    }
+    struct sigaction action {};
+    action.sa_handler = [](int) {}; // without SA_RESTART
+    sigaction(signo, &action, &action_before_);
+    sigset_t open;
+    sigemptyset(&open);
+    sigaddset(&open, signo);
+    pthread_sigmask(SIG_UNBLOCK, &open, &mask_before_);
+    constexpr std::timespec longest{.tv_sec = 0, .tv_nsec = LONGEST_WAIT_MS * 1'000'000L};
+    constexpr itimerspec period{.it_interval = longest, .it_value = longest};
+    timer_settime(timer_, 0, &period, nullptr);
 }
 
+void JournalOpening::stop_timer() {
+    if (timed_) {
+        timer_delete(timer_);
+        sigaction(SIGRTMIN, &action_before_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
+    }
+}
+
+bool journal_is_paused() { return journal_pause.lasts(); }
+
 void journal_note_result(int result) {
-    if (result == -EAGAIN) {
-        full_until.store(monotonic_seconds() + PAUSE_SECONDS, std::memory_order_relaxed);
+    const bool refused_at_once = result == -ECONNREFUSED; // by a journal that is started again
+    if (result < 0 && !refused_at_once) {
+        journal_pause.begin();
     }
 }
 
 bool syslog_has_room() {
+    if (syslog_pause.lasts()) {
+        return false;
+    }
     const Descriptor socket_ = connect_to_syslog();
     if (!socket_) {
         return true; // the library then does what it does without syslog
     }
     pollfd polled{.fd = socket_.get(), .events = POLLOUT, .revents = 0};
-    return poll(&polled, 1, LONGEST_WAIT_MS) != 0;
+    const bool has_room = poll(&polled, 1, LONGEST_WAIT_MS) != 0;
+    if (!has_room) {
+        syslog_pause.begin();
+    }
+    return has_room;
+}
+
+void log_sockets_resume() {
+    journal_pause.end();
+    syslog_pause.end();
 }

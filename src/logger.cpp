@@ -25,6 +25,7 @@ constexpr std::size_t LINE_SIZE = 1023;
 constexpr LoggerState unknown_state{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
 
 constinit int syslog_opened = 0;
+constinit int lost_sentences = 0; ///< since it was last told
 
 const LoggerState &row_of(int state) {
     const LoggerState *row = logger_state_row(logger_state_table, state);
@@ -137,9 +138,17 @@ void logger_syslog(int state, const char *text) {
     trace(TRACE_TRACE, "======= %d: %s =======", state, text);
     if (!syslog_has_room()) {
         trace(TRACE_DEBUG, "syslog is not read, the message is lost");
+        ++lost_sentences;
         return;
     }
     syslog(row.priority, "[%s] %s", row.label, text);
+}
+
+void logger_tell_lost() {
+    if (lost_sentences != 0 && syslog_has_room()) {
+        trace(TRACE_IMPORTANT, "%d sentences lost, syslog was not read", lost_sentences);
+        lost_sentences = 0;
+    }
 }
 
 int logger_format(char *buffer, std::size_t size, const Task *task) {

@@ -4,6 +4,7 @@
 #include "dbus-srv.h"
 #include "executer.h"
 #include "gdata.h"
+#include "log_sockets.h"
 #include "logfile.h"
 #include "logger.h"
 #include "network.h"
@@ -81,7 +82,9 @@ void scheduler() {
     timer_continue();
     for (;;) {
         const std::int64_t now = std::time(nullptr); // before the block, so that a waiting beat is not dated late
+        log_sockets_resume();
         timer_suspend();
+        logger_tell_lost();
         scheduler_pass(now);
         tell_manager();
         timer_continue();

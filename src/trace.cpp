@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
@@ -26,19 +27,22 @@ namespace {
 constexpr int MODE_STDERR = 3;
 constexpr std::size_t LINE_SIZE = 1024;
 
-// Asked of the kernel once a thread: every line carries it.
-constinit thread_local pid_t thread_id = 0;
+/// ") [thread] hh:mm:ss ", which each line carries and each thread makes once a second.
+struct Stamp {
+    std::time_t second;
+    std::size_t time_at; ///< where the time begins; 0: the thread's id is not known yet
+    std::size_t length;
+    std::array<char, 32> text;
+};
 
-void forget_thread_id() { thread_id = 0; }
+constinit thread_local Stamp stamp{};
 
-[[maybe_unused]] const int forgotten_in_children = pthread_atfork(nullptr, nullptr, forget_thread_id);
+void forget_stamp() { stamp = {}; }
 
-pid_t own_thread_id() {
-    if (thread_id == 0) {
-        thread_id = gettid();
-    }
-    return thread_id;
-}
+[[maybe_unused]] const int forgotten_in_children = pthread_atfork(nullptr, nullptr, forget_stamp);
+
+/// What the journal has not got since it was last told.
+constinit std::atomic<int> lost_lines = 0;
 
 constexpr int journal_priority(int level) {
     switch (level) {
@@ -61,57 +65,80 @@ char *put_two_digits(char *at, int number) {
     return at;
 }
 
-/// Writes "(level) [thread] hh:mm:ss ", by hand since printf takes as long for it as for the rest of a
-/// line. Returns its end, far before that of a line.
-char *put_head(char *line, int level) {
-    const TimeOfDay now = utc_time_of_day(std::time(nullptr));
-    char *at = put_number(put_text(line, "("), level);
-    at = put_number(put_text(at, ") ["), own_thread_id());
-    at = put_two_digits(put_text(at, "] "), now.hour);
+void renew_stamp(std::time_t second) {
+    char *const start = stamp.text.data();
+    if (stamp.time_at == 0) {
+        const char *end = put_text(put_number(put_text(start, ") ["), gettid()), "] ");
+        stamp.time_at = static_cast<std::size_t>(end - start);
+    }
+    const TimeOfDay now = utc_time_of_day(second);
+    char *at = put_two_digits(start + stamp.time_at, now.hour);
     at = put_two_digits(put_text(at, ":"), now.minute);
-    at = put_two_digits(put_text(at, ":"), now.second);
-    return put_text(at, " ");
+    at = put_text(put_two_digits(put_text(at, ":"), now.second), " ");
+    stamp.length = static_cast<std::size_t>(at - start);
+    stamp.second = second;
 }
 
-void append_place(TextBuffer &line, const char *file, const char *function, const char *source_line) {
-    line.append(file);
+/// Writes "(level) [thread] hh:mm:ss ". Returns its end, far before that of a line.
+char *put_head(char *line, int level) {
+    const std::time_t now = std::time(nullptr);
+    if (now != stamp.second || stamp.time_at == 0) {
+        renew_stamp(now);
+    }
+    char *const at = put_number(put_text(line, "("), level);
+    std::copy(stamp.text.begin(), stamp.text.end(), at); // whole: a known size takes no call
+    return at + stamp.length;
+}
+
+/// Where a trace comes from, its first two as fields of the journal.
+struct Place {
+    const char *file;
+    const char *line;
+    const char *function;
+};
+
+using LineText = std::array<char, LINE_SIZE>;
+
+/// Begins a line: all in front of the message.
+TextBuffer begin_line(LineText *text, int level, const Place &place) {
+    char *const head_end = put_head(text->data(), level);
+    TextBuffer line(head_end, static_cast<std::size_t>(text->end() - head_end));
+    line.append(place.file + std::strlen("CODE_FILE="));
     line.append(": ");
-    line.append(function);
+    line.append(place.function);
     line.append("(");
-    line.append(source_line);
+    line.append(place.line + std::strlen("CODE_LINE="));
     line.append(") ");
+    return line;
 }
 
-/// Fills in what nearly all messages consist of, in a fraction of printf's time: "%s", "%d" and "%02d".
-/// False at anything else.
-bool append_plain(TextBuffer line, const char *format, std::va_list arguments) {
-    for (const char *percent = strchrnul(format, '%'); *percent != '\0'; percent = strchrnul(format, '%')) {
-        line.append({format, static_cast<std::size_t>(percent - format)});
-        const bool two_digits = percent[1] == '0' && percent[2] == '2';
-        const char *letter = percent + (two_digits ? 3 : 1);
-        if (*letter == 'd') {
-            const int number = va_arg(arguments, int);
-            line.append(two_digits && number >= 0 && number < 10 ? "0" : "");
-            line.append_number(number);
-        } else if (*letter == 's' && !two_digits) {
-            const char *text = va_arg(arguments, const char *);
-            line.append(text == nullptr ? "(null)" : text);
-        } else {
-            return false;
-        }
-        format = letter + 1;
-    }
-    line.append(format);
-    return true;
+/// False when the journal has refused the line.
+bool send(int level, const Place &place, const LineText &text) {
+    const int result = sd_journal_print_with_location(journal_priority(level), place.file, place.line, place.function,
+                                                      "%s\n", text.data());
+    journal_note_result(result);
+    return result >= 0;
 }
 
-[[gnu::format(printf, 2, 0)]] void append_message(TextBuffer &line, const char *format, std::va_list arguments) {
-    std::va_list again;
-    va_copy(again, arguments);
-    if (!append_plain(line, format, arguments)) {
-        line.append_list(format, again);
+/// Tells how many lines were lost; false when that is refused too.
+bool tell_lost_lines() {
+    constexpr Place place{"CODE_FILE=" TRACE_FILE, "CODE_LINE=" TRACE_STRING(__LINE__), "trace_write"};
+    const int count = lost_lines.exchange(0, std::memory_order_relaxed);
+    LineText text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
+    TextBuffer line = begin_line(&text, TRACE_IMPORTANT, place);
+    line.append_format("%d traces lost", count);
+    const bool told = count == 0 || send(TRACE_IMPORTANT, place, text);
+    if (!told) {
+        lost_lines.fetch_add(count, std::memory_order_relaxed);
     }
-    va_end(again);
+    return told;
+}
+
+void write_to_journal(int level, const Place &place, const LineText &text) {
+    const bool told = lost_lines.load(std::memory_order_relaxed) == 0 || (!journal_is_paused() && tell_lost_lines());
+    if (!told || !send(level, place, text)) {
+        lost_lines.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 } // namespace
@@ -124,22 +151,20 @@ const char *trace_level_name(int level) {
 
 void trace_write(int level, const char *code_file, const char *code_line, const char *function, const char *format,
                  ...) {
-    const int saved_errno = errno;    // a probe reads it after the call that it traced
-    std::array<char, LINE_SIZE> text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-    char *const head_end = put_head(text.data(), level);
-    TextBuffer line(head_end, static_cast<std::size_t>(text.end() - head_end));
-    append_place(line, code_file + std::strlen("CODE_FILE="), function, code_line + std::strlen("CODE_LINE="));
+    const int saved_errno = errno; // a probe reads it after the call that it traced
+    const Place place{code_file, code_line, function};
+    LineText text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
+    TextBuffer line = begin_line(&text, level, place);
     std::va_list arguments;
     va_start(arguments, format);
-    append_message(line, format, arguments);
+    line.append_list(format, arguments);
     va_end(arguments);
 
     if (trace_mode == MODE_STDERR) {
         std::fprintf(stderr, "%s\n", text.data());
         std::fflush(stderr);
-    } else if (!journal_is_full()) {
-        journal_note_result(sd_journal_print_with_location(journal_priority(level), code_file, code_line, function,
-                                                           "%s\n", text.data()));
+    } else {
+        write_to_journal(level, place, text);
     }
     errno = saved_errno;
 }

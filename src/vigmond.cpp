@@ -40,8 +40,10 @@ int main(int argc, char *argv[]) {
     signals_ignore_failed_writes();
     capabilities_lower_raw_io();
     setenv("DBUS_FATAL_WARNINGS", "0", 0); // libdbus meets its own checks when memory is out, and would abort
-    trace(TRACE_INFO, " ");
-    journal_bound_waits();
+    {
+        const JournalOpening opening;
+        trace(TRACE_INFO, " ");
+    }
     gdata_set_tasks(builtin_tasks());
     const Options options = eat_arguments(argc, argv);
     if (options.outcome == OptionsOutcome::version) {

@@ -1,18 +1,18 @@
-#define TRACE_FILE "module.c"
 #include "log_sockets.h"
 
-#include "captured_traces.h"
 #include "handle.h"
 #include "hang_guard.h"
 #include "in_child.h"
 #include "scratch_folder.h"
-#include "trace.h"
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <gtest/gtest.h>
+#include <optional>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -21,9 +21,9 @@ namespace {
 
 constinit std::time_t uptime = 1000;
 
-struct JournalThatIsFull : testing::Test {
-    JournalThatIsFull() { journal_note_result(-EAGAIN); }
-    ~JournalThatIsFull() override { uptime += 10; }
+/// Each test begins and ends without a pause.
+struct Pauses : testing::Test {
+    ~Pauses() override { log_sockets_resume(); }
 };
 
 /// Two ends of a socket, one of which is full.
@@ -40,11 +40,12 @@ struct FullPair {
     Descriptor reader;
 };
 
-timeval longest_wait_of(int fd) {
+/// How long a call may wait for room, in microseconds; 0: for ever.
+long longest_wait_of(int fd) {
     timeval longest{};
     socklen_t size = sizeof longest;
     EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, &size), 0);
-    return longest;
+    return longest.tv_sec * 1'000'000L + longest.tv_usec;
 }
 
 sockaddr_un address_of(const std::string &path) {
@@ -56,7 +57,7 @@ sockaddr_un address_of(const std::string &path) {
 constinit const char *syslog_path = nullptr; ///< what stands in for /dev/log
 
 /// A socket of syslog that nobody reads.
-struct Syslog : testing::Test {
+struct Syslog : Pauses {
     Syslog() {
         const sockaddr_un address = address_of(path);
         EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
@@ -70,6 +71,11 @@ struct Syslog : testing::Test {
         while (send(writer.get(), "x", 1, MSG_DONTWAIT) == 1) {
         }
         ASSERT_EQ(errno, EAGAIN);
+    }
+
+    void read_one() const {
+        char message = 0;
+        ASSERT_EQ(recv(socket_.get(), &message, 1, 0), 1);
     }
 
     ScratchFolder folder;
@@ -96,71 +102,122 @@ extern "C" int __wrap___clock_gettime64(clockid_t clock, std::timespec *result) 
     return __wrap_clock_gettime(clock, result);
 }
 
-TEST(JournalWaits, AreBoundedForDatagrams) {
-    const FullPair pair(SOCK_DGRAM);
-    journal_bound_waits();
-    EXPECT_EQ(send(pair.writer.get(), "x", 1, 0), -1);
+TEST(JournalOpening, BoundsTheWaitsOfTheSocketThatIsOpenedMeanwhile) {
+    std::optional<FullPair> pair;
+    {
+        const JournalOpening opening;
+        pair.emplace(SOCK_DGRAM);
+    }
+    const HangGuard guard;
+    EXPECT_EQ(send(pair->writer.get(), "x", 1, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST(JournalWaits, AreATenthOfASecond) {
-    const FullPair pair(SOCK_DGRAM);
-    journal_bound_waits();
-    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_sec, 0);
-    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_usec, 100000);
-}
-
-TEST(JournalWaits, AreBoundedForAnyOfTheFirstSixteenDescriptors) {
-    for (const int fd : {0, 15}) {
-        in_child([fd] {
-            FullPair pair(SOCK_DGRAM);
-            ASSERT_EQ(dup2(pair.writer.get(), fd), fd);
-            pair.writer.reset();
-            journal_bound_waits();
-            EXPECT_EQ(send(fd, "x", 1, 0), -1) << fd;
-            EXPECT_EQ(errno, EAGAIN) << fd;
-        });
+// The library sends a line that is refused once more. Each wait is rounded up to the kernel's ticks.
+TEST(JournalOpening, MakesTwoWaitsLessThanATenthOfASecond) {
+    std::optional<FullPair> pair;
+    {
+        const JournalOpening opening;
+        pair.emplace(SOCK_DGRAM);
     }
+    EXPECT_EQ(longest_wait_of(pair->writer.get()), 40000);
 }
 
-TEST(JournalWaits, AreBoundedBehindManyInheritedDescriptors) {
+TEST(JournalOpening, LeavesInheritedSocketsAlone) {
     in_child([] {
-        for (int inherited = 0; inherited < 100; ++inherited) {
-            ASSERT_GE(dup(STDERR_FILENO), 0);
+        const FullPair low(SOCK_DGRAM);
+        FullPair gap(SOCK_DGRAM);
+        ASSERT_EQ(dup2(low.writer.get(), 100), 100);
+        const FullPair high(SOCK_DGRAM);
+        gap.writer.reset();
+        std::optional<FullPair> own;
+        {
+            const JournalOpening opening;
+            own.emplace(SOCK_DGRAM);
         }
-        const FullPair pair(SOCK_DGRAM);
-        ASSERT_GE(pair.writer.get(), 100);
-        journal_bound_waits();
-        const HangGuard guard;
-        EXPECT_EQ(send(pair.writer.get(), "x", 1, 0), -1);
-        EXPECT_EQ(errno, EAGAIN);
+        for (const int inherited : {low.writer.get(), low.reader.get(), high.writer.get(), high.reader.get(), 100}) {
+            EXPECT_EQ(longest_wait_of(inherited), 0) << inherited;
+        }
+        EXPECT_EQ(longest_wait_of(own->writer.get()), 40000) << "in the gap";
     });
 }
 
-TEST(JournalWaits, AreLeftAloneForStreams) {
-    const FullPair pair(SOCK_STREAM);
-    journal_bound_waits();
-    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_sec, 0);
-    EXPECT_EQ(longest_wait_of(pair.writer.get()).tv_usec, 0);
+TEST(JournalOpening, LeavesAnythingButADatagramSocketAlone) {
+    std::optional<FullPair> pair;
+    {
+        const JournalOpening opening;
+        pair.emplace(SOCK_STREAM);
+    }
+    EXPECT_EQ(longest_wait_of(pair->writer.get()), 0);
 }
 
-TEST_F(JournalThatIsFull, GetsNoTraceForTenSeconds) {
-    CapturedTraces traces;
-    trace(TRACE_INFO, "lost");
+TEST(JournalOpening, EndsAWaitForASocketThatIsNotYetBounded) {
+    const FullPair pair(SOCK_DGRAM);
+    const HangGuard guard;
+    const JournalOpening opening;
+    EXPECT_EQ(send(pair.writer.get(), "x", 1, 0), -1);
+    EXPECT_EQ(errno, EINTR);
+}
+
+TEST(JournalOpening, EndsAWaitThoughItsSignalIsBlocked) {
+    in_child([] {
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_BLOCK, &all, nullptr);
+        const FullPair pair(SOCK_DGRAM);
+        const HangGuard guard;
+        {
+            const JournalOpening opening;
+            EXPECT_EQ(send(pair.writer.get(), "x", 1, 0), -1);
+        }
+        sigset_t left;
+        sigprocmask(SIG_BLOCK, nullptr, &left);
+        EXPECT_EQ(sigismember(&left, SIGRTMIN), 1) << "as before";
+    });
+}
+
+TEST(JournalOpening, LeavesNoHandler) {
+    { const JournalOpening opening; }
+    struct sigaction action {};
+    ASSERT_EQ(sigaction(SIGRTMIN, nullptr, &action), 0);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+}
+
+TEST(JournalOpening, NeedsNoFreeDescriptor) {
+    in_child([] {
+        constexpr rlimit none{.rlim_cur = 0, .rlim_max = 0};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        const JournalOpening opening;
+    });
+}
+
+TEST_F(Pauses, OfTheJournalLastTenSeconds) {
+    journal_note_result(-EAGAIN);
     uptime += 9;
-    EXPECT_TRUE(journal_is_full());
-    trace(TRACE_INFO, "lost, too");
-    EXPECT_TRUE(traces.all().empty());
+    EXPECT_TRUE(journal_is_paused());
     uptime += 1;
-    trace(TRACE_INFO, "back");
-    EXPECT_EQ(traces.all().size(), 1U);
+    EXPECT_FALSE(journal_is_paused());
 }
 
-TEST_F(JournalThatIsFull, IsTheOnlyOneThatIsLeftOut) {
-    uptime += 10;
-    for (const int result : {0, -ENOENT, -ECONNREFUSED}) {
+TEST_F(Pauses, OfTheJournalEndWithTheNextHeartbeat) {
+    journal_note_result(-EAGAIN);
+    log_sockets_resume();
+    EXPECT_FALSE(journal_is_paused());
+}
+
+// Without a descriptor for its second try the library ends with EMFILE after its first wait, and so on.
+TEST_F(Pauses, OfTheJournalBeginWithAnyRefusalThatMayHaveTakenItsTime) {
+    for (const int result : {-EAGAIN, -EMFILE, -ENFILE, -ENOMEM, -ENOSPC, -EPERM, -EINTR}) {
+        log_sockets_resume();
         journal_note_result(result);
-        EXPECT_FALSE(journal_is_full()) << result;
+        EXPECT_TRUE(journal_is_paused()) << result;
+    }
+}
+
+TEST_F(Pauses, OfTheJournalDoNotBeginWithASuccessOrWhileItIsStartedAgain) {
+    for (const int result : {0, -ECONNREFUSED}) {
+        journal_note_result(result);
+        EXPECT_FALSE(journal_is_paused()) << result;
     }
 }
 
@@ -168,8 +225,17 @@ TEST_F(Syslog, HasRoomUntilNobodyReadsIt) {
     EXPECT_TRUE(syslog_has_room());
     fill();
     EXPECT_FALSE(syslog_has_room());
-    char message = 0;
-    ASSERT_EQ(recv(socket_.get(), &message, 1, 0), 1);
+    read_one();
+    EXPECT_FALSE(syslog_has_room()) << "it is not tried again";
+    log_sockets_resume();
+    EXPECT_TRUE(syslog_has_room());
+}
+
+TEST_F(Syslog, IsTriedAgainAfterTenSeconds) {
+    fill();
+    EXPECT_FALSE(syslog_has_room());
+    read_one();
+    uptime += 10;
     EXPECT_TRUE(syslog_has_room());
 }
 

@@ -4,6 +4,7 @@
 #include "captured_traces.h"
 #include "chosen_time.h"
 #include "in_child.h"
+#include "log_sockets.h"
 #include "memory_fault.h"
 
 #include <array>
@@ -178,6 +179,16 @@ TEST(Trace, TimeIsUtcWhateverTheTimeZone) {
     });
 }
 
+TEST(Trace, TimeFollowsTheClockBothWays) {
+    for (const std::time_t now : {0, 59, 60, 60, 3, 0, 86399}) {
+        chosen_time = now;
+        const CapturedTraces traces;
+        trace_write(2, "CODE_FILE=module.c", "CODE_LINE=90", "function", "%s", "text");
+        EXPECT_EQ(last_line(traces), prefix_at(now, 2, "module.c: function(90)") + "text");
+    }
+    chosen_time.reset();
+}
+
 TEST(Trace, TimeHasTwoDigitsEach) {
     for (std::time_t now = 0; now < 86400; now += 3661) { // an hour, a minute and a second later
         chosen_time = now;
@@ -212,25 +223,6 @@ TEST(Trace, DoesNotInterpretTheFormattedText) {
         trace_at(TRACE_TRACE, "module.c", "f", 1, __VA_ARGS__);                                                        \
         EXPECT_EQ(traces.all().back().text, expected);                                                                 \
     } while (false)
-
-TEST(Trace, FormatsAsPrintfDoes) {
-    const char *none = nullptr;
-    EXPECT_TRACED("", "%s", "");
-    EXPECT_TRACED("(null).", "%s.", none);
-    EXPECT_TRACED("0 -1 2147483647 -2147483648", "%d %d %d %d", 0, -1, INT32_MAX, INT32_MIN);
-    EXPECT_TRACED("00 09 10 99 100 -1 -10", "%02d %02d %02d %02d %02d %02d %02d", 0, 9, 10, 99, 100, -1, -10);
-    EXPECT_TRACED("analyze ID: CB05[0]: ok", "analyze ID: CB%02d[%d]: %s", 5, 0, "ok");
-    EXPECT_TRACED("07d", "%02dd", 7);
-    EXPECT_TRACED("d7", "d%d", 7);
-    EXPECT_TRACED("           7", "%12d", 7);
-    EXPECT_TRACED("007", "%03d", 7);
-    EXPECT_TRACED("100%", "%d%%", 100);
-    EXPECT_TRACED("%", "%%");
-    EXPECT_TRACED("a 7 b 4000000000 c", "a %d b %u c", 7, 4000000000U);
-    EXPECT_TRACED("CB07   1.50 x -3|    5|5    |005|ff|-9000000000", "%s%02d %6.2f %c %i|%5d|%-5d|%03d|%x|%lld", "CB",
-                  7, 1.5, 'x', -3, 5, 5, 5, 255U, -9000000000LL);
-    EXPECT_TRACED("ab|   ab", "%.2s|%5s", "abc", "ab");
-}
 
 TEST(Trace, CutsANumberThatLeavesNoRoom) {
     const std::string place = prefix_at(0, 3, "module.c: f(1)");
@@ -330,6 +322,67 @@ TEST(Trace, KeepsErrnoOfItsCaller) {
     });
 }
 
+/// A journal that refuses lines until the end of the test.
+struct RefusingJournal : testing::Test {
+    RefusingJournal() { journal_result = -EAGAIN; }
+    ~RefusingJournal() override {
+        accept();
+        const CapturedTraces traces;
+        trace(TRACE_TRACE, "what was lost is told");
+    }
+    static void accept() {
+        journal_result = 0;
+        log_sockets_resume();
+    }
+};
+
+TEST_F(RefusingJournal, IsNotTriedAgainInTheSameHeartbeat) {
+    trace(TRACE_INFO, "lost");
+    journal_result = 0;
+    const CapturedTraces traces;
+    trace(TRACE_INFO, "lost, too");
+    EXPECT_TRUE(traces.all().empty());
+}
+
+TEST_F(RefusingJournal, GetsTheNumberOfLostTracesFirst) {
+    trace(TRACE_INFO, "lost");
+    trace(TRACE_TRACE, "lost, too");
+    accept();
+    const CapturedTraces traces;
+    const int line = trace_from_a_function();
+    ASSERT_EQ(traces.all().size(), 2U);
+    EXPECT_EQ(traces.all()[0].text, "2 traces lost");
+    EXPECT_EQ(traces.all()[0].priority, 5);
+    EXPECT_EQ(traces.all()[0].code_file, "CODE_FILE=trace.c");
+    EXPECT_TRUE(traces.all()[0].line.starts_with("(0) [" + std::to_string(gettid()) + "] ")) << traces.all()[0].line;
+    EXPECT_EQ(traces.all()[1].code_line, "CODE_LINE=" + std::to_string(line));
+    trace_from_a_function();
+    EXPECT_EQ(traces.all().size(), 3U) << "it is told once";
+}
+
+TEST_F(RefusingJournal, KeepsTheNumberUntilItIsTold) {
+    trace(TRACE_INFO, "lost");
+    log_sockets_resume();
+    trace(TRACE_INFO, "lost with the number");
+    accept();
+    const CapturedTraces traces;
+    trace(TRACE_INFO, "back");
+    ASSERT_EQ(traces.all().size(), 2U);
+    EXPECT_EQ(traces.all()[0].text, "2 traces lost");
+}
+
+// It is refused at once while the journal is started again, so that there is no pause.
+TEST_F(RefusingJournal, TellsWhatWasRefusedAtOnceToo) {
+    journal_result = -ECONNREFUSED;
+    trace(TRACE_INFO, "lost");
+    trace(TRACE_INFO, "lost");
+    journal_result = 0;
+    const CapturedTraces traces;
+    trace(TRACE_INFO, "back");
+    ASSERT_EQ(traces.all().size(), 2U);
+    EXPECT_EQ(traces.all()[0].text, "2 traces lost");
+}
+
 TEST(Trace, AllocatesNothing) {
     const TraceMode chosen(TRACE_TRACE); // what stands in for the journal does allocate
     const std::string message(3000, 'z');
@@ -350,6 +403,25 @@ TEST(AllocationCount, SeesNewMemory) {
 
 constexpr int THREADS = 4;
 constexpr int ROUNDS = 100;
+
+TEST_F(RefusingJournal, CountsTheLossesOfAllThreads) {
+    std::vector<std::thread> threads;
+    threads.reserve(THREADS);
+    for (int number = 0; number < THREADS; ++number) {
+        threads.emplace_back([] {
+            for (int round = 0; round < ROUNDS; ++round) {
+                trace(TRACE_INFO, "lost");
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    accept();
+    const CapturedTraces traces;
+    trace(TRACE_INFO, "back");
+    EXPECT_EQ(traces.all()[0].text, std::to_string(THREADS * ROUNDS) + " traces lost");
+}
 
 void trace_from_all_threads() {
     std::vector<std::thread> threads;

@@ -1,6 +1,6 @@
-// The floor: what a pass over all tasks asks of the system, and nothing else. It has the daemon's
-// libraries and as many threads.
-//     bare_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS LINES LINES_AT_START [hold]
+// The baseline: what a pass over all tasks asks of the system, and nothing else. It has the daemon's libraries
+// and as many threads, and writes the daemon's own lines from tapes (support/line_tape.h).
+//     bare_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS TAPE_OF_START TAPE_OF_PASS [hold]
 
 #include <array>
 #include <cstdint>
@@ -11,6 +11,7 @@
 #include <linux/mmc/ioctl.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <systemd/sd-bus.h>
@@ -48,10 +49,38 @@ void *sleep_on(void * /*unused*/) {
     }
 }
 
-void trace_lines(int count) {
-    for (int i = 0; i < count; ++i) {
-        sd_journal_print_with_location(7, "CODE_FILE=scheduler.c", "CODE_LINE=180", "threshold_analyzer", "%s\n",
-                                       "(3) [100000] 12:00:00 analyzer.c: threshold_analyzer(180) analyze ID: CB22");
+/// A file of records, mapped for as long as the program runs.
+struct Tape {
+    const char *begin;
+    const char *end;
+};
+
+Tape map_tape(const char *path) {
+    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    struct stat status {};
+    if (file < 0 || fstat(file, &status) != 0 || status.st_size == 0) {
+        give_up(path);
+    }
+    const auto size = static_cast<std::size_t>(status.st_size);
+    const void *memory = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file, 0);
+    if (memory == MAP_FAILED) {
+        give_up(path);
+    }
+    close(file);
+    const char *begin = static_cast<const char *>(memory);
+    return {.begin = begin, .end = begin + size};
+}
+
+/// Five texts make a record, each with its terminator.
+void trace_lines(const Tape &tape) {
+    const auto next = [](const char *text) { return text + std::strlen(text) + 1; };
+    for (const char *priority = tape.begin; priority < tape.end;) {
+        const char *file = next(priority);
+        const char *line = next(file);
+        const char *function = next(line);
+        const char *message = next(function);
+        sd_journal_print_with_location(*priority - '0', file, line, function, "%s\n", message);
+        priority = next(message);
     }
 }
 
@@ -115,7 +144,7 @@ void write_records(int log) {
     }
 }
 
-void pass(char *argv[], sd_bus *bus, int log, int lines) {
+void pass(char *argv[], sd_bus *bus, int log, const Tape &lines) {
     ask_network(bus);
     for (const char *path : looked_at) {
         read_file(path, Reading::nothing);
@@ -152,10 +181,11 @@ int main(int argc, char *argv[]) {
     if (sd_bus_default_system(&bus) < 0) {
         give_up("bus");
     }
-    trace_lines(std::atoi(argv[7])); // NOLINT(cert-err34-c): the bench's own
+    const Tape lines = map_tape(argv[7]);
+    trace_lines(map_tape(argv[6]));
     ask_units(bus, "LoadState");
-    for (int i = std::atoi(argv[5]); i > 0; --i) {                     // NOLINT(cert-err34-c)
-        pass(argv, bus, log, std::atoi(argv[6]));                      // NOLINT(cert-err34-c)
+    for (int i = std::atoi(argv[5]); i > 0; --i) { // NOLINT(cert-err34-c): the bench's own
+        pass(argv, bus, log, lines);
         if (const int period_ms = std::atoi(argv[4]); period_ms > 0) { // NOLINT(cert-err34-c)
             usleep(static_cast<useconds_t>(period_ms) * 1000);
         }

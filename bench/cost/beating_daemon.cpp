@@ -1,6 +1,6 @@
 // The daemon under a clock of its own, on which all tasks are due at each heartbeat; it ends by itself.
-//     beating_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS [hold]
-// With "hold" it says when it is done and stays until it is killed.
+//     beating_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS [hold|trace]
+// With "hold" it says when it is done and stays until it is killed; with "trace" its traces go to stdout.
 
 #include "bench_daemon.h"
 #include "gdata.h"
@@ -8,16 +8,23 @@
 #include "process.h"
 #include "scheduler.h"
 #include "timer.h"
+#include "trace.h"
 #include "vigmond/startup.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string_view>
 #include <unistd.h>
 
 int main(int argc, char *argv[]) {
     if (argc < 6) {
         return 2;
+    }
+    const std::string_view mode = argc > 6 ? argv[6] : "";
+    if (mode == "trace") {
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+        trace_mode = TRACE_TRACE;
     }
     configure_daemon({.logfile = argv[1], .disk = argv[2], .emmc = argv[3]});
     const int period_ms = std::atoi(argv[4]);  // NOLINT(cert-err34-c): the bench's own
@@ -37,7 +44,7 @@ int main(int argc, char *argv[]) {
             usleep(static_cast<useconds_t>(period_ms) * 1000);
         }
     }
-    if (argc > 6) {
+    if (mode == "hold") {
         std::puts("done");
         std::fflush(stdout);
         pause();

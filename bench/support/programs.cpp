@@ -1,5 +1,7 @@
 #include "programs.h"
 
+#include "line_tape.h"
+
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -11,23 +13,43 @@
 
 namespace {
 
-// What the traces of a pass with everything due, and those of the start, amount to; pass_bench counts.
-constexpr const char *LINES = "437";
-constexpr const char *LINES_AT_START = "170";
+/// The daemon's lines of some heartbeats.
+std::vector<std::string> daemon_lines(const BenchBoard &board) {
+    constexpr int heartbeats = 14;
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        std::abort();
+    }
+    Command command = daemon_command(board, 0, heartbeats);
+    command.emplace_back("trace");
+    const pid_t pid = start(command, ends[1]);
+    close(ends[1]);
+    std::vector<std::string> lines = lines_of("/proc/self/fd/" + std::to_string(ends[0]));
+    close(ends[0]);
+    waitpid(pid, nullptr, 0);
+    return lines;
+}
 
 } // namespace
+
+Baseline::Baseline(const BenchBoard &board) : board_(board) {
+    const LineTapes tapes = tapes_of(daemon_lines(board));
+    lines_of_pass_ = tapes.lines_of_pass;
+    start_ = board.scratch().write("start.tape", tapes.start);
+    pass_ = board.scratch().write("pass.tape", tapes.pass);
+}
+
+Command Baseline::command(int period_ms, int heartbeats, const std::string &folder) const {
+    Command command = daemon_command(board_, period_ms, heartbeats, folder);
+    command[0] = folder + "/bare_daemon";
+    command.insert(command.end(), {start_, pass_});
+    return command;
+}
 
 Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder) {
     const BoardPaths paths = board.paths();
     return {folder + "/beating_daemon", paths.logfile, paths.disk, paths.emmc, std::to_string(period_ms),
             std::to_string(heartbeats)};
-}
-
-Command floor_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder) {
-    Command command = daemon_command(board, period_ms, heartbeats, folder);
-    command[0] = folder + "/bare_daemon";
-    command.insert(command.end(), {LINES, LINES_AT_START});
-    return command;
 }
 
 void become(const Command &command, int out) {

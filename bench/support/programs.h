@@ -1,7 +1,7 @@
 #pragma once
 
 // Programs that the benches start and look at from outside: the daemon under a clock of its own, the
-// floor, others of the daemon's kind; and the rows of the table that is made of it.
+// baseline, others of the daemon's kind; and the rows of the table that is made of it.
 
 #include "bench_board.h"
 
@@ -11,10 +11,26 @@
 
 using Command = std::vector<std::string>;
 
-/// The commands of the programs in `folder`, which are due with all tasks at each heartbeat and end by
-/// themselves; without a period one heartbeat follows the other.
+/// The command of the daemon in `folder`, all of whose tasks are due at each heartbeat. It ends by itself;
+/// without a period one heartbeat follows the other.
 Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder = COST_FOLDER);
-Command floor_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder = COST_FOLDER);
+
+/// The program that asks the same of the system and writes the same lines, and does nothing else.
+class Baseline {
+  public:
+    /// Runs the daemon once, for its lines.
+    explicit Baseline(const BenchBoard &board);
+    [[nodiscard]] Command command(int period_ms, int heartbeats, const std::string &folder = COST_FOLDER) const;
+
+    /// The lines of a pass.
+    [[nodiscard]] std::size_t lines_of_pass() const { return lines_of_pass_; }
+
+  private:
+    const BenchBoard &board_;
+    std::size_t lines_of_pass_ = 0;
+    std::string start_; ///< the tapes' paths
+    std::string pass_;
+};
 
 /// Becomes the program, its stdout going to `out` or nowhere.
 [[noreturn]] void become(const Command &command, int out = -1);

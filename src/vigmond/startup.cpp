@@ -3,6 +3,7 @@
 #include "cleanup.h"
 #include "gdata.h"
 #include "handle.h"
+#include "log_sockets.h"
 #include "signals.h"
 #include "supervision.h"
 #include "trace.h"
@@ -45,6 +46,29 @@ bool lock_whole_file(const Descriptor &file) {
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     return fcntl(file.get(), F_SETLK, &lock) == 0;
+}
+
+/// The process that holds the lock; 0 when it is gone or cannot be named.
+pid_t lock_owner(const Descriptor &file) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    const bool held = fcntl(file.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return held ? lock.l_pid : 0;
+}
+
+/// Says why the daemon does not start, to the person who started it by hand.
+void explain(const char *path, const Descriptor &file, int error) {
+    if (isatty(STDERR_FILENO) == 0) {
+        return;
+    }
+    if (!file) {
+        std::fprintf(stderr, "cannot open %s: %s\n", path, std::strerror(error));
+    } else if (const pid_t owner = lock_owner(file); owner > 0) {
+        std::fprintf(stderr, "another vigmond holds %s (pid %d)\n", path, owner);
+    } else {
+        std::fprintf(stderr, "cannot lock %s: %s\n", path, std::strerror(error));
+    }
 }
 
 struct ExitSignal {
@@ -105,7 +129,9 @@ bool is_single_proc() {
     }
     Descriptor file = open_lock_file(path.get());
     if (!file || !lock_whole_file(file)) {
-        trace(TRACE_DEBUG, "%s", std::strerror(errno));
+        const int error = errno;
+        trace(TRACE_DEBUG, "%s", std::strerror(error));
+        explain(path.get(), file, error);
         return false;
     }
     dprintf(file.get(), "%d\n", getpid());
@@ -126,6 +152,7 @@ void signal_init() {
 }
 
 void sig_exit_handler(int /*signo*/) {
+    log_sockets_resume(); // the last traces are worth a try
     trace(TRACE_TRACE, " ");
     supervision_stopping();
     cleanup();

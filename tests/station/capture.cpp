@@ -8,9 +8,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <thread>
 
 namespace {
 
@@ -31,15 +34,46 @@ std::uint64_t little_endian(const char *bytes) {
     return number;
 }
 
-} // namespace
+Descriptor datagram_socket() { return Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
 
-DatagramSocket::DatagramSocket(const std::string &path)
-    : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+/// A socket with room for all that the daemon writes while the rig does not get to read it. How many messages
+/// wait is set for each network; where no other one is allowed, the socket is one like others.
+Descriptor roomy_socket() {
+    Descriptor fd;
+    std::thread([&fd] {
+        if (unshare(CLONE_NEWNET) == 0) {
+            std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << "2000";
+        }
+        fd = datagram_socket();
+    }).join();
+    return fd;
+}
+
+/// Puts the socket at `path`: `join` is bind or connect.
+Descriptor socket_at(const std::string &path, Descriptor fd, int (*join)(int, const sockaddr *, socklen_t)) {
     const std::filesystem::path whole(path);
     const Descriptor folder(open(whole.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     const sockaddr_un address = short_address(folder, whole.filename());
-    if (!fd_ || !folder || bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    if (!fd || !folder || join(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         rig_failure_of("socket " + path);
+    }
+    return fd;
+}
+
+} // namespace
+
+DatagramSocket::DatagramSocket(const std::string &path, Queue queue)
+    : fd_(socket_at(path, queue == Queue::roomy ? roomy_socket() : datagram_socket(), bind)) {}
+
+void fill_socket(const std::string &path) {
+    const std::string message = "A=x\n";
+    bool has_room = true;
+    while (has_room) { // each sender may leave only so much unread
+        const Descriptor sender = socket_at(path, datagram_socket(), connect);
+        has_room = false;
+        while (send(sender.get(), message.c_str(), message.size(), 0) > 0) {
+            has_room = true;
+        }
     }
 }
 

@@ -12,7 +12,8 @@
 /// A bound datagram socket that is read without waiting.
 class DatagramSocket {
   public:
-    explicit DatagramSocket(const std::string &path);
+    enum class Queue { usual, roomy }; ///< of the messages that nobody has read yet
+    explicit DatagramSocket(const std::string &path, Queue queue = Queue::usual);
     [[nodiscard]] int fd() const { return fd_.get(); }
     /// All datagrams that have come.
     [[nodiscard]] std::vector<std::string> take() const;
@@ -20,6 +21,9 @@ class DatagramSocket {
   private:
     Descriptor fd_;
 };
+
+/// Sends to the socket at `path` until it has no room.
+void fill_socket(const std::string &path);
 
 /// The fields of a record by name; "" for one that it does not have.
 class JournalRecord {

@@ -23,7 +23,8 @@ std::string tail_of(const std::string &text) {
 
 Station::Station(Board board)
     : program(sanitized_daemon() != nullptr ? sanitized_daemon() : STATION_DAEMON), board_(std::move(board)),
-      folder_(board_, scratch_.path()), journal_socket_(folder_.host_path("/run/systemd/journal/socket")),
+      folder_(board_, scratch_.path()),
+      journal_socket_(folder_.host_path("/run/systemd/journal/socket"), DatagramSocket::Queue::roomy),
       syslog_socket_(folder_.host_path("/dev/log")) {}
 
 Station::~Station() {

@@ -1,14 +1,22 @@
-// A journal or a syslog daemon that has stopped reading does not stop the heart.
+// A journal or a syslog daemon that has stopped reading stops no heartbeat, and what it misses is told.
 
 #include "passes.h"
 #include "station.h"
 #include "station_life.h"
 #include "status_log.h"
+#include "system_call_count.h"
 
+#include <algorithm>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <regex>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::SizeIs;
 
 namespace {
@@ -19,12 +27,41 @@ std::size_t room_in_a_socket() { return std::stoul(read_file("/proc/sys/net/unix
 struct Unread : testing::Test {
     Unread() { station.environment = {"TZ=UTC0"}; }
 
-    /// Lives a quarter of an hour and ends, without a record lost.
+    /// Lives three minutes and ends, without a record lost.
     void live_on() {
-        life.steps(&station, 90);
+        life.steps(&station, 18);
         EXPECT_EQ(station.stop(), 1);
         EXPECT_EQ(records_in(station.read(STATUS_LOG)), life.records());
-        EXPECT_THAT(station.read(STATUS_LOG), testing::HasSubstr("\tFINISHED\t"));
+        EXPECT_THAT(station.read(STATUS_LOG), HasSubstr("\tFINISHED\t"));
+    }
+
+    void fill_journal() {
+        station.reads_journal = false;
+        fill_socket(station.files().host_path("/run/systemd/journal/socket"));
+    }
+
+    /// Takes in what the sockets hold.
+    void read_all() {
+        station.reads_journal = true;
+        station.reads_syslog = true;
+        station.await("nothing", [] { return true; });
+        station.forget();
+    }
+
+    [[nodiscard]] std::vector<std::string> journal_messages() const {
+        std::vector<std::string> messages;
+        for (const JournalRecord &record : station.journal()) {
+            messages.push_back(record["MESSAGE"]);
+        }
+        return messages;
+    }
+
+    /// Whether a trace of level 0 has the number.
+    [[nodiscard]] bool tells_lost_traces() const {
+        const std::regex shape(R"(\(0\) \[\d+\] \S+ trace\.c: trace_write\(\d+\) [1-9]\d* traces lost)");
+        const std::vector<std::string> messages = journal_messages();
+        return std::any_of(messages.begin(), messages.end(),
+                           [&shape](const std::string &message) { return std::regex_match(message, shape); });
     }
 
     /// Says one sentence.
@@ -43,17 +80,48 @@ struct Unread : testing::Test {
 
 TEST_F(Unread, JournalFromTheFirstPassOnStopsNoHeartbeat) {
     life.start(&station, {});
-    station.reads_journal = false;
+    fill_journal();
     live_on();
 }
 
 TEST_F(Unread, JournalFullDuringAPassStopsNoTermination) {
     station.start({});
-    station.reads_journal = false;
+    fill_journal();
     station.advance(3);
     station.send(SIGALRM);
     station.send(SIGTERM);
     EXPECT_EQ(station.await_exit(), 1);
+}
+
+TEST_F(Unread, JournalGetsTheNextHeartbeatAndTheNumberOfLostTraces) {
+    station.start({});
+    fill_journal();
+    station.step();
+    read_all();
+    station.step();
+    EXPECT_TRUE(tells_lost_traces());
+    EXPECT_THAT(journal_messages(), Contains(HasSubstr("RUN: at 12:00:27")));
+}
+
+TEST_F(Unread, JournalThatIsFullAtTheStartStopsNoStart) {
+    fill_journal();
+    EXPECT_THAT(station.run({"-v"}).err, HasSubstr("Version Data"));
+    EXPECT_EQ(station.run({"-d"}).status, 0);
+    station.start({});
+    read_all();
+    station.step();
+    EXPECT_TRUE(tells_lost_traces());
+}
+
+// The library waits, and cannot try again without a descriptor.
+TEST_F(Unread, JournalIsTriedOnceAHeartbeatThoughNoDescriptorIsLeft) {
+    station.start({});
+    constexpr rlimit none_more{.rlim_cur = 3, .rlim_max = 3};
+    ASSERT_EQ(prlimit(station.pid(), RLIMIT_NOFILE, &none_more, nullptr), 0);
+    fill_journal();
+    SystemCallCount count(station.pid());
+    station.step();
+    EXPECT_LE(count.until_next_wait()[SYS_sendmsg], 2) << "once by what precedes the heartbeat";
 }
 
 TEST_F(Unread, SyslogStopsNoHeartbeatAndIsWrittenToAgain) {
@@ -66,9 +134,8 @@ TEST_F(Unread, SyslogStopsNoHeartbeatAndIsWrittenToAgain) {
     }
     change_temperature();
     EXPECT_THAT(station.trace().messages_with(lost), SizeIs(2));
-    station.reads_syslog = true;
-    station.heartbeats(1); // in which what waited is read
-    station.forget();
+    read_all();
     change_temperature();
     EXPECT_THAT(station.syslog(), SizeIs(1));
+    EXPECT_THAT(station.trace().messages_with("sentences lost"), ElementsAre("2 sentences lost, syslog was not read"));
 }

@@ -27,9 +27,14 @@ std::string text_behind_prefix(const std::string &line, const char *function, co
 
 } // namespace
 
+std::atomic<int> journal_result = 0;
+
 // Linked in front of the library's own.
 extern "C" int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
                                               const char *format, ...) {
+    if (journal_result != 0) {
+        return journal_result;
+    }
     std::array<char, 2048> message{};
     std::va_list arguments;
     va_start(arguments, format);

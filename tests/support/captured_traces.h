@@ -2,9 +2,13 @@
 
 // Takes the place of the journal in unit tests: every trace that would have gone there is kept here.
 
+#include <atomic>
 #include <string>
 #include <string_view>
 #include <vector>
+
+/// What the journal answers; it takes lines with 0 only.
+extern std::atomic<int> journal_result;
 
 struct CapturedTrace {
     int priority;

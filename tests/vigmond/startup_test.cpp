@@ -3,6 +3,7 @@
 #include "captured_traces.h"
 #include "cleanup.h"
 #include "gdata.h"
+#include "handle.h"
 #include "in_child.h"
 #include "memory_fault.h"
 #include "process_state.h"
@@ -215,6 +216,56 @@ TEST(SingleProcess, SecondInstanceFailsAndEmptiesTheFileOfTheFirst) {
         EXPECT_FALSE(is_single_proc()) << "and tries again";
     });
     EXPECT_EQ(read_file(folder / ".lock"), "");
+}
+
+namespace {
+
+/// What a failing start writes to stderr when that is a terminal.
+std::string said_on_a_terminal() {
+    const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    EXPECT_EQ(grantpt(terminal.get()), 0);
+    EXPECT_EQ(unlockpt(terminal.get()), 0);
+    const Descriptor line(open(ptsname(terminal.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const Descriptor errors(dup(STDERR_FILENO));
+    dup2(line.get(), STDERR_FILENO);
+    EXPECT_FALSE(is_single_proc());
+    dup2(errors.get(), STDERR_FILENO);
+    const std::string end = "END";
+    EXPECT_EQ(write(line.get(), end.c_str(), end.size()), 3);
+    std::string text;
+    for (char character = 0; !text.ends_with(end) && read(terminal.get(), &character, 1) == 1;) {
+        text += character;
+    }
+    return text.substr(0, text.size() - end.size());
+}
+
+/// The same when it is none.
+std::string said_elsewhere() {
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(is_single_proc());
+    return testing::internal::GetCapturedStderr();
+}
+
+} // namespace
+
+TEST(SingleProcess, SecondInstanceTellsATerminalWhoHoldsTheLock) {
+    const ScratchFolder folder;
+    const OtherDaemon other(folder);
+    in_daemon(folder, [&] {
+        const std::string line =
+            "another vigmond holds " + folder / ".lock" + " (pid " + std::to_string(other.pid()) + ")";
+        EXPECT_EQ(said_on_a_terminal(), line + "\r\n");
+        EXPECT_EQ(said_elsewhere(), "");
+    });
+}
+
+TEST(SingleProcess, TellsATerminalThatTheLockFileCannotBeOpened) {
+    const ScratchFolder folder;
+    in_daemon(folder, [&] {
+        gdata_record().logfile = "/dev/null/log";
+        EXPECT_EQ(said_on_a_terminal(), "cannot open /dev/null/.lock: Not a directory\r\n");
+        EXPECT_EQ(said_elsewhere(), "");
+    });
 }
 
 TEST(SingleProcess, TwoLogFilesInOneFolderShareTheLock) {

@@ -15,7 +15,7 @@ using model::Script;
 namespace {
 
 constexpr std::int64_t AN_HOUR_BEFORE_WINTER = 1729987200; // 2024-10-27 00:00:00 UTC
-constexpr int BEATS = 80; // a minute apart
+constexpr int BEATS = 80;                                  // a minute apart
 
 /// The station's life, and what is known of it without its log.
 struct Life {

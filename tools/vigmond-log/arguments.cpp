@@ -1,0 +1,173 @@
+#include "arguments.h"
+
+#include <array>
+#include <getopt.h>
+
+namespace vlog {
+
+const char *const USAGE =
+    "Usage: vigmond-log [show|changes|summary|plot|export] [OPTION...] [FOLDER|FILE|STATION=FOLDER...]\n"
+    "Looks at the status logs of vigmond. Without arguments: summary of /var/lib/evse/vigmond.\n"
+    "\n"
+    "A folder stands for its log and all of its generations. A file is plain or packed with bzip2; - is\n"
+    "standard input. Several stations are told apart by STATION=.\n"
+    "\n"
+    "  show                   the records\n"
+    "  changes                one line a change of state, and what passed in between\n"
+    "  summary                one row a check\n"
+    "      --json             the same for programs\n"
+    "  plot -o FILE           a page to look at in a browser\n"
+    "  export --format=FORMAT the records as csv, jsonl or openmetrics\n"
+    "  export --textfile=FILE the present values for the node exporter\n"
+    "      --bus              and the issues that are raised\n"
+    "\n"
+    "      --since=TIME       from this time on, as journalctl has it: \"2024-05-01 10:00\", yesterday, -2h\n"
+    "      --until=TIME       before this time\n"
+    "      --issue=CB20       this issue only\n"
+    "      --state=STATE      records with this state only: OK, WARN, FAIL or INV\n"
+    "      --timezone=ZONE    the zone of the log's times, as Europe/Berlin; otherwise the system's\n"
+    "  -o, --output=FILE      write to a file, which appears when it is complete\n"
+    "  -h, --help             show this\n"
+    "  -v, --version          show the version\n"
+    "\n"
+    "Exit status: 0, 1 when something could not be read or written, 2 for wrong usage.\n";
+
+namespace {
+
+enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile, bus };
+
+constexpr std::array OPTIONS{
+    option{"json", no_argument, nullptr, json},
+    option{"since", required_argument, nullptr, since},
+    option{"until", required_argument, nullptr, until},
+    option{"issue", required_argument, nullptr, issue},
+    option{"state", required_argument, nullptr, state},
+    option{"timezone", required_argument, nullptr, timezone_},
+    option{"format", required_argument, nullptr, format},
+    option{"textfile", required_argument, nullptr, textfile},
+    option{"bus", no_argument, nullptr, bus},
+    option{"output", required_argument, nullptr, 'o'},
+    option{"help", no_argument, nullptr, 'h'},
+    option{"version", no_argument, nullptr, 'v'},
+    option{nullptr, 0, nullptr, 0},
+};
+
+struct CommandName {
+    const char *name;
+    Command command;
+};
+constexpr std::array COMMANDS{CommandName{"show", Command::show}, CommandName{"changes", Command::changes},
+                              CommandName{"summary", Command::summary}, CommandName{"plot", Command::plot},
+                              CommandName{"export", Command::export_}};
+
+std::optional<Format> format_of(const std::string &name) {
+    if (name == "csv") {
+        return Format::csv;
+    }
+    if (name == "jsonl") {
+        return Format::jsonl;
+    }
+    return name == "openmetrics" ? std::optional(Format::openmetrics) : std::nullopt;
+}
+
+/// Takes one option; what is wrong with its value, or nothing.
+std::string take(int character, const std::string &value, Arguments *arguments) {
+    switch (character) {
+    case json:
+        arguments->json = true;
+        break;
+    case bus:
+        arguments->bus = true;
+        break;
+    case 'h':
+        arguments->help = true;
+        break;
+    case 'v':
+        arguments->version = true;
+        break;
+    case since:
+        arguments->since = value;
+        break;
+    case until:
+        arguments->until = value;
+        break;
+    case timezone_:
+        arguments->timezone = value;
+        break;
+    case 'o':
+        arguments->output = value;
+        break;
+    case textfile:
+        arguments->textfile = value;
+        break;
+    case issue:
+        arguments->issue = issue_of(value);
+        return arguments->issue ? "" : "'" + value + "' is no issue: give one from CB00 to CB32, or CBnn";
+    case state:
+        arguments->state = state_of(value);
+        return arguments->state ? "" : "'" + value + "' is no state: give OK, WARN, FAIL or INV";
+    default:
+        arguments->format = format_of(value).value_or(Format::none);
+        return arguments->format != Format::none ? "" : "'" + value + "' is no format: give csv, jsonl or openmetrics";
+    }
+    return "";
+}
+
+/// What does not go together, or nothing.
+std::string contradiction(const Arguments &arguments) {
+    const bool is_export = arguments.command == Command::export_;
+    const bool has_textfile = !arguments.textfile.empty();
+    if (arguments.command == Command::plot && arguments.output.empty()) {
+        return "plot needs a file to write to: -o FILE";
+    }
+    if (is_export && (arguments.format != Format::none) == has_textfile) {
+        return "export needs either --format or --textfile";
+    }
+    if (!is_export && (arguments.format != Format::none || has_textfile)) {
+        return "--format and --textfile belong to export";
+    }
+    if (arguments.bus && !has_textfile) {
+        return "--bus belongs to export --textfile";
+    }
+    if (arguments.json && arguments.command != Command::summary) {
+        return "--json belongs to summary; export --format=jsonl has the records";
+    }
+    if (arguments.state && arguments.command != Command::show && !is_export) {
+        return "--state belongs to show and export";
+    }
+    if (has_textfile && (arguments.inputs.size() > 1 || !arguments.since.empty() || !arguments.until.empty())) {
+        return "export --textfile tells of one log as it is now";
+    }
+    return "";
+}
+
+} // namespace
+
+std::optional<Arguments> read_arguments(int argc, char **argv, std::string *problem) {
+    Arguments arguments;
+    optind = 0; // begins again, also after another command line
+    opterr = 0;
+    for (int character = 0; (character = getopt_long(argc, argv, ":ho:v", OPTIONS.data(), nullptr)) != -1;) {
+        if (character == '?' || character == ':') {
+            *problem = std::string(argv[optind - 1]) +
+                       (character == '?' ? ": there is no such option" : ": a value is missing");
+            return std::nullopt;
+        }
+        *problem = take(character, optarg == nullptr ? "" : optarg, &arguments);
+        if (!problem->empty()) {
+            return std::nullopt;
+        }
+    }
+    arguments.inputs.assign(argv + optind, argv + argc);
+    for (const CommandName &each : COMMANDS) {
+        if (!arguments.inputs.empty() && arguments.inputs.front() == each.name) {
+            arguments.command = each.command;
+            arguments.inputs.erase(arguments.inputs.begin());
+            break;
+        }
+    }
+    *problem = arguments.help || arguments.version ? "" : contradiction(arguments);
+    return problem->empty() ? std::optional(arguments) : std::nullopt;
+}
+
+} // namespace vlog

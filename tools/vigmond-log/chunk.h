@@ -1,0 +1,84 @@
+#pragma once
+
+// What the unpacking threads give to the one that reads in order.
+
+#include "line.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vlog {
+
+enum class ItemKind : std::uint8_t { record, start, rotate, finished, definition };
+
+/// A line in 16 bytes, of which millions may be waiting.
+class Item {
+  public:
+    explicit Item(const Record &record)
+        : word_(word(record.local, ItemKind::record, record.state, record.readable)), value_(record.value),
+          check_(record.check) {}
+    /// `place` is that of the command line or definition in the chunk.
+    Item(ItemKind kind, LocalTime local, std::size_t place)
+        : word_(word(local, kind, State::ok, false)), value_(static_cast<std::int32_t>(place)) {}
+
+    [[nodiscard]] LocalTime local() const { return word_ >> 8; }
+    [[nodiscard]] ItemKind kind() const { return static_cast<ItemKind>(word_ & 7); }
+    [[nodiscard]] State state() const { return static_cast<State>(word_ >> 3 & 3); }
+    [[nodiscard]] bool readable() const { return (word_ & 32) != 0; }
+    [[nodiscard]] std::int32_t value() const { return value_; }
+    [[nodiscard]] CheckId check() const { return check_; }
+    [[nodiscard]] std::size_t place() const { return static_cast<std::size_t>(value_); }
+
+  private:
+    static std::int64_t word(LocalTime local, ItemKind kind, State state, bool readable) {
+        return local * 256 + static_cast<int>(kind) + static_cast<int>(state) * 8 + (readable ? 32 : 0);
+    }
+    std::int64_t word_;
+    std::int32_t value_;
+    CheckId check_;
+};
+static_assert(sizeof(Item) == 16);
+
+/// Part of a file, in the file's order.
+struct Chunk {
+    static constexpr std::size_t MOST_ITEMS = 4096;
+    static constexpr std::size_t MOST_EXTRAS = 64; ///< command lines and definitions, each of some KB at most
+
+    std::vector<Item> items;
+    std::vector<Definition> definitions;
+    std::vector<std::string> command_lines;
+    std::uint64_t foreign_lines = 0;
+    std::uint64_t repeated_bytes = 0; ///< left out, because the file before has them too
+    std::size_t file = 0;             ///< its place in the order of the files
+    bool is_last = false;             ///< of its file
+    std::string problem;              ///< of the file, in the last chunk
+
+    [[nodiscard]] bool is_full() const {
+        return items.size() >= MOST_ITEMS || definitions.size() + command_lines.size() >= MOST_EXTRAS;
+    }
+    void clear();
+};
+
+/// Turns the text of one file into items. Lines that are no lines of a status log are counted; so is a last line
+/// without a line feed, of which something may be missing.
+class TextReader {
+  public:
+    static constexpr std::size_t LONGEST_LINE = 65536;
+
+    /// Reads whole lines from the front of `text` until the chunk is full, and returns how many bytes were used. The
+    /// rest, with more behind it, is given again.
+    std::size_t read(std::string_view text, Chunk *chunk);
+    /// There is no more text than this, which holds no line feed.
+    void finish(std::string_view text, Chunk *chunk);
+
+  private:
+    void read_line(std::string_view line, Chunk *chunk);
+    void read_comment(std::string_view line, Chunk *chunk);
+
+    RecordReader records_;
+    CommentReader comments_;
+    bool in_long_line_ = false; ///< its front has been dropped
+};
+
+} // namespace vlog

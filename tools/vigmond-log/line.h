@@ -1,0 +1,126 @@
+#pragma once
+
+// What one line of a status log says. Nothing here reads a file or knows a time zone.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vlog {
+
+/// The label of a record.
+enum class State : std::uint8_t { ok, warn, fail, invalid };
+inline constexpr std::size_t STATE_COUNT = 4;
+
+/// "OK", "WARN", "FAIL" or "INV".
+const char *state_label(State state);
+/// The state of a label; none for any other text.
+std::optional<State> state_of(std::string_view label);
+
+/// The number of an issue that is not set, written as CBnn.
+inline constexpr std::int16_t UNSET_ISSUE = -1;
+
+/// What tells one check from another.
+struct CheckId {
+    std::int16_t issue = UNSET_ISSUE;
+    std::uint16_t index = 0;
+    friend bool operator==(CheckId, CheckId) = default;
+};
+
+/// "CB20", or "CBnn".
+std::string issue_text(std::int16_t issue);
+/// The number in "CB20" or UNSET_ISSUE for "CBnn"; none for any other text.
+std::optional<std::int16_t> issue_of(std::string_view text);
+
+/// Local time of a record or marker as seconds since 1970 as if it were UTC.
+using LocalTime = std::int64_t;
+/// The daemon writes zeros when it has no time.
+inline constexpr LocalTime NO_TIME = -(1LL << 46);
+
+struct Record {
+    LocalTime local = 0;
+    std::int32_t value = 0; ///< 0 when not readable
+    CheckId check;
+    State state = State::ok;
+    bool readable = false;
+};
+
+/// One row of the table of checks in a header block.
+struct Definition {
+    CheckId check;
+    std::string name;
+    std::string parameter;
+    std::optional<std::int32_t> interval; ///< seconds
+    std::optional<std::int32_t> minfail;
+    std::optional<std::int32_t> minwarn;
+    std::optional<std::int32_t> maxwarn;
+    std::optional<std::int32_t> maxfail;
+    friend bool operator==(const Definition &, const Definition &) = default;
+};
+
+enum class Occasion : std::uint8_t { start, rotate, finished };
+
+struct Marker {
+    LocalTime local = 0;
+    Occasion occasion = Occasion::start;
+    std::string command_line;
+};
+
+/// Reads records. The date of the line before is kept, because most lines repeat it.
+class RecordReader {
+  public:
+    /// False when the line, which has no line feed, is no record; `record` is then not to be used.
+    bool read(std::string_view line, Record *record);
+
+  private:
+    static constexpr std::size_t MINUTE_LENGTH = 16;
+    bool read_stamp(const char *text, LocalTime *local);
+
+    std::array<char, MINUTE_LENGTH> minute_text_{};
+    LocalTime minute_ = 0;
+};
+
+/// "2024-05-01 10:00:00", exactly; none when that is no date and time.
+std::optional<LocalTime> read_stamp(std::string_view text);
+
+/// Reads the lines that begin with "##". The columns of the table of checks are found by their headings, so that a
+/// table with other columns is read too.
+class CommentReader {
+  public:
+    enum class Found : std::uint8_t { nothing, definition, marker };
+    /// Takes the lines in their order. What was found is in `definition()` or `marker()` until the next call.
+    Found read(std::string_view line);
+    [[nodiscard]] const Definition &definition() const { return definition_; }
+    [[nodiscard]] const Marker &marker() const { return marker_; }
+
+  private:
+    enum Column : std::uint8_t { name, issue, index, interval, minfail, minwarn, maxwarn, maxfail, parameter };
+    static constexpr std::size_t COLUMNS = 9;
+    static constexpr std::size_t MOST_FIELDS = 24;
+    struct Fields {
+        std::array<std::string_view, MOST_FIELDS> texts;
+        std::size_t count = 0;
+    };
+    static Fields split(std::string_view line);
+    static std::string_view trimmed(std::string_view text);
+
+    bool read_marker(std::string_view line, const Fields &fields);
+    void read_headings(const Fields &upper, const Fields &lower);
+    bool read_definition(std::string_view line, const Fields &fields);
+    [[nodiscard]] std::string_view field(const Fields &fields, Column column) const;
+
+    std::array<std::size_t, COLUMNS> position_{0, 1, 2, 3, 4, 5, 6, 7, 8};
+    std::string upper_headings_; ///< the line before, when it was the upper one of the two
+    Definition definition_;
+    Marker marker_;
+};
+
+/// How the daemon was told which records to write.
+enum class Level : std::uint8_t { all, warnings, failures };
+/// The level that a command line, as the log's markers have it, sets.
+Level level_of(std::string_view command_line);
+
+} // namespace vlog

@@ -1,0 +1,162 @@
+#include "output.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace vlog {
+
+namespace {
+
+/// What the signal handler removes. It only reads it, and it is set and cleared with the signals blocked.
+constinit std::array<char, 4096> unfinished_file{};
+
+constexpr std::array ENDING_SIGNALS{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
+
+void remove_and_end(int signo) {
+    unlink(unfinished_file.data());
+    signal(signo, SIG_DFL);
+    raise(signo);
+}
+
+/// Tells the handler what to remove: nothing for an empty text.
+void set_unfinished(const std::string &path) {
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    for (const int signo : ENDING_SIGNALS) {
+        sigaddset(&blocked, signo);
+    }
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    std::snprintf(unfinished_file.data(), unfinished_file.size(), "%s", path.c_str());
+    for (const int signo : ENDING_SIGNALS) {
+        struct sigaction action {};
+        sigaction(signo, nullptr, &action);
+        if (action.sa_handler != SIG_IGN) {
+            action.sa_handler = path.empty() ? SIG_DFL : remove_and_end;
+            sigaction(signo, &action, nullptr);
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+/// The length of the UTF-8 character at the front; 0 when there is none.
+std::size_t utf8_length(std::string_view text) {
+    const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const std::size_t length = byte(0) < 0x80                      ? 1
+                               : byte(0) >= 0xC2 && byte(0) < 0xE0 ? 2
+                               : (byte(0) & 0xF0) == 0xE0          ? 3
+                               : byte(0) >= 0xF0 && byte(0) < 0xF5 ? 4
+                                                                   : 0;
+    if (length > text.size()) {
+        return 0;
+    }
+    for (std::size_t at = 1; at < length; ++at) {
+        if ((byte(at) & 0xC0) != 0x80) {
+            return 0;
+        }
+    }
+    if (length > 2) { // neither longer than needed, nor a surrogate, nor beyond the last
+        const unsigned front = byte(0) * 256U + byte(1);
+        const bool is_bad = (front >= 0xE080 && front < 0xE0A0) || (front >= 0xEDA0 && front < 0xEE00) ||
+                            (front >= 0xF080 && front < 0xF090) || front >= 0xF490;
+        return is_bad ? 0 : length;
+    }
+    return length;
+}
+
+} // namespace
+
+Output::Output(std::string path) : path_(std::move(path)) {
+    if (path_.empty()) {
+        return;
+    }
+    const std::size_t slash = path_.rfind('/');
+    const std::size_t name = slash == std::string::npos ? 0 : slash + 1;
+    temporary_ = path_.substr(0, name) + "." + path_.substr(name) + ".XXXXXX";
+    Descriptor file(mkostemp(temporary_.data(), O_CLOEXEC));
+    if (!file) {
+        problem_ = path_ + ": " + std::strerror(errno);
+        temporary_.clear();
+        return;
+    }
+    set_unfinished(temporary_);
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(file.get(), 0666 & ~mask);
+    file_ = stream_on(std::move(file), "w");
+}
+
+Output::~Output() {
+    if (!temporary_.empty()) {
+        unlink(temporary_.c_str());
+        set_unfinished("");
+    }
+}
+
+void Output::print(const char *format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::vfprintf(stream(), format, arguments);
+    va_end(arguments);
+}
+
+bool Output::finish() {
+    if (!problem_.empty()) {
+        return false;
+    }
+    const bool is_written = std::fflush(stream()) == 0 && std::ferror(stream()) == 0 &&
+                            (temporary_.empty() || fsync(fileno(stream())) == 0 || errno == EINVAL);
+    if (!is_written || (!temporary_.empty() && rename(temporary_.c_str(), path_.c_str()) != 0)) {
+        problem_ = (path_.empty() ? "standard output" : path_) + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!temporary_.empty()) {
+        temporary_.clear();
+        set_unfinished("");
+    }
+    return true;
+}
+
+bool Output::is_terminal() const { return path_.empty() && isatty(STDOUT_FILENO) == 1; }
+
+std::string json_text(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const auto first = static_cast<unsigned char>(text.front());
+        const std::size_t length = utf8_length(text);
+        std::array<char, 8> escaped{};
+        if (length == 0) {
+            result += "\\ufffd";
+        } else if (first == '"' || first == '\\') {
+            result += {'\\', text.front()};
+        } else if (first < ' ' || first == '<' || first == '>' || first == '&' || first == 127) { // also within a page
+            std::snprintf(escaped.data(), escaped.size(), "\\u%04x", first);
+            result += escaped.data();
+        } else {
+            result += text.substr(0, length);
+        }
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return result;
+}
+
+std::string duration_text(std::int64_t seconds) {
+    struct Unit {
+        const char *name;
+        std::int64_t seconds;
+    };
+    std::string text;
+    for (const Unit &unit : {Unit{"d", 86400}, Unit{"h", 3600}, Unit{"min", 60}, Unit{"s", 1}}) {
+        if (seconds >= unit.seconds) {
+            text += (text.empty() ? "" : " ") + std::to_string(seconds / unit.seconds) + unit.name;
+            seconds %= unit.seconds;
+        }
+    }
+    return text.empty() ? "0s" : text;
+}
+
+} // namespace vlog

@@ -1,0 +1,156 @@
+#include "session.h"
+
+#include "log_folder.h"
+#include "revision.h"
+#include "time_argument.h"
+
+#include <cstdio>
+#include <ctime>
+#include <sys/stat.h>
+
+namespace vlog {
+
+namespace {
+
+constexpr const char *OWN_LOG = "/var/lib/evse/vigmond";
+constexpr unsigned EVENTS_A_LOOK = 4096; // at the clock, for the progress bar
+
+std::uint64_t size_of(const std::vector<StationFiles> &stations) {
+    std::uint64_t size = 0;
+    for (const StationFiles &station : stations) {
+        for (const std::string &path : station.paths) {
+            struct stat status {};
+            if (path == "-" || stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+                return 0;
+            }
+            size += static_cast<std::uint64_t>(status.st_size);
+        }
+    }
+    return size;
+}
+
+} // namespace
+
+Progress::Progress(std::uint64_t total)
+    : total_(total), is_terminal_(isatty(STDERR_FILENO) == 1),
+      next_(std::chrono::steady_clock::now() + std::chrono::seconds(1)) {}
+
+Progress::~Progress() {
+    if (is_shown_) {
+        std::fputs("\r\033[K", stderr);
+    }
+}
+
+void Progress::show() {
+    constexpr std::size_t width = 40;
+    if (!is_terminal_ || std::chrono::steady_clock::now() < next_) {
+        return;
+    }
+    next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    is_shown_ = true;
+    if (total_ == 0) {
+        std::fprintf(stderr, "\r%llu MB read\033[K", static_cast<unsigned long long>(read / 1000000));
+        return;
+    }
+    const std::uint64_t part = std::min(read.load(), total_);
+    const std::size_t filled = part * width / total_;
+    std::fprintf(stderr, "\r[%s%s] %3u %%\033[K", std::string(filled, '#').c_str(),
+                 std::string(width - filled, ' ').c_str(), static_cast<unsigned>(part * 100 / total_));
+}
+
+Session::Session(const Arguments &arguments, Moment now) : arguments_(arguments) {
+    if (!zone_set(arguments.timezone)) {
+        complain("'" + arguments.timezone + "' is no time zone: give one like Europe/Berlin", WRONG_USAGE);
+    } else if (take_range(now)) {
+        take_stations();
+    }
+    progress_ = std::make_unique<Progress>(size_of(stations_));
+}
+
+bool Session::take_range(Moment now) {
+    for (const auto &[text, moment] : {std::pair(&arguments_.since, &since_), std::pair(&arguments_.until, &until_)}) {
+        if (!text->empty()) {
+            *moment = moment_of_argument(*text, now);
+            if (!*moment) {
+                complain("'" + *text + "' is no time: give one like \"2024-05-01 10:00\", yesterday or -2h",
+                         WRONG_USAGE);
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+void Session::take_stations() {
+    const std::vector<std::string> own{OWN_LOG};
+    std::string problem;
+    bool is_usage = false;
+    const auto stations = stations_of(arguments_.inputs.empty() ? own : arguments_.inputs, &problem, &is_usage);
+    if (!stations) {
+        complain(problem, is_usage ? WRONG_USAGE : UNREADABLE);
+        return;
+    }
+    stations_ = *stations;
+}
+
+void Session::complain(const std::string &text, int status) {
+    std::fprintf(stderr, "vigmond-log: %s\n", text.c_str());
+    status_ = std::max(status_, status);
+}
+
+std::optional<LogCounts> Session::read(const StationFiles &station, const Visit &visit) {
+    StationLog log(station, threads_to_use(), &progress_->read,
+                   [this](const std::string &path, const std::string &problem) { complain(path + ": " + problem); });
+    bool is_empty = true;
+    unsigned count = 0;
+    Event event;
+    while (log.next(&event)) {
+        is_empty = false;
+        if (++count % EVENTS_A_LOOK == 0) {
+            progress_->show();
+        }
+        if ((!since_ || event.time >= *since_) && (!until_ || event.time < *until_)) {
+            visit(event, log);
+        }
+    }
+    if (is_empty) {
+        complain(station.paths.front() + ": there is nothing of a status log in it");
+        return std::nullopt;
+    }
+    has_read_ = true;
+    return log.counts();
+}
+
+/// A file that is there already is not replaced by nothing.
+int Session::finish(Output *output) {
+    if (has_read_ && !output->finish()) {
+        complain(output->problem());
+    }
+    return status_;
+}
+
+int run(int argc, char **argv) {
+    std::string problem;
+    const std::optional<Arguments> arguments = read_arguments(argc, argv, &problem);
+    if (!arguments) {
+        std::fprintf(stderr, "vigmond-log: %s\nvigmond-log --help shows what there is.\n", problem.c_str());
+        return WRONG_USAGE;
+    }
+    if (arguments->help || arguments->version) {
+        Output output("");
+        output.write(arguments->help ? USAGE : "vigmond-log " REVISION_VERSION " " REVISION_GIT_ID "\n");
+        return output.finish() ? DONE : UNREADABLE;
+    }
+    Session session(*arguments, std::time(nullptr));
+    if (!session.is_ready()) {
+        return session.status();
+    }
+    switch (arguments->command) {
+    case Command::show:
+        return show(&session);
+    default:
+        return changes(&session);
+    }
+}
+
+} // namespace vlog

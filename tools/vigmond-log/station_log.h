@@ -1,0 +1,108 @@
+#pragma once
+
+// The log of one station: its records and events in their order, with moments instead of local times. Memory stays the
+// same however long the log is.
+
+#include "unpacker.h"
+#include "zone.h"
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vlog {
+
+/// Checks of one station. What a log has beyond them is counted as foreign.
+inline constexpr std::size_t MOST_CHECKS = 256;
+
+enum class EventKind : std::uint8_t { record, start, rotate, finished };
+
+struct Event {
+    EventKind kind = EventKind::record;
+    Moment time = 0;
+    bool is_set_back = false; ///< the clock went back by `set_back` before it
+    Moment set_back = 0;
+
+    // of a record
+    std::size_t check = 0; ///< its place in StationLog::checks()
+    State state = State::ok;
+    bool readable = false;
+    std::int32_t value = 0;
+
+    bool is_unclean = false; ///< of a start: the daemon before it was killed, or lost its power
+};
+
+/// The files of a station, oldest first.
+struct StationFiles {
+    std::string name;
+    std::vector<std::string> paths;
+};
+
+/// What was counted while a log was read.
+struct LogCounts {
+    std::uint64_t records = 0;
+    std::uint64_t foreign_lines = 0;
+    std::uint64_t repeated = 0; ///< records that were there twice, and left out
+    std::uint64_t starts = 0;
+    std::uint64_t unclean_ends = 0;
+};
+
+class StationLog {
+  public:
+    /// Called for each file that could not be read whole: its path and what is wrong with it.
+    using Complaint = std::function<void(const std::string &path, const std::string &problem)>;
+
+    StationLog(const StationFiles &files, unsigned threads, std::atomic<std::uint64_t> *read_so_far,
+               Complaint complain);
+
+    /// Fills in the next event; false at the end. A definition that changes is in `checks()` from the next event on.
+    bool next(Event *event);
+
+    /// The checks seen so far, in the order of the table of checks or else of their records.
+    [[nodiscard]] const std::vector<Definition> &checks() const { return checks_; }
+    [[nodiscard]] const LogCounts &counts() const { return counts_; }
+    /// Which records the daemon was told to write.
+    [[nodiscard]] Level level() const { return level_; }
+    /// How it was started.
+    [[nodiscard]] const std::string &command_line() const { return command_line_; }
+
+  private:
+    static constexpr std::size_t SLOTS = 1024; ///< of the table that finds checks
+
+    bool next_chunk();
+    bool take(const Item &item, Event *event);
+    bool take_record(const Item &item, Event *event);
+    bool take_marker(const Item &item, Event *event);
+    void define(const Definition &definition);
+    bool set_time(LocalTime local, Event *event);
+    std::optional<std::size_t> find(CheckId check);
+    [[nodiscard]] bool is_repeated(const Event &event) const;
+
+    struct Last {
+        Moment time = 0;
+        std::int32_t value = 0;
+        State state = State::ok;
+        bool readable = false;
+        bool is_set = false;
+    };
+
+    std::vector<std::string> paths_;
+    Complaint complain_;
+    std::unique_ptr<Unpacker> unpacker_;
+    const Chunk *chunk_ = nullptr;
+    std::size_t at_ = 0; ///< in the chunk
+    LocalClock clock_;
+    std::optional<Moment> before_;
+    std::vector<Definition> checks_;
+    std::array<std::int16_t, SLOTS> slots_{}; ///< the place of a check and one
+    std::array<Last, MOST_CHECKS> last_{};
+    LogCounts counts_;
+    Level level_ = Level::all;
+    std::string command_line_;
+    bool is_running_ = false; ///< there were signs of life since the last FINISHED
+};
+
+} // namespace vlog

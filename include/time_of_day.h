@@ -1,6 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
+
+static_assert(sizeof(std::time_t) == sizeof(std::int64_t),
+              "time_t ends in 2038: a 32-bit board needs glibc 2.34 or later, which knows _TIME_BITS=64");
 
 /// A UTC time of day.
 struct TimeOfDay {

@@ -127,7 +127,8 @@ struct GlobalData {
 /// The record itself, for the dump and for tests; everybody else uses the operations below.
 GlobalData &gdata_record();
 
-/// Hands over the list of tasks, which must outlive the process's use of it.
+/// Sets the list of tasks, which must outlive the process's use of it. Traces nothing: at a start the options,
+/// which choose where traces go, have not been read yet.
 void gdata_set_tasks(const TaskList &tasks);
 /// The first task, null when there is none.
 Task *gdata_get_task_head();

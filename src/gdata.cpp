@@ -49,10 +49,7 @@ std::size_t commandline_size(int argc, char *const argv[]) {
 
 GlobalData &gdata_record() { return data; }
 
-void gdata_set_tasks(const TaskList &tasks) {
-    trace(TRACE_TRACE, "cnt: %d", tasks.count);
-    data.tasks = tasks;
-}
+void gdata_set_tasks(const TaskList &tasks) { data.tasks = tasks; }
 
 Task *gdata_get_task_head() {
     trace(TRACE_TRACE, " ");

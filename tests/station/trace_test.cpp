@@ -41,7 +41,7 @@ std::vector<std::string> functions_of(const std::vector<JournalRecord> &records)
 TEST(DebugMode, SendsNothingToTheJournal) {
     Station station;
     station.start({"-D"});
-    EXPECT_THAT(functions_of(station.journal()), Contains("main")) << "the option had not been seen yet";
+    EXPECT_THAT(functions_of(station.journal()), ElementsAre("main")) << "the option had not been read yet";
     station.forget();
     station.step(3);
     EXPECT_EQ(station.stop(), 1);

@@ -263,19 +263,23 @@ int service_exec(Task *task) {
 
 namespace {
 
-/// "Services: ocppd, nginx are not running", the units of all service tasks, the newest first.
-void append_stopped(TextBuffer *line, std::size_t size) {
-    constexpr std::size_t names_limit = 2024;
+using Line = std::array<char, 2048>;
+
+/// Appends "Services: ocppd, nginx are not running", the units of all service tasks, the newest first. The names
+/// end at 2024 characters, so that the last words always have room.
+void append_stopped(Line *text) {
+    constexpr std::size_t names_size = 2024 + 1;
     const int stopped = count_stopped();
     const char *separator = "";
-    line->append_format("Service%s:", stopped == 1 ? "" : "s");
+    TextBuffer names = TextBuffer::behind(text->data(), names_size);
+    names.append_format("Service%s:", stopped == 1 ? "" : "s");
     for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
-        if (service_of(node)->running == STOPPED && size - line->room() < names_limit) {
-            line->append_format("%s %s", separator, service_of(node)->name);
+        if (service_of(node)->running == STOPPED) {
+            names.append_format("%s %s", separator, service_of(node)->name);
             separator = ",";
         }
     }
-    line->append_format(" %s not running", stopped == 1 ? "is" : "are");
+    TextBuffer::behind(text->data(), text->size()).append_format(" %s not running", stopped == 1 ? "is" : "are");
 }
 
 } // namespace
@@ -285,14 +289,14 @@ int service_logger(Task *task) {
     if (task->do_log != 1) {
         return 0;
     }
-    std::array<char, 2048> text{};
+    Line text{};
     TextBuffer line = logger_value_line(text, task);
     if (task->state == 0) {
         line.append("all services are up and running");
     } else {
-        append_stopped(&line, text.size());
+        append_stopped(&text);
     }
-    logger_syslog(probe_log_state(task), line.c_str());
+    logger_syslog(probe_log_state(task), text.data());
     task->do_log = 0;
     return 0;
 }

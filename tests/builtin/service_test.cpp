@@ -458,29 +458,28 @@ TEST(ServiceLogger, TakesNoFurtherNameFrom2024CharactersOn) {
     });
 }
 
-TEST(ServiceLogger, TakesAFurtherNameBelow2024Characters) {
+TEST(ServiceLogger, CutsTheNamesAt2024CharactersAndAlwaysEndsTheSentence) {
     in_child([] {
         Services rig;
-        // One less than above; "d" makes 2026, " are not running" (16) 2042.
-        const std::string a(900, 'a');
-        const std::string b(900, 'b');
-        const std::string c(187, 'c');
-        const Task task = watch_stopped(rig, {a, b, c, "d"});
-        EXPECT_EQ(line_of(task, 2).text,
-                  "[failed] ID: CB23[0]: value: 1 Services: " + a + ", " + b + ", " + c + ", d are not running");
-    });
-}
-
-TEST(ServiceLogger, CutsTheLineAt2047Characters) {
-    in_child([] {
-        Services rig;
-        // 31 + 901 + 902 = 1834, then 2 + 900 do not fit.
+        // 31 + 901 + 902 = 1834; 2 + 188 of the 900 make 2024.
         const std::string a(900, 'a');
         const std::string b(900, 'b');
         const Task task = watch_stopped(rig, {a, b, std::string(900, 'c'), "d"});
-        const std::string text = line_of(task, 2).text;
-        EXPECT_EQ(text, "[failed] ID: CB23[0]: value: 1 Services: " + a + ", " + b + ", " + std::string(211, 'c'));
-        EXPECT_EQ(text.size(), 9U + 2047U);
+        EXPECT_EQ(line_of(task, 2).text, "[failed] ID: CB23[0]: value: 1 Services: " + a + ", " + b + ", " +
+                                             std::string(188, 'c') + " are not running");
+    });
+}
+
+TEST(ServiceLogger, TakesTheStartOfAFurtherNameBelow2024Characters) {
+    in_child([] {
+        Services rig;
+        // 1834, then 2 + 185 make 2021; 2 + 1 of the last name make 2024.
+        const std::string a(900, 'a');
+        const std::string b(900, 'b');
+        const std::string c(185, 'c');
+        const Task task = watch_stopped(rig, {a, b, c, "dd"});
+        EXPECT_EQ(line_of(task, 2).text,
+                  "[failed] ID: CB23[0]: value: 1 Services: " + a + ", " + b + ", " + c + ", d are not running");
     });
 }
 

@@ -6,5 +6,6 @@ using CleanupFunction = int (*)(void *argument);
 /// Runs the registered functions, the latest first, then the tasks' own cleanups and that of the
 /// status log. Returns the last function's result, or -1 when none is registered.
 int cleanup();
-/// Registers `function`; 0, or -1 when memory is out. `argument` stays the caller's.
-int cleanup_add(CleanupFunction function, void *argument);
+/// Registers `function`; 0, or -1 when memory is out. `argument` stays the caller's. The daemon keeps it for
+/// modules to come, and never calls it.
+[[gnu::used, gnu::retain]] int cleanup_add(CleanupFunction function, void *argument);

@@ -38,8 +38,8 @@ int strsplit(char *text, char **tokens, int max);
 /// epoch, or -1 when the text does not fit, its content then undefined.
 [[gnu::format(strftime, 3, 0)]] std::time_t time_stamp(char *buffer, std::size_t size, const char *format);
 
-/// Dumps `length` bytes to stderr, 16 a line. For debugging by hand.
-void hex_dump(const void *address, std::size_t length);
+/// Dumps `length` bytes to stderr, 16 a line. The daemon keeps it for a debugger, and never calls it.
+[[gnu::used, gnu::retain]] void hex_dump(const void *address, std::size_t length);
 
 /// Shifts the compressed generations of `file` up by one, keeping at most `count`, compresses `file`
 /// into generation 000 and removes it, compressed or not. Nothing happens to a stream's name.
@@ -47,5 +47,5 @@ void file_rotate(const char *file, std::int32_t count);
 /// Compresses `from` ("stdin" is standard input) to `to` ("stdout" is standard output) with bzip2.
 /// Returns 0, or -1 after any failure.
 int file_compress(const char *from, const char *to);
-/// The way back; returns 0 or -1. The daemon never calls it.
-int file_decompress(const char *from, const char *to);
+/// The way back; returns 0 or -1. The daemon keeps it, and never calls it.
+[[gnu::used, gnu::retain]] int file_decompress(const char *from, const char *to);

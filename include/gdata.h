@@ -164,7 +164,8 @@ const char *gdata_set_commandline(int argc, char *const argv[]);
 const char *gdata_get_dbus_busname();
 const char *gdata_get_dbus_path();
 const char *gdata_get_dbus_if();
-std::int32_t gdata_get_interval();
+/// The default interval of a task. The daemon keeps it, and never calls it.
+[[gnu::used, gnu::retain]] std::int32_t gdata_get_interval();
 std::int32_t gdata_get_intervalsteps();
 
 /// Writes the settings in force and every task to stdout; returns 0.

@@ -12,7 +12,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 constinit std::int32_t lan_available = 0;
 constinit std::int32_t wifi_available = 0;
@@ -125,14 +127,39 @@ bool network_changed() {
     return changed;
 }
 
+constexpr off_t LAN_FILE_MOST = 65536; // bytes; a thousand times what the file has
+
+/// Whether the file is one that ends: a regular one, and no larger than allowed.
+bool is_readable_to_its_end(const Descriptor &file) {
+    struct stat status {};
+    return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= LAN_FILE_MOST;
+}
+
+/// Whether no more has been read than allowed: files may grow, and those of /proc tell no size.
+bool is_within_limit(std::FILE *file) {
+    const off_t position = ftello(file);
+    return position >= 0 && position <= LAN_FILE_MOST;
+}
+
+/// Reads a line of the stdio stream, as ini_read_line does, as long as it is within the limit.
+char *read_line_within_limit(char *buffer, int size, void *stream) {
+    return is_within_limit(static_cast<std::FILE *>(stream)) ? ini_read_line(buffer, size, stream) : nullptr;
+}
+
+/// Hands all pairs of the file to the handler; false when it is no INI file that can be read to its end.
+bool read_lan_file() {
+    Descriptor descriptor = open_at_once(LAN_FILE, O_RDONLY);
+    if (!descriptor || !is_readable_to_its_end(descriptor)) {
+        return false;
+    }
+    const FileHandle file = stream_on(std::move(descriptor), "r");
+    return file && ini_parse_stream(read_line_within_limit, file.get(), network_lan_handler) == 0 &&
+           is_within_limit(file.get()) && ferror(file.get()) == 0;
+}
+
 void network_check_lan() {
     trace(TRACE_TRACE, " ");
-    const FileHandle file = stream_on(open_at_once(LAN_FILE, O_RDONLY), "r");
-    if (!file || ini_parse_stream(ini_read_line, file.get(), network_lan_handler) != 0) {
-        lan_available = 1;
-        return;
-    }
-    lan_available = network_decide_lan(lan_managed, lan_activation);
+    lan_available = read_lan_file() ? network_decide_lan(lan_managed, lan_activation) : 1;
 }
 
 void network_check_wifi() {

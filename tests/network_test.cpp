@@ -6,14 +6,19 @@
 #include "network_station.h"
 #include "parse_json.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <string>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -234,13 +239,109 @@ TEST(NetworkFiles, AreNotWaitedForWhenTheyArePipesThatNobodyFeeds) {
         ASSERT_EQ(mkfifo((rig.folder / "lan").c_str(), 0600), 0);
         ASSERT_EQ(mkfifo((rig.folder / "wifi").c_str(), 0600), 0);
         EXPECT_TRUE(rig.reads());
-        EXPECT_EQ(lan_available, 0) << "at its end at once, without the keys";
+        EXPECT_EQ(lan_available, 1) << "no regular file";
         EXPECT_EQ(wifi_available, 1) << "nothing can be read of it";
         const Descriptor feeders[]{Descriptor(open((rig.folder / "lan").c_str(), O_RDWR | O_CLOEXEC)),
                                    Descriptor(open((rig.folder / "wifi").c_str(), O_RDWR | O_CLOEXEC))};
         EXPECT_TRUE(rig.reads());
-        EXPECT_EQ(lan_available, 0);
+        EXPECT_EQ(lan_available, 1);
         EXPECT_EQ(wifi_available, 1);
+    });
+}
+
+TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyArePipesThatSomebodyKeepsFull) {
+    in_child([] {
+        const HangGuard guard;
+        const Station rig;
+        std::vector<Descriptor> feeders;
+        for (const char *name : {"lan", "wifi"}) {
+            ASSERT_EQ(mkfifo((rig.folder / name).c_str(), 0600), 0);
+            feeders.emplace_back(open((rig.folder / name).c_str(), O_RDWR | O_CLOEXEC));
+        }
+        const std::string_view lan = "[Link]\nUnmanaged=yes\n";
+        ASSERT_EQ(write(feeders[0].get(), lan.data(), lan.size()), static_cast<ssize_t>(lan.size()));
+        const std::string wifi = "{}" + std::string(4094, ' ');
+        ASSERT_EQ(write(feeders[1].get(), wifi.data(), wifi.size()), static_cast<ssize_t>(wifi.size()));
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+        EXPECT_EQ(wifi_available, 0) << "an object and nothing else";
+        int left = 0;
+        EXPECT_EQ(ioctl(feeders[0].get(), FIONREAD, &left), 0);
+        EXPECT_EQ(static_cast<std::size_t>(left), lan.size());
+        EXPECT_EQ(ioctl(feeders[1].get(), FIONREAD, &left), 0);
+        EXPECT_EQ(left, 2048) << "one read of as many";
+    });
+}
+
+TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyAreEndlessDevices) {
+    in_child([] {
+        const HangGuard guard;
+        const Station rig;
+        for (const char *name : {"lan", "wifi"}) {
+            std::filesystem::create_symlink("/dev/zero", rig.folder / name);
+        }
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+        EXPECT_EQ(wifi_available, 1);
+    });
+}
+
+TEST(NetworkFiles, MayBeHuge) {
+    in_child([] {
+        const HangGuard guard;
+        const Station rig;
+        std::filesystem::resize_file(rig.folder.write("lan", "[Link]\n"), 500'000'000'000);
+        std::filesystem::resize_file(rig.folder.write("wifi", "{}\n"), 500'000'000'000);
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+        EXPECT_EQ(wifi_available, 0) << "the zero byte behind the object is its end";
+    });
+}
+
+TEST(NetworkLan, IsInUseWithAFolderInTheFilesPlace) {
+    in_child([] {
+        const Station rig;
+        std::filesystem::create_directory(rig.folder / "lan");
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+    });
+}
+
+TEST(NetworkLan, IsInUseWhenTheFileCannotBeRead) {
+    in_child([] {
+        const Station rig;
+        std::filesystem::create_symlink("/proc/self/mem", rig.folder / "lan"); // nothing is at its start
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+    });
+}
+
+TEST(NetworkLan, TakesAFileOf64KiBAndNothingOfALargerOne) {
+    in_child([] {
+        const Station rig;
+        const std::string pairs = "[Link]\nActivationPolicy=down\n";
+        EXPECT_EQ(rig.lan_after(pairs + std::string(65537 - pairs.size(), '\n')), 1);
+        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=no\n"), 1) << "no policy has been taken";
+        EXPECT_EQ(rig.lan_after(pairs + std::string(65536 - pairs.size(), '\n')), 0);
+    });
+}
+
+TEST(NetworkLan, IsReadUpTo64KiBWhenTheFileTellsNoSize) {
+    in_child([] {
+        const HangGuard guard;
+        const Station rig;
+        for (int mapping = 0; mapping < 400; ++mapping) {
+            const int protection = mapping % 2 == 0 ? PROT_READ : PROT_NONE; // or neighbours become one
+            ASSERT_NE(mmap(nullptr, 4096, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), MAP_FAILED);
+        }
+        const std::string text = read_file("/proc/self/smaps"); // each line has a colon
+        ASSERT_GT(text.size(), 4U * 65536);
+        std::filesystem::create_symlink("/proc/self/smaps", rig.folder / "lan");
+        EXPECT_TRUE(rig.reads());
+        EXPECT_EQ(lan_available, 1);
+        const std::size_t taken = rig.traces.texts_of("network_lan_handler").size();
+        EXPECT_GT(taken, 0U);
+        EXPECT_LT(2 * taken, static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
     });
 }
 

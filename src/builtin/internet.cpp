@@ -3,6 +3,7 @@
 #include "handle.h"
 #include "network.h"
 #include "probe_read.h"
+#include "table_lines.h"
 #include "trace.h"
 
 #include <array>
@@ -76,15 +77,14 @@ bool is_switched_on(std::int32_t id) {
 }
 
 Reading interface_read(const char *interface) {
-    constexpr std::size_t line_size = 1024;
     const FileHandle file(std::fopen("/proc/net/dev", "re"));
     if (!file) {
         return Reading::failed_with_errno(errno);
     }
-    std::array<char, line_size> line{};
-    while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
+    TableLines lines(file.get());
+    for (char *line = lines.next(); line != nullptr; line = lines.next()) {
         TrafficCounters counters{};
-        if (internet_parse_line(line.data(), interface, &counters)) {
+        if (internet_parse_line(line, interface, &counters)) {
             return internet_percent(counters);
         }
     }

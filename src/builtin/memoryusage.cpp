@@ -2,6 +2,7 @@
 #include "common.h"
 #include "handle.h"
 #include "probe_read.h"
+#include "table_lines.h"
 #include "trace.h"
 
 #include <array>
@@ -50,16 +51,14 @@ Reading memoryusage_percent(const MemoryFigures &figures) {
 namespace {
 
 Reading memoryusage_read() {
-    constexpr std::size_t line_size = 1024;
-
     const FileHandle file(std::fopen("/proc/meminfo", "re"));
     if (!file) {
         return Reading::failed_with_errno(errno);
     }
     MemoryFigures figures{.total = 0, .free = 0};
-    std::array<char, line_size> line{};
-    while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
-        memoryusage_parse_line(line.data(), &figures);
+    TableLines lines(file.get());
+    for (char *line = lines.next(); line != nullptr; line = lines.next()) {
+        memoryusage_parse_line(line, &figures);
     }
     return memoryusage_percent(figures);
 }

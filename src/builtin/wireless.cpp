@@ -4,6 +4,7 @@
 #include "logger.h"
 #include "network.h"
 #include "probe_read.h"
+#include "table_lines.h"
 #include "text_buffer.h"
 #include "trace.h"
 
@@ -27,8 +28,6 @@ static_assert(ENONET == 64); // the error number of a path that is switched off 
 
 constexpr int TOKEN_QUALITY = 2;
 constexpr int TOKEN_LEVEL = 3;
-
-using Line = std::array<char, 1024>;
 
 /// What a wireless task reads. Kept, like its list node, as long as the process lives.
 struct Record {
@@ -125,7 +124,7 @@ Reading wireless_state(const Record *record) {
     if (record->id == ID_HARDWARE) {
         return Reading::of(file ? 0 : 1);
     }
-    Line line{};
+    std::array<char, 1024> line{};
     if (!file || std::fgets(line.data(), static_cast<int>(line.size()), file.get()) == nullptr) {
         trace(TRACE_TRACE, "%s FAILED!", "CB02");
         return Reading::failed(EINVAL);
@@ -135,9 +134,9 @@ Reading wireless_state(const Record *record) {
 
 /// The number of the first usable line of the device; false when there is none.
 bool search_number(std::FILE *file, const char *device, int token, double *number) {
-    Line line{};
-    while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-        if (wireless_parse_line(line.data(), device, token, number)) {
+    TableLines lines(file);
+    for (char *line = lines.next(); line != nullptr; line = lines.next()) {
+        if (wireless_parse_line(line, device, token, number)) {
             return true;
         }
     }

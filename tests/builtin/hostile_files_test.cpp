@@ -1,0 +1,117 @@
+// What the probes make of a file that does not end, is huge or a folder, in the place of the one that they read.
+
+#include "builtin.h"
+#include "captured_traces.h"
+#include "hang_guard.h"
+#include "in_child.h"
+#include "network.h"
+#include "redirected_open.h"
+#include "sample_task.h"
+#include "scratch_folder.h"
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+
+namespace {
+
+struct Reader {
+    const char *name;
+    TaskOperation init;
+    TaskOperation exec;
+    std::int32_t id;
+    const char *path;    ///< which it opens; none when its parameter is the path
+    const char *endless; ///< what comes of a device that gives zero bytes
+    const char *huge;    ///< of 500 GB of zero bytes
+    const char *text;    ///< of 500 GB behind 64 KiB of "a a a a ..."
+    const char *folder;
+};
+
+constexpr std::array<Reader, 12> readers{{
+    {"temperature", temperature_init, temperature_exec, 20, nullptr, "error 22", "error 22", "error 22", "error 22"},
+    {"memory", memoryusage_init, memoryusage_exec, 21, "/proc/meminfo", "error 22", "error 22", "error 22", "error 22"},
+    {"wear", wearout_init, wearout_exec, 7, nullptr, "error 25", "error 25", "error 25", "error 25"},
+    {"disk", diskusage_init, diskusage_exec, 22, nullptr, "a share", "error 22", "error 22", "a share"},
+    {"bluetooth", bluetooth_init, bluetooth_exec, 5, nullptr, "value 0", "value 0", "value 0", "value 0"},
+    {"Ethernet", ethernet_init, ethernet_exec, 11, nullptr, "value 0", "value 0", "value 0", "value 0"},
+    {"Ethernet link", ethernet_init, ethernet_exec, 12, nullptr, "value 1", "value 1", "value 1", "error 21"},
+    {"traffic", internet_init, internet_exec, 10, "/proc/net/dev", "error 2", "error 2", "error 2", "error 2"},
+    {"WiFi link", wireless_init, wireless_exec, 2, nullptr, "value 1", "value 1", "value 1", "error 22"},
+    {"WiFi quality", wireless_init, wireless_exec, 4, nullptr, "error 22", "error 22", "error 22", "error 22"},
+    {"WiFi strength", wireless_init, wireless_exec, 9, nullptr, "error 22", "error 22", "error 22", "error 22"},
+    {"load", load_init, load_exec, 31, "/proc/stat", "error -1", "error -1", "value 0", "error -1"},
+}};
+
+class HostileFiles : public testing::Test {
+  protected:
+    /// What comes of `file` in the place of the reader's own.
+    static std::string outcome(const Reader &reader, const std::string &file) {
+        RedirectedOpen open;
+        Task task = sample_task();
+        task.id = reader.id;
+        task.parameter = file.c_str();
+        if (reader.path != nullptr) {
+            task.parameter = "eth0";
+            open.redirect(reader.path, file);
+        }
+        EXPECT_EQ(reader.init(&task), 0);
+        if (reader.exec(&task) != 0) {
+            return "error " + std::to_string(task.error);
+        }
+        const bool is_share = reader.exec == diskusage_exec && task.value >= 0 && task.value <= 100;
+        return is_share ? "a share" : "value " + std::to_string(task.value);
+    }
+
+    /// Puts the file in the place of each reader's; `expected` is a column of the table.
+    static void expect_outcomes(const std::string &file, const char *Reader::*expected) {
+        in_child([&] {
+            const HangGuard guard;
+            const CapturedTraces traces;
+            lan_available = wifi_available = 1;
+            for (const Reader &reader : readers) {
+                EXPECT_EQ(outcome(reader, file), reader.*expected) << reader.name;
+            }
+        });
+    }
+
+    ScratchFolder folder_;
+};
+
+constexpr std::uintmax_t HUGE_SIZE = 500'000'000'000;
+
+} // namespace
+
+TEST_F(HostileFiles, ThatDoNotEndHoldNoProbe) { expect_outcomes("/dev/zero", &Reader::endless); }
+
+TEST_F(HostileFiles, OfHugeSizeHoldNoProbe) {
+    const std::string file = folder_.write("huge", "");
+    std::filesystem::resize_file(file, HUGE_SIZE);
+    expect_outcomes(file, &Reader::huge);
+}
+
+TEST_F(HostileFiles, OfOneHugeLineHoldNoProbe) {
+    std::string text;
+    while (text.size() < 65536) {
+        text += "a ";
+    }
+    const std::string file = folder_.write("line", text);
+    std::filesystem::resize_file(file, HUGE_SIZE);
+    expect_outcomes(file, &Reader::text);
+}
+
+TEST_F(HostileFiles, ThatAreFoldersHoldNoProbe) { expect_outcomes(folder_.path(), &Reader::folder); }
+
+// The wear's device: see its own test. The others' files are the kernel's: only root can put a pipe there.
+TEST_F(HostileFiles, ThatArePipesAreNotOpenedToMeasureADisk) {
+    in_child([this] {
+        const HangGuard guard;
+        const std::string pipe = folder_ / "pipe";
+        ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+        Task task = sample_task();
+        task.parameter = pipe.c_str();
+        EXPECT_EQ(diskusage_exec(&task), 0);
+    });
+}

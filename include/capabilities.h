@@ -12,7 +12,9 @@ class RaisedRawIo {
     RaisedRawIo();
     ~RaisedRawIo();
     RaisedRawIo(const RaisedRawIo &) = delete;
+    RaisedRawIo(RaisedRawIo &&) = delete;
     RaisedRawIo &operator=(const RaisedRawIo &) = delete;
+    RaisedRawIo &operator=(RaisedRawIo &&) = delete;
 };
 
 /// Empties the ambient and the inheritable set, so that a program that the process becomes has no capability

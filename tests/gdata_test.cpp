@@ -3,8 +3,8 @@
 #include "captured_traces.h"
 #include "hang_guard.h"
 #include "memory_fault.h"
-#include "sample_task.h"
 #include "process_state.h"
+#include "sample_task.h"
 #include "scratch_folder.h"
 
 #include <algorithm>

@@ -11,6 +11,9 @@ extern constinit int trace_mode;
 /// The name of a trace level as the start-up banner prints it; " --- " for an unknown one.
 const char *trace_level_name(int level);
 
+/// The number of lines that the journal did not take since the start.
+unsigned trace_lost_lines();
+
 /// Writes one trace line of at most 1023 characters: level, thread id, UTC time of day, place,
 /// message. `code_file` and `code_line` are the journal fields "CODE_FILE=..." and "CODE_LINE=...",
 /// constants of the call site. Keeps errno; allocates nothing and takes no lock of ours.

@@ -47,7 +47,8 @@ void tell_manager() {
     d_bus_srv_raised_labels(labels.data(), labels.size());
     supervision_pass_done({.raised_issues = labels.data(),
                            .is_off_bus = d_bus_srv_is_off_bus(),
-                           .status_log_error = logfile_pass_error()});
+                           .status_log_error = logfile_pass_error(),
+                           .lost_traces = trace_lost_lines()});
 }
 
 } // namespace

@@ -41,8 +41,9 @@ void forget_stamp() { stamp = {}; }
 
 [[maybe_unused]] const int forgotten_in_children = pthread_atfork(nullptr, nullptr, forget_stamp);
 
-/// What the journal has not got since it was last told.
-constinit std::atomic<int> lost_lines = 0;
+/// Lines lost since the number was last reported, and since the start.
+constinit std::atomic<unsigned> lost_lines = 0;
+constinit std::atomic<unsigned> lost_lines_in_all = 0;
 
 constexpr int journal_priority(int level) {
     switch (level) {
@@ -123,10 +124,10 @@ bool send(int level, const Place &place, const LineText &text) {
 /// Tells how many lines were lost; false when that is refused too.
 bool tell_lost_lines() {
     constexpr Place place{"CODE_FILE=" TRACE_FILE, "CODE_LINE=" TRACE_STRING(__LINE__), "trace_write"};
-    const int count = lost_lines.exchange(0, std::memory_order_relaxed);
+    const unsigned count = lost_lines.exchange(0, std::memory_order_relaxed);
     LineText text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     TextBuffer line = begin_line(&text, TRACE_IMPORTANT, place);
-    line.append_format("%d traces lost", count);
+    line.append_format("%u traces lost", count);
     const bool told = count == 0 || send(TRACE_IMPORTANT, place, text);
     if (!told) {
         lost_lines.fetch_add(count, std::memory_order_relaxed);
@@ -138,10 +139,13 @@ void write_to_journal(int level, const Place &place, const LineText &text) {
     const bool told = lost_lines.load(std::memory_order_relaxed) == 0 || (!journal_is_paused() && tell_lost_lines());
     if (!told || !send(level, place, text)) {
         lost_lines.fetch_add(1, std::memory_order_relaxed);
+        lost_lines_in_all.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
 } // namespace
+
+unsigned trace_lost_lines() { return lost_lines_in_all.load(std::memory_order_relaxed); }
 
 const char *trace_level_name(int level) {
     static constexpr std::array<const char *, 4> names{"IMPORTANT", "INFO", "DEBUG", "TRACE"};

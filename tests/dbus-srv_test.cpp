@@ -10,6 +10,7 @@
 #include "private_bus.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <ctime>
@@ -435,6 +436,59 @@ TEST(BusStartTest, ALargeCallIsOneWaitToo) {
 }
 
 TEST(BusStartTest, ANoteOfTheSendersIsTakenOnce) { expect_waits_at_most(2, "noted-message"); }
+
+/// What became of the messages that a daemon has got, from its traces so far.
+struct Fate {
+    long served = 0;
+    long changes = 0; ///< of the served
+    long dropped = 0;
+};
+
+Fate fate_of_messages(BusDaemon &daemon) {
+    const std::string word = "flood: ";
+    Fate fate;
+    for (const std::string &line : daemon.process().errors().lines()) {
+        fate.served += line.ends_with("check request") ? 1 : 0;
+        fate.changes += line.ends_with("call method: ChangeInterfaceAvailability") ? 1 : 0;
+        if (const std::size_t at = line.find(word); at != std::string::npos) {
+            fate.dropped += std::stol(line.substr(at + word.size()));
+        }
+    }
+    return fate;
+}
+
+TEST(BusFloodTest, WhatAsksForNothingIsDroppedAndCountedBeyondAThousandASecond) {
+    constexpr long flood = 20000;
+    constexpr long changes = flood / 10;
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::to_stderr);
+    const std::string owner = client.wait_for_owner(SERVICE_NAME);
+    const BusMessage calls[]{listing_call(), method_call("/", INTROSPECTABLE, "Introspect"),
+                             method_call("/", ISSUES, "Unknown"), BusMessage(dbus_message_new_signal("/", "a.b", "C"))};
+    dbus_message_set_destination(calls[3].get(), owner.c_str());
+    const BusMessage change = switch_call("LAN", TRUE); // this does ask for something
+    dbus_message_set_no_reply(change.get(), TRUE);
+    for (long i = 0; i < flood; ++i) {
+        dbus_message_set_no_reply(calls[i % 4].get(), TRUE);
+        client.send(BusMessage(dbus_message_copy(calls[i % 4].get())));
+        if (i % 10 == 0) {
+            client.send(BusMessage(dbus_message_copy(change.get())));
+        }
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    Fate fate;
+    long others = changes;
+    do { // the last number is told a second later, with the next message
+        ASSERT_TRUE(is_return(client.call(listing_call())));
+        ++others;
+        fate = fate_of_messages(daemon);
+    } while (fate.served + fate.dropped - others < flood && std::chrono::steady_clock::now() < deadline);
+    EXPECT_GT(fate.dropped, 0);
+    EXPECT_GE(fate.served + fate.dropped - others, flood);
+    EXPECT_LE(fate.served + fate.dropped - others, flood + 2) << "the bus's notices";
+    EXPECT_EQ(fate.changes, changes);
+}
 
 TEST(BusStartTest, AConfiguredInterfaceRenamesTheSignalsAndNotTheMethods) {
     PrivateBus bus;

@@ -7,6 +7,7 @@
 #include "trace.h"
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <sys/eventfd.h>
 #include <utility>
@@ -17,6 +18,9 @@ constexpr const char *LISTENER = "d_bus_srv_main"; // the thread's own lines car
 
 constexpr int WAIT_MS = 60000;      // bounds nothing but the rhythm of the traces
 constexpr int BLIND_WAIT_MS = 1000; // without the wake-up, a message that the sender has read in waits so long
+
+// So many messages a second that ask for nothing are served: a few per cent of a processor.
+constexpr unsigned IDLE_MESSAGES_A_SECOND = 1000;
 
 constinit int listener_status = -1;
 constinit thread_local bool is_listener = false;
@@ -33,6 +37,50 @@ constexpr std::array<MethodEntry, 3> METHODS{{
     {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect},
     {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability},
 }};
+
+/// Whether the message asks for nothing: no call, or one that wants no reply and changes nothing.
+bool is_idle(DBusMessage *message) {
+    return dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
+           (dbus_message_get_no_reply(message) != 0 &&
+            dbus_message_has_member(message, "ChangeInterfaceAvailability") == 0);
+}
+
+/// Drops what asks for nothing, beyond a number each second. The bus passes everything on in the order in which
+/// it was sent: a flood that was served, with all its traces, would keep everybody else waiting.
+class FloodGuard {
+  public:
+    bool drops(DBusMessage *message) {
+        begin_second();
+        return is_idle(message) && ++messages_ > IDLE_MESSAGES_A_SECOND;
+    }
+
+  private:
+    void begin_second() {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - begin_ < std::chrono::seconds(1)) {
+            return;
+        }
+        if (messages_ > IDLE_MESSAGES_A_SECOND) {
+            trace_at(TRACE_DEBUG, TRACE_FILE, LISTENER, __LINE__, "flood: %u messages dropped",
+                     messages_ - IDLE_MESSAGES_A_SECOND);
+        }
+        begin_ = now;
+        messages_ = 0;
+    }
+
+    std::chrono::steady_clock::time_point begin_;
+    unsigned messages_ = 0; ///< that ask for nothing, in this second
+};
+
+/// The next message to be served; none when there is none.
+BusMessage next_message(const BusConnection &connection, FloodGuard &guard) {
+    BusMessage message(dbus_connection_pop_message(connection.get()));
+    while (message && guard.drops(message.get())) {
+        message.reset(); // first: it counts as input
+        message.reset(dbus_connection_pop_message(connection.get()));
+    }
+    return message;
+}
 
 /// Calls the method, if it is one of ours; everything else stays unanswered.
 void serve_message(DBusConnection *connection, DBusMessage *message) {
@@ -60,15 +108,16 @@ void note_message(void *wakeup) {
 void serve(const BusConnection &connection, Descriptor &wakeup) {
     dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
     bus_link_set(BusLink::serving, connection.get());
+    FloodGuard guard;
     while (true) {
         trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
-        BusMessage message(dbus_connection_pop_message(connection.get()));
+        BusMessage message = next_message(connection, guard);
         if (!message) {
             if (!bus_is_connected(connection)) {
                 break;
             }
             bus_read(connection, wakeup.get(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
-            message.reset(dbus_connection_pop_message(connection.get()));
+            message = next_message(connection, guard);
         }
         if (message) {
             serve_message(connection.get(), message.get());

@@ -5,7 +5,7 @@
 // Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus begins to refuse them, and
 // "sent to all" when it has done its work once.
 
-#include "dbus_handle.h"
+#include "dbus-srv/bus_handle.h"
 #include "handle.h"
 
 #include <arpa/inet.h>

@@ -25,8 +25,8 @@ class CapturedTraces {
     CapturedTraces();
     /// Shows the last traces of a test that has failed.
     ~CapturedTraces();
-    CapturedTraces(const CapturedTraces &) = delete;
-    CapturedTraces &operator=(const CapturedTraces &) = delete;
+    CapturedTraces(const CapturedTraces &) = default;
+    CapturedTraces &operator=(const CapturedTraces &) = default;
     /// All traces so far, in order.
     [[nodiscard]] const std::vector<CapturedTrace> &all() const;
     /// The texts traced by `function`, in order.

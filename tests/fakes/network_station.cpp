@@ -12,10 +12,12 @@ namespace {
 
 constexpr const char *LAN_FILE = "/var/lib/evse/etc/systemd/network/eth0.network";
 constexpr const char *WIFI_FILE = "/var/lib/evse/portapi/wifi.conf";
-constexpr std::uint64_t SHORT_TIMEOUT = 100'000;
+constexpr std::uint64_t SOON = 100'000;
+constexpr std::uint64_t A_MINUTE = 60'000'000;
 
 constinit const ScratchFolder *station = nullptr;
 constinit NetworkCalls calls;
+constinit sd_bus *asked = nullptr; // the daemon's last connection
 
 } // namespace
 
@@ -40,15 +42,18 @@ int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message) {
     return __real_sd_bus_process(bus, message);
 }
 
-/// Nobody has to wait for the whole of it.
+/// On a busy machine an answer may come later than the daemon would wait.
 int __wrap_sd_bus_set_method_call_timeout(sd_bus *bus, std::uint64_t timeout) {
     calls.call_timeout = timeout;
-    return __real_sd_bus_set_method_call_timeout(bus, SHORT_TIMEOUT);
+    asked = bus;
+    return __real_sd_bus_set_method_call_timeout(bus, A_MINUTE);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 void use_system_bus(const std::string &address) { setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1); }
+
+void give_up_calls(bool soon) { __real_sd_bus_set_method_call_timeout(asked, soon ? SOON : A_MINUTE); }
 
 const NetworkCalls &network_calls() { return calls; }
 

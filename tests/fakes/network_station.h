@@ -20,10 +20,13 @@ struct NetworkCalls {
     int lan_opened = 0;
     int wifi_opened = 0;
     bool all_close_on_exec = true;
-    std::uint64_t call_timeout = 0; ///< in microseconds; it is a short one that is set instead
+    std::uint64_t call_timeout = 0; ///< in microseconds; a minute is set instead
     int processed = 0;              ///< how often the bus was processed
 };
 const NetworkCalls &network_calls();
+
+/// Whether calls without an answer are given up soon, or after a minute, from now on; the daemon is connected.
+void give_up_calls(bool soon);
 
 /// The station, without a bus at first. One at a time.
 class Station {

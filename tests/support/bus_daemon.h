@@ -5,6 +5,9 @@
 #include "child_process.h"
 #include "private_bus.h"
 
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <iostream>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -32,6 +35,18 @@ class BusDaemon {
   public:
     explicit BusDaemon(const PrivateBus &bus, Traces traces = Traces::none, const std::string &argument = "")
         : child_(bus_daemon_command(traces, argument), {bus.variable()}) {}
+    /// Shows the last traces of a test that has failed.
+    ~BusDaemon() {
+        if (testing::Test::HasFailure()) {
+            constexpr std::size_t most = 40;
+            const std::vector<std::string> lines = child_.errors().lines();
+            for (std::size_t i = lines.size() - std::min(most, lines.size()); i < lines.size(); ++i) {
+                std::cerr << "traced: " << lines[i] << "\n";
+            }
+        }
+    }
+    BusDaemon(const BusDaemon &) = delete;
+    BusDaemon &operator=(const BusDaemon &) = delete;
 
     /// Sends one command without waiting for it.
     void tell(const std::string &command) { child_.write(command + "\n"); }

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <mutex>
 
 namespace {
@@ -50,6 +51,17 @@ extern "C" int sd_journal_print_with_location(int priority, const char *file, co
 CapturedTraces::CapturedTraces() {
     const std::lock_guard<std::mutex> hold(guard);
     captured().clear();
+}
+
+CapturedTraces::~CapturedTraces() {
+    if (!testing::Test::HasFailure()) {
+        return;
+    }
+    constexpr std::size_t most = 40;
+    const std::lock_guard<std::mutex> hold(guard);
+    for (std::size_t i = captured().size() - std::min(most, captured().size()); i < captured().size(); ++i) {
+        std::fprintf(stderr, "traced: %s\n", captured()[i].line.c_str());
+    }
 }
 
 // One collection serves all objects, but there must be one that has begun it.

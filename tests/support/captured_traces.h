@@ -19,6 +19,10 @@ struct CapturedTrace {
 class CapturedTraces {
   public:
     CapturedTraces();
+    /// Shows the last traces of a test that has failed.
+    ~CapturedTraces();
+    CapturedTraces(const CapturedTraces &) = default;
+    CapturedTraces &operator=(const CapturedTraces &) = default;
     /// All traces so far, in order.
     [[nodiscard]] const std::vector<CapturedTrace> &all() const;
     /// The texts traced by `function`, in order.

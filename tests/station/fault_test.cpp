@@ -2,6 +2,7 @@
 // stop. STATION_FAULTS=n tries n instants of each kind, "all" every one, "n-m" those.
 
 #include "busy_station.h"
+#include "from_environment.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -63,18 +64,15 @@ constexpr std::array<Kind, 24> kinds{{
 constexpr unsigned FOR_EVER = std::numeric_limits<unsigned>::max();
 
 /// The sanitizer needs memory of its own to begin a thread, and gives up without.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool SPARES_THREADS = true;
-#else
-constexpr bool SPARES_THREADS = false;
-#endif
+bool spares_threads() { return sanitized_daemon() != nullptr; }
 
 StationFault fault_of(const Kind &kind, unsigned first, unsigned last) {
     return {.call = kind.call,
             .first = first,
             .last = last,
             .error = kind.error,
-            .threads = SPARES_THREADS && kind.call == StationCall::memory ? StationThreads::main : StationThreads::all};
+            .threads =
+                spares_threads() && kind.call == StationCall::memory ? StationThreads::main : StationThreads::all};
 }
 
 struct Life {
@@ -242,7 +240,7 @@ TEST_P(Fault, ThatLastsLeavesTheDaemonAliveAndItsLogWhole) {
 INSTANTIATE_TEST_SUITE_P(Of, Fault, testing::ValuesIn(kinds),
                          [](const testing::TestParamInfo<Kind> &kind) { return std::string(kind.param.name); });
 
-#ifndef __SANITIZE_ADDRESS__ // see SPARES_THREADS
+// Not for a sanitized daemon; see spares_threads().
 TEST(BusThreads, WithoutMemoryFromAnyCallOnEndNothing) {
     constexpr unsigned calls = 30; // of the listener, until it is connected
     const BusyWorld world;
@@ -259,4 +257,3 @@ TEST(BusThreads, WithoutMemoryFromAnyCallOnEndNothing) {
         EXPECT_EQ(life.log.closings, 1);
     }
 }
-#endif

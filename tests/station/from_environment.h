@@ -12,6 +12,10 @@ inline unsigned from_environment(const char *name, unsigned usual) {
     return given == nullptr ? usual : static_cast<unsigned>(std::strtoul(given, nullptr, 10));
 }
 
+/// The daemon to be tested, built with the address sanitizer, in place of the one that is built with the tests:
+/// STATION_SANITIZED_DAEMON, or null.
+inline const char *sanitized_daemon() { return std::getenv("STATION_SANITIZED_DAEMON"); }
+
 /// STATION_SEED, or another seed each time; printed, so that a run can be repeated.
 inline unsigned seed_of_the_day() {
     const unsigned seed = from_environment("STATION_SEED", std::random_device{}());

@@ -2,8 +2,8 @@
 // daemon, at whatever instant that is.
 
 #include "fake_systemd.h"
+#include "from_environment.h"
 #include "process_state.h"
-#include "seed.h"
 #include "station.h"
 #include "station_life.h"
 #include "status_log.h"

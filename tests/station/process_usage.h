@@ -2,6 +2,8 @@
 
 // What a process holds: memory, descriptors, threads.
 
+#include "from_environment.h"
+
 #include "scratch_folder.h"
 
 #include <filesystem>
@@ -32,11 +34,8 @@ inline ProcessUsage usage_of(pid_t pid) {
 /// Memory may move by what the allocator keeps back, and the log is closed between its rotation and the
 /// next record.
 inline void expect_as_before(const ProcessUsage &now, const ProcessUsage &before) {
-#ifdef __SANITIZE_ADDRESS__
-    constexpr long allocator_kb = 1'000'000; // what is freed is kept for a while; leaks are told at the end
-#else
-    constexpr long allocator_kb = 512;
-#endif
+    // A sanitizer keeps for a while what is freed, and tells of leaks at the end.
+    const long allocator_kb = sanitized_daemon() != nullptr ? 1'000'000 : 512;
     EXPECT_LE(now.resident_kb, before.resident_kb + allocator_kb);
     EXPECT_LE(now.descriptors, before.descriptors + 1);
     EXPECT_EQ(now.threads, before.threads);

@@ -1,7 +1,7 @@
 // How the daemon takes its signals, and that it always ends when it is told to.
 
+#include "from_environment.h"
 #include "passes.h"
-#include "seed.h"
 #include "station.h"
 
 #include <algorithm>

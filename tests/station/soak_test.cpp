@@ -1,5 +1,6 @@
 // Ten thousand heartbeats: what the daemon holds is what it held before.
 
+#include "from_environment.h"
 #include "network_paths.h"
 #include "station_bus.h"
 
@@ -13,11 +14,8 @@ namespace {
 constexpr int MANY = 10'000;
 constexpr int FEWER = 2'000; ///< of those that take longer
 constexpr int SETTLED = 500; ///< heartbeats after which each buffer has had its size
-#ifdef __SANITIZE_ADDRESS__
-constexpr long PAGES = 1'000'000; ///< what is freed is kept for a while
-#else
-constexpr long PAGES = 64; ///< in kB: what may still be touched for the first time
-#endif
+/// In kB: what may still be touched for the first time; a sanitizer keeps for a while what is freed.
+const long PAGES = sanitized_daemon() != nullptr ? 1'000'000 : 64;
 
 std::size_t descriptors_of(pid_t pid) {
     const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");

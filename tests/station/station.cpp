@@ -1,5 +1,6 @@
 #include "station.h"
 
+#include "from_environment.h"
 #include "rig_failure.h"
 
 #include <chrono>
@@ -21,9 +22,9 @@ std::string tail_of(const std::string &text) {
 } // namespace
 
 Station::Station(Board board)
-    : program(STATION_DAEMON), board_(std::move(board)), folder_(board_, scratch_.path()),
-      journal_socket_(folder_.host_path("/run/systemd/journal/socket")), syslog_socket_(folder_.host_path("/dev/log")) {
-}
+    : program(sanitized_daemon() != nullptr ? sanitized_daemon() : STATION_DAEMON), board_(std::move(board)),
+      folder_(board_, scratch_.path()), journal_socket_(folder_.host_path("/run/systemd/journal/socket")),
+      syslog_socket_(folder_.host_path("/dev/log")) {}
 
 Station::~Station() {
     if (is_running()) {

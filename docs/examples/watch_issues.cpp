@@ -1,4 +1,4 @@
-// Prints the raised issues, and then each that is raised or cleared, also when vigmond is started anew.
+// Prints the raised issues, and then each that is raised or cleared, also when vigmond starts again.
 //   g++ -std=c++20 watch_issues.cpp $(pkg-config --cflags --libs libsystemd) -o watch_issues
 
 #include <cstdint>
@@ -40,7 +40,7 @@ void print_raised(sd_bus *bus) {
 }
 
 // What was raised before is not any longer.
-int start_anew(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*/) {
+int start_again(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*/) {
     const char *owner = nullptr;
     if (sd_bus_message_read(signal, "sss", nullptr, nullptr, &owner) > 0 && *owner != '\0') {
         std::puts("vigmond has started");
@@ -53,7 +53,7 @@ int watch(sd_bus *bus) {
     // First the signals, then the listing: nothing falls between them.
     int result = sd_bus_match_signal(bus, nullptr, NAME, PATH, INTERFACE, nullptr, print_change, nullptr);
     if (result >= 0) {
-        result = sd_bus_add_match(bus, nullptr, NEW_OWNER, start_anew, nullptr);
+        result = sd_bus_add_match(bus, nullptr, NEW_OWNER, start_again, nullptr);
     }
     if (result >= 0) {
         print_raised(bus); // nothing when vigmond does not run yet

@@ -2,6 +2,7 @@
 // later ones too, but not to the one that owns the service's name.
 //   bus_flood PID BYTES       signals with so many bytes each, as fast as it can, until it is killed
 //   bus_flood PID descriptor  one signal, with a socket whose last close waits for a minute
+//   bus_flood announce        false issues to a listener of its own: writes "N false announcements heard"
 // Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus begins to refuse them, and
 // "sent to all" when it has done its work once.
 
@@ -69,7 +70,9 @@ void consider_all() {
     if (reply && dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING,
                                        static_cast<void *>(&names), &count, DBUS_TYPE_INVALID) != 0) {
         for (int i = 0; i < count; ++i) {
-            consider(names[i]);
+            if (*names[i] == ':') {
+                consider(names[i]);
+            }
         }
         dbus_free_string_array(names);
     }
@@ -164,12 +167,45 @@ void send_descriptor() {
     take_in_news();
 }
 
+BusMessage announcement(const char *destination) {
+    BusMessage signal(dbus_message_new_signal("/com/corvana/Monitoring1", "com.corvana.State2.Issues", "NewIssues"));
+    dbus_message_set_destination(signal.get(), destination);
+    return signal;
+}
+
+/// To everybody, and to the listener alone.
+int announce() {
+    DBusConnection *speaker = connection;
+    DBusConnection *listener = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
+    dbus_bus_add_match(listener, "type='signal',interface='com.corvana.State2.Issues'", nullptr);
+    connection = listener;
+    ask_bus("GetId"); // the bus has the rule
+    dbus_connection_send(speaker, announcement(nullptr).get(), nullptr);
+    dbus_connection_send(speaker, announcement(dbus_bus_get_unique_name(listener)).get(), nullptr);
+    for (DBusConnection *each : {speaker, listener}) {
+        connection = each;
+        ask_bus("GetId"); // the bus has dealt with both, and what it has sent is here
+    }
+    int heard = 0;
+    while (const BusMessage message{dbus_connection_pop_message(listener)}) {
+        heard += dbus_message_is_signal(message.get(), "com.corvana.State2.Issues", "NewIssues") != 0 ? 1 : 0;
+    }
+    std::printf("%d false announcements heard\n", heard);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
-    if (argc != 3 || connection == nullptr) {
+    if (argc < 2 || connection == nullptr) {
+        return 1;
+    }
+    if (std::string(argv[1]) == "announce") {
+        return announce();
+    }
+    if (argc != 3) {
         return 1;
     }
     victim = static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10));

@@ -116,7 +116,6 @@ void tidy_connection(sd_bus *bus) {
             drop_connection();
             return;
         }
-        give_memory_back();
         bytes = unread_bytes(bus);
     }
 }

@@ -320,7 +320,7 @@ class SignalFlood {
   public:
     SignalFlood(const PrivateBus &bus, pid_t daemon, const std::string &size)
         : neighbour_({BUS_FLOOD, std::to_string(daemon), size}, {bus.variable()}) {
-        EXPECT_TRUE(neighbour_.output().wait_for("4 MB sent to"));
+        EXPECT_TRUE(neighbour_.output().wait_for("sent to all"));
     }
 
   private:

@@ -2,6 +2,7 @@
 // later ones too, but not to the one that owns the service's name.
 //   bus_flood PID BYTES       signals with so many bytes each, as fast as it can, until it is killed
 //   bus_flood PID descriptor  one signal, with a socket whose last close waits for a minute
+//   bus_flood announce UID    as root: signals of the issues' interface from that user to a listener, "2 heard"
 // Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus begins to refuse them, and
 // "sent to all" when it has done its work once.
 
@@ -19,6 +20,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -69,7 +71,9 @@ void consider_all() {
     if (reply && dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING,
                                        static_cast<void *>(&names), &count, DBUS_TYPE_INVALID) != 0) {
         for (int i = 0; i < count; ++i) {
-            consider(names[i]);
+            if (*names[i] == ':') {
+                consider(names[i]);
+            }
         }
         dbus_free_string_array(names);
     }
@@ -151,17 +155,61 @@ Descriptor lingering_socket() {
     return client;
 }
 
+/// Keeps no descriptor that has gone through, so that who reads the signal has the last one.
 void send_descriptor() {
-    for (const auto &[name, sent] : targets) {
+    std::vector<Descriptor> sent;
+    for (const auto &[name, bytes] : targets) {
         const BusMessage signal = signal_to(name);
-        const Descriptor lingering = lingering_socket();
-        const int fd = lingering.get();
+        sent.push_back(lingering_socket());
+        const int fd = sent.back().get();
         dbus_message_append_args(signal.get(), DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
         dbus_connection_send(connection, signal.get(), nullptr);
         dbus_connection_flush(connection);
     }
-    ask_bus("GetNameOwner", SERVICE); // which the bus answers when it has dealt with all of them
+    ask_bus("GetId"); // which the bus answers when it has dealt with all of them
     take_in_news();
+    while (refused) { // its own close would wait
+        pause();
+    }
+}
+
+BusMessage announcement(const char *destination) {
+    BusMessage signal(dbus_message_new_signal("/com/corvana/Monitoring1", "com.corvana.State2.Issues", "NewIssues"));
+    dbus_message_set_destination(signal.get(), destination);
+    return signal;
+}
+
+DBusConnection *connect_as(uid_t user) {
+    if (seteuid(user) != 0) {
+        std::exit(1);
+    }
+    DBusConnection *connected = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
+    if (connected == nullptr || seteuid(0) != 0) {
+        std::exit(1);
+    }
+    return connected;
+}
+
+/// Speaks to everybody, and to the listener alone, which is nobody.
+int announce(uid_t user) {
+    constexpr uid_t nobody = 65534;
+    DBusConnection *speaker = connect_as(user);
+    DBusConnection *listener = connect_as(nobody);
+    dbus_bus_add_match(listener, "type='signal',interface='com.corvana.State2.Issues'", nullptr);
+    connection = listener;
+    ask_bus("GetId"); // the bus has the rule
+    dbus_connection_send(speaker, announcement(nullptr).get(), nullptr);
+    dbus_connection_send(speaker, announcement(dbus_bus_get_unique_name(listener)).get(), nullptr);
+    for (DBusConnection *each : {speaker, listener}) {
+        connection = each;
+        ask_bus("GetId"); // the bus has dealt with both, and what it has sent is here
+    }
+    int heard = 0;
+    while (const BusMessage message{dbus_connection_pop_message(listener)}) {
+        heard += dbus_message_is_signal(message.get(), "com.corvana.State2.Issues", "NewIssues") != 0 ? 1 : 0;
+    }
+    std::printf("%d heard\n", heard);
+    return 0;
 }
 
 } // namespace
@@ -171,6 +219,9 @@ int main(int argc, char **argv) {
     connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
     if (argc != 3 || connection == nullptr) {
         return 1;
+    }
+    if (std::string(argv[1]) == "announce") {
+        return announce(static_cast<uid_t>(std::strtoul(argv[2], nullptr, 10)));
     }
     victim = static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10));
     const std::string what = argv[2];

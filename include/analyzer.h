@@ -16,5 +16,5 @@ int bool_analyzer(Task *task);
 int threshold_analyzer(Task *task);
 /// `threshold_analyzer` for most built-in tasks; traces the value before it.
 int common_analyzer(Task *task);
-/// Takes back the marks and leaves the state alone.
+/// Clears the marks and leaves the state unchanged.
 int NULL_analyzer(Task *task);

@@ -8,29 +8,29 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What the init operation of a simple probe does to its task.
+/// The init operation of a simple probe.
 constexpr void probe_mark_initialised(Task *task) {
     task_clear(task, TASK_REINIT);
     task->flags |= TASK_INITIALISED;
 }
 
-/// Stores a fresh measurement; returns 0.
+/// Stores a measurement; returns 0.
 constexpr int probe_succeed(Task *task, std::int32_t value) {
     task->value = value;
     task->flags |= TASK_VALUE_VALID;
     return 0;
 }
 
-/// Records a failed run, whose error number is left beside a stale value; returns -1.
+/// Stores the error of a failed run and keeps the old value; returns -1.
 constexpr int probe_fail(Task *task, std::int32_t error) {
     task->error = error;
     return -1;
 }
 
-/// The state that a probe's own logger passes on: good or failed, whatever the exact state.
+/// The state that a probe's own logger reports: 0 or failed.
 constexpr int probe_log_state(const Task *task) { return task->state == 0 ? 0 : 2; }
 
-/// The room of a probe's own line.
+/// The size of a probe's own line.
 inline constexpr std::size_t PROBE_LINE_SIZE = 2024;
 
 int temperature_init(Task *task);
@@ -59,7 +59,7 @@ int internet_exec(Task *task);
 int wireless_init(Task *task);
 int wireless_exec(Task *task);
 int wireless_logger(Task *task);
-/// List comparison of two records: 1 when both are there and their id and index are equal.
+/// List comparison: 1 when both records are given and their id and index are equal.
 int wp_cmp(const void *left, const void *right);
 
 int service_init(Task *task);

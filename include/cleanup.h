@@ -1,11 +1,11 @@
 #pragma once
 
-/// What is to be done at exit, with the argument given to `cleanup_add`.
+/// A function to run at exit, called with the argument given to `cleanup_add`.
 using CleanupFunction = int (*)(void *argument);
 
-/// Runs the registered functions, the latest first, then the tasks' own cleanups and that of the
+/// Runs the registered functions, the latest first, then the cleanups of the tasks and of the
 /// status log. Returns the last function's result, or -1 when none is registered.
 int cleanup();
-/// Registers `function`; 0, or -1 when memory is out. `argument` stays the caller's. The daemon keeps it for
+/// Registers `function`; 0, or -1 when out of memory. `argument` stays the caller's. The daemon keeps it for
 /// modules to come, and never calls it.
 [[gnu::used, gnu::retain]] int cleanup_add(CleanupFunction function, void *argument);

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <ctime>
 
-/// One node of a doubly linked list. The list is its first node; it never owns the data.
+/// A node of a doubly linked list. A list is its first node. Nodes do not own their data.
 struct DListNode {
     DListNode *next;
     DListNode *prev;
@@ -17,20 +17,19 @@ struct DListNode {
 /// Returns non-zero when `data` matches `key`, 0 otherwise.
 using DListCompare = int (*)(const void *data, const void *key);
 
-/// A new node with no neighbours and no data, owned by the caller; null when memory is out.
+/// A new node with no neighbours and no data, owned by the caller; null when out of memory.
 DListNode *d_list_create();
 /// Frees the node, which the caller has unlinked, and not its data; returns 0, for none too.
 int d_list_delete(DListNode *node);
-/// Inserts `node` directly behind `pos` and returns it; null, changing nothing, without either.
+/// Inserts `node` directly after `pos` and returns it; null, changing nothing, without either.
 DListNode *d_list_add(DListNode *pos, DListNode *node);
-/// Unlinks `node` and returns it; the owner of the list moves its own head.
+/// Unlinks `node` and returns it. The caller updates its own head.
 DListNode *d_list_remove(DListNode *node);
-/// The first node from `start` on whose data is set and matches `key`; null when there is none or an
-/// argument is missing.
+/// The first node from `start` on whose data is set and matches `key`; null if absent or an argument is null.
 DListNode *d_list_search(DListNode *start, DListCompare compare, const void *key);
 
-/// Cuts `text` in place at blanks, tabs and line ends, and stores up to `max` tokens, then a null if
-/// the text ran out first; `tokens` holds max + 1. At least one token is tried whatever `max` is.
+/// Splits `text` in place at blanks, tabs and line ends and stores up to `max` tokens, followed by a null if
+/// the text has fewer. `tokens` has room for max + 1. One token is read even if `max` is 0 or less.
 /// Returns the number of tokens.
 int strsplit(char *text, char **tokens, int max);
 

@@ -1,15 +1,15 @@
 #pragma once
 
-// The bus service: what the rest of the daemon uses of the issue registry and its face on the system
-// bus. None of these operations ever waits for the bus.
+// The bus service's interface for the rest of the daemon: the issue registry and its signals. None of these
+// operations waits for the bus.
 
 #include <cstddef>
 #include <cstdint>
 
 /// Prepares the registry and starts the bus threads; 0, or -1 when a thread could not be started.
 int d_bus_srv_init();
-/// Reports a change of a task's state to the issue `id`: 0 is good, anything else is failing.
-/// Returns 0, for an unknown id too.
+/// Reports a change of a task's state to the issue `id`: 0 is good, any other value is failing. Returns 0, also
+/// for an unknown id.
 int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state);
 /// Writes the labels of the raised issues, "CB07, CB20"; "" when there are none. 256 bytes hold all.
 void d_bus_srv_raised_labels(char *text, std::size_t size);

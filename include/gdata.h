@@ -6,7 +6,7 @@
 
 struct Task;
 
-/// What a task can do; the result's meaning belongs to the slot.
+/// An operation of a task. Each slot defines what the result means.
 using TaskOperation = int (*)(Task *);
 
 /// An operation and the name under which the dump shows it.
@@ -124,7 +124,7 @@ struct GlobalData {
     std::int32_t hysteresis;
 };
 
-/// The record itself, for the dump and for tests; everybody else uses the operations below.
+/// The record itself, for the dump and for tests. All others use the operations below.
 GlobalData &gdata_record();
 
 /// Sets the list of tasks, which must outlive the process's use of it. Traces nothing: at a start the options,
@@ -160,8 +160,8 @@ std::int32_t gdata_set_severitylevel(std::int32_t level);
 
 /// The daemon's command line, null until set.
 const char *gdata_get_commandline();
-/// Builds one text: argv[0], then each further argument in double quotes after a blank, unescaped.
-/// Returns it, or null when memory is out; the old text is lost then.
+/// Joins argv[0] and, each after a blank, the further arguments in double quotes, unescaped. Returns the
+/// text, or null when out of memory; the old text is lost then.
 const char *gdata_set_commandline(int argc, char *const argv[]);
 
 const char *gdata_get_dbus_busname();

@@ -1,6 +1,6 @@
 #pragma once
 
-// Owners of what the C libraries hand out.
+// RAII owners of the C library's resources.
 
 #include <cerrno>
 #include <cstdio>
@@ -39,30 +39,30 @@ class Descriptor {
     int fd_ = -1;
 };
 
-/// Opens a file and never waits: a pipe without its other end, or a busy terminal, in the file's place must
-/// not stop a heartbeat. A file that is created has the usual permissions.
-inline Descriptor open_at_once(const char *name, int flags) {
+/// Opens a file without ever waiting: a FIFO or a busy terminal in its place must not stop a heartbeat.
+/// Creates with mode 0666 minus the umask.
+inline Descriptor open_nonblocking(const char *name, int flags) {
     return Descriptor(open(name, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
 }
 
-/// Opens a file for appending, likewise, and makes it if missing; none, with errno, when that fails. A link
+/// The same for appending; creates the file if missing. Empty, with errno set, on failure. A link
 /// is followed to a file that is there, but nothing is made where it leads to none.
 inline Descriptor open_for_append(const char *name) {
-    Descriptor file = open_at_once(name, O_WRONLY | O_APPEND);
+    Descriptor file = open_nonblocking(name, O_WRONLY | O_APPEND);
     if (!file && errno == ENOENT) {
-        file = open_at_once(name, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW);
+        file = open_nonblocking(name, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW);
     }
     return file;
 }
 
 struct CloseFile {
-    void operator()(std::FILE *file) const { std::fclose(file); } // NOLINT(cert-err33-c): nowhere to report to
+    void operator()(std::FILE *file) const { std::fclose(file); } // NOLINT(cert-err33-c): no caller to report to
 };
 
 /// Owns a stdio stream.
 using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
 
-/// A stdio stream on `descriptor`, which it takes over; none without a descriptor or without memory.
+/// A stdio stream that takes ownership of `descriptor`; empty without a descriptor or when out of memory.
 inline FileHandle stream_on(Descriptor descriptor, const char *mode) {
     FileHandle stream(descriptor ? fdopen(descriptor.get(), mode) : nullptr);
     if (stream) {
@@ -75,10 +75,10 @@ struct FreeMemory {
     void operator()(void *memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)
 };
 
-/// Owns a record from the C allocator, null when memory was out.
+/// Owns a record from malloc.
 template <typename Record> using RecordHandle = std::unique_ptr<Record, FreeMemory>;
 
-/// Memory for one plain record, zeroed; null when memory is out.
+/// Memory for one plain record, zeroed; null when out of memory.
 template <typename Record> RecordHandle<Record> record_allocate() {
     static_assert(std::is_trivially_copyable_v<Record>);
     auto *record = static_cast<Record *>(std::malloc(sizeof(Record))); // NOLINT(cppcoreguidelines-no-malloc)
@@ -88,10 +88,10 @@ template <typename Record> RecordHandle<Record> record_allocate() {
     return RecordHandle<Record>(record);
 }
 
-/// Owns a text from the C allocator, null when memory was out.
+/// Owns a text from malloc.
 using TextHandle = std::unique_ptr<char[], FreeMemory>;
 
-/// A text buffer of `size` bytes, zeroed; null when memory is out.
+/// A text buffer of `size` bytes, zeroed; null when out of memory.
 inline TextHandle text_allocate(std::size_t size) {
     return TextHandle(static_cast<char *>(std::calloc(size, 1))); // NOLINT(cppcoreguidelines-no-malloc)
 }

@@ -13,7 +13,7 @@
 #include <ctime>
 #include <sys/types.h>
 
-/// How a state is recorded: under `label`, from the record level `level` on.
+/// A state's label, and the record level from which it is written.
 struct LogfileStateRow {
     std::int32_t state;
     std::int32_t level;
@@ -30,13 +30,13 @@ struct FileIdentity {
     bool operator==(const FileIdentity &) const = default;
 };
 
-/// What the module keeps from call to call.
+/// The module's state.
 struct LogfileState {
     TextHandle logfile_name;        ///< none: the status log is off
     Descriptor logfile_stream;      ///< opened by the first record, closed by rotation
     FileIdentity logfile_identity;  ///< of the open file
     int logfile_is_file = 0;        ///< 0 for a standard stream, which is never rotated
-    int logfile_header_written = 0; ///< the next header says "START" while 0, "ROTATE" from then on
+    int logfile_header_written = 0; ///< the next header says "START" if 0, else "ROTATE"
     int logfile_initialised = 0;
     bool torn = false;                ///< the last line of the stream is a piece of a record
     bool rotation_broken_off = false; ///< the last one, because the process is to end
@@ -50,7 +50,7 @@ struct LogfileState {
     std::array<char, sizeof "0000-00-00 00:00:00"> stamp{};
 };
 
-/// The one state, for tests: they set limits that no setting reaches.
+/// The one instance. Tests set limits here that no setting allows.
 LogfileState &logfile_state();
 
 /// Takes the settings in force and writes the first header; once in a process. Returns 0.

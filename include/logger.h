@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <span>
 
-/// How a state is spoken of.
+/// The words for a state.
 struct LoggerState {
     int state;
     int priority; ///< of syslog
@@ -19,7 +19,7 @@ struct LoggerState {
 
 extern const std::array<LoggerState, 7> logger_state_table;
 
-/// The last row of `table` for `state`; null when there is none.
+/// The last row of `table` for `state`; null if absent.
 const LoggerState *logger_state_row(std::span<const LoggerState> table, int state);
 
 /// Opens syslog the first time; until then nothing is written. Returns 0.
@@ -27,25 +27,25 @@ int logger_init();
 /// Runs the task's logger and clears its mark; its result, or -1, the mark untouched, when it has none.
 int logger(Task *task);
 
-/// Writes `text` under the label of `state` (-2..4), if the severity level lets it pass.
+/// Writes `text` with the label of `state` (-2..4), if the severity level permits.
 void logger_syslog(int state, const char *text);
 /// Traces how many sentences were lost, once syslog is read again.
 void logger_tell_lost();
 /// Expands the task's template into `buffer`; 0, or -1, the buffer untouched, when it has none.
-/// What does not fit is cut, an insertion that does not fit whole is left out.
+/// Text that does not fit is cut; an insertion that does not fit is omitted.
 int logger_format(char *buffer, std::size_t size, const Task *task);
-/// Writes the head of every line, "ID: CB07[0]: ".
+/// Writes the prefix of every line, "ID: CB07[0]: ".
 void logger_id_prefix(char *buffer, std::size_t size, const Task *task);
-/// Begins a line that tells a value in `buffer`: "ID: CB07[0]: value: 91 ".
+/// Starts a line with a value in `buffer`: "ID: CB07[0]: value: 91 ".
 TextBuffer logger_value_line(std::span<char> buffer, const Task *task);
 
 // The logging operations; all return 0.
 
-/// Speaks of a value that is either good or bad.
+/// For a value that is either good or bad.
 int bool_logger(Task *task);
-/// Tells the value and where it stands to the limit.
+/// Reports the value and how it compares with the limit.
 int threshold_logger(Task *task);
 /// `threshold_logger` for most built-in tasks.
 int common_logger(Task *task);
-/// Takes back the mark and writes nothing.
+/// Clears the mark and writes nothing.
 int NULL_logger(Task *task);

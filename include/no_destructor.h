@@ -1,6 +1,6 @@
 #pragma once
 
-/// A static object that is never destroyed: exit must not take it from the threads still running.
+/// A static object whose destructor never runs, because other threads still use it during exit.
 template <typename T> class NoDestructor {
   public:
     constexpr NoDestructor() : object_() {}
@@ -8,7 +8,7 @@ template <typename T> class NoDestructor {
     NoDestructor(NoDestructor &&) = delete;
     NoDestructor &operator=(const NoDestructor &) = delete;
     NoDestructor &operator=(NoDestructor &&) = delete;
-    constexpr ~NoDestructor() {} // NOLINT(modernize-use-equals-default): a union member must not end by itself
+    constexpr ~NoDestructor() {} // NOLINT(modernize-use-equals-default): a defaulted one would be deleted
 
     T &get() { return object_; }
 

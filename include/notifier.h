@@ -6,7 +6,7 @@
 int notifier_init();
 /// Runs the task's notifier; its result, or -1 when it has none.
 int notifier(Task *task);
-/// Passes a marked change on to the issue registry; returns 0.
+/// Reports a marked change to the issue registry; returns 0.
 int common_notifier(Task *task);
-/// Takes back the mark and passes nothing on; returns 0.
+/// Clears the mark and reports nothing; returns 0.
 int NULL_notifier(Task *task);

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a probe's read step found, and the pure parsing behind it: text in, value or error out.
+// What a probe reads, and its parsers: text in, value or error out.
 
 #include <array>
 #include <cerrno>
@@ -14,8 +14,7 @@ struct Reading {
     static constexpr Reading of(std::int32_t value) { return {.value = value, .error = 0}; }
     static constexpr Reading failed(std::int32_t error) { return {.value = 0, .error = error}; }
 
-    /// A call failed with `error`; with errno 0 the value prepared for it counts as measured, in
-    /// every probe alike.
+    /// A call failed with `error`. Kept in every probe: with errno 0 the prepared value counts as measured.
     static constexpr Reading failed_with_errno(std::int32_t error, std::int32_t prepared = 0) {
         return error == 0 ? of(prepared) : failed(error);
     }
@@ -36,15 +35,15 @@ struct MemoryFigures {
     std::uint64_t free;
 };
 
-/// Takes MemTotal and MemFree from a line of /proc/meminfo, which it cuts up; other lines are skipped.
+/// Takes MemTotal and MemFree from a line of /proc/meminfo, which it splits in place. Skips other lines.
 void memoryusage_parse_line(char *line, MemoryFigures *figures);
-/// The free share in whole percent; EINVAL without a total.
+/// Free memory in whole percent; EINVAL without a total.
 Reading memoryusage_percent(const MemoryFigures &figures);
 
 inline constexpr std::size_t EXT_CSD_SIZE = 512;
 using ExtCsd = std::array<std::uint8_t, EXT_CSD_SIZE>;
 
-/// The used share of the device's life in percent; EINVAL when it gives no estimate or exceeds it.
+/// The used part of the device's life in percent; EINVAL without an estimate or past its end.
 Reading wearout_decode(const ExtCsd &registers);
 
 /// Block counts of a file system.
@@ -54,14 +53,14 @@ struct BlockCounts {
     std::uint32_t available;
 };
 
-/// Takes the counts from the third to fifth word of a line, which it cuts up; false if there are fewer.
-/// What is no number counts as 0, and what does not fit is clamped.
+/// Takes the counts from the third to fifth word of a line, which it splits in place; false if there are fewer.
+/// A word that is no number counts as 0; a number out of range is clamped.
 bool diskusage_parse_line(char *line, BlockCounts *counts);
-/// The available share in whole percent; EINVAL when all counts are 0.
+/// Available blocks in whole percent; EINVAL when all counts are 0.
 Reading diskusage_percent(const BlockCounts &counts);
 
 /// Takes the number in the `token`-th word (2 is the quality, 3 the level) of a line of
-/// /proc/net/wireless, which it cuts up; false for another device's line or an unusable number.
+/// /proc/net/wireless, which it splits in place; false for another device's line or an unusable number.
 bool wireless_parse_line(char *line, const char *device, int token, double *number);
 /// A level in dBm, rounded half away from zero.
 Reading wireless_round(double level);
@@ -69,8 +68,8 @@ Reading wireless_round(double level);
 /// 0 when the first line of an operstate file says that the link is up, else 1.
 Reading operstate_parse(const char *line);
 
-/// Whether the first word of a line of an interface table is `interface` and a colon, in any case;
-/// the colon is cut off.
+/// Whether the first word of a line of an interface table is `interface` and a colon, ignoring case; removes
+/// the colon.
 bool names_interface(char *word, const char *interface);
 
 /// Totals of an interface since it came up.
@@ -79,8 +78,8 @@ struct TrafficCounters {
     std::uint64_t lost;    ///< errors and drops of both directions
 };
 
-/// Takes the totals from a line of /proc/net/dev, which it cuts up; false when it is not the line of
+/// Takes the totals from a line of /proc/net/dev, which it splits in place; false when it is not the line of
 /// `interface`, whose case does not matter.
 bool internet_parse_line(char *line, const char *interface, TrafficCounters *counters);
-/// The lost share in percent, 1 without loss on a busy interface; ENOENT without packets.
+/// Lost packets in percent, 1 without loss on a busy interface; ENOENT without packets.
 Reading internet_percent(const TrafficCounters &counters);

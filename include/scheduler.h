@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// One walk through all tasks as of `now` (seconds since the epoch): the network check, every due
-/// task through probe, analyzer, notifier, logger and status log, then the signals of the changes.
+/// One pass at the time `now` (seconds since the epoch): the network check, every due task through probe,
+/// analyzer, notifier, logger and status log, then the signals of the changes.
 void scheduler_pass(std::int64_t now);
 /// The endless loop of passes and waits; never returns.
 void scheduler();

@@ -1,7 +1,7 @@
 #pragma once
 
-// The main thread holds the daemon's signals and takes them at safe points only, so that no handler
-// ever runs inside malloc, stdio or a library.
+// The main thread blocks the daemon's signals and handles them at safe points only, so that no handler ever
+// runs inside malloc, stdio or a library.
 
 #include <csignal>
 
@@ -10,9 +10,9 @@ sigset_t signals_all();
 /// All of them but the heartbeat.
 sigset_t signals_held();
 
-/// Blocks the held signals for the calling thread; the mask before the first call is kept.
-void signals_hold();
-/// The mask that the process had before the first hold, which a child starts with.
+/// Blocks the handled signals in the calling thread and remembers the mask before the first call.
+void signals_block();
+/// The mask before the first block; a child starts with it.
 sigset_t signals_original_mask();
 
 /// Ignores SIGPIPE and SIGXFSZ, so that a write fails instead of ending the process; what they did before is
@@ -26,10 +26,10 @@ void signals_restore_failed_writes();
 void signals_dispatch(const sigset_t &set);
 /// Waits for one signal of `set` and runs its handler, then those of the others pending.
 void signals_wait(const sigset_t &set);
-/// A place where held signals may be taken.
+/// A safe point: handles the pending signals.
 void signals_safe_point();
 /// Whether a held signal waits for the next safe point that ends the process there.
 bool signals_termination_held();
 
-/// A safe point that lasts: pauses for `milliseconds`, or until a held signal has been taken.
+/// A safe point that waits: pauses for `milliseconds`, or until a signal has been handled.
 void signals_pause(int milliseconds);

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the daemon tells the service manager of itself. All of it is silent where nobody asks for it
-// (NOTIFY_SOCKET), and none of it ever waits: a manager that hangs must not stop the monitoring.
+// Messages to the service manager. Sent only if NOTIFY_SOCKET is set; never waits, because a manager that
+// hangs must not stop the monitoring.
 
 /// How the station stands after a pass.
 struct PassStatus {
@@ -11,10 +11,10 @@ struct PassStatus {
     unsigned lost_traces = 0;       ///< since the start
 };
 
-/// The daemon is up: its scheduler starts.
+/// Reports that the daemon is ready.
 void supervision_ready();
 /// A whole pass is over: the keep-alive, and a status text when it differs from the one before. A bus or a
 /// status log that was lost, or is there again, is also one trace of level 1.
 void supervision_pass_done(const PassStatus &status);
-/// The daemon is about to end.
+/// Reports that the daemon ends.
 void supervision_stopping();

@@ -1,6 +1,6 @@
 #pragma once
 
-// The main thread's connection to the system bus, over which systemd's unit properties are read.
+// The main thread's connection to the system bus, for systemd's unit properties.
 
 #include "handle.h"
 

@@ -59,9 +59,9 @@ class TextBuffer {
         va_end(all);
     }
 
-    /// The bytes left, that of the terminator included: a shorter text fits whole.
+    /// The bytes left, including the terminator's: a shorter text fits whole.
     [[nodiscard]] std::size_t room() const { return size_ - length_; }
-    /// Where the next text goes; one written there by others does not count as this object's.
+    /// The end of the text. What others write there does not change this object's length.
     [[nodiscard]] char *end() { return data_ + length_; }
     [[nodiscard]] const char *c_str() const { return size_ == 0 ? "" : data_; }
 

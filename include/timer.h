@@ -8,8 +8,8 @@ int timer_init();
 void sig_alarm_handler(int signo);
 /// Blocks SIGALRM for the calling thread.
 void timer_suspend();
-/// Unblocks SIGALRM for the calling thread; a beat that came meanwhile is counted now.
+/// Unblocks SIGALRM for the calling thread; a pending heartbeat is counted now.
 void timer_continue();
-/// Waits for a signal, then until a heartbeat has been counted. A beat already counted when the
-/// wait begins is noticed only after the next signal: an overrun delays the next pass.
+/// Waits for a signal, then until a heartbeat has been counted. A heartbeat counted before the wait is
+/// noticed only after the next signal: an overrun delays the next pass.
 void runrun_wait();

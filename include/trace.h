@@ -23,9 +23,12 @@ unsigned trace_lost_lines();
 #define TRACE_STRING_(text) #text
 #define TRACE_STRING(text) TRACE_STRING_(text)
 
-/// Traces under a given place; for the few lines whose place is part of the interface.
+/// Traces with a given location; for the few lines whose location is fixed.
 #define trace_at(level, file, function, line, ...)                                                                     \
     trace_write((level), "CODE_FILE=" file, "CODE_LINE=" TRACE_STRING(line), (function), __VA_ARGS__)
 
-/// Traces under the caller's own place. The build gives each source its TRACE_FILE.
+/// Traces with the caller's file and line under another function's name, where that name is fixed.
+#define trace_as(function, level, ...) trace_at((level), TRACE_FILE, (function), __LINE__, __VA_ARGS__)
+
+/// Traces with the caller's location. The build defines TRACE_FILE for each source.
 #define trace(level, ...) trace_at((level), TRACE_FILE, __func__, __LINE__, __VA_ARGS__)

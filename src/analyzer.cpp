@@ -30,7 +30,7 @@ void commit(Task *task, std::int8_t candidate) {
     task->do_log = 1;
 }
 
-/// The task's limits, those that hold its state moved so that it is left only beyond the hysteresis.
+/// The task's limits. The limit that holds the present state is moved back by the hysteresis.
 Limits effective_limits(const Task *task) {
     Limits limits{task->minfail, task->minwarn, task->maxwarn, task->maxfail};
     const std::int64_t h = task_has(task, TASK_HAS_HYSTERESIS) ? task->hysteresis : 0;
@@ -95,7 +95,7 @@ void sample_maxwarn(Task *task) {
 
 void sample_ok(Task *task) {
     task->counter_minfail = task->counter_minwarn = task->counter_maxwarn = task->counter_maxfail = 0;
-    if ((task->flags & FOUR_LOWEST_FLAGS) != 0) { // deliberate: a task without these bits stays where it is
+    if ((task->flags & FOUR_LOWEST_FLAGS) != 0) { // kept: a task without these bits keeps its state
         ++task->counter_ok;
     }
     if (delay_reached(task, task->counter_ok)) {
@@ -119,7 +119,7 @@ void classify(Task *task, const Limits &limits) {
     }
 }
 
-/// The counter that leads to a change goes on counting and wraps, deliberately.
+/// The counter that caused a change keeps counting and wraps; kept.
 void sample_bool(Task *task) {
     if (task->value == 1) {
         task->counter_ok = 0;
@@ -138,8 +138,7 @@ void sample_bool(Task *task) {
 
 } // namespace
 
-// The texts that announce a value and what came of it. Log filters know both marks of the second as
-// they are: each shows do_notify.
+// The texts before and after the analysis. Both marks in the second text show do_notify; kept.
 #define trace_value(task)                                                                                              \
     trace(TRACE_TRACE, "analyze ID: CB%02d[%d] -- value: %d (%s%s)", (task)->id, (task)->index, (task)->value,         \
           validity(task), "VALID")

@@ -26,8 +26,7 @@ int run_registered() {
 
 void clean_up_tasks() {
     for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
-        trace_at(TRACE_TRACE, TRACE_FILE, "cleanup", __LINE__, "task: %s(CB%02d[%d])", task->name, task->id,
-                 task->index);
+        trace_as("cleanup", TRACE_TRACE, "task: %s(CB%02d[%d])", task->name, task->id, task->index);
         if (task_has(task, TASK_RUNNABLE | TASK_HAS_CLEANUP) && task->cleanup != nullptr) {
             task->cleanup(task);
         }

@@ -90,7 +90,7 @@ int strsplit(char *text, char **tokens, int max) {
     constexpr const char *separators = " \t\r\n";
     char *rest = nullptr;
     int count = 0;
-    do { // one token is tried whatever `max` is: callers rely on tokens[0]
+    do { // one token is read even if `max` is 0: callers use tokens[0]
         tokens[count] = strtok_r(count == 0 ? text : nullptr, separators, &rest);
         if (tokens[count] == nullptr) {
             break;
@@ -100,7 +100,7 @@ int strsplit(char *text, char **tokens, int max) {
     return count;
 }
 
-// The format is the caller's, whose declaration has it checked.
+// The declaration has the compiler check each caller's format.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 std::time_t time_stamp(char *buffer, std::size_t size, const char *format) {
@@ -130,7 +130,7 @@ void dump_line(const unsigned char *bytes, std::size_t count) {
             characters[i] = ' ';
         }
     }
-    if (count != 1) { // deliberate: a last line of one byte stays bare, without its line end
+    if (count != 1) { // kept: a last line of one byte has no text column and no line end
         std::fprintf(stderr, "  |%s|\n", characters.data());
     }
     std::fflush(stderr);

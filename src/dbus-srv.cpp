@@ -21,18 +21,18 @@ constexpr int LARGE_BLOCK = 128 * 1024;
 constinit pthread_t listener_thread{};
 constinit pthread_t sender_thread{};
 
-/// Holds all of the daemon's signals for a scope: a thread created in it never sees one.
-class SignalsHeld {
+/// Blocks all of the daemon's signals in a scope: a thread created in it inherits the mask and never sees one.
+class ScopedSignalBlock {
   public:
-    SignalsHeld() {
+    ScopedSignalBlock() {
         const sigset_t all = signals_all();
         pthread_sigmask(SIG_BLOCK, &all, &before_);
     }
-    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsHeld(const SignalsHeld &) = delete;
-    SignalsHeld(SignalsHeld &&) = delete;
-    SignalsHeld &operator=(const SignalsHeld &) = delete;
-    SignalsHeld &operator=(SignalsHeld &&) = delete;
+    ~ScopedSignalBlock() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    ScopedSignalBlock(const ScopedSignalBlock &) = delete;
+    ScopedSignalBlock(ScopedSignalBlock &&) = delete;
+    ScopedSignalBlock &operator=(const ScopedSignalBlock &) = delete;
+    ScopedSignalBlock &operator=(ScopedSignalBlock &&) = delete;
 
   private:
     sigset_t before_{};
@@ -43,9 +43,9 @@ class SignalsHeld {
 int d_bus_srv_init() {
     trace(TRACE_INFO, " ");
     mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK);
-    dbus_threads_init_default(); // older libraries on the boards need it before their first use
+    dbus_threads_init_default(); // old versions of libdbus need it before their first use
     d_bus_srv_issue_init();
-    const SignalsHeld held;
+    const ScopedSignalBlock held;
     if (pthread_create(&listener_thread, nullptr, d_bus_srv_main, nullptr) != 0) {
         trace(TRACE_DEBUG, "unable to create D-Bus listener");
         return -1;

@@ -35,12 +35,12 @@ namespace {
 constinit NoDestructor<LogfileState> the_state;
 
 /// A state that the table does not know passes every level that can be set.
-constexpr LogfileStateRow unknown_state{0, -1, "INV"};
+constexpr LogfileStateRow UNKNOWN_STATE{0, -1, "INV"};
 
 const LogfileStateRow &row_of(std::int32_t state) {
     const auto *const row = std::find_if(logfile_state_table.begin(), logfile_state_table.end(),
                                          [state](const LogfileStateRow &each) { return each.state == state; });
-    return row == logfile_state_table.end() ? unknown_state : *row;
+    return row == logfile_state_table.end() ? UNKNOWN_STATE : *row;
 }
 
 bool same_name(const char *name, const char *other) { return strcasecmp(name, other) == 0; }

@@ -21,22 +21,22 @@ namespace {
 
 constexpr std::size_t LINE_SIZE = 1023;
 
-/// A state that no row holds: it passes every severity level, under a priority of its own.
-constexpr LoggerState unknown_state{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
+/// For a state without a row: passes every severity level, with its own priority.
+constexpr LoggerState UNKNOWN_STATE{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
 
 constinit int syslog_opened = 0;
 constinit int lost_sentences = 0; ///< since it was last told
 
 const LoggerState &row_of(int state) {
     const LoggerState *row = logger_state_row(logger_state_table, state);
-    return row == nullptr ? unknown_state : *row;
+    return row == nullptr ? UNKNOWN_STATE : *row;
 }
 
 bool has_template(const Task *task) { return task_has(task, TASK_HAS_FORMAT) && task->format != nullptr; }
 
 bool has_sentence(const Task *task) { return has_template(task) && *task->format != '\0'; }
 
-/// The upper failure limit stands for every state that has no limit of its own.
+/// States without a limit of their own use the upper failure limit.
 std::int32_t threshold_of(const Task *task) {
     switch (task->state) {
     case -2:
@@ -67,7 +67,7 @@ std::string_view threshold_text(const Task *task, NumberText &number) {
     return {number.data(), static_cast<std::size_t>(end - number.data())};
 }
 
-/// What takes the place of '%' and `letter`; nothing for an unknown letter.
+/// The replacement for '%' and `letter`; empty for an unknown letter.
 std::string_view insertion(const Task *task, char letter, NumberText &number) {
     switch (letter) {
     case '%':
@@ -109,7 +109,7 @@ int logger_init() {
         openlog("vigmond", LOG_PID | LOG_CONS, LOG_DAEMON);
     }
     const std::int32_t severity = gdata_set_severitylevel(gdata_get_severitylevel());
-    // The level is looked up among the states; the labels that come of it are kept.
+    // The severity level is looked up as if it were a state; the resulting labels are kept.
     trace(TRACE_TRACE, "severity_level: %s", row_of(severity).label);
     syslog_opened = 1;
     trace(TRACE_TRACE, "DONE");
@@ -213,7 +213,7 @@ int bool_logger(Task *task) {
         std::array<char, LINE_SIZE> line{};
         logger_id_prefix(line.data(), line.size(), task);
         if (has_sentence(task)) {
-            logger_format(line.data(), line.size(), task); // in place of the prefix, unlike threshold_logger
+            logger_format(line.data(), line.size(), task); // overwrites the prefix, unlike threshold_logger
         } else {
             TextBuffer::behind(line.data(), line.size()).append(task->state == 0 ? "OK" : "failed");
         }

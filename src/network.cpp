@@ -28,7 +28,7 @@ constexpr const char *NETWORKD_UNIT = "/org/freedesktop/systemd1/unit/systemd_2d
 
 constexpr std::int32_t UNSET = -1;
 
-// Never reset between reads: a key that is removed from the file keeps its last value.
+// Never reset between reads: a key removed from the file keeps its last value.
 constinit std::int32_t lan_managed = UNSET;
 constinit std::int32_t lan_activation = UNSET;
 
@@ -40,14 +40,14 @@ struct ValueRow {
     std::int32_t value;
 };
 
-constexpr std::array<ValueRow, 4> unmanaged_values{{
+constexpr std::array<ValueRow, 4> UNMANAGED_VALUES{{
     {"true", 0},
     {"yes", 0},
     {"false", 1},
     {"no", 1},
 }};
 
-constexpr std::array<ValueRow, 6> activation_values{{
+constexpr std::array<ValueRow, 6> ACTIVATION_VALUES{{
     {"down", 0},
     {"always-down", 0},
     {"up", 1},
@@ -56,7 +56,7 @@ constexpr std::array<ValueRow, 6> activation_values{{
     {"bound", 1},
 }};
 
-/// Stores the value that the table has for `text` in any case; an unknown one leaves things as they are.
+/// Stores the table's value for `text`, ignoring case; ignores an unknown text.
 template <std::size_t N>
 void store_value(const std::array<ValueRow, N> &table, const char *text, std::int32_t *stored) {
     const auto *row = std::find_if(table.begin(), table.end(),
@@ -84,9 +84,9 @@ int network_lan_handler(const char *section, const char *name, const char *value
         return 1;
     }
     if (strcasecmp(name, "Unmanaged") == 0) {
-        store_value(unmanaged_values, value, &lan_managed);
+        store_value(UNMANAGED_VALUES, value, &lan_managed);
     } else if (strcasecmp(name, "ActivationPolicy") == 0) {
-        store_value(activation_values, value, &lan_activation);
+        store_value(ACTIVATION_VALUES, value, &lan_activation);
     }
     return 1;
 }
@@ -96,7 +96,7 @@ std::int32_t network_decide_wifi(const char *text, const JsonToken *tokens, std:
         return 1;
     }
     for (std::int32_t i = 1; i < count; ++i) {
-        // To the end of the text, not of the token: the settings' writer counts on what comes of it.
+        // Kept: compares to the end of the text, not of the token.
         if (strcasecmp(text + tokens[i].start, "enabled") == 0) {
             return i + 1 < count && strcasecmp(text + tokens[i + 1].start, "true") == 0 ? 1 : 0;
         }
@@ -106,11 +106,11 @@ std::int32_t network_decide_wifi(const char *text, const JsonToken *tokens, std:
 
 namespace {
 
-/// Whether networkd has changed state since the last look; true when that cannot be told.
+/// Whether networkd has changed state since the last check; true if unknown.
 bool network_changed() {
     const int opened = system_bus_open();
     if (opened < 0) {
-        trace_at(TRACE_TRACE, TRACE_FILE, "network_check_daemon", __LINE__, "bus_default FAILED: ret : %d (%s)", opened,
+        trace_as("network_check_daemon", TRACE_TRACE, "bus_default FAILED: ret : %d (%s)", opened,
                  std::strerror(-opened));
         return true;
     }
@@ -118,8 +118,7 @@ bool network_changed() {
     std::uint64_t timestamp = 0;
     const int read = system_bus_read_number(NETWORKD_UNIT, "StateChangeTimestampMonotonic", &timestamp, &error);
     if (read < 0) {
-        trace_at(TRACE_TRACE, TRACE_FILE, "network_check_daemon", __LINE__, "get_property FAILEd: ret : %d (%s)", read,
-                 std::strerror(-read));
+        trace_as("network_check_daemon", TRACE_TRACE, "get_property FAILEd: ret : %d (%s)", read, std::strerror(-read));
         return true;
     }
     const bool changed = timestamp != networkd_timestamp;
@@ -148,7 +147,7 @@ char *read_line_within_limit(char *buffer, int size, void *stream) {
 
 /// Hands all pairs of the file to the handler; false when it is no INI file that can be read to its end.
 bool read_lan_file() {
-    Descriptor descriptor = open_at_once(LAN_FILE, O_RDONLY);
+    Descriptor descriptor = open_nonblocking(LAN_FILE, O_RDONLY);
     if (!descriptor || !is_readable_to_its_end(descriptor)) {
         return false;
     }
@@ -165,11 +164,11 @@ void network_check_lan() {
 void network_check_wifi() {
     constexpr std::size_t most = 2048;
     constexpr std::int32_t max_tokens = 32;
-    // Not cleared between reads: what a shorter file leaves standing takes part in the comparison.
+    // Kept: not cleared between reads, so the rest of a longer file takes part in the comparison.
     static constinit std::array<char, most + 1> text{};
 
     trace(TRACE_TRACE, " ");
-    const Descriptor file(open_at_once(WIFI_FILE, O_RDONLY));
+    const Descriptor file(open_nonblocking(WIFI_FILE, O_RDONLY));
     if (!file) {
         wifi_available = 0;
         return;

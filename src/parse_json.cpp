@@ -27,7 +27,7 @@ bool is_in_object(const JsonParser &parser) {
 
 bool is_open(const JsonToken &token) { return token.start != NONE && token.end == NONE; }
 
-/// Begins `token` at `start`, as one more child of the enclosing token.
+/// Starts `token` at `start`, as a child of the enclosing token.
 void begin(JsonParser &parser, JsonToken &token, JsonType type, std::int32_t start) {
     token.type = type;
     token.start = start;
@@ -50,7 +50,7 @@ int open_object(JsonParser &parser) {
     return 0;
 }
 
-/// Closes the nearest open token from the last one outwards.
+/// Closes the innermost open token.
 int close_object(JsonParser &parser) {
     for (std::int32_t index = parser.next - 1; index != NONE; index = parser.tokens[index].parent) {
         JsonToken &token = parser.tokens[index];
@@ -75,7 +75,7 @@ int escape_length(std::string_view text) {
     if (!std::all_of(digits.begin(), digits.end(), is_hexadecimal)) {
         return JSON_INVALID;
     }
-    return 6; // past the end of a text that is cut here
+    return 6; // past the end of a truncated text
 }
 
 /// The offset of the quote that ends the string which starts at `start`, or an error.
@@ -106,7 +106,7 @@ int take_string(JsonParser &parser, std::string_view text) {
     return 0;
 }
 
-/// A primitive is a value, and the only one of its key. Strings are deliberately not held to that.
+/// A primitive must be the only value of a key. Strings need not; kept.
 bool may_be_primitive(const JsonParser &parser) {
     const JsonToken *enclosing = enclosing_token(parser);
     return enclosing == nullptr ||
@@ -128,7 +128,7 @@ int take_primitive(JsonParser &parser, std::string_view text) {
     if (!std::all_of(primitive.begin(), primitive.end(), is_printable)) {
         return JSON_INVALID;
     }
-    if (end == text.size()) { // its delimiter is missing: there may be more of it
+    if (end == text.size()) { // no delimiter: the primitive may be truncated
         return JSON_INCOMPLETE;
     }
     token->end = static_cast<std::int32_t>(end);
@@ -136,7 +136,7 @@ int take_primitive(JsonParser &parser, std::string_view text) {
     return 0;
 }
 
-/// Behind a comma the next key comes: a key that had its value no longer encloses.
+/// After a comma the next key follows: a key that has its value no longer encloses.
 void leave_key(JsonParser &parser) {
     const JsonToken *enclosing = enclosing_token(parser);
     if (enclosing != nullptr && enclosing->type != JSON_OBJECT) {
@@ -144,7 +144,7 @@ void leave_key(JsonParser &parser) {
     }
 }
 
-/// Takes the element at the parser's position; leaves the position on its last byte.
+/// Reads the element at the parser's position; leaves the position on its last byte.
 int take_element(JsonParser &parser, std::string_view text) {
     const char c = text[static_cast<std::size_t>(parser.position)];
     switch (c) {

@@ -22,7 +22,7 @@ namespace {
 
 bool is_due(const Task *task, std::int64_t now) { return task_has(task, TASK_RUNNABLE) && task->next_run <= now; }
 
-/// A task that is refused keeps its `next_run` and is asked again on the next heartbeat.
+/// A task whose run condition is 0 keeps its `next_run` and is tried again at the next heartbeat.
 bool is_refused(Task *task) {
     return task_has(task, TASK_HAS_PRECONDITION) && task->precondition != nullptr && task->precondition(task) == 0;
 }
@@ -57,8 +57,7 @@ void scheduler_pass(std::int64_t now) {
     logfile_follow_name();
     network_check_daemon();
     const TimeOfDay start = utc_time_of_day(now);
-    trace_at(TRACE_DEBUG, TRACE_FILE, "scheduler", __LINE__, "RUN: at %02d:%02d:%02d", start.hour, start.minute,
-             start.second);
+    trace_as("scheduler", TRACE_DEBUG, "RUN: at %02d:%02d:%02d", start.hour, start.minute, start.second);
     for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {
         if (!is_due(task, now)) {
             continue;
@@ -70,11 +69,11 @@ void scheduler_pass(std::int64_t now) {
         run_pipeline(task);
         task->next_run = following_run(now, task->interval);
         const TimeOfDay next = utc_time_of_day(task->next_run);
-        trace_at(TRACE_TRACE, TRACE_FILE, "scheduler", __LINE__, "%s: next_run: %02d:%02d:%02d", task->source,
-                 next.hour, next.minute, next.second);
+        trace_as("scheduler", TRACE_TRACE, "%s: next_run: %02d:%02d:%02d", task->source, next.hour, next.minute,
+                 next.second);
     }
     d_bus_srv_send_issues(now);
-    signals_safe_point(); // what came during the pass must not end the wait after it
+    signals_safe_point(); // a signal from the pass must not end the wait after it
 }
 
 void scheduler() {
@@ -82,7 +81,8 @@ void scheduler() {
     supervision_ready();
     timer_continue();
     for (;;) {
-        const std::int64_t now = std::time(nullptr); // before the block, so that a waiting beat is not dated late
+        const std::int64_t now =
+            std::time(nullptr); // read before the block, so that a pending heartbeat is not dated late
         log_sockets_resume();
         timer_suspend();
         logger_tell_lost();

@@ -34,7 +34,7 @@ sigset_t set_of(std::initializer_list<int> signals) {
     return set;
 }
 
-/// A signal whose handler could not be installed acts as if it had never been held.
+/// A signal without an installed handler takes its default action.
 void deliver_default(int signo) {
     const sigset_t open = set_of({signo});
     raise(signo);
@@ -57,7 +57,7 @@ void run_handler(int signo, siginfo_t *info) {
     in_handler = false;
 }
 
-/// Takes each once: one that keeps coming must not hold up the others.
+/// Handles each signal once: one that keeps coming must not delay the others.
 void dispatch_pending(sigset_t set) {
     constexpr std::timespec at_once{};
     siginfo_t info{};
@@ -78,7 +78,7 @@ sigset_t signals_all() { return set_of({SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQ
 
 sigset_t signals_held() { return set_of({SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}); }
 
-void signals_hold() {
+void signals_block() {
     const sigset_t held = signals_held();
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &held, &before);
@@ -103,7 +103,7 @@ void signals_restore_failed_writes() {
 }
 
 void signals_dispatch(const sigset_t &set) {
-    if (in_handler) { // a handler that comes past a safe point finishes first
+    if (in_handler) { // called from a handler: it finishes first
         return;
     }
     const int saved_errno = errno;
@@ -115,7 +115,7 @@ void signals_wait(const sigset_t &set) {
     const int saved_errno = errno;
     siginfo_t info{};
     int signo = -1;
-    do { // a stop and a continue of the process end the call without a signal
+    do { // EINTR after SIGSTOP and SIGCONT
         signo = sigwaitinfo(&set, &info);
     } while (signo < 0 && errno == EINTR);
     if (signo > 0) {

@@ -24,8 +24,7 @@ constinit PassStatus told_sentences;
 
 constinit NoDestructor<Descriptor> notify_socket; // opened by the first message
 
-/// Writes where the manager listens: a path, or behind an @ a name of the abstract kind. The address's
-/// size, 0 when nobody asks.
+/// Stores the manager's address: a path, or an abstract name after an @. Returns its size, 0 without a manager.
 socklen_t notify_address(sockaddr_un *address) {
     const char *variable = std::getenv("NOTIFY_SOCKET");
     const std::string_view name = variable == nullptr ? "" : variable;
@@ -41,7 +40,7 @@ socklen_t notify_address(sockaddr_un *address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (is_path ? 1 : 0));
 }
 
-/// Sends by hand: the library's sd_notify waits for room at a manager that does not read. True when the
+/// Not sd_notify(): it blocks while the manager does not read. True when the
 /// manager has it.
 bool notify(const char *message) {
     sockaddr_un address{};

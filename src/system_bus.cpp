@@ -22,7 +22,7 @@ using Deadline = steady_clock::time_point;
 constexpr const char *DESTINATION = "org.freedesktop.systemd1";
 constexpr const char *INTERFACE = "org.freedesktop.systemd1.Unit";
 
-// A heartbeat asks for eight properties; the library's own 25 s each would cost twenty heartbeats.
+// A heartbeat reads eight properties; the default of 25 s each would cost twenty heartbeats.
 constexpr seconds ANSWER_TIMEOUT{5};
 // The library's part of them. While it waits it keeps all that comes, and nobody looks at signals.
 constexpr microseconds LIBRARY_WAIT = milliseconds(20);
@@ -38,8 +38,8 @@ struct Unreference {
     void operator()(sd_bus *bus) const { sd_bus_unref(bus); }
 };
 
-/// The only reference that this program holds: while another was held, the library would hand out a
-/// dead connection again and again.
+/// The program's only reference: with another one left, sd_bus_default_system() would return the dead
+/// connection again.
 constinit NoDestructor<std::unique_ptr<sd_bus, Unreference>> connection;
 
 struct UnreferenceMessage {
@@ -64,8 +64,8 @@ int wait_a_little(sd_bus *bus, Deadline deadline, MessageHandle *message) {
     return std::min(processed, 0);
 }
 
-/// Waits for the bus to admit a new connection; the library would wait 90 s. A negative errno when it
-/// does not, the connection then given up.
+/// Waits until the bus admits a new connection (the library would wait 90 s). 0, or a negative errno with the
+/// connection closed.
 int await_admission(sd_bus *bus) {
     const Deadline deadline = steady_clock::now() + ANSWER_TIMEOUT;
     int result = 0;
@@ -79,13 +79,13 @@ int await_admission(sd_bus *bus) {
     return result;
 }
 
-/// Ready to be asked, or a negative errno.
+/// 0 when the connection is ready, or a negative errno.
 int ready_connection() {
     sd_bus *bus = connection.get().get();
     return bus == nullptr ? -ENOTCONN : await_admission(bus);
 }
 
-/// Whether something was read that nobody has waited for.
+/// Whether there are received messages that no call waits for.
 bool has_leftovers(sd_bus *bus) {
     std::uint64_t count = 0;
     return sd_bus_get_n_queued_read(bus, &count) >= 0 && count > 0;

@@ -6,10 +6,9 @@
 #include "notifier.h"
 
 #include <cstddef>
+#include <iterator>
 
 namespace {
-
-constexpr std::size_t TASK_COUNT = 23;
 
 constexpr std::uint32_t COMMON_FLAGS = TASK_RUNNABLE | TASK_HAS_SOURCE | TASK_HAS_ANALYZE | TASK_HAS_NOTIFY |
                                        TASK_HAS_LOGGING | TASK_HAS_ID | TASK_HAS_INTERVAL | TASK_HAS_HYSTERESIS |
@@ -21,37 +20,37 @@ constexpr std::uint32_t MAXF = TASK_HAS_MAXFAIL;
 constexpr std::uint32_t FMT = TASK_HAS_FORMAT;
 constexpr std::uint32_t PAR = TASK_HAS_PARAMETER;
 
-/// What sets a probe's tasks apart from other probes'.
+/// What differs between probes.
 struct Probe {
     const char *name;
     TaskOperation init;
     TaskOperation exec;
 };
 
-constexpr Probe temperature{"temperature", temperature_init, temperature_exec};
-constexpr Probe bluetooth{"bluetooth", bluetooth_init, bluetooth_exec};
-constexpr Probe internet{"internet", internet_init, internet_exec};
-constexpr Probe ethernet{"ethernet", ethernet_init, ethernet_exec};
-constexpr Probe memoryusage{"memoryusage", memoryusage_init, memoryusage_exec};
-constexpr Probe wearout{"wearout", wearout_init, wearout_exec};
-constexpr Probe wireless{"wireless", wireless_init, wireless_exec};
-constexpr Probe diskusage{"diskusage", diskusage_init, diskusage_exec};
-constexpr Probe service{"service", service_init, service_exec};
-constexpr Probe load{"load", load_init, load_exec};
+constexpr Probe TEMPERATURE{"temperature", temperature_init, temperature_exec};
+constexpr Probe BLUETOOTH{"bluetooth", bluetooth_init, bluetooth_exec};
+constexpr Probe INTERNET{"internet", internet_init, internet_exec};
+constexpr Probe ETHERNET{"ethernet", ethernet_init, ethernet_exec};
+constexpr Probe MEMORYUSAGE{"memoryusage", memoryusage_init, memoryusage_exec};
+constexpr Probe WEAROUT{"wearout", wearout_init, wearout_exec};
+constexpr Probe WIRELESS{"wireless", wireless_init, wireless_exec};
+constexpr Probe DISKUSAGE{"diskusage", diskusage_init, diskusage_exec};
+constexpr Probe SERVICE{"service", service_init, service_exec};
+constexpr Probe LOAD{"load", load_init, load_exec};
 
-constexpr NamedOperation a_common{common_analyzer, "common"};
-constexpr NamedOperation a_bool{bool_analyzer, "bool"};
-constexpr NamedOperation a_threshold{threshold_analyzer, "threshold"};
+constexpr NamedOperation A_COMMON{common_analyzer, "common"};
+constexpr NamedOperation A_BOOL{bool_analyzer, "bool"};
+constexpr NamedOperation A_THRESHOLD{threshold_analyzer, "threshold"};
 
-constexpr NamedOperation n_common{common_notifier, "common"};
+constexpr NamedOperation N_COMMON{common_notifier, "common"};
 
-constexpr NamedOperation l_common{common_logger, "common"};
-constexpr NamedOperation l_threshold{threshold_logger, "threshold"};
-constexpr NamedOperation l_bluetooth{bluetooth_logger, "bluetooth"};
-constexpr NamedOperation l_ethernet{ethernet_logger, "ethernet"};
-constexpr NamedOperation l_wireless{wireless_logger, "wireless"};
-constexpr NamedOperation l_service{service_logger, "service"};
-constexpr NamedOperation l_load{load_logger, "load"};
+constexpr NamedOperation L_COMMON{common_logger, "common"};
+constexpr NamedOperation L_THRESHOLD{threshold_logger, "threshold"};
+constexpr NamedOperation L_BLUETOOTH{bluetooth_logger, "bluetooth"};
+constexpr NamedOperation L_ETHERNET{ethernet_logger, "ethernet"};
+constexpr NamedOperation L_WIRELESS{wireless_logger, "wireless"};
+constexpr NamedOperation L_SERVICE{service_logger, "service"};
+constexpr NamedOperation L_LOAD{load_logger, "load"};
 
 struct Row {
     Probe probe;
@@ -79,36 +78,38 @@ constexpr const char *SPACE = "%P: free space %D %T threshold.";
 constexpr const char *UNITS = "hostapd nginx ocppd rauc stationd wpa_supplicant corvana-portapi";
 constexpr const char *LOADER = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 
-// What looks odd here is deliberate: "/rw-root" stands twice, the wireless rows' format is
-// the interface name, the two internet sentences differ, and CB09 warns almost always.
+// Kept: "/rw-root" is listed twice, the wireless rows' format is the interface name, the two internet
+// sentences differ, and CB09 warns almost always.
 // clang-format off
-constexpr Row rows[TASK_COUNT]{
+constexpr Row ROWS[]{
     // probe      id  idx analyze      logging      sec   minf minw maxw maxf hys del further flags                       parameter, format
-    {temperature, 20, 0, a_common,    l_common,    10,   -40, -30, 70, 80, 5,  5,  MINF | MINW | MAXW | MAXF | FMT | PAR, "/sys/class/thermal/thermal_zone0/temp", "CPU temperature %D %T threshold."},
-    {bluetooth,   5,  0, a_bool,      l_bluetooth, 60,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            BT,                     nullptr},
-    {internet,    10, 0, a_common,    l_common,    60,   0,   0,   5,  10, 2,  10, MAXW | MAXF | FMT | PAR,               "eth0",                 LAN},
-    {internet,    13, 0, a_common,    l_common,    60,   0,   0,   5,  10, 2,  10, MAXW | MAXF | FMT | PAR,               "wlan0sta",             WIFI},
-    {ethernet,    11, 0, a_bool,      l_ethernet,  60,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            ETH0,                   nullptr},
-    {ethernet,    12, 0, a_bool,      l_ethernet,  60,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            ETH0,                   nullptr},
-    {memoryusage, 21, 0, a_threshold, l_threshold, 10,   10,  25,  0,  0,  10, 5,  MINF | MINW | FMT,                     nullptr,                "free memory %D %T threshold."},
-    {wearout,     7,  0, a_common,    l_common,    3600, 0,   0,   50, 90, 5,  1,  MAXW | MAXF | FMT | PAR,               "/dev/mmcblk1",         "eMMC %P: wearout %D %T threshold."},
-    {wireless,    1,  0, a_bool,      l_wireless,  60,   0,   0,   0,  1,  0,  10, MAXF | FMT | PAR,                      "wlan0sta",             "wlan0sta"},
-    {wireless,    2,  0, a_bool,      l_wireless,  60,   0,   0,   0,  1,  0,  10, MAXF | FMT | PAR,                      "wlan0sta",             "wlan0sta"},
-    {wireless,    4,  0, a_threshold, l_wireless,  60,   30,  50,  0,  0,  5,  10, MINF | MINW | FMT | PAR,               "wlan0sta",             "wlan0sta"},
-    {wireless,    9,  0, a_threshold, l_wireless,  10,   -70, -30, 0,  0,  5,  4,  MINF | MINW | FMT | PAR,               "wlan0sta",             "wlan0sta"},
-    {diskusage,   22, 0, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/rw-root",             SPACE},
-    {diskusage,   22, 1, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/",                    SPACE},
-    {diskusage,   22, 2, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/rw-root",             SPACE},
-    {diskusage,   22, 3, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/tmp",                 SPACE},
-    {diskusage,   22, 4, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/run",                 SPACE},
-    {diskusage,   22, 5, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/var/lib/evse",        SPACE},
-    {diskusage,   22, 6, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/var/lib/persistent",  SPACE},
-    {diskusage,   22, 7, a_common,    l_common,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/var/lib/parameter",   SPACE},
-    {service,     23, 0, a_bool,      l_service,   10,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            UNITS,                  nullptr},
-    {load,        31, 0, a_common,    l_load,      180,  0,   0,   75, 0,  5,  5,  MAXW | PAR,                            LOADER,                 nullptr},
-    {load,        32, 0, a_common,    l_load,      180,  0,   0,   0,  90, 5,  5,  MAXF | PAR,                            LOADER,                 nullptr},
+    {TEMPERATURE, 20, 0, A_COMMON,    L_COMMON,    10,   -40, -30, 70, 80, 5,  5,  MINF | MINW | MAXW | MAXF | FMT | PAR, "/sys/class/thermal/thermal_zone0/temp", "CPU temperature %D %T threshold."},
+    {BLUETOOTH,   5,  0, A_BOOL,      L_BLUETOOTH, 60,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            BT,                     nullptr},
+    {INTERNET,    10, 0, A_COMMON,    L_COMMON,    60,   0,   0,   5,  10, 2,  10, MAXW | MAXF | FMT | PAR,               "eth0",                 LAN},
+    {INTERNET,    13, 0, A_COMMON,    L_COMMON,    60,   0,   0,   5,  10, 2,  10, MAXW | MAXF | FMT | PAR,               "wlan0sta",             WIFI},
+    {ETHERNET,    11, 0, A_BOOL,      L_ETHERNET,  60,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            ETH0,                   nullptr},
+    {ETHERNET,    12, 0, A_BOOL,      L_ETHERNET,  60,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            ETH0,                   nullptr},
+    {MEMORYUSAGE, 21, 0, A_THRESHOLD, L_THRESHOLD, 10,   10,  25,  0,  0,  10, 5,  MINF | MINW | FMT,                     nullptr,                "free memory %D %T threshold."},
+    {WEAROUT,     7,  0, A_COMMON,    L_COMMON,    3600, 0,   0,   50, 90, 5,  1,  MAXW | MAXF | FMT | PAR,               "/dev/mmcblk1",         "eMMC %P: wearout %D %T threshold."},
+    {WIRELESS,    1,  0, A_BOOL,      L_WIRELESS,  60,   0,   0,   0,  1,  0,  10, MAXF | FMT | PAR,                      "wlan0sta",             "wlan0sta"},
+    {WIRELESS,    2,  0, A_BOOL,      L_WIRELESS,  60,   0,   0,   0,  1,  0,  10, MAXF | FMT | PAR,                      "wlan0sta",             "wlan0sta"},
+    {WIRELESS,    4,  0, A_THRESHOLD, L_WIRELESS,  60,   30,  50,  0,  0,  5,  10, MINF | MINW | FMT | PAR,               "wlan0sta",             "wlan0sta"},
+    {WIRELESS,    9,  0, A_THRESHOLD, L_WIRELESS,  10,   -70, -30, 0,  0,  5,  4,  MINF | MINW | FMT | PAR,               "wlan0sta",             "wlan0sta"},
+    {DISKUSAGE,   22, 0, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/rw-root",             SPACE},
+    {DISKUSAGE,   22, 1, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/",                    SPACE},
+    {DISKUSAGE,   22, 2, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/rw-root",             SPACE},
+    {DISKUSAGE,   22, 3, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/tmp",                 SPACE},
+    {DISKUSAGE,   22, 4, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/run",                 SPACE},
+    {DISKUSAGE,   22, 5, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/var/lib/evse",        SPACE},
+    {DISKUSAGE,   22, 6, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/var/lib/persistent",  SPACE},
+    {DISKUSAGE,   22, 7, A_COMMON,    L_COMMON,    900,  10,  25,  0,  0,  5,  5,  MINF | MINW | FMT | PAR,               "/var/lib/parameter",   SPACE},
+    {SERVICE,     23, 0, A_BOOL,      L_SERVICE,   10,   0,   0,   0,  1,  0,  10, MAXF | PAR,                            UNITS,                  nullptr},
+    {LOAD,        31, 0, A_COMMON,    L_LOAD,      180,  0,   0,   75, 0,  5,  5,  MAXW | PAR,                            LOADER,                 nullptr},
+    {LOAD,        32, 0, A_COMMON,    L_LOAD,      180,  0,   0,   0,  90, 5,  5,  MAXF | PAR,                            LOADER,                 nullptr},
 };
 // clang-format on
+
+constexpr std::size_t TASK_COUNT = std::size(ROWS);
 
 struct Table {
     Task tasks[TASK_COUNT];
@@ -117,7 +118,7 @@ struct Table {
 extern Table table;
 
 consteval Task make_task(std::size_t number) {
-    const Row &row = rows[number];
+    const Row &row = ROWS[number];
     return {
         .next = number + 1 < TASK_COUNT ? &table.tasks[number + 1] : nullptr,
         .prev = number > 0 ? &table.tasks[number - 1] : nullptr,
@@ -128,7 +129,7 @@ consteval Task make_task(std::size_t number) {
         .exec = row.probe.exec,
         .source = row.probe.name,
         .analyze = row.analyze,
-        .notify = n_common,
+        .notify = N_COMMON,
         .logging = row.logging,
         .name = row.probe.name,
         .id = row.id,

@@ -22,7 +22,7 @@ namespace {
 bool start_up() {
     if (!is_single_proc()) {
         cleanup();
-        trace_at(TRACE_IMPORTANT, TRACE_FILE, "main", __LINE__, "vigmond is already running --> terminating");
+        trace_as("main", TRACE_IMPORTANT, "vigmond is already running --> terminating");
         return false;
     }
     signal_init();

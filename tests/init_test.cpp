@@ -111,7 +111,7 @@ TEST_F(InitTest, TakesASignalBeforeTheNextStep) {
                                          "bus",      "first",    "second", "third"};
     for (const std::string &step : steps) {
         in_child([&] {
-            signals_hold();
+            signals_block();
             std::signal(SIGUSR1, [](int) { calls.emplace_back("signal"); });
             raise_in = step;
             init();

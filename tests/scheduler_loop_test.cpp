@@ -94,7 +94,7 @@ void run(const Script &script) {
     world() = {.script = script};
     system_calls().clock = [] { return NOON + world().now / 1000; };
     system_calls().before_wait = wait_for_a_signal;
-    signals_hold();
+    signals_block();
     struct sigaction action {};
     action.sa_handler = [](int) { report("reinit "); };
     sigaction(SIGUSR1, &action, nullptr);

@@ -302,9 +302,9 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcessAsEver) {
     const sigset_t child = set_of(SIGCHLD);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-    signals_hold();
+    signals_block();
     pthread_sigmask(SIG_BLOCK, &child, nullptr);
-    signals_hold();
+    signals_block();
     sigset_t now;
     pthread_sigmask(SIG_BLOCK, nullptr, &now);
     const sigset_t original = signals_original_mask();

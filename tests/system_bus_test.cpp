@@ -121,7 +121,7 @@ TEST(SystemBusLateAnswer, IsNotAwaitedFromABusThatDies) {
 TEST(SystemBusLateAnswer, DoesNotHoldATerminationUp) {
     constexpr int taken_while_waiting = 77;
     const int status = run_child([] {
-        signals_hold(); // for the rig's threads, too
+        signals_block(); // for the rig's threads, too
         Rig rig;
         std::signal(SIGTERM, [](int /*signo*/) { _exit(taken_while_waiting); });
         rig.systemd.obey("hold");

@@ -41,8 +41,8 @@ Reading diskusage_percent(const BlockCounts &counts) {
     if (divisor == 0) {
         return Reading::failed(EINVAL);
     }
-    // Deliberately in 32 bits throughout; it stays within 0..100 even where the product wraps, which
-    // it does from 164 GiB of available 4 KiB blocks on.
+    // 32-bit arithmetic is kept. The product wraps from 164 GiB of available 4 KiB blocks on; the result stays
+    // within 0..100.
     const std::uint32_t percent = (100U * counts.available + divisor / 2) / divisor;
     return Reading::of(static_cast<std::int32_t>(percent));
 }

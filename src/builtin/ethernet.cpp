@@ -26,7 +26,7 @@ constexpr std::int32_t ID_LINK = 12;
 Reading read_link(std::FILE *file) {
     constexpr std::size_t line_size = 1024;
     std::array<char, line_size> line{};
-    errno = 0; // the end of an empty file would leave an older one
+    errno = 0; // fgets at the end of an empty file leaves errno unchanged
     if (std::fgets(line.data(), static_cast<int>(line.size()), file) == nullptr) {
         return Reading::failed_with_errno(errno, 1);
     }

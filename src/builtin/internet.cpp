@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr int MAX_TOKENS = 16; // one less than the line has: the last counter is not looked at
+constexpr int MAX_TOKENS = 16; // one less than the line has: the last counter is not used
 constexpr int MIN_TOKENS = 11;
 
 using Tokens = std::array<char *, MAX_TOKENS + 1>;
@@ -36,7 +36,7 @@ std::int32_t low_32_bits(std::uint64_t number) { return static_cast<std::int32_t
 
 bool names_interface(char *word, const char *interface) {
     const std::size_t length = std::strlen(word);
-    if (length < 2 || word[length - 1] != ':') { // a counter glued to the colon belongs to no known name
+    if (length < 2 || word[length - 1] != ':') { // "eth0:123" without a blank matches no name
         return false;
     }
     word[length - 1] = '\0';
@@ -55,8 +55,7 @@ bool internet_parse_line(char *line, const char *interface, TrafficCounters *cou
 }
 
 Reading internet_percent(const TrafficCounters &counters) {
-    // Deliberate: 32 bits that wrap, 1 percent on a busy interface without loss, negative below 50
-    // packets.
+    // Kept: 32 bits that wrap, 1 percent on a busy interface without loss, negative below 50 packets.
     const std::int32_t packets = low_32_bits(counters.packets);
     if (packets == 0) {
         return Reading::failed(ENOENT);
@@ -71,7 +70,7 @@ namespace {
 constexpr std::int32_t ID_LAN = 10;
 constexpr std::int32_t ID_WIFI = 13;
 
-/// Ids of no path are never held back.
+/// Ids that belong to no path always run.
 bool is_switched_on(std::int32_t id) {
     return (id != ID_LAN || lan_available == 1) && (id != ID_WIFI || wifi_available == 1);
 }
@@ -103,7 +102,7 @@ int internet_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
     if (!is_switched_on(task->id)) {
         task->do_logfile = 0;
-        return ENONET; // deliberately not in `error`: a path switched off is no failed run
+        return ENONET; // not stored in `error`: a path that is switched off is no failed run
     }
     task->do_logfile = 1;
     task_clear(task, TASK_VALUE_VALID);

@@ -19,13 +19,13 @@
 
 namespace {
 
-// One state for both load tasks: the second one of a pass finds too few ticks and repeats the first's load.
+// One state for both load tasks: the second one in a pass finds too few ticks and repeats the first one's load.
 constinit CpuCounters previous{.user = 0, .system = 0, .idle = 0};
 constinit std::int32_t last_load = 0;
 constinit bool first_run = true;
 constinit bool load_child_started = false;
 
-/// The number modulo 2^32: idle passes 2^31 within months. False for what is no count.
+/// The number modulo 2^32 (idle exceeds 2^31 within months). False if the text is no count.
 bool to_ticks(const char *text, std::int32_t *ticks) {
     constexpr double exact_up_to = 9007199254740992.0; // 2^53
     const double number = std::strtod(text, nullptr);
@@ -143,7 +143,7 @@ int load_cleanup(Task *task) {
     const pid_t pid = task->child_pid;
     trace(TRACE_TRACE, "pid: %d", pid);
     if (pid > 1 && kill(-pid, SIGTERM) != 0 && errno == ESRCH) {
-        kill(pid, SIGTERM); // too young to have its group
+        kill(pid, SIGTERM); // it has not created its process group yet
     }
     task->child_pid = 0;
     return 0;

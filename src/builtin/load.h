@@ -1,6 +1,6 @@
 #pragma once
 
-// The load probe's parts that others call: the pure ones, and the end of its child.
+// The load probe: parsing, and the end of its child.
 
 #include "gdata.h"
 
@@ -13,7 +13,7 @@ struct CpuCounters {
     std::int32_t idle;
 };
 
-/// Takes the counters from the first line of /proc/stat, which it cuts up; false if it is unusable.
+/// Takes the counters from the first line of /proc/stat, which it splits in place; false if it is unusable.
 bool load_parse_line(char *line, CpuCounters *counters);
 
 /// The load between two readings.

@@ -43,7 +43,7 @@ Reading memoryusage_percent(const MemoryFigures &figures) {
     if (figures.total == 0) {
         return Reading::failed(EINVAL);
     }
-    // Less 1: an exact half rounds down.
+    // Minus 1: an exact half rounds down.
     const std::uint64_t percent = (100 * figures.free + figures.total / 2 - 1) / figures.total;
     return Reading::of(static_cast<std::int32_t>(static_cast<std::uint32_t>(percent)));
 }

@@ -23,14 +23,14 @@ constexpr std::uint8_t STOPPED = 0;
 constexpr std::uint8_t RUNNING = 1;
 constexpr std::uint8_t UNKNOWN = 255;
 
-/// One watched unit. Kept, like its name and its list node, as long as the process lives.
+/// A watched unit. Lives, with its name and list node, until the process ends.
 struct Service {
     char *name; ///< without its suffix
     std::int32_t index;
     std::uint8_t running;
 };
 
-/// The records hang behind this node, the newest first.
+/// The head of the list; the records follow, newest first.
 constinit DListNode service_list{};
 
 bool begins_with(const char *text, const char *prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
@@ -101,7 +101,7 @@ bool service_path(const char *name, UnitPath *path) {
     return fits;
 }
 
-/// Asks once; traces a failure under the name of the asking step.
+/// Reads the property once; traces a failure under the caller's name.
 int ask(const char *step, const char *path, const char *property, TextHandle *state) {
     UnitError error;
     int result = system_bus_open();
@@ -109,14 +109,13 @@ int ask(const char *step, const char *path, const char *property, TextHandle *st
         result = system_bus_read_text(path, property, state, &error);
     }
     if (result < 0) {
-        trace_at(TRACE_TRACE, TRACE_FILE, step, __LINE__,
-                 "GET PROPERTY FAILED: ret : %d (%s) -- err.name: %s err.message: %s", result, std::strerror(-result),
-                 error.name(), error.message());
+        trace_as(step, TRACE_TRACE, "GET PROPERTY FAILED: ret : %d (%s) -- err.name: %s err.message: %s", result,
+                 std::strerror(-result), error.name(), error.message());
     }
     return result;
 }
 
-/// Asks for as long as it takes: only -EINVAL ends it, so that no unit is lost to a slow start-up.
+/// Retries until it succeeds; only -EINVAL ends it, so that a slow start-up loses no unit.
 int ask_load_state(const char *path, TextHandle *state) {
     for (int repeat = 1;; ++repeat) {
         const int result = ask("service_is_loaded", path, "LoadState", state);
@@ -159,9 +158,9 @@ bool service_add(const char *name, std::int32_t index) {
     return true;
 }
 
-/// Watches the unit if it is loaded and reports it if not; false when it could not be remembered.
+/// Adds the unit if it is loaded, reports it if not; false when out of memory.
 bool service_consider(const char *name, std::int32_t index) {
-    trace_at(TRACE_TRACE, TRACE_FILE, "service_init", __LINE__, "service: %s", name);
+    trace_as("service_init", TRACE_TRACE, "service: %s", name);
     if (service_is_loaded(name)) {
         return service_add(name, index);
     }
@@ -172,7 +171,7 @@ bool service_consider(const char *name, std::int32_t index) {
     return true;
 }
 
-/// Cuts the names at each single blank, so that two in a row name the unit with the empty name.
+/// Splits at each single blank: two blanks in a row give the empty name.
 bool service_consider_all(char *names, std::int32_t index) {
     bool all_added = true;
     while (names != nullptr) {
@@ -183,8 +182,7 @@ bool service_consider_all(char *names, std::int32_t index) {
     return all_added;
 }
 
-/// Asks whether the unit runs. An interrupted question is repeated, any other failure is final: the
-/// opposite of start-up, on purpose.
+/// Reads whether the unit runs. Repeats an interrupted call; any other failure is final, unlike at start-up.
 std::uint8_t service_ask_running(const char *name) {
     UnitPath path{};
     if (!service_path(name, &path)) {
@@ -200,17 +198,16 @@ std::uint8_t service_ask_running(const char *name) {
         return UNKNOWN;
     }
     if (!state) {
-        trace_at(TRACE_TRACE, TRACE_FILE, "service_read", __LINE__, "FAILED");
+        trace_as("service_read", TRACE_TRACE, "FAILED");
         return UNKNOWN;
     }
     const bool running = service_counts_as_running(state.get());
-    trace_at(TRACE_TRACE, TRACE_FILE, "service_read", __LINE__, "service: %s -%s running (%s)", name,
-             running ? "" : " not", state.get());
-    trace_at(TRACE_TRACE, TRACE_FILE, "service_read", __LINE__, "DONE");
+    trace_as("service_read", TRACE_TRACE, "service: %s -%s running (%s)", name, running ? "" : " not", state.get());
+    trace_as("service_read", TRACE_TRACE, "DONE");
     return running ? RUNNING : STOPPED;
 }
 
-/// 1 when a unit of the task does not run or could not be asked, else 0.
+/// 1 when a unit of the task does not run or could not be read, else 0.
 std::int32_t service_read(const Task *task) {
     std::int32_t result = 0;
     for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
@@ -228,7 +225,7 @@ std::int32_t service_read(const Task *task) {
     return result;
 }
 
-/// How many units of all service tasks are known to be stopped.
+/// The number of stopped units of all service tasks.
 int count_stopped() {
     int count = 0;
     for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {

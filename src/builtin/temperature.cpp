@@ -13,7 +13,7 @@
 
 Reading temperature_parse(const char *line) {
     constexpr double millidegrees_per_degree = 1000.0;
-    constexpr double rounding = 499.0; // not 500: 1500 stays 1, deliberately
+    constexpr double rounding = 499.0; // not 500: 1500 gives 1; kept
 
     char *end = nullptr;
     const double millidegrees = std::strtod(line, &end);

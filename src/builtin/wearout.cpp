@@ -34,7 +34,7 @@ constexpr std::uint32_t MMC_SEND_EXT_CSD = 8;
 constexpr unsigned MMC_RSP_R1_ADTC = 0xB5;
 
 Reading wearout_read(const char *device) {
-    const Descriptor file = open_at_once(device, O_RDONLY);
+    const Descriptor file = open_nonblocking(device, O_RDONLY);
     if (!file) {
         return Reading::failed_with_errno(errno);
     }

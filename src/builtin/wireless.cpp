@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <cstring>
 
-// /proc/net/wireless; behind the name: status, link quality, signal level in dBm, noise:
+// /proc/net/wireless; after the name: status, link quality, signal level in dBm, noise:
 //     wlan0sta: 0000   70.  -40.  -256        0      0      0      0     45        0
 
 namespace {
@@ -24,12 +24,12 @@ constexpr std::int32_t ID_LINK = 2;
 constexpr std::int32_t ID_QUALITY = 4;
 constexpr std::int32_t ID_STRENGTH = 9;
 
-static_assert(ENONET == 64); // the error number of a path that is switched off is part of the interface
+static_assert(ENONET == 64); // the error number of a path that is switched off is fixed
 
 constexpr int TOKEN_QUALITY = 2;
 constexpr int TOKEN_LEVEL = 3;
 
-/// What a wireless task reads. Kept, like its list node, as long as the process lives.
+/// What a wireless task reads. Lives, with its list node, until the process ends.
 struct Record {
     std::int32_t id;
     std::int32_t index;
@@ -37,7 +37,7 @@ struct Record {
     const char *file;
 };
 
-/// The records hang behind this node, the newest first.
+/// The head of the list; the records follow, newest first.
 constinit DListNode wireless_list{};
 
 } // namespace
@@ -71,12 +71,12 @@ bool is_wireless_id(std::int32_t id) {
     return id == ID_HARDWARE || id == ID_LINK || id == ID_QUALITY || id == ID_STRENGTH;
 }
 
-/// The file that a task reads, in a text that lives as long as the process; null when memory is out.
+/// The file that a task reads. The text lives until the process ends; null when out of memory.
 const char *file_of(const Task *task) {
     if (std::strchr(task->parameter, '/') != nullptr) {
         return task->parameter;
     }
-    trace_at(TRACE_TRACE, TRACE_FILE, "wireless_init", __LINE__, "create filename");
+    trace_as("wireless_init", TRACE_TRACE, "create filename");
     if (task->id == ID_QUALITY || task->id == ID_STRENGTH) {
         return "/proc/net/wireless";
     }
@@ -88,7 +88,7 @@ const char *file_of(const Task *task) {
     return file.release();
 }
 
-/// Hangs a record of the task into the list; the text of what failed, or none.
+/// Adds a record of the task to the list. Returns the text of what failed, or null.
 const char *add_record(const Task *task) {
     auto record = record_allocate<Record>();
     if (!record) {
@@ -160,7 +160,7 @@ Reading wireless_quality(const Record *record) {
     return reading;
 }
 
-/// Unlike the quality, any failure to open is EINVAL.
+/// Any failure to open is EINVAL, unlike for the quality.
 Reading wireless_strength(const Record *record) {
     trace(TRACE_TRACE, "%s %s", record->file, record->dev);
     const FileHandle file(std::fopen(record->file, "re"));
@@ -188,26 +188,25 @@ Reading wireless_read(const Record *record) {
     case ID_LINK:
         return wireless_state(record);
     default:
-        trace_at(TRACE_TRACE, TRACE_FILE, "wireless_exec", __LINE__, "%s(%d) FAILED!", "default", record->id);
+        trace_as("wireless_exec", TRACE_TRACE, "%s(%d) FAILED!", "default", record->id);
         return Reading::failed(EINVAL);
     }
 }
 
-/// Nothing holds the wireless tasks back.
+/// The run condition of the wireless tasks: always run.
 int wireless_active(Task * /*task*/) {
     trace(TRACE_TRACE, " ");
     return 1;
 }
 
-/// Appends what is said about the task; false for an id without a sentence. "sufficiant" and the
-/// capital "Signal" are kept.
+/// Appends the task's sentence; false for an id without one. "sufficiant" and the capital "Signal" are kept.
 bool append_sentence(TextBuffer *line, const Task *task) {
     const bool good = task->state == 0;
     if (!is_wireless_id(task->id)) {
-        trace_at(TRACE_TRACE, TRACE_FILE, "wireless_logger", __LINE__, "unknown");
+        trace_as("wireless_logger", TRACE_TRACE, "unknown");
         return false;
     }
-    trace_at(TRACE_TRACE, TRACE_FILE, "wireless_logger", __LINE__, "Issue CB%02d", task->id);
+    trace_as("wireless_logger", TRACE_TRACE, "Issue CB%02d", task->id);
     switch (task->id) {
     case ID_HARDWARE:
         line->append_format("Wireless hardware %s available.", good ? "is" : "is not");
@@ -275,7 +274,7 @@ int wireless_logger(Task *task) {
     std::array<char, 1023> text{}; // half of what the other probes' loggers have
     TextBuffer line = logger_value_line(text, task);
     if (task_has(task, TASK_HAS_FORMAT) && task->format != nullptr && *task->format != '\0') {
-        line.append_format("%s: ", task->format); // the slot holds the interface's name; no sentence follows
+        line.append_format("%s: ", task->format); // format holds the interface's name; no sentence follows
     } else if (!append_sentence(&line, task)) {
         return 0;
     }

@@ -23,19 +23,19 @@ constexpr int QUIET = 0;
 bool is_stdin(const char *name) { return std::strcmp(name, "stdin") == 0; }
 bool is_stdout(const char *name) { return std::strcmp(name, "stdout") == 0; }
 
-/// A stream on a copy of a standard descriptor: ours to close, and what a failed write leaves in its
-/// buffer does not come out of stdout later.
+/// A stream on a duplicate of a standard descriptor: we can close it, and data left in its buffer by a failed
+/// write never reaches stdout.
 FileHandle open_copy(int standard, const char *mode) {
     return stream_on(Descriptor(fcntl(standard, F_DUPFD_CLOEXEC, 0)), mode);
 }
 
 FileHandle open_source(const char *name) {
-    return is_stdin(name) ? open_copy(STDIN_FILENO, "r") : stream_on(open_at_once(name, O_RDONLY), "r");
+    return is_stdin(name) ? open_copy(STDIN_FILENO, "r") : stream_on(open_nonblocking(name, O_RDONLY), "r");
 }
 
-/// Leaves no empty file where there was no memory for its stream.
+/// Removes the file again if there is no memory for its stream.
 FileHandle create_file(const char *name, int flags) {
-    Descriptor file = open_at_once(name, O_WRONLY | O_CREAT | flags);
+    Descriptor file = open_nonblocking(name, O_WRONLY | O_CREAT | flags);
     const bool created = static_cast<bool>(file);
     FileHandle stream = stream_on(std::move(file), "w");
     if (created && !stream) {
@@ -48,7 +48,7 @@ FileHandle open_destination(const char *name) {
     if (!is_stdout(name)) {
         return create_file(name, O_TRUNC);
     }
-    std::fflush(stdout); // what was printed before stays in front
+    std::fflush(stdout); // keep earlier output first
     return open_copy(STDOUT_FILENO, "w");
 }
 
@@ -75,13 +75,13 @@ timeval time_of_day() {
     return now;
 }
 
-/// From the microseconds alone, deliberately: it never says a second or more.
+/// Kept: from the microseconds alone, so it never reports a second or more.
 long elapsed_microseconds(const timeval &start, const timeval &end) {
     const auto elapsed = static_cast<long>(end.tv_usec - start.tv_usec);
     return elapsed > 0 ? elapsed : elapsed + 1000000;
 }
 
-/// What either operation begins with; `out` is null when it cannot begin.
+/// The resources of either operation; `out` is null on failure.
 struct Job {
     TextHandle buffer;
     FileHandle in;
@@ -139,7 +139,7 @@ class BzipWriter {
   private:
     void abandon() {
         if (stream_ != nullptr) {
-            clearerr(out_); // with the error flag set the library closes nothing and leaks a megabyte
+            clearerr(out_); // with the error flag set, BZ2_bzWriteClose leaks a megabyte
             BZ2_bzWriteClose64(&error_, stream_, 1, nullptr, nullptr, nullptr, nullptr);
             stream_ = nullptr;
         }
@@ -158,7 +158,7 @@ struct Care {
     BreakOff break_off = nullptr;
 };
 
-/// A read error ends the input like its end: what could be read is kept. An input of one piece is never
+/// A read error counts as the end of the input: what was read is kept. An input of one piece is never
 /// broken off.
 Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts, const Care &care) {
     BzipWriter writer(out.get());
@@ -185,12 +185,12 @@ Outcome compress(Job &job, ByteCounts &counts, const Care &care) {
 // The traces are those of file_compress, whoever packs.
 
 void trace_begin(const char *from, const char *to) {
-    trace_at(TRACE_TRACE, TRACE_FILE, "file_compress", __LINE__, "from: %s to: %s", from, to);
+    trace_as("file_compress", TRACE_TRACE, "from: %s to: %s", from, to);
 }
 
 void trace_end(const char *from, const ByteCounts &counts, const timeval &start) {
-    trace_at(TRACE_TRACE, TRACE_FILE, "file_compress", __LINE__, "file: %s: factor: %d%% time: %ld us", from,
-             counts.factor(), elapsed_microseconds(start, time_of_day()));
+    trace_as("file_compress", TRACE_TRACE, "file: %s: factor: %d%% time: %ld us", from, counts.factor(),
+             elapsed_microseconds(start, time_of_day()));
 }
 
 } // namespace

@@ -20,10 +20,10 @@ bool names_no_file(const char *file) {
 
 bool exists(const char *file) { return access(file, F_OK) == 0; }
 
-/// Under this name the compressor would read the standard input, and perhaps wait for it.
+/// file_compress would read standard input under this name.
 const char *path_of(const char *file) { return std::strcmp(file, "stdin") == 0 ? "./stdin" : file; }
 
-/// Spells the names of a file's generations, one at a time; false when memory was out.
+/// The names of a file's generations, one at a time; false when out of memory.
 class GenerationName {
   public:
     explicit GenerationName(const char *file)
@@ -57,7 +57,7 @@ void shift(GenerationName &newer, GenerationName &older, std::int32_t count) {
     std::int32_t gap = first_gap(older, count);
     if (gap == count) {
         const char *oldest = older.of(--gap);
-        trace_at(TRACE_TRACE, TRACE_FILE, "file_rotate", __LINE__, "remove %s", oldest);
+        trace_as("file_rotate", TRACE_TRACE, "remove %s", oldest);
         std::remove(oldest);
     }
     for (std::int32_t number = gap; number > 0; --number) {
@@ -77,7 +77,7 @@ TextHandle packing_name(const char *file) {
 
 /// Puts the names in the folder of `path`, which it cuts, on the disk.
 void synchronise_folder(char *path) {
-    const Descriptor folder = open_at_once(dirname(path), O_RDONLY | O_DIRECTORY);
+    const Descriptor folder = open_nonblocking(dirname(path), O_RDONLY | O_DIRECTORY);
     if (folder) {
         fsync(folder.get());
     }
@@ -116,8 +116,8 @@ void file_rotate(const char *file, std::int32_t count, BreakOff break_off) {
     if (pack(file, newest, temporary.get(), break_off) == Packing::BROKEN_OFF) {
         return;
     }
-    malloc_trim(0);    // or the compressor's megabyte would stay with the process until the next rotation
-    std::remove(file); // deliberate also after a failure: the disk of the board must not fill up
+    malloc_trim(0);    // return the compressor's megabyte to the system
+    std::remove(file); // kept: removed after a failure too, or the disk would fill up
 }
 
 void file_rotate_leftover(const char *file) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Owners of what libdbus hands out.
+// RAII owners of libdbus objects.
 
 #include <dbus/dbus.h>
 #include <memory>
@@ -9,10 +9,10 @@ struct ReleaseConnection {
     void operator()(DBusConnection *connection) const { dbus_connection_unref(connection); }
 };
 
-/// Owns a reference to a connection. A shared one is never closed, only let go.
+/// Owns a reference to a connection. A shared connection is never closed, only unreferenced.
 using BusConnection = std::unique_ptr<DBusConnection, ReleaseConnection>;
 
-/// A reference of one's own to a connection that somebody else holds.
+/// A new reference to a connection.
 inline BusConnection bus_share(DBusConnection *connection) {
     return BusConnection(connection == nullptr ? nullptr : dbus_connection_ref(connection));
 }
@@ -24,7 +24,7 @@ struct ReleaseMessage {
 /// Owns a reference to a message.
 using BusMessage = std::unique_ptr<DBusMessage, ReleaseMessage>;
 
-/// An error that is initialised before and freed after its use: libdbus aborts on one that is set.
+/// A DBusError, initialised before and freed after use: libdbus aborts on one that is already set.
 class BusError {
   public:
     BusError() { dbus_error_init(&error_); }
@@ -34,7 +34,7 @@ class BusError {
     BusError &operator=(const BusError &) = delete;
     BusError &operator=(BusError &&) = delete;
 
-    /// Unset again, to be handed to a call.
+    /// Cleared, to pass to a call.
     DBusError *fresh() {
         dbus_error_free(&error_);
         return &error_;

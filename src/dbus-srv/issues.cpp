@@ -35,7 +35,7 @@ constexpr IssueRegistry all_clear() {
     return registry;
 }
 
-/// The row of `id`, looked for from the row of its remainder on, without a wrap-around; null if none.
+/// Linear search from row `id % ISSUE_ROWS`, without wrap-around; null if absent.
 Issue *find_issue(std::uint32_t id) {
     for (std::size_t row = id % ISSUE_ROWS; row < ISSUE_ROWS; ++row) {
         if (static_cast<std::uint32_t>(issue_registry[row].id) == id) {
@@ -45,8 +45,8 @@ Issue *find_issue(std::uint32_t id) {
     return nullptr;
 }
 
-/// Each report of a failing state counts, a change from warning to failure too: the count is of
-/// reports and not of tasks, deliberately.
+/// Each transition of a check to WARN or FAIL increments its issue's count, also WARN to FAIL; each
+/// transition to OK decrements it. Kept: the count is of reports, not of checks.
 void count_report(Issue &issue, std::int32_t state) {
     const bool changes = state != 0 ? issue.count == 0 : issue.count == 1;
     if (changes) {

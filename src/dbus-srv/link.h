@@ -1,7 +1,7 @@
 #pragma once
 
-// The daemon's connection to the system bus: how it is made, lost, and made again, and what the
-// listener tells the sender of it.
+// The bus service's connection to the system bus: connecting, losing and reconnecting, and its state as shared
+// between listener and sender.
 
 #include "dbus-srv/bus_handle.h"
 
@@ -9,11 +9,11 @@
 
 /// Whether the daemon serves the bus, as the listener knows it.
 enum class BusLink : std::uint8_t {
-    starting, ///< the name is not there yet
+    starting, ///< the name is not owned yet
     serving,
     nameless, ///< connected again, but somebody else has the name
     lost,     ///< no connection, or one on which the bus does not answer
-    ended,    ///< the listener gave up at start and will not come back
+    ended,    ///< refused at start; the listener has ended for good
 };
 
 struct BusLinkView {

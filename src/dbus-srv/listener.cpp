@@ -14,10 +14,10 @@
 
 namespace {
 
-constexpr const char *LISTENER = "d_bus_srv_main"; // the thread's own lines carry its name
+constexpr const char *LISTENER = "d_bus_srv_main"; // the thread's traces carry its name
 
-constexpr int WAIT_MS = 60000;      // bounds nothing but the rhythm of the traces
-constexpr int BLIND_WAIT_MS = 1000; // without the wake-up, a message that the sender has read in waits so long
+constexpr int WAIT_MS = 60000;      // only sets how often the wait is traced
+constexpr int BLIND_WAIT_MS = 1000; // without an eventfd, a message read by the sender waits this long
 
 // So many messages a second that ask for nothing are served: a few per cent of a processor.
 constexpr unsigned IDLE_MESSAGES_A_SECOND = 1000;
@@ -31,7 +31,7 @@ struct MethodEntry {
     int (*handler)(DBusConnection *, DBusMessage *);
 };
 
-// The texts are fixed: a configured interface renames the signals only.
+// Fixed: a configured interface changes the signals only.
 constexpr std::array<MethodEntry, 3> METHODS{{
     {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing},
     {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect},
@@ -61,8 +61,7 @@ class FloodGuard {
             return;
         }
         if (messages_ > IDLE_MESSAGES_A_SECOND) {
-            trace_at(TRACE_DEBUG, TRACE_FILE, LISTENER, __LINE__, "flood: %u messages dropped",
-                     messages_ - IDLE_MESSAGES_A_SECOND);
+            trace_as(LISTENER, TRACE_DEBUG, "flood: %u messages dropped", messages_ - IDLE_MESSAGES_A_SECOND);
         }
         begin_ = now;
         messages_ = 0;
@@ -82,22 +81,22 @@ BusMessage next_message(const BusConnection &connection, FloodGuard &guard) {
     return message;
 }
 
-/// Calls the method, if it is one of ours; everything else stays unanswered.
+/// Calls the method. Unknown calls get no reply.
 void serve_message(DBusConnection *connection, DBusMessage *message) {
-    trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "check request");
+    trace_as(LISTENER, TRACE_TRACE, "check request");
     for (const MethodEntry &method : METHODS) {
         if (dbus_message_is_method_call(message, method.interface, method.member) != 0) {
-            trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "call method: %s", method.member);
+            trace_as(LISTENER, TRACE_TRACE, "call method: %s", method.member);
             method.handler(connection, message);
             return;
         }
     }
-    trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "unknown request - type: %s",
+    trace_as(LISTENER, TRACE_TRACE, "unknown request - type: %s",
              dbus_message_type_to_string(dbus_message_get_type(message)));
 }
 
-/// libdbus calls this when any thread has read a message in, some locks of its own held. The listener
-/// looks for messages before each wait anyway.
+/// Called by libdbus, with some of its locks held, when any thread has read a message. Wakes the listener
+/// unless it is the caller, which checks the queue before each wait.
 void note_message(void *wakeup) {
     if (!is_listener) {
         [[maybe_unused]] const int noted = eventfd_write(static_cast<const Descriptor *>(wakeup)->get(), 1);
@@ -110,7 +109,7 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
     bus_link_set(BusLink::serving, connection.get());
     FloodGuard guard;
     while (true) {
-        trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "wait for request");
+        trace_as(LISTENER, TRACE_TRACE, "wait for request");
         BusMessage message = next_message(connection, guard);
         if (!message) {
             if (!bus_is_connected(connection)) {
@@ -127,9 +126,9 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
 }
 
 void trace_failure(const char *failure, const BusError &error) {
-    trace_at(TRACE_DEBUG, TRACE_FILE, LISTENER, __LINE__, "%s", failure);
+    trace_as(LISTENER, TRACE_DEBUG, "%s", failure);
     if (error.is_set()) { // the empty line is kept
-        trace_at(TRACE_TRACE, TRACE_FILE, LISTENER, __LINE__, "Connection Error (%s)\n", error.message());
+        trace_as(LISTENER, TRACE_TRACE, "Connection Error (%s)\n", error.message());
     }
 }
 

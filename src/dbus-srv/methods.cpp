@@ -86,7 +86,7 @@ class Listing {
 
   private:
     bool append_element(const Issue &issue) {
-        const auto changed = static_cast<dbus_uint32_t>(issue.changed); // the wire has 32 bits
+        const auto changed = static_cast<dbus_uint32_t>(issue.changed); // 32 bits on the wire
         DBusMessageIter element{};
         if (dbus_message_iter_open_container(&array_, DBUS_TYPE_STRUCT, nullptr, &element) == 0) {
             return false;
@@ -125,7 +125,7 @@ int send_text(DBusConnection *connection, DBusMessage *call, const BusMessage &r
     return send_reply(connection, call, reply);
 }
 
-/// A row's word matches what begins with it: WiFi0 is WiFi, wifi is nothing.
+/// A row matches every word that starts with its text: WiFi0 is WiFi, wifi is unknown.
 const InterfaceGroup *find_group(std::string_view word) {
     for (const InterfaceGroup &group : INTERFACE_GROUPS) {
         if (word.starts_with(group.word)) {
@@ -135,8 +135,8 @@ const InterfaceGroup *find_group(std::string_view word) {
     return nullptr;
 }
 
-/// Marks the issues of `word` and returns the answer. The answers are deliberately this way round:
-/// "failed" for a word that switched something, "accepted" for one that did not.
+/// Marks the issues of `word` and returns the reply. Kept: "failed" for a word that switched something,
+/// "accepted" for one that did not.
 const char *switch_group(const char *word, dbus_bool_t enable) {
     const bool known_value = enable == 1 || enable == 0;
     const InterfaceGroup *const group = known_value && word != nullptr ? find_group(word) : nullptr;
@@ -190,7 +190,7 @@ int d_bus_srv_Introspect(DBusConnection *connection, DBusMessage *message) {
 int d_bus_srv_ChangeInterfaceAvailability(DBusConnection *connection, DBusMessage *message) {
     trace(TRACE_DEBUG, " ");
     const char *word = nullptr;
-    auto enable = static_cast<dbus_bool_t>(-1); // libdbus writes four bytes
+    auto enable = static_cast<dbus_bool_t>(-1); // libdbus stores four bytes
     const char *answer = FAILED;
     BusError error;
     if (dbus_message_get_args(message, error.fresh(), DBUS_TYPE_STRING, static_cast<void *>(&word), DBUS_TYPE_BOOLEAN,

@@ -15,7 +15,7 @@ struct SignalNode {
     BusMessage message;
     std::unique_ptr<SignalNode> next;
 
-    // The library's own would bring all that exceptions need into the program, a third of its size.
+    // The library's operator new would link exception support, a third of the program's size.
     // NOLINTBEGIN(cppcoreguidelines-no-malloc)
     static void *operator new(std::size_t size) noexcept { return std::malloc(size); }
     static void operator delete(void *memory) { std::free(memory); }
@@ -31,7 +31,7 @@ constinit NoDestructor<SignalQueue> signal_queue;
 constinit pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_mutex_t wakeup_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_cond_t wakeup_cond = PTHREAD_COND_INITIALIZER;
-/// Not "is the queue filled": the sender must not start on a pass that is still being queued.
+/// Not "the queue has messages": the sender must not start before a pass has queued all of its signals.
 constinit bool woken = false;
 
 void link_node(SignalQueue &queue, std::unique_ptr<SignalNode> node) {

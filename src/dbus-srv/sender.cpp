@@ -10,13 +10,13 @@
 
 namespace {
 
-constexpr const char *SENDER = "d_bus_srv_msg_sender"; // the thread's own lines carry its name
+constexpr const char *SENDER = "d_bus_srv_msg_sender"; // the thread's traces carry its name
 
 constinit int sender_status = 0;
 
 struct Sender {
     BusConnection connection; ///< the one last used
-    BusMessage unsent;        ///< taken from the queue when the bus went away
+    BusMessage unsent;        ///< removed from the queue when the bus was lost
     bool alone = false;       ///< the listener has ended, and nobody else reads from the connection
 };
 
@@ -35,26 +35,26 @@ bool find_connection(Sender &sender) {
     return sender.alone;
 }
 
-/// Writes one signal. If the connection dies under it, the signal is kept for the next one: it may
-/// then come twice, which is better than not at all.
+/// Sends one signal. If the connection is lost, the signal is kept for the next one: it may arrive twice,
+/// but is not lost.
 void send_signal(Sender &sender, BusMessage message) {
     DBusConnection *const connection = sender.connection.get();
-    trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "SEND");
+    trace_as(SENDER, TRACE_TRACE, "SEND");
     if (dbus_connection_send(connection, message.get(), nullptr) == 0) {
-        trace_at(TRACE_DEBUG, TRACE_FILE, SENDER, __LINE__, "dbus_connection_send(\"msg\") failed");
+        trace_as(SENDER, TRACE_DEBUG, "dbus_connection_send(\"msg\") failed");
         sender_status = -1;
         return;
     }
-    trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "FLUSH");
+    trace_as(SENDER, TRACE_TRACE, "FLUSH");
     dbus_connection_flush(connection);
     if (!bus_is_connected(sender.connection)) {
-        sender.unsent.reset(dbus_message_copy(message.get())); // without the number that it was sent under
+        sender.unsent.reset(dbus_message_copy(message.get())); // a copy has no serial number yet
         return;
     }
-    trace_at(TRACE_TRACE, TRACE_FILE, SENDER, __LINE__, "DONE");
+    trace_as(SENDER, TRACE_TRACE, "DONE");
 }
 
-/// For a thread that found no bus: whether the listener did, or has lost it since and will come back.
+/// After a failed connect: whether the listener has connected, or will reconnect.
 bool listener_goes_on() {
     BusLink state = bus_link_get().state;
     while (state == BusLink::starting) {

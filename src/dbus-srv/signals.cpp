@@ -21,16 +21,16 @@ struct LabelList {
     void add(const char *label) { labels[static_cast<std::size_t>(count++)] = label; }
 };
 
-/// Builds and queues one signal; false, after a trace of the caller's, on failure.
+/// Builds and queues one signal; false, after a trace under the caller's name, on failure.
 bool announce(std::int64_t now, const char *member, const LabelList &issues) {
     constexpr const char *caller = "d_bus_srv_create_signal_messages";
     BusMessage message = d_bus_create_signals(now, member, issues.labels.data(), issues.count);
     if (!message) {
-        trace_at(TRACE_DEBUG, TRACE_FILE, caller, __LINE__, "d_bus_create_signals(\"%s\") failed", member);
+        trace_as(caller, TRACE_DEBUG, "d_bus_create_signals(\"%s\") failed", member);
         return false;
     }
     if (d_bus_srv_msg_queue_add(std::move(message)) != 0) {
-        trace_at(TRACE_DEBUG, TRACE_FILE, caller, __LINE__, "d_bus_srv_msg_queue_add(\"%s\") failed", member);
+        trace_as(caller, TRACE_DEBUG, "d_bus_srv_msg_queue_add(\"%s\") failed", member);
         return false;
     }
     return true;
@@ -43,7 +43,7 @@ BusMessage d_bus_create_signals(std::int64_t now, const char *member, const char
     const char *const path = gdata_get_dbus_path();
     const char *const interface = gdata_get_dbus_if();
     BusMessage message;
-    // The library ends the process over a name that it finds malformed.
+    // libdbus aborts on a malformed name.
     if (dbus_validate_path(path, nullptr) != 0 && dbus_validate_interface(interface, nullptr) != 0) {
         message.reset(dbus_message_new_signal(path, interface, member));
     }
@@ -51,7 +51,7 @@ BusMessage d_bus_create_signals(std::int64_t now, const char *member, const char
         trace(TRACE_TRACE, "dbus_message_new_signal() failed");
         return nullptr;
     }
-    const auto time = static_cast<dbus_uint32_t>(now); // the wire has 32 bits
+    const auto time = static_cast<dbus_uint32_t>(now); // 32 bits on the wire
     if (dbus_message_append_args(message.get(), DBUS_TYPE_UINT32, &time, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING,
                                  static_cast<const void *>(&labels), count, DBUS_TYPE_INVALID) == 0) {
         trace(TRACE_TRACE, "dbus_message_append_args() failed");
@@ -69,7 +69,7 @@ int d_bus_srv_create_signal_messages(std::int64_t now) {
     {
         const MutexLock lock(registry_lock);
         for (const Issue &issue : issue_registry) {
-            // Equal counts too: a change is announced again by a pass that starts in its second.
+            // Kept: an equal time counts, so a pass that starts in the same second announces the change again.
             if (issue.changed < now || issue.label == nullptr) {
                 continue;
             }

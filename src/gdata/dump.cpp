@@ -105,7 +105,7 @@ void print_task(const Task *task, int number) {
     std::printf("#    task %d\n{\n", number);
     print_task_text(task, TASK_HAS_SOURCE, "source:", task->source);
     print_task_id(task);
-    if (task->id == TASK_ID_NUMERIC_PARAMETER) { // whatever the flags
+    if (task->id == TASK_ID_NUMERIC_PARAMETER) { // regardless of the flags
         std::printf("    %-16s\"%d\"\n", "parameter:", task->minfail);
     }
     print_task_quoted(task, TASK_HAS_PARAMETER, "parameter:", task->parameter);

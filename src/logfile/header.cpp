@@ -55,7 +55,7 @@ void add_number(Text &out, const Task *task, std::uint32_t flag, std::int32_t nu
 }
 
 void add_parameter(Text &out, const Task *task) {
-    if (task->id == TASK_ID_NUMERIC_PARAMETER) { // whatever the flags
+    if (task->id == TASK_ID_NUMERIC_PARAMETER) { // regardless of the flags
         out.add("\t%d", task->minfail);
     } else if (task_has(task, TASK_HAS_PARAMETER)) {
         out.add("\t%s", or_empty(task->parameter));

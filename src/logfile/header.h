@@ -5,5 +5,5 @@
 #include "handle.h"
 
 /// The header block for the tasks and the command line in force, under the time stamp `stamp` and the
-/// word `occasion`; null when memory is out.
+/// word `occasion`; null when out of memory.
 TextHandle logfile_header_text(const char *stamp, const char *occasion);

@@ -40,7 +40,7 @@ constexpr std::array<LevelName, 4> severity_levels{{
     {"OK", SEVERITY_OK},
 }};
 
-/// The usage text says "fail" for severity 3 though only "failed" is accepted; deliberate.
+/// The usage text says "fail" for severity 3 though only "failed" is accepted; kept.
 const char *usage_severity_name(std::int32_t level) {
     return level == SEVERITY_FAILED ? "fail" : gdata_severitylevel_name(level);
 }
@@ -81,7 +81,7 @@ void print_usage_text(const char *prog) {
     std::fprintf(stderr, "    -v, --version   print git-commit ID.\n");
 }
 
-/// A decimal number as strtol reads it, kept where a product with 1024 still fits.
+/// A decimal number as strtol reads it, clamped so that 1024 times it fits.
 std::int64_t parse_number(const char *text) {
     constexpr std::int64_t limit = std::int64_t{1} << 31;
     return std::clamp<std::int64_t>(std::strtol(text, nullptr, 10), -limit, limit);
@@ -117,7 +117,7 @@ void set_logfile(const char *prog, const char *path) {
     if (gdata_can_log_to(path) && std::strcmp(gdata_set_logfile(path), path) == 0) {
         return;
     }
-    const int error = errno; // of the open, or of the copy when memory is out
+    const int error = errno; // of the open, or of the copy when out of memory
     usage(0, prog, "WARNING: option -%c: \"%s\": %s - using \"%s\" instead.", 'L', path, std::strerror(error),
           gdata_get_logfile());
 }
@@ -146,7 +146,7 @@ void set_severitylevel(const char *prog, const char *text) {
 }
 
 void show_help(Options &options) {
-    trace_at(TRACE_TRACE, "vigmond.c", "eat_arguments", 276, " "); // both places are known to log filters
+    trace_at(TRACE_TRACE, "vigmond.c", "eat_arguments", 276, " "); // both locations are fixed
     usage(0, options.program, nullptr);
     trace_at(TRACE_TRACE, "vigmond.c", "eat_arguments", 278, " ");
     if (options.outcome != OptionsOutcome::failed) {
@@ -196,7 +196,7 @@ void apply(Options &options, int option) {
     }
 }
 
-constexpr std::array<option, 10> long_options{{
+constexpr std::array<option, 10> LONG_OPTIONS{{
     {"help", no_argument, nullptr, 'h'},
     {"dump", no_argument, nullptr, 'd'},
     {"debug", no_argument, nullptr, 'D'},
@@ -241,9 +241,9 @@ void usage(int mode, const char *prog, const char *format, ...) {
 Options eat_arguments(int argc, char *argv[]) {
     Options options{.program = program_name(argv), .dump_requested = false, .outcome = OptionsOutcome::run};
     opterr = 0;
-    optind = 0; // starts anew, in tests too
+    optind = 0; // restart, for tests that parse more than once
     while (options.outcome != OptionsOutcome::version) {
-        const int option = getopt_long(argc, argv, "dDhvl:L:C:S:s:", long_options.data(), nullptr);
+        const int option = getopt_long(argc, argv, "dDhvl:L:C:S:s:", LONG_OPTIONS.data(), nullptr);
         if (option == -1) {
             break;
         }

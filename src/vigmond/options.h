@@ -16,8 +16,8 @@ struct Options {
     OptionsOutcome outcome;
 };
 
-/// Applies the options to the settings and prints warnings and the version to stderr; argv is
-/// permuted. An invalid value is never fatal.
+/// Applies the options to the settings; prints warnings and the version to stderr. Permutes argv. An invalid
+/// value is never fatal.
 Options eat_arguments(int argc, char *argv[]);
 
 /// Prints "program: message" to stderr when a format is given. Mode 0 only counts the call; mode 2

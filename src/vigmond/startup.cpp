@@ -20,9 +20,9 @@
 
 namespace {
 
-constinit int lock_fd = -1; // open, and so locked, as long as the process lives
+constinit int lock_fd = -1; // open, and so locked, until the process ends
 
-/// ".lock" in the directory of the log file, however short its path is; null when memory is out.
+/// ".lock" in the directory of the log file, however short its path is; null when out of memory.
 TextHandle lock_path() {
     const char *logfile = gdata_get_logfile();
     const std::size_t size = std::strlen(logfile) + sizeof "./.lock";
@@ -76,7 +76,7 @@ struct ExitSignal {
     const char *failure;
 };
 
-constexpr std::array<ExitSignal, 4> exit_signals{{
+constexpr std::array<ExitSignal, 4> EXIT_SIGNALS{{
     {SIGTERM, "SIGTERM FAILED"},
     {SIGQUIT, "SIGQUIT FAILED"},
     {SIGHUP, "SIGHUP  FAILED"},
@@ -91,7 +91,7 @@ const char *install_exit_handlers() {
     for (const int signo : {SIGQUIT, SIGHUP, SIGINT, SIGTERM}) {
         sigaddset(&action.sa_mask, signo);
     }
-    for (const ExitSignal &row : exit_signals) {
+    for (const ExitSignal &row : EXIT_SIGNALS) {
         if (sigaction(row.signo, &action, nullptr) != 0) {
             return row.failure;
         }
@@ -141,7 +141,7 @@ bool is_single_proc() {
 
 void signal_init() {
     trace(TRACE_INFO, " ");
-    signals_hold();
+    signals_block();
     const char *failure = install_exit_handlers();
     if (failure == nullptr) {
         failure = install_reinit_handler();

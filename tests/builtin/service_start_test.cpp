@@ -288,7 +288,7 @@ void expect_end_of_start(const char *parameter, int signo, int nth) {
         rig.systemd.fail("a_2eservice", LOAD_STATE, "System.Error.EHOSTUNREACH");
         const pid_t probe = fork();
         if (probe == 0) {
-            signals_hold();
+            signals_block();
             signal(signo, end_in_handler);
             raise(SIGSTOP);
             rig.init(parameter);

@@ -302,7 +302,7 @@ void note_signal(int /*signo*/) { signal_was_taken = true; }
 
 TEST(ServiceExec, TakesASignalBetweenItsUnits) {
     in_child([] {
-        signals_hold(); // for the rig's threads, too
+        signals_block(); // for the rig's threads, too
         Services rig;
         Task task = rig.watch({"a_2eservice", "b_2eservice"}, "a b");
         std::signal(SIGTERM, note_signal);

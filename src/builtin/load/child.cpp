@@ -22,7 +22,7 @@ namespace {
 constexpr int MAX_TOKENS = 8;
 constexpr std::size_t ARGUMENTS = 9;
 
-/// The load logger's command line. The texts that it points to are in its own copies.
+/// The load logger's command line, with its own copies of the texts.
 struct Command {
     TextHandle parameter;
     TextHandle directory;
@@ -31,10 +31,10 @@ struct Command {
     std::array<const char *, ARGUMENTS + 1> arguments;
 };
 
-// All that the load logger gets of an environment; the home directory at the end is kept.
-constexpr std::array<const char *, 2> environment{"PATH=/usr/bin:/usr/sbin:/home/tovik/bin", nullptr};
+// The load logger's whole ENVIRONMENT; the home directory at the end is kept.
+constexpr std::array<const char *, 2> ENVIRONMENT{"PATH=/usr/bin:/usr/sbin:/home/tovik/bin", nullptr};
 
-/// The directory of the status log file, "." when it has none; null when memory is out.
+/// The directory of the status log file, "." when it has none; null when out of memory.
 TextHandle log_directory() {
     const char *logfile = gdata_get_logfile();
     TextHandle directory(strdup(logfile == nullptr ? "." : logfile));
@@ -54,9 +54,9 @@ const char *base_name(const char *path) {
     return slash == nullptr ? path : slash + 1;
 }
 
-/// Puts the values that the parameter gives in the place of the defaults.
+/// Replaces the defaults by the parameter's options.
 void take_options(Command *command, int count) {
-    optind = 0; // starts anew
+    optind = 0; // restart the parser
     opterr = 0;
     for (int option = 0; option != -1;) {
         option = getopt(count, command->tokens.data(), "c:d:t:");
@@ -70,7 +70,7 @@ void take_options(Command *command, int count) {
     }
 }
 
-/// Prepares the command before the fork, since the child of a threaded process should do little.
+/// Built before the fork: the child of a threaded process must not allocate.
 bool build_command(const Task *task, Command *command) {
     command->parameter.reset(strdup(task->parameter));
     command->directory = log_directory();
@@ -82,14 +82,14 @@ bool build_command(const Task *task, Command *command) {
     const int count = strsplit(command->parameter.get(), command->tokens.data(), MAX_TOKENS);
     if (count > 0) {
         command->arguments[0] = base_name(command->tokens[0]);
-        take_options(command, count); // permutes the tokens, the first stays
+        take_options(command, count); // permutes all tokens but the first
     }
     return true;
 }
 
 void trace_execve(const Command &command) {
     const auto &argument = command.arguments;
-    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__,
+    trace_as("load_logger", TRACE_TRACE,
              "execve(\"%s\", [\"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\", \"%s\"])",
              command.tokens[0], argument[0], argument[1], argument[2], argument[3], argument[4], argument[5],
              argument[6], argument[7], argument[8]);
@@ -108,20 +108,19 @@ void restore_signals() {
     sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
-/// Becomes the load logger. Ends with _exit: what the daemon has buffered is the daemon's to write.
+/// Becomes the load logger. Ends with _exit so that the daemon's buffers are not written twice.
 [[noreturn]] void run_child(const Task *task, const Command &command) {
-    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork: child: pid: %d param: \"%s\"", getpid(),
-             task->parameter);
+    trace_as("load_logger", TRACE_TRACE, "fork: child: pid: %d param: \"%s\"", getpid(), task->parameter);
     setsid();
     if (command.tokens[0] != nullptr) {
         trace_execve(command);
         restore_signals();
         capabilities_keep_from_programs();
         execve(command.tokens[0], const_cast<char *const *>(command.arguments.data()), // NOLINT
-               const_cast<char *const *>(environment.data()));                         // NOLINT
+               const_cast<char *const *>(ENVIRONMENT.data()));                         // NOLINT
     }
     const int error = command.tokens[0] == nullptr ? ENOENT : errno;
-    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "child: exec failed: %s", std::strerror(error));
+    trace_as("load_logger", TRACE_TRACE, "child: exec failed: %s", std::strerror(error));
     if (command.tokens[0] != nullptr) {
         trace_execve(command);
     }
@@ -129,9 +128,9 @@ void restore_signals() {
 }
 
 void register_child(pid_t pid, Task *task) {
-    trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork: parent: pid: %d", getpid());
+    trace_as("load_logger", TRACE_TRACE, "fork: parent: pid: %d", getpid());
     if (process_add(pid, task) != 0) {
-        kill(pid, SIGTERM); // nobody would hear of its end
+        kill(pid, SIGTERM); // its end would go unnoticed
         task->child_pid = 0;
         return;
     }
@@ -144,7 +143,7 @@ void register_child(pid_t pid, Task *task) {
 int load_start_child(Task *task) {
     Command command{};
     if (!build_command(task, &command)) {
-        trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork failed: %s", std::strerror(ENOMEM));
+        trace_as("load_logger", TRACE_TRACE, "fork failed: %s", std::strerror(ENOMEM));
         return -1;
     }
     process_suspend_sig();
@@ -155,7 +154,7 @@ int load_start_child(Task *task) {
     if (pid > 0) {
         register_child(pid, task);
     } else {
-        trace_at(TRACE_TRACE, TRACE_FILE, "load_logger", __LINE__, "fork failed: %s", std::strerror(errno));
+        trace_as("load_logger", TRACE_TRACE, "fork failed: %s", std::strerror(errno));
     }
     process_continue_sig();
     return pid > 0 ? 0 : -1;

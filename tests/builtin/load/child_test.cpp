@@ -377,7 +377,7 @@ TEST_F(LoadChildTest, GetsTheMaskOfTheStartAndTheDefaultOfEachHandledSignal) {
             sigaddset(&at_start, signo);
         }
         sigprocmask(SIG_SETMASK, &at_start, nullptr);
-        signals_hold();
+        signals_block();
         process_init();
         for (const int signo : {SIGALRM, SIGUSR1, SIGTERM, SIGQUIT}) {
             std::signal(signo, ignore_handler);
@@ -593,7 +593,7 @@ TEST_F(LoadChildTest, LearnsThatTheChildHasEndedAndMayStartAnother) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();
-        signals_hold();
+        signals_block();
         process_init();
         forking.count = 0;
         Task task = load_task();
@@ -836,7 +836,7 @@ TEST_F(LoadChildTest, AHeldChildEndsByTheTerminationWithoutTheDaemonsHandler) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();
-        signals_hold();
+        signals_block();
         const Descriptor notes(open((folder / "notes").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         handled_in = notes.get();
         std::signal(SIGTERM, note_process);

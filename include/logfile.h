@@ -38,9 +38,9 @@ struct LogfileState {
     int logfile_is_file = 0;        ///< 0 for a standard stream, which is never rotated
     int logfile_header_written = 0; ///< the next header says "START" if 0, else "ROTATE"
     int logfile_initialised = 0;
-    bool torn = false;                ///< the last line of the stream is a piece of a record
-    bool rotation_broken_off = false; ///< the last one, because the process is to end
-    std::int64_t rotation_end = 0;    ///< the second of the monotonic clock after which one is; 0 is none
+    bool torn = false;                 ///< the last line of the stream is a piece of a record
+    bool rotation_interrupted = false; ///< the last one, because the process is to end
+    std::int64_t rotation_end = 0;     ///< the second of the monotonic clock after which one is; 0 is none
     std::int32_t loglevel = LOGLEVEL_OK;
     std::int32_t logsize = 1048576;
     std::int32_t logcount = 10;

@@ -8,7 +8,7 @@
 /// The seven signals that the daemon handles.
 sigset_t signals_all();
 /// All of them but the heartbeat.
-sigset_t signals_held();
+sigset_t signals_handled();
 
 /// Blocks the handled signals in the calling thread and remembers the mask before the first call.
 void signals_block();
@@ -29,7 +29,7 @@ void signals_wait(const sigset_t &set);
 /// A safe point: handles the pending signals.
 void signals_safe_point();
 /// Whether a held signal waits for the next safe point that ends the process there.
-bool signals_termination_held();
+bool signals_termination_pending();
 
 /// A safe point that waits: pauses for `milliseconds`, or until a signal has been handled.
 void signals_pause(int milliseconds);

@@ -17,11 +17,11 @@ class TextBuffer {
     TextBuffer(char *data, std::size_t size) : TextBuffer(data, size, 0) {}
 
     /// Continues after the terminated text in the array.
-    static TextBuffer behind(char *data, std::size_t size) { return {data, size, strnlen(data, size)}; }
+    static TextBuffer after(char *data, std::size_t size) { return {data, size, strnlen(data, size)}; }
 
     /// False when the text was cut.
     bool append(std::string_view text) {
-        const std::size_t fitting = std::min(text.size(), space());
+        const std::size_t fitting = std::min(text.size(), remaining());
         std::copy_n(text.data(), fitting, data_ + length_);
         length_ += fitting;
         terminate();
@@ -31,7 +31,7 @@ class TextBuffer {
     bool append(char character) { return append(std::string_view(&character, 1)); }
 
     void append_number(int number) {
-        const auto [last, error] = std::to_chars(end(), end() + space(), number);
+        const auto [last, error] = std::to_chars(end(), end() + remaining(), number);
         if (error != std::errc()) {
             append_printed("%d", number);
             return;
@@ -59,8 +59,8 @@ class TextBuffer {
         va_end(all);
     }
 
-    /// The bytes left, including the terminator's: a shorter text fits whole.
-    [[nodiscard]] std::size_t room() const { return size_ - length_; }
+    /// How many more characters fit.
+    [[nodiscard]] std::size_t remaining() const { return size_ == 0 ? 0 : size_ - length_ - 1; }
     /// The end of the text. What others write there does not change this object's length.
     [[nodiscard]] char *end() { return data_ + length_; }
     [[nodiscard]] const char *c_str() const { return size_ == 0 ? "" : data_; }
@@ -101,12 +101,10 @@ class TextBuffer {
     }
 
     [[gnu::format(printf, 2, 0)]] void append_printed_list(const char *format, std::va_list arguments) {
-        const int wanted = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, room(), format, arguments);
-        length_ += wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), space());
+        const int wanted = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, size_ - length_, format, arguments);
+        length_ += wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), remaining());
         terminate();
     }
-
-    [[nodiscard]] std::size_t space() const { return size_ == 0 ? 0 : room() - 1; }
 
     void terminate() {
         if (size_ != 0) {

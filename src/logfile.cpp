@@ -221,11 +221,11 @@ std::int64_t monotonic_seconds() {
 
 /// Others may have made the log too large to be packed while a termination waits. What is broken off is
 /// left to the next start.
-bool break_rotation_off() {
+bool interrupt_rotation() {
     LogfileState &log = logfile_state();
     const bool late = log.rotation_end != 0 && monotonic_seconds() > log.rotation_end;
-    log.rotation_broken_off = late || signals_termination_held();
-    return log.rotation_broken_off;
+    log.rotation_interrupted = late || signals_termination_pending();
+    return log.rotation_interrupted;
 }
 
 void rotate_when_full(LogfileState &log) {
@@ -233,9 +233,9 @@ void rotate_when_full(LogfileState &log) {
         return;
     }
     log.logfile_stream.reset();
-    log.rotation_broken_off = false;
-    file_rotate(log.logfile_name.get(), log.logcount, break_rotation_off);
-    if (!log.rotation_broken_off) {
+    log.rotation_interrupted = false;
+    file_rotate(log.logfile_name.get(), log.logcount, interrupt_rotation);
+    if (!log.rotation_interrupted) {
         log.torn = false;
         lf_header(log.logfile_name.get());
     }
@@ -308,7 +308,7 @@ void lf_print(std::int32_t state, const char *text, int mark) {
     if (!write_entry(log, state, text, mark)) {
         trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
     }
-    if (mark != 1 || !log.rotation_broken_off) {
+    if (mark != 1 || !log.rotation_interrupted) {
         rotate_when_full(log);
     }
 }

@@ -170,13 +170,13 @@ int logger_format(char *buffer, std::size_t size, const Task *task) {
         trace(TRACE_TRACE, "%%%c", letter);
         NumberText number{};
         const std::string_view inserted = insertion(task, letter, number);
-        if (inserted.empty() || inserted.size() >= text.room()) {
+        if (inserted.empty() || inserted.size() > text.remaining()) {
             fits = letter != '%'; // a sign is cut off as text is
             continue;
         }
         if (letter == 'P' || letter == 'T') {
             trace(TRACE_TRACE, "to %lu(%d) buf[%d] %lu(%d)", static_cast<unsigned long>(inserted.size()),
-                  static_cast<int>(text.room()), static_cast<int>(size - text.room()),
+                  static_cast<int>(text.remaining() + 1), static_cast<int>(size - text.remaining() - 1),
                   static_cast<unsigned long>(inserted.size()), static_cast<int>(size));
         }
         text.append(inserted);
@@ -201,7 +201,7 @@ void logger_id_prefix(char *buffer, std::size_t size, const Task *task) {
 
 TextBuffer logger_value_line(std::span<char> buffer, const Task *task) {
     logger_id_prefix(buffer.data(), buffer.size(), task);
-    TextBuffer line = TextBuffer::behind(buffer.data(), buffer.size());
+    TextBuffer line = TextBuffer::after(buffer.data(), buffer.size());
     line.append_format("value: %d ", task->value);
     return line;
 }
@@ -215,7 +215,7 @@ int bool_logger(Task *task) {
         if (has_sentence(task)) {
             logger_format(line.data(), line.size(), task); // overwrites the prefix, unlike threshold_logger
         } else {
-            TextBuffer::behind(line.data(), line.size()).append(task->state == 0 ? "OK" : "failed");
+            TextBuffer::after(line.data(), line.size()).append(task->state == 0 ? "OK" : "failed");
         }
         logger_syslog(task->state, line.data());
     }
@@ -230,7 +230,7 @@ int threshold_logger(Task *task) {
         std::array<char, LINE_SIZE> buffer{};
         TextBuffer line = logger_value_line(buffer, task);
         if (has_sentence(task)) {
-            logger_format(line.end(), line.room(), task);
+            logger_format(line.end(), line.remaining() + 1, task);
         } else {
             append_where_it_stands(line, task);
         }

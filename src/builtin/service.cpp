@@ -268,7 +268,7 @@ void append_stopped(Line *text) {
     constexpr std::size_t names_size = 2024 + 1;
     const int stopped = count_stopped();
     const char *separator = "";
-    TextBuffer names = TextBuffer::behind(text->data(), names_size);
+    TextBuffer names = TextBuffer::after(text->data(), names_size);
     names.append_format("Service%s:", stopped == 1 ? "" : "s");
     for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
         if (service_of(node)->running == STOPPED) {
@@ -276,7 +276,7 @@ void append_stopped(Line *text) {
             separator = ",";
         }
     }
-    TextBuffer::behind(text->data(), text->size()).append_format(" %s not running", stopped == 1 ? "is" : "are");
+    TextBuffer::after(text->data(), text->size()).append_format(" %s not running", stopped == 1 ? "is" : "are");
 }
 
 } // namespace

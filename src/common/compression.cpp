@@ -150,12 +150,12 @@ class BzipWriter {
     BZFILE *stream_;
 };
 
-enum class Outcome : std::uint8_t { DONE, WRITE_FAILED, CLOSE_FAILED, BROKEN_OFF };
+enum class Outcome : std::uint8_t { done, write_failed, close_failed, interrupted };
 
 /// What a rotation asks for beyond compressing.
 struct Care {
     bool synchronised = false; ///< the destination is on the disk before it is closed
-    BreakOff break_off = nullptr;
+    Interrupt interrupt = nullptr;
 };
 
 /// A read error counts as the end of the input: what was read is kept. An input of one piece is never
@@ -163,19 +163,19 @@ struct Care {
 Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts, const Care &care) {
     BzipWriter writer(out.get());
     if (!writer) {
-        return Outcome::WRITE_FAILED;
+        return Outcome::write_failed;
     }
     while (const std::size_t count = std::fread(buffer, 1, COPY_SIZE, in.get())) {
         if (!writer.write(buffer, count)) {
-            return Outcome::WRITE_FAILED;
+            return Outcome::write_failed;
         }
-        if (count == COPY_SIZE && care.break_off != nullptr && care.break_off()) {
-            return Outcome::BROKEN_OFF;
+        if (count == COPY_SIZE && care.interrupt != nullptr && care.interrupt()) {
+            return Outcome::interrupted;
         }
     }
     in.reset();
     const bool finished = writer.finish(counts) && (!care.synchronised || synchronise(out.get()));
-    return close_checked(out) && finished ? Outcome::DONE : Outcome::CLOSE_FAILED;
+    return close_checked(out) && finished ? Outcome::done : Outcome::close_failed;
 }
 
 Outcome compress(Job &job, ByteCounts &counts, const Care &care) {
@@ -203,8 +203,8 @@ int file_compress(const char *from, const char *to) {
     }
     ByteCounts counts{};
     const Outcome outcome = compress(job, counts, {});
-    if (outcome != Outcome::DONE) {
-        if (outcome == Outcome::WRITE_FAILED || !is_stdin(from)) { // deliberate: a piped text keeps its torn end
+    if (outcome != Outcome::done) {
+        if (outcome == Outcome::write_failed || !is_stdin(from)) { // deliberate: a piped text keeps its torn end
             remove_destination(to);
         }
         return -1;
@@ -213,20 +213,20 @@ int file_compress(const char *from, const char *to) {
     return 0;
 }
 
-Packing file_pack(const char *from, const char *to, const char *temporary, BreakOff break_off) {
+Packing file_pack(const char *from, const char *to, const char *temporary, Interrupt interrupt) {
     trace_begin(from, to);
     Job job(from, temporary, create_new);
     if (!job.out) {
-        return Packing::FAILED;
+        return Packing::failed;
     }
     ByteCounts counts{};
-    const Outcome outcome = compress(job, counts, {.synchronised = true, .break_off = break_off});
-    if (outcome != Outcome::DONE) {
+    const Outcome outcome = compress(job, counts, {.synchronised = true, .interrupt = interrupt});
+    if (outcome != Outcome::done) {
         std::remove(temporary);
-        return outcome == Outcome::BROKEN_OFF ? Packing::BROKEN_OFF : Packing::FAILED;
+        return outcome == Outcome::interrupted ? Packing::interrupted : Packing::failed;
     }
     trace_end(from, counts, job.start);
-    return Packing::DONE;
+    return Packing::done;
 }
 
 namespace {

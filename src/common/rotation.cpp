@@ -84,9 +84,9 @@ void synchronise_folder(char *path) {
 }
 
 /// The generation gets its name when it is on the disk, and the name is there before the original goes.
-Packing pack(const char *file, const char *generation, char *temporary, BreakOff break_off) {
-    const Packing result = file_pack(path_of(file), generation, temporary, break_off);
-    if (result == Packing::DONE) {
+Packing pack(const char *file, const char *generation, char *temporary, Interrupt interrupt) {
+    const Packing result = file_pack(path_of(file), generation, temporary, interrupt);
+    if (result == Packing::done) {
         if (std::rename(temporary, generation) == 0) {
             synchronise_folder(temporary);
         } else {
@@ -98,7 +98,7 @@ Packing pack(const char *file, const char *generation, char *temporary, BreakOff
 
 } // namespace
 
-void file_rotate(const char *file, std::int32_t count, BreakOff break_off) {
+void file_rotate(const char *file, std::int32_t count, Interrupt interrupt) {
     trace(TRACE_TRACE, "file: %s -- count: %d ", file, count);
     if (names_no_file(file) || !exists(file)) {
         return;
@@ -113,7 +113,7 @@ void file_rotate(const char *file, std::int32_t count, BreakOff break_off) {
     shift(newer, older, count);
     const char *newest = newer.of(0);
     trace(TRACE_TRACE, "compress %s -> %s", file, newest);
-    if (pack(file, newest, temporary.get(), break_off) == Packing::BROKEN_OFF) {
+    if (pack(file, newest, temporary.get(), interrupt) == Packing::interrupted) {
         return;
     }
     malloc_trim(0);    // return the compressor's megabyte to the system

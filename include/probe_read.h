@@ -1,6 +1,6 @@
 #pragma once
 
-// What a probe reads, and its parsers: text in, value or error out.
+// The probes' parsers: text in, value or error out.
 
 #include <array>
 #include <cerrno>
@@ -14,7 +14,7 @@ struct Reading {
     static constexpr Reading of(std::int32_t value) { return {.value = value, .error = 0}; }
     static constexpr Reading failed(std::int32_t error) { return {.value = 0, .error = error}; }
 
-    /// A call failed with `error`. Kept in every probe: with errno 0 the prepared value counts as measured.
+    /// The result of a call that failed with `error`. Kept: if errno is 0, `prepared` counts as measured.
     static constexpr Reading failed_with_errno(std::int32_t error, std::int32_t prepared = 0) {
         return error == 0 ? of(prepared) : failed(error);
     }

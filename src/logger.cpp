@@ -25,7 +25,7 @@ constexpr std::size_t LINE_SIZE = 1023;
 constexpr LoggerState UNKNOWN_STATE{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
 
 constinit int syslog_opened = 0;
-constinit int lost_sentences = 0; ///< since it was last told
+constinit int lost_sentences = 0; ///< since the last report
 
 const LoggerState &row_of(int state) {
     const LoggerState *row = logger_state_row(logger_state_table, state);
@@ -83,7 +83,7 @@ std::string_view insertion(const Task *task, char letter, NumberText &number) {
     }
 }
 
-void append_where_it_stands(TextBuffer &line, const Task *task) {
+void append_comparison(TextBuffer &line, const Task *task) {
     if (task->state == 0) {
         line.append_format("is %s", row_of(0).description);
         return;
@@ -171,7 +171,7 @@ int logger_format(char *buffer, std::size_t size, const Task *task) {
         NumberText number{};
         const std::string_view inserted = insertion(task, letter, number);
         if (inserted.empty() || inserted.size() > text.remaining()) {
-            fits = letter != '%'; // a sign is cut off as text is
+            fits = letter != '%'; // a percent sign that does not fit ends the line, like text
             continue;
         }
         if (letter == 'P' || letter == 'T') {
@@ -232,7 +232,7 @@ int threshold_logger(Task *task) {
         if (has_sentence(task)) {
             logger_format(line.end(), line.remaining() + 1, task);
         } else {
-            append_where_it_stands(line, task);
+            append_comparison(line, task);
         }
         logger_syslog(task->state, buffer.data());
     }

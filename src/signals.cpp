@@ -19,8 +19,8 @@ struct WriteSignal {
 };
 
 constinit std::array<WriteSignal, 2> write_signals{{
-    {.signo = SIGPIPE, .original = SIG_DFL}, // the reader of the pipe has gone
-    {.signo = SIGXFSZ, .original = SIG_DFL}, // beyond the limit of a file's size
+    {.signo = SIGPIPE, .original = SIG_DFL}, // the reader of the pipe has closed it
+    {.signo = SIGXFSZ, .original = SIG_DFL}, // a write past the file size limit
 }};
 
 constinit bool in_handler = false;
@@ -103,7 +103,7 @@ void signals_restore_failed_writes() {
 }
 
 void signals_dispatch(const sigset_t &set) {
-    if (in_handler) { // called from a handler: it finishes first
+    if (in_handler) { // a handler always finishes first
         return;
     }
     const int saved_errno = errno;

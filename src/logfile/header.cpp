@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Text of any length, made by the same calls twice: without a buffer they only count.
+/// Text of any length. The same calls run twice: without a buffer they only count.
 class Text {
   public:
     constexpr Text() = default;

@@ -14,12 +14,12 @@
 #include <cstdio>
 #include <cstdlib>
 
-// /proc/stat; user, nice, system and idle lead the line of all CPUs:
+// /proc/stat; the line of all CPUs starts with user, nice, system and idle:
 //     cpu  10132153 290696 3084719 46828483 16683 0 25195 0 0 0
 
 namespace {
 
-// One state for both load tasks: the second one in a pass finds too few ticks and repeats the first one's load.
+// Shared by both load tasks: the second one in a pass sees too few ticks and repeats the first one's load.
 constinit CpuCounters previous{.user = 0, .system = 0, .idle = 0};
 constinit std::int32_t last_load = 0;
 constinit bool first_run = true;

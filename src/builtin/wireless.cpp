@@ -24,7 +24,7 @@ constexpr std::int32_t ID_LINK = 2;
 constexpr std::int32_t ID_QUALITY = 4;
 constexpr std::int32_t ID_STRENGTH = 9;
 
-static_assert(ENONET == 64); // the error number of a path that is switched off is fixed
+static_assert(ENONET == 64); // the error number of a disabled path is fixed
 
 constexpr int TOKEN_QUALITY = 2;
 constexpr int TOKEN_LEVEL = 3;
@@ -117,7 +117,7 @@ const Record *wireless_psearch(const Task *task) {
     return node == nullptr ? nullptr : static_cast<const Record *>(node->data);
 }
 
-/// Whether the interface is there (id 1) or up (id 2).
+/// Whether the interface exists (id 1) or is up (id 2).
 Reading wireless_state(const Record *record) {
     trace(TRACE_TRACE, "%s %d", record->file, record->id);
     const FileHandle file(std::fopen(record->file, "re"));
@@ -271,7 +271,7 @@ int wireless_logger(Task *task) {
         return 0;
     }
     task->do_log = 0;
-    std::array<char, 1023> text{}; // half of what the other probes' loggers have
+    std::array<char, 1023> text{}; // half the size in the other probes' loggers
     TextBuffer line = logger_value_line(text, task);
     if (task_has(task, TASK_HAS_FORMAT) && task->format != nullptr && *task->format != '\0') {
         line.append_format("%s: ", task->format); // format holds the interface's name; no sentence follows

@@ -15,5 +15,5 @@ int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state);
 void d_bus_srv_raised_labels(char *text, std::size_t size);
 /// Whether the daemon has no bus connection or does not own its name. False while it still connects at start.
 bool d_bus_srv_is_off_bus();
-/// Announces what was raised and cleared since `now`, the start of the pass; returns 0.
+/// Announces the issues raised and cleared since `now`, the start of the pass; returns 0.
 int d_bus_srv_send_issues(std::int64_t now);

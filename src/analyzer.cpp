@@ -30,7 +30,7 @@ void commit(Task *task, std::int8_t candidate) {
     task->do_log = 1;
 }
 
-/// The task's limits. The limit that holds the present state is moved back by the hysteresis.
+/// The task's limits, with the limit that keeps the current state moved back by the hysteresis.
 Limits effective_limits(const Task *task) {
     Limits limits{task->minfail, task->minwarn, task->maxwarn, task->maxfail};
     const std::int64_t h = task_has(task, TASK_HAS_HYSTERESIS) ? task->hysteresis : 0;

@@ -25,7 +25,7 @@ constinit std::int32_t last_load = 0;
 constinit bool first_run = true;
 constinit bool load_child_started = false;
 
-/// The number modulo 2^32 (idle exceeds 2^31 within months). False if the text is no count.
+/// The number modulo 2^32 (idle exceeds 2^31 within months). False if the text is not a count.
 bool to_ticks(const char *text, std::int32_t *ticks) {
     constexpr double exact_up_to = 9007199254740992.0; // 2^53
     const double number = std::strtod(text, nullptr);
@@ -119,7 +119,7 @@ int load_exec(Task *task) {
               static_cast<double>(load.system), static_cast<double>(load.idle), average);
         previous = now;
         last_load =
-            static_cast<std::int32_t>(average + 0.5); // NOLINT(bugprone-incorrect-roundings): a negative load moves
+            static_cast<std::int32_t>(average + 0.5); // NOLINT(bugprone-incorrect-roundings): kept for negative loads
     }
     return probe_succeed(task, last_load);
 }

@@ -23,7 +23,7 @@ constexpr std::uint8_t STOPPED = 0;
 constexpr std::uint8_t RUNNING = 1;
 constexpr std::uint8_t UNKNOWN = 255;
 
-/// A watched unit. Lives, with its name and list node, until the process ends.
+/// A watched unit. Exists, with its name and list node, until the process ends.
 struct Service {
     char *name; ///< without its suffix
     std::int32_t index;

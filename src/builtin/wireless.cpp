@@ -29,7 +29,7 @@ static_assert(ENONET == 64); // the error number of a disabled path is fixed
 constexpr int TOKEN_QUALITY = 2;
 constexpr int TOKEN_LEVEL = 3;
 
-/// What a wireless task reads. Lives, with its list node, until the process ends.
+/// The source of a wireless task. Exists, with its list node, until the process ends.
 struct Record {
     std::int32_t id;
     std::int32_t index;
@@ -71,7 +71,7 @@ bool is_wireless_id(std::int32_t id) {
     return id == ID_HARDWARE || id == ID_LINK || id == ID_QUALITY || id == ID_STRENGTH;
 }
 
-/// The file that a task reads. The text lives until the process ends; null when out of memory.
+/// The file that a task reads. The text exists until the process ends; null when out of memory.
 const char *file_of(const Task *task) {
     if (std::strchr(task->parameter, '/') != nullptr) {
         return task->parameter;
@@ -88,7 +88,7 @@ const char *file_of(const Task *task) {
     return file.release();
 }
 
-/// Adds a record of the task to the list. Returns the text of what failed, or null.
+/// Adds a record of the task to the list. Returns the text of the failed step, or null.
 const char *add_record(const Task *task) {
     auto record = record_allocate<Record>();
     if (!record) {

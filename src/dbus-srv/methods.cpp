@@ -20,7 +20,7 @@ struct InterfaceGroup {
     std::span<const std::int32_t> ids;
 };
 
-// CB10 under WiFi and CB13 under LAN: the same groups as in the station's other services.
+// Kept: CB10 under WiFi and CB13 under LAN.
 constexpr std::array WIFI_IDS{1, 2, 4, 9, 10};
 constexpr std::array LAN_IDS{11, 12, 13};
 constexpr std::array CELL_IDS{14, 15, 16, 17, 18, 19};

@@ -1,6 +1,6 @@
 #pragma once
 
-// What `main` does once between the options and the modules.
+// The steps of `main` between option parsing and the initialisation of the modules.
 
 /// Opens /dev/null for each closed one of stdin, stdout and stderr, so that no other file gets its descriptor and
 /// output.

@@ -2,7 +2,7 @@
 
 // The status log: a tab-separated file of every evaluation, rotated when full. Each record and each block is
 // handed to the kernel by one write. A record that does not fit is lost as a whole: a partial write is undone,
-// except in a pipe or a file that another process has appended to since. There the next write starts a new line.
+// except in a pipe or a file that another process has appended to. There the next write starts a new line.
 
 #include "gdata.h"
 #include "handle.h"

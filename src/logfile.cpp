@@ -27,7 +27,7 @@ constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
     {2, 1, "FAIL"},
     {3, 2, "WARN"},
     {4, 1, "FAIL"},
-    {-1, 2, "INV"}, // kept: never found, because the row above has the same state
+    {-1, 2, "INV"}, // kept: never found, because an earlier row has the same state
 }};
 
 namespace {

@@ -2,6 +2,7 @@
 
 #include "common.h"
 #include "logfile.h"
+#include "rotation.h"
 
 #include <cctype>
 #include <cstdio>

@@ -1,5 +1,4 @@
-// One evaluation, with its traces sent to the journal and with its traces dropped once they reach the
-// library.
+// One evaluation, with its traces sent to the journal, and with its traces dropped when they reach the library.
 
 #include "analyzer.h"
 
@@ -16,7 +15,7 @@ bool drop(int /*priority*/, const char * /*file*/, const char * /*line*/, const 
     return false;
 }
 
-/// The built-in temperature check, its value wandering through all five classes.
+/// The built-in temperature check with values of all five classes.
 void evaluate(benchmark::State &bench) {
     Task task{};
     task.flags = TASK_RUNNABLE | TASK_VALUE_VALID | TASK_HAS_MINFAIL | TASK_HAS_MINWARN | TASK_HAS_MAXWARN |

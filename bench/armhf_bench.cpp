@@ -1,5 +1,5 @@
-// What the 32-bit ARM build costs, as far as an emulator can tell: the instructions of a pass with
-// everything due, and the memory that is the program's own, compared with the baseline.
+// The cost of the 32-bit ARM build, measured in an emulator: the instructions of a pass with all tasks due and the
+// private memory, compared with the baseline.
 
 #include "handle.h"
 #include "programs.h"
@@ -24,7 +24,7 @@ Command emulated(const Command &options, const Command &program) {
     return command;
 }
 
-/// How many lines begin with `start` until the end.
+/// The number of lines that begin with `start`.
 double count_lines(int fd, std::string_view start) {
     const FileHandle file(fdopen(fd, "r"));
     std::array<char, 256> line{};
@@ -35,7 +35,7 @@ double count_lines(int fd, std::string_view start) {
     return count;
 }
 
-/// The main thread's instructions in a program that ends by itself: the emulator writes a line before each.
+/// The instructions of the main thread of a program that ends by itself. The emulator writes a line for each.
 double instructions_of(const Command &program) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -50,8 +50,8 @@ double instructions_of(const Command &program) {
 
 using MakeCommand = std::function<Command(int heartbeats)>;
 
-/// Those of a heartbeat that follows `heartbeats` others. The least of some runs counts: what one has too many
-/// would otherwise be missing in, or added to, the difference.
+/// The instructions of a heartbeat after `heartbeats` others. Takes the minimum of several runs, because extra
+/// instructions of one run would distort the difference.
 double instructions_of_pass(const MakeCommand &command, int heartbeats) {
     constexpr int more = 2;
     constexpr int runs = 2; // each takes minutes
@@ -65,8 +65,8 @@ double instructions_of_pass(const MakeCommand &command, int heartbeats) {
     return (least(heartbeats + more) - least(heartbeats)) / more;
 }
 
-/// Whether a line of smaps begins the account of a mapping below 4 GiB, where the emulated program has
-/// all of its own, or above, where the emulator is; otherwise `before`.
+/// Whether a line of smaps starts a mapping below 4 GiB, where all mappings of the emulated program are; the
+/// emulator's own are above. For any other line: `before`.
 bool is_of_guest(const std::string &line, bool before) {
     char *end = nullptr;
     const std::uint64_t start = std::strtoull(line.c_str(), &end, 16);

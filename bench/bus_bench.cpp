@@ -1,7 +1,6 @@
-// The bus service against the barest server that libdbus allows, on one bus, round after round in turn:
-// the round trip of a call of GetListing and the server's processor time, for none, one and all issues
-// raised. Then how soon a signal comes after its pass, how soon a hundred calls are answered, and what
-// the daemon uses while there is no bus.
+// The bus service compared with a minimal libdbus server on the same bus, in alternating rounds: the round trip of
+// a GetListing call and the server's processor time, with no, one and all issues raised. Then the delay of a signal
+// after its pass, the time to answer a hundred calls, and the processor time of the daemon without a bus.
 
 #include "bus_servers.h"
 #include "dbus-srv/bus_handle.h"
@@ -25,12 +24,12 @@
 namespace {
 
 constexpr int ROUNDS = 25;
-constexpr int CALLS = 400; // a round
+constexpr int CALLS = 400; // per round
 constexpr std::array<int, 3> ISSUES{0, 1, ALL_ISSUES};
 constexpr std::array<Server, 4> KINDS{Server::daemon, Server::daemon_without_journal, Server::bare,
                                       Server::bare_with_traces};
 
-/// The bench's own connection.
+/// The benchmark's own connection.
 DBusConnection *client = nullptr;
 
 BusMessage listing_call(const std::string &name) {
@@ -60,7 +59,7 @@ struct Contender {
     int issues;
     std::string name;
     std::unique_ptr<Process> process;
-    double round_trip = std::numeric_limits<double>::infinity(); ///< nanoseconds, of the fastest round
+    double round_trip = std::numeric_limits<double>::infinity(); ///< nanoseconds, fastest round
     double processor = std::numeric_limits<double>::infinity();
 };
 
@@ -83,7 +82,7 @@ std::string body_of(const std::string &name) {
     if (!reply || dbus_message_marshal(reply.get(), &bytes, &size) == 0) {
         return "no answer";
     }
-    std::uint32_t length = 0; // of the body, the second word
+    std::uint32_t length = 0; // of the body: the message's second word
     std::memcpy(&length, bytes + sizeof length, sizeof length);
     std::string body(bytes + size - length, length);
     dbus_free(bytes);
@@ -100,9 +99,9 @@ void print_ratio(const char *what, const Contender &daemon, const Contender &bar
 
 /// In the order of KINDS.
 void print_ratios(const Contender *contenders) {
-    print_ratio("beside the bare server:", contenders[0], contenders[2]);
-    print_ratio("beside it with the traces:", contenders[0], contenders[3]);
-    print_ratio("without journal beside it:", contenders[1], contenders[2]);
+    print_ratio("over the bare server:", contenders[0], contenders[2]);
+    print_ratio("over the one with traces:", contenders[0], contenders[3]);
+    print_ratio("without journal, over bare:", contenders[1], contenders[2]);
 }
 
 void compare_listings() {
@@ -153,7 +152,7 @@ void measure_signals() {
         await_signal();
         const long received = monotonic_time();
         times.push_back(received - std::stol(daemon.process->read_line()));
-        usleep(static_cast<useconds_t>(pass % 10 * 100)); // to meet the listener everywhere in its wait
+        usleep(static_cast<useconds_t>(pass % 10 * 100)); // varies, to hit every phase of the listener's wait
     }
     print_times("from the end of a pass to its signal at a client", &times);
 }
@@ -195,7 +194,7 @@ void measure_absence(PrivateBus *bus) {
 
 int main(int argc, char **argv) {
     serve_if_asked(argc, argv);
-    leave_last_processor(); // all share one, or a round trip is that of where the scheduler put each
+    leave_last_processor(); // all processes share one: the scheduler's placement would change the round trip
     start_journal_sink();
     PrivateBus bus;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);

@@ -1,5 +1,5 @@
-// file_compress against the tool "bzip2 -1" on the same status log: processor time, each in a process
-// of its own, and the heap of the one against the whole memory of the other.
+// file_compress compared with the tool "bzip2 -1" on the same status log: processor time, each in its own process,
+// and the heap of file_compress compared with the tool's whole memory.
 
 #include "common/compression.h"
 
@@ -43,7 +43,7 @@ void uncounted(void *memory) { heap_now -= malloc_usable_size(memory); }
 
 } // namespace
 
-// In front of the C library's own, for libbz2 too.
+// Replace the C library's functions, also for libbz2.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming,readability-inconsistent-declaration-parameter-name)
 extern "C" {
 void *__libc_malloc(std::size_t size);
@@ -82,11 +82,11 @@ void write_log(const std::string &path) {
 }
 
 struct Usage {
-    double seconds; ///< of the processor
-    double peak;    ///< bytes of memory of its own
+    double seconds; ///< processor time
+    double peak;    ///< bytes of private memory
 };
 
-/// The memory that is the process's own, without the pages of programs and libraries; 0 at its end.
+/// The private memory of the process, without the pages of programs and libraries; 0 once it has ended.
 double memory_of(pid_t process) {
     std::ifstream status("/proc/" + std::to_string(process) + "/status");
     for (std::string line; std::getline(status, line);) {
@@ -101,8 +101,8 @@ double seconds(const timeval &time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-/// Runs a program to its end. Its memory is looked at on the way: the peak that is told at the end
-/// starts with that of this process.
+/// Runs a program to its end and samples its memory: the peak in its rusage would include that of this process
+/// before exec.
 template <std::size_t N> Usage run(std::array<const char *, N> arguments) {
     std::array<char *, N + 1> argv{};
     for (std::size_t i = 0; i < N; ++i) {
@@ -161,7 +161,7 @@ BENCHMARK(compress_against_the_tool)->UseManualTime()->Unit(benchmark::kMillisec
 
 using Handle = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 
-/// The library's stream with the parameters of file_compress, and nothing around it.
+/// Only the library's stream, with the parameters of file_compress.
 int compress_bare(const char *from, const char *to) {
     const Handle in(std::fopen(from, "re"), std::fclose);
     const Handle out(std::fopen(to, "we"), std::fclose);

@@ -1,5 +1,5 @@
-// What the whole process costs, seen from outside: the daemon compared with the baseline, and with other programs
-// of its kind where they are installed, at a heartbeat a second with all tasks due.
+// The cost of the whole process, measured from outside: the daemon compared with the baseline, and with installed
+// programs of its kind, at one heartbeat per second with all tasks due.
 //     cost_bench [start|instructions|calls|memory|cycles]
 
 #include "counts.h"
@@ -31,7 +31,7 @@ namespace {
 
 void sleep_for(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 
-/// A /proc of the own namespace's processes, with the network of the process `board` in it.
+/// Mounts a /proc of our pid namespace, with the network tables of the process `board`.
 void mount_own_proc(pid_t board) {
     if (unshare(CLONE_NEWNS) != 0) {
         _exit(127);
@@ -44,10 +44,10 @@ void mount_own_proc(pid_t board) {
     }
 }
 
-/// As many processes as a small board has, its kernel's among them.
+/// Starts as many processes as run on a small board, including kernel threads.
 void start_population() {
     constexpr int population = 80;
-    if (fork() != 0) { // what it costs is not the program's
+    if (fork() != 0) { // in another process, so that the program does not pay for it
         return;
     }
     for (int i = 2; i < population && fork() != 0; ++i) {
@@ -57,9 +57,9 @@ void start_population() {
     }
 }
 
-/// A program among as many processes as on a board, whatever else runs here.
+/// A program in its own pid namespace, with as many processes as on a board.
 struct ApartProgram {
-    pid_t guard; ///< the program's parent, which ends with it
+    pid_t guard; ///< the program's parent, ends after it
     pid_t pid;
 };
 
@@ -91,7 +91,7 @@ ApartProgram start_apart(const Command &command) {
     return program;
 }
 
-/// The sum of the numbers behind `name`, with which their lines in `file` begin, of all threads.
+/// The sum over all threads of the numbers that follow `name` at the start of a line of `file`.
 double sum_of_threads(pid_t pid, const std::string &file, const std::string &name) {
     double sum = 0;
     std::error_code ignored;
@@ -118,7 +118,7 @@ double kib_of(pid_t pid, const std::string &name) {
     return 0;
 }
 
-/// All threads' calls within some seconds.
+/// The system calls of all threads within some seconds.
 double system_calls_within(pid_t pid, const std::string &report, int seconds) {
     const pid_t strace = start({"strace", "-q", "-f", "-c", "-o", report, "-p", std::to_string(pid)});
     sleep_for(seconds * 1000);
@@ -127,19 +127,19 @@ double system_calls_within(pid_t pid, const std::string &report, int seconds) {
     return counts_of(report)["total"];
 }
 
-/// The main thread's calls in one heartbeat: those of more heartbeats less those of fewer.
+/// The main thread's calls per heartbeat: the difference of a longer and a shorter run.
 CallCounts system_calls_of(const std::function<Command(int heartbeats)> &command, const std::string &report) {
     constexpr int few = 20;
     constexpr int more = 50;
     const auto calls_of = [&](int heartbeats) {
         std::filesystem::remove(report);
-        Command words{"strace", "-q", "-D", "-c", "-o", report}; // the program keeps the process that we start
+        Command words{"strace", "-q", "-D", "-c", "-o", report}; // the started process becomes the program
         for (const std::string &word : command(heartbeats)) {
             words.push_back(word);
         }
         waitpid(start(words), nullptr, 0);
         for (int patience = 100; counts_of(report)["total"] == 0 && patience > 0; --patience) {
-            sleep_for(10); // strace ends after what it follows
+            sleep_for(10); // strace ends after the program
         }
         return counts_of(report);
     };
@@ -151,7 +151,7 @@ CallCounts system_calls_of(const std::function<Command(int heartbeats)> &command
     return counts;
 }
 
-/// The processor time of programs that end by themselves, the least of some runs of each in turn.
+/// The processor times of programs that end by themselves: the minimum of several alternating runs.
 std::vector<double> least_microseconds(const std::vector<Command> &commands) {
     constexpr int runs = 25;
     std::vector<double> least(commands.size(), 1e12);
@@ -177,7 +177,7 @@ Memory memory_of(pid_t pid) {
     return {.resident = kib_of(pid, "Rss"), .proportional = kib_of(pid, "Pss"), .dirty = kib_of(pid, "Private_Dirty")};
 }
 
-/// What a program that goes on for ever costs at a heartbeat a second.
+/// The cost of a permanently running program at one heartbeat per second.
 struct Cycle {
     double microseconds = 0, waits = 0, preemptions = 0, calls = 0, start_microseconds = 0;
     Memory memory{};
@@ -190,8 +190,8 @@ struct Subject {
     Cycle cycle = {};
 };
 
-/// Starts all, one a quarter of a second after the other so that their heartbeats do not meet, and notes
-/// what each has used after its first two seconds.
+/// Starts all programs 250 ms apart, so that their heartbeats do not coincide, and records the processor time of
+/// each after its first two seconds.
 void start_all(std::vector<Subject> *subjects) {
     constexpr int apart_ms = 250;
     constexpr int first_ms = 2000;
@@ -206,7 +206,7 @@ void start_all(std::vector<Subject> *subjects) {
     }
 }
 
-/// Starts all, lets them settle, and looks at them at the same time.
+/// Starts all programs, lets them settle and measures them over the same period.
 void watch(std::vector<Subject> *subjects, const std::string &scratch) {
     constexpr int seconds = 30;
     constexpr int traced_seconds = 10;
@@ -239,7 +239,7 @@ bool is_installed(const char *program) {
     return access(path.c_str(), X_OK) == 0 || access(admins.c_str(), X_OK) == 0;
 }
 
-/// Writes a peer's configuration into the scratch folder, the folder's name in it; its path.
+/// Writes a peer's configuration, which names the scratch folder, into that folder; returns its path.
 std::string configuration(const BenchBoard &board, const std::string &name) {
     std::ifstream file(std::string(PEERS_FOLDER "/") + name);
     std::string text{std::istreambuf_iterator<char>(file), {}};
@@ -282,7 +282,7 @@ void compare_cycles(const BenchBoard &board, const Baseline &baseline) {
         print_pair(subjects[i].name, daemon, peer, is_monit ? 0.5 : 0.6);
         const std::string over = std::string(" over ") + subjects[i].name;
         print_row(("private dirty KiB" + over).c_str(), daemon.memory.dirty, peer.memory.dirty, is_monit ? 0.3 : 0.5);
-        if (is_monit) { // the other one's own libraries are no more than a frame
+        if (is_monit) { // the other one's work is in plugins
             print_row(("resident KiB" + over).c_str(), daemon.memory.resident, peer.memory.resident, 0.5);
         }
         print_row(("proportional KiB" + over).c_str(), daemon.memory.proportional, peer.memory.proportional, 1.0);
@@ -294,7 +294,7 @@ struct ListedCalls {
     double most;
 };
 
-// What docs/performance.md lists, less what only the wait for the next heartbeat makes; the lines come to it.
+// The list in docs/performance.md, without the calls of the wait for a heartbeat. Each line adds a sendmsg.
 constexpr double QUESTIONS = 8;
 constexpr std::array listed{ListedCalls{"sendmsg", QUESTIONS},  ListedCalls{"recvmsg", 3 * QUESTIONS},
                             ListedCalls{"ppoll", QUESTIONS},    ListedCalls{"openat", 13},
@@ -321,7 +321,7 @@ void compare_system_calls(const BenchBoard &board, const Baseline &baseline) {
     print_row("system calls of a pass over the list's", total, most, 1.0);
     counts.erase("total");
     for (const auto &[name, calls] : counts) {
-        if (calls > most_of(name, baseline.lines_of_pass()) + 0.5) { // what is made once is spread over all
+        if (calls > most_of(name, baseline.lines_of_pass()) + 0.5) { // one-time calls are spread over all heartbeats
             print_row(("of them " + name).c_str(), calls, most_of(name, baseline.lines_of_pass()), 1.0);
         }
     }

@@ -1,4 +1,4 @@
-// One record of the status log beside a bare write of the same bytes to a file opened alike.
+// One record of the status log compared with a bare write of the same bytes to a file opened in the same way.
 
 #include "gdata.h"
 #include "handle.h"
@@ -11,7 +11,7 @@
 #include <fcntl.h>
 #include <string_view>
 
-// Traces end here: the journal is not what is measured.
+// Drops the traces: the journal is not measured.
 extern "C" int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, const char * /*line*/,
                                               const char * /*function*/, const char * /*format*/, ...) {
     return 0;
@@ -19,7 +19,7 @@ extern "C" int sd_journal_print_with_location(int /*priority*/, const char * /*f
 
 namespace {
 
-/// An empty file of the benchmark's own, without a name once it is let go.
+/// An empty temporary file, removed by the destructor.
 class ScratchFile {
   public:
     ScratchFile() { Descriptor(mkostemp(name_, O_CLOEXEC)).reset(); }

@@ -1,4 +1,4 @@
-// One expansion of a built-in template beside one snprintf of the same sentence, traces dropped.
+// One expansion of a built-in template compared with one snprintf of the same sentence, without traces.
 
 #include "logger.h"
 
@@ -6,7 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <cstdio>
 
-// The journal is not what is measured.
+// The journal is not measured.
 extern "C" int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, const char * /*line*/,
                                               const char * /*function*/, const char * /*format*/, ...) {
     return 0;

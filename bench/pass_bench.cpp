@@ -1,7 +1,7 @@
-// One whole pass over all built-in tasks, everything due, and the heartbeats of an hour, each against a
-// bare program that asks the same of the system. What that is, is noted while they run once.
+// One pass with all built-in tasks due, and the heartbeats of an hour, each compared with a bare program that makes
+// the same calls, recorded in a first run.
 //     pass_bench                       the ratios of processor time
-//     pass_bench pass|bare_pass N      N of these and nothing else, for tools that count
+//     pass_bench pass|bare_pass N      only N of these, for tools that count
 //     pass_bench hour|bare_hour N
 
 #include "bench_board.h"
@@ -25,15 +25,15 @@
 
 namespace {
 
-constexpr std::int64_t HOUR = 3600; // the longest interval: after it all tasks are due
+constexpr std::int64_t HOUR = 3600; // the longest interval: all tasks are due after it
 constexpr std::int64_t HEARTBEAT = 10;
 
-/// A full hour, and not in the past: issues are stamped with the real time.
+/// A full hour in the future: issues are stamped with the real time.
 std::int64_t now = (std::time(nullptr) / HOUR + 1) * HOUR;
 
 void pass() { scheduler_pass(now += HOUR); }
 
-/// Begins with a pass in which all tasks are due.
+/// Starts with a pass in which all tasks are due.
 void hour() {
     for (const std::int64_t end = now + HOUR; now < end;) {
         scheduler_pass(now += HEARTBEAT);
@@ -92,7 +92,7 @@ void repeat(benchmark::State &bench, void (*run)()) {
 }
 
 int measure(int argc, char **argv) {
-    // Many short repetitions: the fastest of them are those that nothing else on the machine disturbed.
+    // Many short repetitions: nothing else on the machine disturbs the fastest ones.
     for (const Mode &mode : modes) {
         const bool is_hour = mode.run == hour || mode.run == bare_hour;
         benchmark::RegisterBenchmark(mode.name, repeat, mode.run)
@@ -118,7 +118,7 @@ int main(int argc, char **argv) {
     if (mode == modes.end()) {
         return measure(argc, argv);
     }
-    for (int i = std::atoi(argv[2]); i > 0; --i) { // NOLINT(cert-err34-c): for those who know
+    for (int i = std::atoi(argv[2]); i > 0; --i) { // NOLINT(cert-err34-c): for developers
         mode->run();
     }
     return 0;

@@ -1,4 +1,4 @@
-// One run of each value probe, and the system calls that it cannot do without.
+// One run of each value probe, and the minimal system calls for the same value.
 
 #include "builtin.h"
 #include "common.h"
@@ -13,7 +13,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-// Takes the journal's place, so that the probe is measured and not the journal.
+// Replaces the journal, which is not measured.
 extern "C" int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, const char * /*line*/,
                                               const char * /*function*/, const char * /*format*/, ...) {
     return 0;
@@ -21,7 +21,7 @@ extern "C" int sd_journal_print_with_location(int /*priority*/, const char * /*f
 
 namespace {
 
-/// A file with this content, removed at the end.
+/// A temporary file with this content.
 class Fixture {
   public:
     explicit Fixture(const std::string &content) {
@@ -82,7 +82,7 @@ BENCHMARK(memoryusage);
 void memoryusage_bare(benchmark::State &state) { bare_read(state, "/proc/meminfo"); }
 BENCHMARK(memoryusage_bare);
 
-/// No device here: the kernel refuses the command.
+/// Without a device: the kernel refuses the command.
 void wearout_refused(benchmark::State &state) { run_probe(state, wearout_exec, "/dev/null", -1); }
 BENCHMARK(wearout_refused);
 

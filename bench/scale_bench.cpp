@@ -1,5 +1,5 @@
-// A pass over tables of 23, 230 and 2,300 tasks: the time for a task must not grow with their number.
-// The wireless tasks stay out: each walks a list of all of them, tracing each step, as it is to do.
+// A pass over tables of 23, 230 and 2,300 tasks: the time per task must not grow with their number. Without the
+// wireless tasks: each must walk a list of all of them and trace each step.
 
 #include "bench_board.h"
 #include "gdata.h"
@@ -19,7 +19,7 @@ constexpr std::int64_t HOUR = 3600;
 
 std::int64_t now = std::time(nullptr);
 
-/// So many copies of the table's tasks, each with an index of its own, initialised.
+/// `copies` of the table's tasks, initialised, each with its own index.
 std::vector<Task> table_of(std::size_t copies) {
     std::vector<Task> tasks;
     for (std::size_t copy = 0; copy < copies; ++copy) {
@@ -44,7 +44,7 @@ double processor_microseconds() {
     return 1e6 * static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
-/// The least of some passes, for each task.
+/// The minimum of several passes, per task.
 double microseconds_a_task(std::vector<Task> &tasks) {
     gdata_set_tasks({.first = &tasks.front(), .last = &tasks.back(), .count = static_cast<std::int32_t>(tasks.size())});
     for (Task &task : tasks) {

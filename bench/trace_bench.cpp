@@ -1,4 +1,4 @@
-// One trace line against the library's call alone with the same finished text.
+// One trace line compared with the library call alone for the same complete text.
 
 #include "journal_sink.h"
 #include "ratio.h"

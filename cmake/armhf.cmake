@@ -1,8 +1,8 @@
-# The board: 32-bit ARM with hardware floating point. The libraries come from the root file system
-# that script/setup extracts; binaries of the build run under user-mode emulation.
+# The board: 32-bit ARM with hardware floating point. The libraries come from the root file system that script/setup
+# extracts; test programs run under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
-set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # notes on what changed before our compiler
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # silences notes on ABI changes in older compilers
 set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)

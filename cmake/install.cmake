@@ -1,5 +1,4 @@
-# What belongs on a station beside the daemon. The system looks for these files below /usr, so that is
-# where an installation goes unless it is told otherwise.
+# Installs the daemon and its files. The default prefix is /usr, because the system searches there for these files.
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
     set_property(CACHE CMAKE_INSTALL_PREFIX PROPERTY VALUE /usr)
 endif()

@@ -1,6 +1,6 @@
-# The targets lint and lint_tests: clang-format and clang-tidy, one stamp a source, so that only what
-# changed is looked at again. lint formats everything and looks into what is installed or lasts;
-# lint_tests looks into the tests too, which takes a quarter of an hour.
+# The targets lint and lint_tests: clang-format and clang-tidy with one stamp per source, so that only changed files
+# are checked again. lint checks the format of everything and runs clang-tidy on src and tools; lint_tests runs it on
+# tests, benchmarks and docs, which takes a quarter of an hour.
 find_program(CLANG_FORMAT clang-format)
 find_program(CLANG_TIDY clang-tidy)
 if(NOT CLANG_FORMAT OR NOT CLANG_TIDY)
@@ -12,8 +12,7 @@ file(GLOB_RECURSE SOURCES_TO_TIDY CONFIGURE_DEPENDS src/*.cpp tools/*.cpp)
 file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp docs/*.cpp)
 file(GLOB_RECURSE FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
 
-# Appends to `stamps` one stamp for each file, made when the tool, whose configuration is the file
-# `settings`, finds nothing.
+# Appends one stamp per file to `stamps`, created when the tool, configured by the file `settings`, finds nothing.
 function(add_stamps stamps tool settings)
     cmake_parse_arguments(ARG "" "" "COMMAND;FILES;DEPENDS" ${ARGN})
     foreach(file ${ARG_FILES})
@@ -23,7 +22,7 @@ function(add_stamps stamps tool settings)
         file(MAKE_DIRECTORY ${folder})
         add_custom_command(
             OUTPUT ${stamp}
-            COMMAND ${ARG_COMMAND} ${file} 2>/dev/null # the count of findings in headers that are not ours
+            COMMAND ${ARG_COMMAND} ${file} 2>/dev/null # hides the count of findings in system headers
             COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
             DEPENDS ${file} ${ARG_DEPENDS} ${CMAKE_CURRENT_SOURCE_DIR}/${settings}
             COMMENT "${tool} ${name}")

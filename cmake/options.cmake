@@ -1,4 +1,4 @@
-# What every target is compiled with.
+# Options of all targets.
 add_library(vigmond_options INTERFACE)
 target_compile_options(
     vigmond_options
@@ -12,8 +12,6 @@ target_compile_options(
               -fno-exceptions
               -fno-rtti
               -fno-common)
-# The places of a trace line are cut out of the journal's field texts, and traces take their variable
-# arguments as GNU C has them.
 target_compile_definitions(vigmond_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
     target_compile_options(vigmond_options INTERFACE -ffunction-sections -fdata-sections -fstack-protector-strong)
@@ -26,8 +24,8 @@ if(VIGMOND_SANITIZE)
     target_link_options(vigmond_options INTERFACE -fsanitize=${VIGMOND_SANITIZE})
 endif()
 
-# Gives each source the file text of its trace lines, which is fixed: that of its module. A file split off
-# a module lies in a folder with the module's name and traces under it.
+# Sets the fixed file text of each source's trace lines: the name of its module. A file in a module's folder traces
+# under the module's name.
 function(vigmond_trace_files)
     foreach(source ${ARGN})
         file(RELATIVE_PATH module ${PROJECT_SOURCE_DIR}/src ${source})

@@ -1,5 +1,5 @@
-# revision.h with the version and the 40 digits of the source revision, made anew at each build and touched only when
-# they change.
+# Generates revision.h with the version and the 40 digits of the source revision at each build; its time changes only
+# if its content does.
 set(REVISION_HEADER ${CMAKE_BINARY_DIR}/generated/revision.h)
 add_custom_target(
     vigmond_revision_header

@@ -1,4 +1,4 @@
-// The line of a file that stands for a file system, and block counts as such.
+// The line of a file that represents a file system, and arbitrary block counts.
 
 #include "probe_read.h"
 #include "support/fuzz.h"

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t LONGEST_SECTION = 49;
 constexpr std::size_t LONGEST_LINE = 4095;
 
-std::size_t pairs_left; ///< the handler refuses the one behind them
+std::size_t pairs_left; ///< the handler rejects the next one
 bool refused;
 
 bool starts_or_ends_with_space(const char *text) {
@@ -49,7 +49,7 @@ int parse_file(const std::string &text) {
     return ini_parse_file(("/proc/self/fd/" + std::to_string(file.get())).c_str(), take);
 }
 
-/// What cannot be opened, or not be read, is no INI file.
+/// A path that cannot be opened or read is not an INI file.
 void check_unreadable() {
     PROMISE(ini_parse_file("/no/such/file", take) == -1);
     PROMISE(ini_parse_file("/", take) == -1);

@@ -1,4 +1,4 @@
-// Input: a table as /proc/net/dev shows it.
+// Input: a table in the format of /proc/net/dev.
 
 #include "probe_read.h"
 
@@ -16,7 +16,7 @@ void require(bool holds) {
     }
 }
 
-/// The share is an error without packets, and else within what 32 bits hold.
+/// The share is an error without packets, otherwise it fits 32 bits.
 void check_share(const TrafficCounters &counters) {
     const Reading reading = internet_percent(counters);
     const bool has_packets = static_cast<std::uint32_t>(counters.packets) != 0;

@@ -1,4 +1,4 @@
-// The room for tokens in the first byte, then the text.
+// The first byte is the number of tokens, the rest the text.
 
 #include "parse_json.h"
 #include "support/fuzz.h"
@@ -41,9 +41,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 1) {
         return 0;
     }
-    const std::vector<char> text(data + 1, data + size); // its exact size
+    const std::vector<char> text(data + 1, data + size); // of exact size, for the sanitizer
     const auto length = static_cast<std::int32_t>(text.size());
-    std::vector<JsonToken> tokens(data[0]); // and the exact room
+    std::vector<JsonToken> tokens(data[0]); // the same
     JsonParser parser{};
     json_init(&parser, tokens.data(), data[0]);
     const int result = json_parse(&parser, text.data(), length);

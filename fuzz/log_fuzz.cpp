@@ -1,4 +1,4 @@
-// The size of the pieces in the first byte, then a status log, plain or packed.
+// The first byte is the size of the pieces, the rest a status log, plain or packed.
 
 #include "chunk.h"
 #include "source.h"

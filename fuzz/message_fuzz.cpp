@@ -1,7 +1,6 @@
-// A message on the bus. Input: its bytes as they come over the wire ("l" or "B" first), or else the
-// length of a signature, the signature, and a body; then a call of each method has that body. No issue
-// is raised meanwhile if the length has the bit QUIET. With the bit FAILING a byte follows it that tells
-// which call of the library fails, as when memory is out.
+// A message on the bus. Input: its bytes in wire format ("l" or "B" first), or the length of a signature, the
+// signature and a body, which is then used in a call of each method. If the length has the bit QUIET, no issue is
+// raised. If it has the bit FAILING, the next byte selects the library call that fails as if out of memory.
 
 #include "dbus-srv.h"
 #include "dbus-srv/bus_handle.h"
@@ -20,8 +19,8 @@ struct Method {
     const char *interface;
     const char *member;
     int (*handler)(DBusConnection *, DBusMessage *);
-    const char *reply; ///< its signature while issues are raised
-    const char *quiet; ///< and while none is
+    const char *reply; ///< its signature if issues are raised
+    const char *quiet; ///< its signature if none is
 };
 
 constexpr std::array<Method, 3> METHODS{{
@@ -35,7 +34,7 @@ constexpr std::uint8_t QUIET = 0x20;
 constexpr std::uint8_t FAILING = 0x80;
 
 BusMessage sent;      // the last reply
-int failing_call = 0; // counted from 1; none fails at 0
+int failing_call = 0; // counted from 1; 0: none fails
 int calls_to_failure = 0;
 
 bool fails() { return calls_to_failure > 0 && --calls_to_failure == 0; }
@@ -67,7 +66,7 @@ dbus_bool_t __wrap_dbus_message_iter_open_container(DBusMessageIter *iter, int t
                                                     DBusMessageIter *sub) {
     return fails() ? FALSE : __real_dbus_message_iter_open_container(iter, type, signature, sub);
 }
-/// The library closes it even where it fails.
+/// The library closes the container even on failure.
 dbus_bool_t __wrap_dbus_message_iter_close_container(DBusMessageIter *iter, DBusMessageIter *sub) {
     const dbus_bool_t closed = __real_dbus_message_iter_close_container(iter, sub);
     return fails() ? FALSE : closed;
@@ -86,7 +85,7 @@ void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
 
 namespace {
 
-/// An issue that is raised for its life, if it is.
+/// Raises an issue for its lifetime, if requested.
 class RaisedIssue {
   public:
     explicit RaisedIssue(bool raised) : raised_(raised) { report(1); }
@@ -140,12 +139,12 @@ void put_field(std::string &bytes, char code, char type, const std::string &text
     bytes += text + '\0';
 }
 
-/// A call with a body of any bytes.
+/// A call with an arbitrary body.
 std::string call_bytes(const Method &method, const std::string &signature, const std::string &body) {
     std::string bytes("l\1\0\1", 4);
     put_number(bytes, static_cast<std::uint32_t>(body.size()));
     put_number(bytes, 1);
-    put_number(bytes, 0); // the length of the fields, below
+    put_number(bytes, 0); // the length of the fields, set below
     put_field(bytes, 1, 'o', "/com/corvana/Monitoring1");
     put_field(bytes, 2, 's', method.interface);
     put_field(bytes, 3, 's', method.member);
@@ -161,7 +160,7 @@ BusMessage message_of(const std::string &bytes) {
     return BusMessage(dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), error.fresh()));
 }
 
-/// Served as the listener serves it.
+/// Handles the message like the listener.
 void serve(const BusMessage &message) {
     for (const Method &method : METHODS) {
         if (message && dbus_message_is_method_call(message.get(), method.interface, method.member) != 0) {

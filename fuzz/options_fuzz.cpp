@@ -1,5 +1,4 @@
-// The command line: one argument a line of the input. The program is linked so that every open of a file
-// comes here, and no log file is ever made.
+// The command line, one argument per line. open64 is wrapped, so that no log file is ever created.
 
 #include "gdata.h"
 #include "support/fuzz.h"
@@ -51,7 +50,7 @@ void check_settings() {
     PROMISE(gdata_get_severitylevel() >= SEVERITY_CRITICAL && gdata_get_severitylevel() <= SEVERITY_OK);
 }
 
-/// A log file that is taken has been tried here, and nowhere else.
+/// An accepted log file must have been opened, and only through the wrapper.
 Options eat(std::vector<std::string> &arguments) {
     std::vector<char *> argv;
     argv.reserve(arguments.size() + 1);
@@ -85,6 +84,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     PROMISE(options.program != nullptr && std::strchr(options.program, '/') == nullptr);
     PROMISE(std::strlen(options.program) <= longest);
     check_settings();
-    usage(2, options.program, nullptr); // as the program's start ends
+    usage(2, options.program, nullptr); // as at the end of the program's start
     return 0;
 }

@@ -1,4 +1,4 @@
-// Two readings of the first line of /proc/stat, one a line.
+// Two readings of the first line of /proc/stat, one per line.
 
 #include "builtin/load.h"
 #include "support/fuzz.h"
@@ -14,7 +14,7 @@ bool take_reading(std::string line, CpuCounters *counters) {
     return usable;
 }
 
-/// The load is what idle leaves of 100, or nothing is stored.
+/// The load is 100 minus idle, or nothing is stored.
 void check_load(const CpuCounters &before, const CpuCounters &now) {
     CpuLoad load{.user = 1, .system = 2, .idle = 3, .load = 4};
     if (!load_between(before, now, &load)) {

@@ -1,5 +1,5 @@
-// Input: state, buffer size, length of the parameter (0xff: none), one byte each, then the parameter
-// and the template up to the end.
+// Input: state, buffer size, length of the parameter (0xff: none), one byte each, then the parameter, then the
+// template.
 
 #include "logger.h"
 
@@ -27,7 +27,7 @@ void require(bool holds) {
     }
 }
 
-/// The texts are borrowed; a null parameter is none.
+/// Borrows the texts; a null parameter means none.
 Task make_task(std::int8_t state, const char *parameter, const char *format) {
     Task task{};
     task.flags = TASK_HAS_FORMAT | (parameter == nullptr ? 0U : TASK_HAS_PARAMETER);
@@ -42,7 +42,7 @@ Task make_task(std::int8_t state, const char *parameter, const char *format) {
     return task;
 }
 
-/// The array ends where the buffer does, so that the sanitizer sees a byte written behind it.
+/// The array has the exact size of the buffer, so that the sanitizer detects a write past its end.
 std::string expand(const Task &task, std::size_t size) {
     const std::unique_ptr<char[]> buffer(new char[size]);
     std::fill_n(buffer.get(), size, UNTOUCHED);
@@ -82,7 +82,7 @@ std::string replacement(const Task &task, char letter) {
     }
 }
 
-/// The same in a text that grows, cut at the end.
+/// The same in a growing text, truncated at the end.
 std::string model(const Task &task, std::size_t size) {
     std::string text;
     for (std::size_t at = 0; text.size() < size && task.format[at] != '\0'; ++at) {
@@ -118,6 +118,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t leng
     Task task =
         make_task(static_cast<std::int8_t>(data[0]), has_parameter ? parameter.c_str() : nullptr, format.c_str());
     require(expand(task, size) == model(task, size));
-    require(threshold_logger(&task) == 0); // in the room behind a value
+    require(threshold_logger(&task) == 0); // in the space after a value
     return 0;
 }

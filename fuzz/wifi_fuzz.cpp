@@ -1,5 +1,5 @@
-// The WiFi configuration: whatever stands in it, the WiFi is in use or it is not. So too with tokens that
-// no parser makes: one for each word that a zero byte ends.
+// The WiFi configuration: for any content the WiFi is in use or not in use. Also with tokens that no parser
+// creates: one for each zero-terminated word.
 
 #include "network.h"
 #include "parse_json.h"
@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t CAPACITY = 32;
 using Tokens = std::array<JsonToken, CAPACITY>;
 
-/// An object of the words; how many tokens there are.
+/// Stores an object of the words; returns the number of tokens.
 std::int32_t put_words(const std::vector<char> &text, Tokens *tokens) {
     std::size_t count = 0;
     (*tokens)[count++].type = JSON_OBJECT;
@@ -29,7 +29,7 @@ std::int32_t put_words(const std::vector<char> &text, Tokens *tokens) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     std::vector<char> text(data, data + size);
-    text.push_back('\0'); // as the reader's buffer ends
+    text.push_back('\0'); // like the reader's buffer
     Tokens tokens{};
     JsonParser parser{};
     json_init(&parser, tokens.data(), tokens.size());

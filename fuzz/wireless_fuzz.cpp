@@ -1,4 +1,4 @@
-// A table as /proc/net/wireless shows it.
+// A table in the format of /proc/net/wireless.
 
 #include "probe_read.h"
 #include "support/fuzz.h"
@@ -11,7 +11,7 @@ namespace {
 constexpr int QUALITY_WORD = 2;
 constexpr int LEVEL_WORD = 3;
 
-/// A usable number fits 32 bits, truncated at least.
+/// A usable number fits 32 bits once truncated.
 void check_line(std::string line, int word) {
     const std::size_t length = line.size();
     double number = 0.25;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The probes' operations, as the built-in tasks bind them. An exec operation returns 0 with `value`
-// stored and marked valid, or -1 with `error` stored and `value` left stale.
+// The probes' operations, which the built-in tasks refer to. An exec operation returns 0 and stores a valid
+// `value`, or returns -1, stores `error` and keeps the old `value`.
 
 #include "gdata.h"
 

@@ -1,12 +1,11 @@
 #pragma once
 
-// The Linux capabilities of the calling thread. What the kernel refuses is left as it is.
+// The Linux capabilities of the calling thread. A change that the kernel refuses is ignored.
 
-/// Takes CAP_SYS_RAWIO out of the effective set. Called before there are other threads, which start with the
-/// same set.
+/// Removes CAP_SYS_RAWIO from the effective set. Called before other threads exist, because they inherit the set.
 void capabilities_lower_raw_io();
 
-/// CAP_SYS_RAWIO is effective while it lives, if it is permitted, and not afterwards.
+/// Makes CAP_SYS_RAWIO effective for its lifetime, if the permitted set has it.
 class RaisedRawIo {
   public:
     RaisedRawIo();
@@ -17,6 +16,6 @@ class RaisedRawIo {
     RaisedRawIo &operator=(RaisedRawIo &&) = delete;
 };
 
-/// Empties the ambient and the inheritable set, so that a program that the process becomes has no capability
-/// unless its user is root. For a child; async-signal-safe.
+/// Clears the ambient and the inheritable set, so that a program run by exec gets no capability unless its
+/// user is root. For a child; async-signal-safe.
 void capabilities_keep_from_programs();

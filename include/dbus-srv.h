@@ -13,7 +13,7 @@ int d_bus_srv_init();
 int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state);
 /// Writes the labels of the raised issues, "CB07, CB20"; "" when there are none. 256 bytes hold all.
 void d_bus_srv_raised_labels(char *text, std::size_t size);
-/// Whether the bus was lost, or never there; not while the daemon is still on its way to it.
+/// Whether the daemon has no bus connection or does not own its name. False while it still connects at start.
 bool d_bus_srv_is_off_bus();
-/// Announces what was raised and cleared since `now`, the start of the pass; returns 0.
+/// Announces the issues raised and cleared since `now`, the start of the pass; returns 0.
 int d_bus_srv_send_issues(std::int64_t now);

@@ -50,7 +50,7 @@ struct Task {
     Task *prev;
     std::uint32_t flags;
     TaskOperation init;         ///< called once at start
-    TaskOperation precondition; ///< 0 skips a run; asked when TASK_HAS_PRECONDITION is set
+    TaskOperation precondition; ///< 0 skips a run; called when TASK_HAS_PRECONDITION is set
     TaskOperation cleanup;      ///< called at exit when TASK_HAS_CLEANUP is set
     TaskOperation exec;         ///< the probe: stores `value` and TASK_VALUE_VALID, or `error`
     const char *source;
@@ -124,22 +124,22 @@ struct GlobalData {
     std::int32_t hysteresis;
 };
 
-/// The record itself, for the dump and for tests. All others use the operations below.
+/// The record itself, for the dump and for tests only.
 GlobalData &gdata_record();
 
-/// Sets the list of tasks, which must outlive the process's use of it. Traces nothing: at a start the options,
-/// which choose where traces go, have not been read yet.
+/// Sets the list of tasks, which must live as long as the process. Writes no trace: the options, which select the
+/// destination of traces, have not been parsed yet.
 void gdata_set_tasks(const TaskList &tasks);
 /// The first task, null when there is none.
 Task *gdata_get_task_head();
 
-/// The status log file in force.
+/// The current status log file.
 const char *gdata_get_logfile();
-/// Whether the status log can be appended to `path`, which is created if missing. False with errno;
-/// EINVAL for the lock file in its own folder, under whatever name: its close would free the lock.
+/// Whether the status log can be appended to `path`, which is created if missing. False with errno set; EINVAL
+/// for any name of the lock file in the same folder: closing it would release the lock.
 bool gdata_can_log_to(const char *path);
-/// Takes a copy of `path` when gdata_can_log_to it. Returns the path in force, which is the old one
-/// after a failure; errno then tells why.
+/// Stores a copy of `path` if gdata_can_log_to accepts it. Returns the current path; after a failure this is the
+/// old one and errno is set.
 const char *gdata_set_logfile(const char *path);
 
 std::int32_t gdata_get_logcount();
@@ -167,12 +167,12 @@ const char *gdata_set_commandline(int argc, char *const argv[]);
 const char *gdata_get_dbus_busname();
 const char *gdata_get_dbus_path();
 const char *gdata_get_dbus_if();
-/// The default interval of a task. The daemon keeps it, and never calls it.
+/// The default interval of a task. Never called by the daemon; kept.
 [[gnu::used, gnu::retain]] std::int32_t gdata_get_interval();
 std::int32_t gdata_get_intervalsteps();
 
-/// Writes the settings in force and every task to stdout; returns 0.
+/// Writes the current settings and every task to stdout; returns 0.
 int gdata_config_print();
-/// The names of the levels as the dump and the options' warnings show them.
+/// The names of the levels in the dump and in the options' warnings.
 const char *gdata_loglevel_name(std::int32_t level);
 const char *gdata_severitylevel_name(std::int32_t level);

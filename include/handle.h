@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <utility>
 
-/// Owns a file descriptor; -1 is none. Closing keeps no error.
+/// Owns a file descriptor; -1 is none. Errors of close are ignored.
 class Descriptor {
   public:
     constexpr Descriptor() = default;
@@ -39,14 +39,14 @@ class Descriptor {
     int fd_ = -1;
 };
 
-/// Opens a file without ever waiting: a FIFO or a busy terminal in its place must not stop a heartbeat.
-/// Creates with mode 0666 minus the umask.
+/// Opens a file without waiting: a FIFO or a busy terminal under this name must not stop a heartbeat. A new file
+/// has mode 0666 minus the umask.
 inline Descriptor open_nonblocking(const char *name, int flags) {
     return Descriptor(open(name, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
 }
 
-/// The same for appending; creates the file if missing. Empty, with errno set, on failure. A link
-/// is followed to a file that is there, but nothing is made where it leads to none.
+/// The same for appending; creates the file if missing. Empty, with errno set, on failure. Follows a link to an
+/// existing file, but does not create the target of a dangling link.
 inline Descriptor open_for_append(const char *name) {
     Descriptor file = open_nonblocking(name, O_WRONLY | O_APPEND);
     if (!file && errno == ENOENT) {

@@ -1,14 +1,14 @@
 #pragma once
 
-// The sockets of the journal and of syslog block while nobody reads them. A heartbeat or a termination must
-// not wait for that: each wait is bounded, and a socket that was found full is left alone until the next
-// heartbeat.
+// Writes to the sockets of the journal and of syslog block while their queues are full. A heartbeat or a
+// termination must not hang on that: each wait is bounded, and after a refusal a socket is not used until the
+// next heartbeat.
 
 #include <csignal>
 #include <ctime>
 
-/// Stands around the first trace of the process, with which the journal library opens its socket. Bounds the
-/// waits of that trace and of all later ones to a tenth of a second. To be destroyed before the first thread.
+/// Scope for the first trace of the process, during which the journal library opens its socket. Limits the wait
+/// of this and every later trace to 100 ms. Must end before the first thread is created.
 class JournalOpening {
   public:
     JournalOpening();
@@ -22,22 +22,23 @@ class JournalOpening {
     void start_timer();
     void stop_timer();
 
-    int socket_; ///< the number that the library's socket gets
+    int socket_; ///< the expected descriptor of the library's socket
     timer_t timer_{};
     bool timed_ = false;
     struct sigaction action_before_ {};
     sigset_t mask_before_{};
 };
 
-/// Whether the journal is left alone because it has refused a line.
+/// Whether the journal is not used for now because it refused a line.
 [[nodiscard]] bool journal_is_paused();
 
-/// Takes note of the result of a write to the journal, 0 or a negative error number.
+/// Records the result of a write to the journal, 0 or a negative errno. A failure starts a pause.
 void journal_note_result(int result);
 
-/// Whether syslog takes a message, true also when there is no such socket. The first refusal takes a tenth of
-/// a second, those that follow in the same heartbeat no time.
+/// Whether a message to syslog would not block; also true without a syslog socket. The first refusal takes
+/// 100 ms, later ones in the same heartbeat return at once.
 [[nodiscard]] bool syslog_has_room();
 
-/// Ends the pauses: a heartbeat begins, or the daemon ends. Without that they last ten seconds.
+/// Ends the pauses, which otherwise last ten seconds. Called at the start of each heartbeat and at the end of the
+/// daemon.
 void log_sockets_resume();

@@ -1,9 +1,8 @@
 #pragma once
 
-// The status log: a tab-separated file of every evaluation, rotated when full. Each record and each
-// block is in the kernel when its call returns; what finds no room is lost whole. Only where a piece of it
-// cannot be taken back (a pipe, a file that others have written to since) that piece stays, on a line of
-// its own.
+// The status log: a tab-separated file of every evaluation, rotated when full. Each record and each block is
+// handed to the kernel by one write. A record that does not fit is lost as a whole: a partial write is undone,
+// except in a pipe or a file that another process has appended to. There the next write starts a new line.
 
 #include "gdata.h"
 #include "handle.h"
@@ -23,7 +22,7 @@ struct LogfileStateRow {
 /// Searched from the first row.
 extern const std::array<LogfileStateRow, 8> logfile_state_table;
 
-/// Which file it is, whatever its name.
+/// Identifies a file independently of its name.
 struct FileIdentity {
     dev_t device = 0;
     ino_t inode = 0;
@@ -32,42 +31,42 @@ struct FileIdentity {
 
 /// The module's state.
 struct LogfileState {
-    TextHandle logfile_name;        ///< none: the status log is off
+    TextHandle logfile_name;        ///< null: the status log is off
     Descriptor logfile_stream;      ///< opened by the first record, closed by rotation
     FileIdentity logfile_identity;  ///< of the open file
     int logfile_is_file = 0;        ///< 0 for a standard stream, which is never rotated
     int logfile_header_written = 0; ///< the next header says "START" if 0, else "ROTATE"
     int logfile_initialised = 0;
-    bool torn = false;                ///< the last line of the stream is a piece of a record
-    bool rotation_broken_off = false; ///< the last one, because the process is to end
-    std::int64_t rotation_end = 0;    ///< the second of the monotonic clock after which one is; 0 is none
+    bool torn = false;                 ///< the last line of the stream is an incomplete record
+    bool rotation_interrupted = false; ///< the last rotation, because the process is about to end
+    std::int64_t rotation_end = 0;     ///< monotonic seconds after which a rotation is interrupted; 0: no limit
     std::int32_t loglevel = LOGLEVEL_OK;
     std::int32_t logsize = 1048576;
     std::int32_t logcount = 10;
-    int pass_error = -1;         ///< of what was written in this pass: 0 or the errno of a loss; -1 for nothing yet
-    int last_error = 0;          ///< the same of the last pass in which there was something to write
-    std::time_t stamp_time = -1; ///< that of `stamp`; -1 is none
+    int pass_error = -1;         ///< of this pass: 0, the errno of a loss, or -1 if nothing was written yet
+    int last_error = 0;          ///< of the last pass that wrote anything
+    std::time_t stamp_time = -1; ///< the time that `stamp` shows; -1 is none
     std::array<char, sizeof "0000-00-00 00:00:00"> stamp{};
 };
 
-/// The one instance. Tests set limits here that no setting allows.
+/// The only instance. Tests set limits here that the settings do not allow.
 LogfileState &logfile_state();
 
-/// Takes the settings in force and writes the first header; once in a process. Returns 0.
+/// Reads the current settings and writes the first header; later calls do nothing. Returns 0.
 int logfile_init();
-/// For the start of each heartbeat: when the open file was moved or removed, opens the file that has its name
-/// now, or a new one, and begins it with a header. While none can be opened, the old one stays open.
+/// Called at the start of each heartbeat: if the open file was moved or removed, opens the file that now has its
+/// name, or creates it, and writes a header. If that fails, the old file stays open.
 void logfile_follow_name();
-/// Writes the task's record when its mark `do_logfile` is 1, which it leaves alone; returns 0.
+/// Writes the task's record if its mark `do_logfile` is 1; does not clear the mark. Returns 0.
 int logfile_run(Task *task);
 /// Writes the task's record; returns 0.
 int logfile_exec(Task *task);
-/// Ends a pass: the errno with which records were lost in it, 0 when none was. A pass without a record is
-/// as the one before.
+/// Ends a pass. Returns the errno of a record lost in it, or 0. A pass without records repeats the previous
+/// result.
 int logfile_pass_error();
 /// Writes the closing block and leaves the stream open; returns 0.
 int logfile_cleanup();
-/// Appends a header block to the file `name`; nothing when it cannot be opened.
+/// Appends a header block to the file `name`; does nothing if the file cannot be opened.
 void lf_header(const char *name);
-/// Appends a record of `state` with `text`, or with `mark` 1 a marker block, and rotates a full file.
+/// Appends a record of `state` with `text`, or a marker block if `mark` is 1; then rotates a full file.
 void lf_print(std::int32_t state, const char *text, int mark);

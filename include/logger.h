@@ -22,14 +22,14 @@ extern const std::array<LoggerState, 7> logger_state_table;
 /// The last row of `table` for `state`; null if absent.
 const LoggerState *logger_state_row(std::span<const LoggerState> table, int state);
 
-/// Opens syslog the first time; until then nothing is written. Returns 0.
+/// Opens syslog on the first call; nothing is written before that. Returns 0.
 int logger_init();
 /// Runs the task's logger and clears its mark; its result, or -1, the mark untouched, when it has none.
 int logger(Task *task);
 
 /// Writes `text` with the label of `state` (-2..4), if the severity level permits.
 void logger_syslog(int state, const char *text);
-/// Traces how many sentences were lost, once syslog is read again.
+/// Traces how many sentences were lost, once syslog accepts messages again.
 void logger_tell_lost();
 /// Expands the task's template into `buffer`; 0, or -1, the buffer untouched, when it has none.
 /// Text that does not fit is cut; an insertion that does not fit is omitted.
@@ -41,7 +41,7 @@ TextBuffer logger_value_line(std::span<char> buffer, const Task *task);
 
 // The logging operations; all return 0.
 
-/// For a value that is either good or bad.
+/// For a value that is good or bad.
 int bool_logger(Task *task);
 /// Reports the value and how it compares with the limit.
 int threshold_logger(Task *task);

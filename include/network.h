@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-// Which network paths are in use: 1 or 0, 0 until the first check. Main thread only; tests write them too.
+// Whether each network path is in use: 1 or 0; 0 until the first check. Main thread only; tests write them too.
 extern constinit std::int32_t lan_available;
 extern constinit std::int32_t wifi_available;
 extern constinit std::int32_t mobile_available;

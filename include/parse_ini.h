@@ -25,5 +25,5 @@ char *lskip(char *text);
 /// The first character of `text` that is one of `characters` (null for none) or begins an inline
 /// comment, which is a semicolon directly after white space; else the end of `text`.
 char *find_chars_or_comment(char *text, const char *characters);
-/// Copies what fits of `source` into a buffer of `size` bytes, always terminated; returns the buffer.
+/// Copies as much of `source` as fits into a buffer of `size` bytes, always terminated; returns the buffer.
 char *strncpy0(char *destination, const char *source, std::size_t size);

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a probe reads, and its parsers: text in, value or error out.
+// The probes' parsers: text in, value or error out.
 
 #include <array>
 #include <cerrno>
@@ -14,12 +14,12 @@ struct Reading {
     static constexpr Reading of(std::int32_t value) { return {.value = value, .error = 0}; }
     static constexpr Reading failed(std::int32_t error) { return {.value = 0, .error = error}; }
 
-    /// A call failed with `error`. Kept in every probe: with errno 0 the prepared value counts as measured.
+    /// The result of a call that failed with `error`. Kept: if errno is 0, `prepared` counts as measured.
     static constexpr Reading failed_with_errno(std::int32_t error, std::int32_t prepared = 0) {
         return error == 0 ? of(prepared) : failed(error);
     }
 
-    /// A number truncated toward zero; EINVAL for what no 32-bit integer holds ("inf", "nan", 1e300).
+    /// A number truncated toward zero; EINVAL if it does not fit 32 bits ("inf", "nan", 1e300).
     static constexpr Reading of_number(double number) {
         const bool fits = number > -2147483649.0 && number < 2147483648.0; // false for nan
         return fits ? of(static_cast<std::int32_t>(number)) : failed(EINVAL);
@@ -35,7 +35,7 @@ struct MemoryFigures {
     std::uint64_t free;
 };
 
-/// Takes MemTotal and MemFree from a line of /proc/meminfo, which it splits in place. Skips other lines.
+/// Reads MemTotal or MemFree from a line of /proc/meminfo, which it splits in place. Ignores other lines.
 void memoryusage_parse_line(char *line, MemoryFigures *figures);
 /// Free memory in whole percent; EINVAL without a total.
 Reading memoryusage_percent(const MemoryFigures &figures);
@@ -53,19 +53,19 @@ struct BlockCounts {
     std::uint32_t available;
 };
 
-/// Takes the counts from the third to fifth word of a line, which it splits in place; false if there are fewer.
-/// A word that is no number counts as 0; a number out of range is clamped.
+/// Reads the counts from the third to fifth word of a line, which it splits in place; false if there are fewer
+/// words. A word that is not a number counts as 0; a number out of range is clamped.
 bool diskusage_parse_line(char *line, BlockCounts *counts);
 /// Available blocks in whole percent; EINVAL when all counts are 0.
 Reading diskusage_percent(const BlockCounts &counts);
 
-/// Takes the number in the `token`-th word (2 is the quality, 3 the level) of a line of
+/// Reads the number in the `token`-th word (2 is the quality, 3 the level) of a line of
 /// /proc/net/wireless, which it splits in place; false for another device's line or an unusable number.
 bool wireless_parse_line(char *line, const char *device, int token, double *number);
 /// A level in dBm, rounded half away from zero.
 Reading wireless_round(double level);
 
-/// 0 when the first line of an operstate file says that the link is up, else 1.
+/// 0 if the first line of an operstate file means that the link is up, else 1.
 Reading operstate_parse(const char *line);
 
 /// Whether the first word of a line of an interface table is `interface` and a colon, ignoring case; removes
@@ -78,8 +78,8 @@ struct TrafficCounters {
     std::uint64_t lost;    ///< errors and drops of both directions
 };
 
-/// Takes the totals from a line of /proc/net/dev, which it splits in place; false when it is not the line of
-/// `interface`, whose case does not matter.
+/// Reads the totals from a line of /proc/net/dev, which it splits in place; false for another interface's line.
+/// Ignores the case of `interface`.
 bool internet_parse_line(char *line, const char *interface, TrafficCounters *counters);
 /// Lost packets in percent, 1 without loss on a busy interface; ENOENT without packets.
 Reading internet_percent(const TrafficCounters &counters);

@@ -7,8 +7,7 @@
 #include <cstdint>
 #include <systemd/sd-bus.h>
 
-/// The error that a failed bus call leaves behind; one for each try, since a call given a set error
-/// fails without asking.
+/// The error of a failed bus call. Use a new one for each attempt: a call with an error already set fails at once.
 class UnitError {
   public:
     UnitError() = default;
@@ -24,15 +23,14 @@ class UnitError {
     sd_bus_error *get() { return &error_; }
 
   private:
-    sd_bus_error error_{}; // as SD_BUS_ERROR_NULL, which is a literal of C99
+    sd_bus_error error_{}; // SD_BUS_ERROR_NULL is a C99 compound literal
 };
 
-/// Makes sure of a connection, replacing one that has died or that others have flooded; 0 or more, or a negative
-/// errno.
+/// Opens the connection if there is none, or if it is dead or flooded by others; 0 or more, or a negative errno.
 int system_bus_open();
 
-/// Reads a property of the systemd unit at the object `path`; 0 or more, or a negative errno. A call without an
-/// answer ends after 5 s, in which held signals are taken, so that it may not return. The connection of a question
-/// that failed is dropped.
+/// Reads a property of the systemd unit at the object `path`; 0 or more, or a negative errno. Times out after 5 s.
+/// Handles pending signals while it waits, so a termination signal ends the process here. A failed call closes
+/// the connection.
 int system_bus_read_text(const char *path, const char *property, TextHandle *text, UnitError *error);
 int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, UnitError *error);

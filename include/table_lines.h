@@ -3,14 +3,14 @@
 #include <array>
 #include <cstdio>
 
-/// The lines of one of the kernel's tables, a line of more than 1023 characters as several. After 10,000 of them
-/// the table counts as read: what stands in its place must not hold a heartbeat.
+/// Reads a kernel table line by line. A line of more than 1023 characters counts as several. Stops after 10,000
+/// lines: another file under the table's name must not delay a heartbeat.
 class TableLines {
   public:
-    /// Reads `file`, which it borrows.
+    /// Borrows `file`.
     explicit TableLines(std::FILE *file) : file_(file) {}
 
-    /// The next line, which the caller may cut up; null at the end.
+    /// The next line, which the caller may modify; null at the end.
     char *next() {
         if (left_ == 0) {
             return nullptr;

@@ -9,19 +9,19 @@
 #include <string_view>
 #include <system_error>
 
-/// Builds a text in an array that it borrows. What does not fit is cut; the text is always terminated. An array
-/// of size 0 is left alone.
+/// Builds a text in a borrowed array. Text that does not fit is truncated; the result is always terminated. An
+/// array of size 0 is never written.
 class TextBuffer {
   public:
     /// Starts with an empty text.
     TextBuffer(char *data, std::size_t size) : TextBuffer(data, size, 0) {}
 
     /// Continues after the terminated text in the array.
-    static TextBuffer behind(char *data, std::size_t size) { return {data, size, strnlen(data, size)}; }
+    static TextBuffer after(char *data, std::size_t size) { return {data, size, strnlen(data, size)}; }
 
-    /// False when the text was cut.
+    /// False if the text was truncated.
     bool append(std::string_view text) {
-        const std::size_t fitting = std::min(text.size(), space());
+        const std::size_t fitting = std::min(text.size(), remaining());
         std::copy_n(text.data(), fitting, data_ + length_);
         length_ += fitting;
         terminate();
@@ -31,7 +31,7 @@ class TextBuffer {
     bool append(char character) { return append(std::string_view(&character, 1)); }
 
     void append_number(int number) {
-        const auto [last, error] = std::to_chars(end(), end() + space(), number);
+        const auto [last, error] = std::to_chars(end(), end() + remaining(), number);
         if (error != std::errc()) {
             append_printed("%d", number);
             return;
@@ -47,7 +47,7 @@ class TextBuffer {
         va_end(arguments);
     }
 
-    /// As vprintf, in a fraction of its time where the format has no conversions but "%s", "%d" and "%02d".
+    /// Formats like vprintf; much faster if the format contains only "%s", "%d" and "%02d".
     [[gnu::format(printf, 2, 0)]] void append_list(const char *format, std::va_list arguments) {
         std::va_list all;
         va_copy(all, arguments);
@@ -59,9 +59,9 @@ class TextBuffer {
         va_end(all);
     }
 
-    /// The bytes left, including the terminator's: a shorter text fits whole.
-    [[nodiscard]] std::size_t room() const { return size_ - length_; }
-    /// The end of the text. What others write there does not change this object's length.
+    /// How many more characters fit.
+    [[nodiscard]] std::size_t remaining() const { return size_ == 0 ? 0 : size_ - length_ - 1; }
+    /// The end of the text. Writing there does not change the length of this object.
     [[nodiscard]] char *end() { return data_ + length_; }
     [[nodiscard]] const char *c_str() const { return size_ == 0 ? "" : data_; }
 
@@ -71,7 +71,7 @@ class TextBuffer {
         terminate();
     }
 
-    /// False at a conversion that it does not know.
+    /// False at an unknown conversion.
     bool append_plain(const char *format, std::va_list arguments) {
         for (const char *percent = strchrnul(format, '%'); *percent != '\0'; percent = strchrnul(format, '%')) {
             append({format, static_cast<std::size_t>(percent - format)});
@@ -101,12 +101,10 @@ class TextBuffer {
     }
 
     [[gnu::format(printf, 2, 0)]] void append_printed_list(const char *format, std::va_list arguments) {
-        const int wanted = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, room(), format, arguments);
-        length_ += wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), space());
+        const int wanted = std::vsnprintf(size_ == 0 ? nullptr : data_ + length_, size_ - length_, format, arguments);
+        length_ += wanted < 0 ? 0 : std::min(static_cast<std::size_t>(wanted), remaining());
         terminate();
     }
-
-    [[nodiscard]] std::size_t space() const { return size_ == 0 ? 0 : room() - 1; }
 
     void terminate() {
         if (size_ != 0) {
@@ -116,5 +114,5 @@ class TextBuffer {
 
     char *data_;
     std::size_t size_;
-    std::size_t length_; ///< below size_, unless that is 0
+    std::size_t length_; ///< less than size_, unless that is 0
 };

@@ -13,9 +13,9 @@ struct TimeOfDay {
     int second;
 };
 
-/// The UTC time of day of `seconds` since the epoch, for the eight thousand years before and after it.
+/// The UTC time of day of `seconds` since the epoch, valid for eight thousand years before and after it.
 constexpr TimeOfDay utc_time_of_day(std::int64_t seconds) {
-    // A day is 675 times 128 s. A 64-bit division takes a thousand instructions on small processors.
+    // A day is 675 times 128 s, which avoids a 64-bit division: a thousand instructions on small processors.
     constexpr int blocks_a_day = 675;
     const int block = static_cast<std::int32_t>(seconds >> 7) % blocks_a_day;
     const int of_day = 128 * (block < 0 ? block + blocks_a_day : block) + static_cast<int>(seconds & 127);

@@ -10,6 +10,6 @@ void sig_alarm_handler(int signo);
 void timer_suspend();
 /// Unblocks SIGALRM for the calling thread; a pending heartbeat is counted now.
 void timer_continue();
-/// Waits for a signal, then until a heartbeat has been counted. A heartbeat counted before the wait is
-/// noticed only after the next signal: an overrun delays the next pass.
+/// Waits for a signal, then until a heartbeat has been counted. A heartbeat counted before the call takes effect
+/// only after the next signal: an overrun delays the next pass.
 void runrun_wait();

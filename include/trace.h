@@ -4,19 +4,19 @@
 
 enum TraceLevel : int { TRACE_IMPORTANT = 0, TRACE_INFO = 1, TRACE_DEBUG = 2, TRACE_TRACE = 3 };
 
-/// Chooses the destination of every trace line: 3 is stderr, any other value is the journal. It
-/// filters nothing. Written during option parsing only.
+/// The destination of all trace lines: 3 is stderr, any other value is the journal. Does not filter. Written
+/// during option parsing only.
 extern constinit int trace_mode;
 
 /// The name of a trace level as the start-up banner prints it; " --- " for an unknown one.
 const char *trace_level_name(int level);
 
-/// The number of lines that the journal did not take since the start.
+/// The number of lines that the journal has refused since the start.
 unsigned trace_lost_lines();
 
 /// Writes one trace line of at most 1023 characters: level, thread id, UTC time of day, place,
 /// message. `code_file` and `code_line` are the journal fields "CODE_FILE=..." and "CODE_LINE=...",
-/// constants of the call site. Keeps errno; allocates nothing and takes no lock of ours.
+/// constants of the call site. Keeps errno; does not allocate or lock.
 [[gnu::format(printf, 5, 6)]] void trace_write(int level, const char *code_file, const char *code_line,
                                                const char *function, const char *format, ...);
 

@@ -30,7 +30,7 @@ void commit(Task *task, std::int8_t candidate) {
     task->do_log = 1;
 }
 
-/// The task's limits. The limit that holds the present state is moved back by the hysteresis.
+/// The task's limits, with the limit that keeps the current state moved back by the hysteresis.
 Limits effective_limits(const Task *task) {
     Limits limits{task->minfail, task->minwarn, task->maxwarn, task->maxfail};
     const std::int64_t h = task_has(task, TASK_HAS_HYSTERESIS) ? task->hysteresis : 0;
@@ -55,7 +55,7 @@ Limits effective_limits(const Task *task) {
     return limits;
 }
 
-void sample_minfail(Task *task) {
+void count_minfail(Task *task) {
     ++task->counter_minfail;
     ++task->counter_minwarn;
     task->counter_ok = task->counter_maxwarn = task->counter_maxfail = 0;
@@ -65,7 +65,7 @@ void sample_minfail(Task *task) {
     }
 }
 
-void sample_minwarn(Task *task) {
+void count_minwarn(Task *task) {
     ++task->counter_minwarn;
     task->counter_minfail = task->counter_ok = task->counter_maxwarn = task->counter_maxfail = 0;
     if (delay_reached(task, task->counter_minwarn)) {
@@ -74,7 +74,7 @@ void sample_minwarn(Task *task) {
     }
 }
 
-void sample_maxfail(Task *task) {
+void count_maxfail(Task *task) {
     ++task->counter_maxfail;
     ++task->counter_maxwarn;
     task->counter_minfail = task->counter_minwarn = task->counter_ok = 0;
@@ -84,7 +84,7 @@ void sample_maxfail(Task *task) {
     }
 }
 
-void sample_maxwarn(Task *task) {
+void count_maxwarn(Task *task) {
     ++task->counter_maxwarn;
     task->counter_minfail = task->counter_minwarn = task->counter_ok = task->counter_maxfail = 0;
     if (delay_reached(task, task->counter_maxwarn)) {
@@ -93,7 +93,7 @@ void sample_maxwarn(Task *task) {
     }
 }
 
-void sample_ok(Task *task) {
+void count_ok(Task *task) {
     task->counter_minfail = task->counter_minwarn = task->counter_maxwarn = task->counter_maxfail = 0;
     if ((task->flags & FOUR_LOWEST_FLAGS) != 0) { // kept: a task without these bits keeps its state
         ++task->counter_ok;
@@ -107,20 +107,20 @@ void sample_ok(Task *task) {
 /// Failure before warning, lower limits before upper ones, limits inclusive.
 void classify(Task *task, const Limits &limits) {
     if (task_has(task, TASK_HAS_MINFAIL) && task->value <= limits.lo_fail) {
-        sample_minfail(task);
+        count_minfail(task);
     } else if (task_has(task, TASK_HAS_MINWARN) && task->value <= limits.lo_warn) {
-        sample_minwarn(task);
+        count_minwarn(task);
     } else if (task_has(task, TASK_HAS_MAXFAIL) && task->value >= limits.hi_fail) {
-        sample_maxfail(task);
+        count_maxfail(task);
     } else if (task_has(task, TASK_HAS_MAXWARN) && task->value >= limits.hi_warn) {
-        sample_maxwarn(task);
+        count_maxwarn(task);
     } else {
-        sample_ok(task);
+        count_ok(task);
     }
 }
 
 /// The counter that caused a change keeps counting and wraps; kept.
-void sample_bool(Task *task) {
+void count_bool(Task *task) {
     if (task->value == 1) {
         task->counter_ok = 0;
         ++task->counter_maxfail;
@@ -161,7 +161,7 @@ int bool_analyzer(Task *task) {
     if (task->analyzable == 1) {
         trace_value(task);
         if (task_has(task, TASK_VALUE_VALID)) {
-            sample_bool(task);
+            count_bool(task);
         }
     }
     trace_marks(task);

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// The capabilities' sets, 32 capabilities each.
+/// The capability sets; each element holds 32 capabilities.
 struct Sets {
     __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};

@@ -56,7 +56,7 @@ int cleanup_add(CleanupFunction function, void *argument) {
         return -1;
     }
     *entry = {.function = function, .argument = argument};
-    node->data = entry.release(); // the list lives as long as the process
+    node->data = entry.release(); // the list exists until the process ends
     trace(TRACE_TRACE, "DONE");
     return 0;
 }

@@ -90,7 +90,7 @@ int strsplit(char *text, char **tokens, int max) {
     constexpr const char *separators = " \t\r\n";
     char *rest = nullptr;
     int count = 0;
-    do { // one token is read even if `max` is 0: callers use tokens[0]
+    do { // reads one token even if `max` is 0: callers use tokens[0]
         tokens[count] = strtok_r(count == 0 ? text : nullptr, separators, &rest);
         if (tokens[count] == nullptr) {
             break;
@@ -100,11 +100,11 @@ int strsplit(char *text, char **tokens, int max) {
     return count;
 }
 
-// The declaration has the compiler check each caller's format.
+// The declaration makes the compiler check the callers' formats.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 std::time_t time_stamp(char *buffer, std::size_t size, const char *format) {
-    tzset(); // localtime_r alone does not follow a changed zone file
+    tzset(); // localtime_r alone does not notice a changed zone file
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     if (now == -1 || localtime_r(&now, &local) == nullptr || std::strftime(buffer, size, format, &local) == 0) {

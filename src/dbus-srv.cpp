@@ -13,8 +13,8 @@
 
 namespace {
 
-// What is larger has pages of its own, which the kernel gets back at once. It is the library's first value;
-// set, it does not grow with the first large message.
+// Larger blocks get their own pages, which free() returns to the kernel at once. This is the C library's default;
+// setting it keeps the limit from growing after the first large message.
 constexpr int LARGE_BLOCK = 128 * 1024;
 
 // Never joined: the threads end with the process.
@@ -43,7 +43,7 @@ class ScopedSignalBlock {
 int d_bus_srv_init() {
     trace(TRACE_INFO, " ");
     mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK);
-    dbus_threads_init_default(); // old versions of libdbus need it before their first use
+    dbus_threads_init_default(); // old versions of libdbus need this before any other call
     d_bus_srv_issue_init();
     const ScopedSignalBlock held;
     if (pthread_create(&listener_thread, nullptr, d_bus_srv_main, nullptr) != 0) {
@@ -51,7 +51,7 @@ int d_bus_srv_init() {
         return -1;
     }
     if (pthread_create(&sender_thread, nullptr, d_bus_srv_msg_sender, nullptr) != 0) {
-        trace(TRACE_DEBUG, "unable to create D-Bus listener"); // the same words, kept
+        trace(TRACE_DEBUG, "unable to create D-Bus listener"); // kept: the same text for both threads
         return -1;
     }
     return 0;

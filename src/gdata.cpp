@@ -33,9 +33,9 @@ constinit GlobalData data{
 };
 
 constinit NoDestructor<TextHandle> commandline;
-constinit NoDestructor<TextHandle> logfile_allocated; // none while the built-in text is in force
+constinit NoDestructor<TextHandle> logfile_allocated; // null while the built-in path is used
 
-/// `argument` in double quotes behind a blank, written at `end`; returns the new end.
+/// Writes a blank and `argument` in double quotes at `end`; returns the new end.
 char *append_quoted(char *end, const char *argument) {
     end = stpcpy(end, " \"");
     end = stpcpy(end, argument);
@@ -52,16 +52,16 @@ std::size_t commandline_size(int argc, char *const argv[]) {
 
 constexpr const char *LOCK_NAME = ".lock";
 
-/// That of the path's folder with the slash after it.
-std::size_t folder_length(const char *path) {
+/// The length of the path's directory part, including the slash.
+std::size_t directory_length(const char *path) {
     const char *slash = std::strrchr(path, '/');
     return slash == nullptr ? 0 : static_cast<std::size_t>(slash - path) + 1;
 }
 
-/// Whether `file`, opened as `path`, is the lock file of its folder by a link.
-bool is_lock_of_folder(const char *path, const Descriptor &file) {
-    std::array<char, PATH_MAX + 8> lock{}; // the path has just been opened, and so is no longer than PATH_MAX
-    std::snprintf(lock.data(), lock.size(), "%.*s%s", static_cast<int>(folder_length(path)), path, LOCK_NAME);
+/// Whether `file`, opened as `path`, is a link to the lock file in its directory.
+bool is_lock_file(const char *path, const Descriptor &file) {
+    std::array<char, PATH_MAX + 8> lock{}; // open() has accepted the path, so it is not longer than PATH_MAX
+    std::snprintf(lock.data(), lock.size(), "%.*s%s", static_cast<int>(directory_length(path)), path, LOCK_NAME);
     struct stat of_lock {};
     struct stat of_file {};
     return stat(lock.data(), &of_lock) == 0 && fstat(file.get(), &of_file) == 0 && of_lock.st_dev == of_file.st_dev &&
@@ -85,12 +85,12 @@ const char *gdata_get_logfile() {
 }
 
 bool gdata_can_log_to(const char *path) {
-    if (std::strcmp(path + folder_length(path), LOCK_NAME) == 0) {
+    if (std::strcmp(path + directory_length(path), LOCK_NAME) == 0) {
         errno = EINVAL;
         return false;
     }
     const Descriptor file = open_for_append(path);
-    if (file && is_lock_of_folder(path, file)) {
+    if (file && is_lock_file(path, file)) {
         errno = EINVAL;
         return false;
     }
@@ -102,7 +102,7 @@ const char *gdata_set_logfile(const char *path) {
     if (!gdata_can_log_to(path)) {
         return data.logfile;
     }
-    TextHandle copy(strdup(path)); // made first: `path` may be the text in force
+    TextHandle copy(strdup(path)); // before the old one is freed: `path` may point to it
     if (!copy) {
         return data.logfile;
     }

@@ -15,7 +15,7 @@ int init() {
     trace(TRACE_INFO, " ");
     constexpr std::array modules{analyzer_init, notifier_init, logger_init, logfile_init, d_bus_srv_init};
     for (const auto module_init : modules) {
-        module_init(); // a module that failed has said so; the others still serve
+        module_init(); // a failed module has traced its error; the others still run
         signals_safe_point();
     }
     for (Task *task = gdata_get_task_head(); task != nullptr; task = task->next) {

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int LONGEST_WAIT_MS = 100;
-constexpr int SEND_WAIT_MS = 40; // the library sends twice; the kernel rounds up to its ticks
+constexpr int SEND_WAIT_MS = 40; // the library sends twice, and the kernel rounds up to ticks
 constexpr std::int64_t PAUSE_SECONDS = 10;
 
 std::int64_t monotonic_seconds() {
@@ -26,7 +26,7 @@ std::int64_t monotonic_seconds() {
     return now.tv_sec;
 }
 
-/// Whether a socket is left alone. Any thread may ask, begin and end.
+/// A period in which a socket is not used. Thread-safe.
 class Pause {
   public:
     [[nodiscard]] bool lasts() const {
@@ -37,7 +37,7 @@ class Pause {
     void end() { until_.store(0, std::memory_order_relaxed); }
 
   private:
-    std::atomic<std::int64_t> until_ = 0; ///< monotonic seconds; 0 while there is none
+    std::atomic<std::int64_t> until_ = 0; ///< monotonic seconds; 0: no pause
 };
 
 constinit Pause journal_pause;
@@ -49,7 +49,7 @@ int socket_option(int fd, int option) {
     return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
 }
 
-/// The number that the next descriptor gets; -1 when there is none left.
+/// The number of the next descriptor; -1 if none is left.
 int lowest_free_descriptor() { return Descriptor(open("/", O_PATH | O_CLOEXEC)).get(); }
 
 Descriptor connect_to_syslog() {
@@ -66,8 +66,8 @@ Descriptor connect_to_syslog() {
 
 JournalOpening::JournalOpening() : socket_(lowest_free_descriptor()) { start_timer(); }
 
-// The library does not tell which socket is its own. It is the one with the number that was free before: those
-// that the daemon was started with, which others share, have other numbers.
+// The library does not expose its socket. It got the number that was free before. Inherited sockets, which other
+// processes may share, have other numbers.
 JournalOpening::~JournalOpening() {
     stop_timer();
     constexpr timeval longest{.tv_sec = 0, .tv_usec = SEND_WAIT_MS * 1000L};
@@ -76,8 +76,8 @@ JournalOpening::~JournalOpening() {
     }
 }
 
-/// The library opens its socket and waits in one call, which only a signal can end. It repeats, in case the
-/// first one comes before the wait.
+/// The library opens its socket and blocks in the same call, which only a signal can interrupt. The timer repeats
+/// in case the first signal arrives before the wait.
 void JournalOpening::start_timer() {
     const int signo = SIGRTMIN;
     sigevent event{};
@@ -110,7 +110,7 @@ void JournalOpening::stop_timer() {
 bool journal_is_paused() { return journal_pause.lasts(); }
 
 void journal_note_result(int result) {
-    const bool refused_at_once = result == -ECONNREFUSED; // by a journal that is started again
+    const bool refused_at_once = result == -ECONNREFUSED; // the journal restarts
     if (result < 0 && !refused_at_once) {
         journal_pause.begin();
     }
@@ -122,7 +122,7 @@ bool syslog_has_room() {
     }
     const Descriptor socket_ = connect_to_syslog();
     if (!socket_) {
-        return true; // the library then does what it does without syslog
+        return true; // syslog() handles a missing socket without waiting
     }
     pollfd polled{.fd = socket_.get(), .events = POLLOUT, .revents = 0};
     const bool has_room = poll(&polled, 1, LONGEST_WAIT_MS) != 0;

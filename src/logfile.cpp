@@ -27,14 +27,14 @@ constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
     {2, 1, "FAIL"},
     {3, 2, "WARN"},
     {4, 1, "FAIL"},
-    {-1, 2, "INV"}, // deliberately never found
+    {-1, 2, "INV"}, // kept: never found, because an earlier row has the same state
 }};
 
 namespace {
 
 constinit NoDestructor<LogfileState> the_state;
 
-/// A state that the table does not know passes every level that can be set.
+/// For a state without a row: passes every level.
 constexpr LogfileStateRow UNKNOWN_STATE{0, -1, "INV"};
 
 const LogfileStateRow &row_of(std::int32_t state) {
@@ -45,8 +45,8 @@ const LogfileStateRow &row_of(std::int32_t state) {
 
 bool same_name(const char *name, const char *other) { return strcasecmp(name, other) == 0; }
 
-/// The local time, made once for all records of a second: each look at it asks whether the zone file
-/// has changed. A record is not lost for want of it.
+/// The local time as text. Formatted once per second, because each call of localtime checks the zone file. Zeros if
+/// that fails, so that no record is lost.
 const char *stamp() {
     LogfileState &log = logfile_state();
     if (log.stamp_time == -1 || log.stamp_time != std::time(nullptr)) {
@@ -58,25 +58,25 @@ const char *stamp() {
     return log.stamp.data();
 }
 
-/// A descriptor of our own for a standard stream, so that every stream may be closed alike.
+/// A duplicate of a standard stream's descriptor, so that every stream can be closed in the same way.
 Descriptor duplicate(std::FILE *standard) {
     return Descriptor(fcntl(fileno(standard), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-/// No text is an empty one.
+/// A null text is empty.
 iovec piece(const char *text) {
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): writev only reads
     return {.iov_base = const_cast<char *>(text), .iov_len = text == nullptr ? 0 : std::strlen(text)};
 }
 
-/// Whether what is written next would follow our last byte, at the offset `end` of a regular file.
+/// Whether the stream is a regular file of the size `end`, so that nothing follows our last byte.
 bool is_last(const Descriptor &stream, off_t end) {
     struct stat status {};
     return fstat(stream.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size == end;
 }
 
-/// Takes the last `written` bytes off the end of the file again, unless others have written after them;
-/// false when a piece of a record stays. The offset goes with the end: stdout may not be appending.
+/// Removes the last `written` bytes from the end of the file, unless other data follows them. False if an
+/// incomplete record stays. Also resets the offset, because stdout may not be in append mode.
 bool cut_back(const Descriptor &stream, ssize_t written) {
     if (written == 0) {
         return true;
@@ -92,15 +92,14 @@ bool cut_back(const Descriptor &stream, ssize_t written) {
     return lseek(stream.get(), end - written, SEEK_SET) >= 0;
 }
 
-/// Whether a standard stream takes what is written without making the daemon wait. It cannot be told not
-/// to: its flags are also those of others.
+/// Whether a write would not block. O_NONBLOCK is no option: the flags are shared with other processes.
 bool has_room(const Descriptor &stream) {
     pollfd polled{.fd = stream.get(), .events = POLLOUT, .revents = 0};
-    return poll(&polled, 1, 0) != 0; // what is wrong with it, the write will tell
+    return poll(&polled, 1, 0) != 0; // the write reports any error
 }
 
-/// Writes all pieces at once, or nothing: what is written only in part is taken back. Where that cannot
-/// be done, what is written next begins with a line feed. False with errno when they were lost.
+/// Writes all pieces at once or nothing: undoes a partial write. If that is impossible, the next write starts with a
+/// line feed. False, with errno set, if the pieces were lost.
 template <std::size_t N>
 bool write_whole(LogfileState &log, const Descriptor &stream, const std::array<iovec, N> &pieces) {
     std::array<iovec, N + 1> all{piece("\n")};
@@ -123,7 +122,7 @@ bool write_whole(LogfileState &log, const Descriptor &stream, const std::array<i
     return written >= 0;
 }
 
-/// The same into the open stream.
+/// The same for the open stream.
 template <std::size_t N> bool write_whole(LogfileState &log, const std::array<iovec, N> &pieces) {
     if (log.logfile_is_file == 0 && !has_room(log.logfile_stream)) {
         errno = EAGAIN;
@@ -132,10 +131,10 @@ template <std::size_t N> bool write_whole(LogfileState &log, const std::array<io
     return write_whole(log, log.logfile_stream, pieces);
 }
 
-/// Of a pass with both, a loss counts. Keeps errno.
+/// Records the outcome of a write; a loss overrides a success in the same pass. Keeps errno.
 void note_outcome(LogfileState &log, bool written) { log.pass_error = std::max(log.pass_error, written ? 0 : errno); }
 
-/// False with errno when the header was lost.
+/// False, with errno set, if the header was lost.
 bool write_header(LogfileState &log, const Descriptor &file) {
     const TextHandle block = logfile_header_text(stamp(), log.logfile_header_written == 0 ? "START" : "ROTATE");
     if (!block) {
@@ -162,18 +161,18 @@ bool is_off(const LogfileState &log) {
 
 FileIdentity identity_of(const Descriptor &file) {
     struct stat status {};
-    fstat(file.get(), &status); // that of an open file does not fail
+    fstat(file.get(), &status); // never fails for an open file
     return {.device = status.st_dev, .inode = status.st_ino};
 }
 
-/// Makes `file` the open stream, in which nothing has been written yet.
+/// Makes `file` the open stream.
 void take_file(LogfileState &log, Descriptor file) {
     log.logfile_is_file = 1;
     log.logfile_identity = identity_of(file);
     log.logfile_stream = std::move(file);
 }
 
-/// Opens what the name says; false with errno when that fails.
+/// Opens the stream of the configured name; false, with errno set, on failure.
 bool open_stream(LogfileState &log) {
     const char *name = log.logfile_name.get();
     log.logfile_is_file = 0;
@@ -191,7 +190,7 @@ bool open_stream(LogfileState &log) {
     return static_cast<bool>(log.logfile_stream);
 }
 
-/// What the standard streams still hold goes out before a record that passes them by.
+/// Flushes stdout and stderr before a record that is written past their buffers.
 void flush_standard_streams(const LogfileState &log) {
     if (log.logfile_is_file == 0) {
         std::fflush(stdout);
@@ -199,7 +198,7 @@ void flush_standard_streams(const LogfileState &log) {
     }
 }
 
-/// Writes what the level lets pass; false with errno when it was lost.
+/// Writes the entry if the level permits; false, with errno set, if it was lost.
 bool write_entry(LogfileState &log, std::int32_t state, const char *text, int mark) {
     const LogfileStateRow &row = row_of(state);
     if (mark != 1 && row.level > log.loglevel) {
@@ -210,7 +209,7 @@ bool write_entry(LogfileState &log, std::int32_t state, const char *text, int ma
     return written;
 }
 
-/// The packing of a log of the default size takes some 4 s on the board, and the service manager waits 30 s.
+/// Seconds. Compressing a log of the default size takes about 4 s on the board; the service manager waits 30 s.
 constexpr std::int64_t LONGEST_LAST_ROTATION = 10;
 
 std::int64_t monotonic_seconds() {
@@ -219,13 +218,13 @@ std::int64_t monotonic_seconds() {
     return now.tv_sec;
 }
 
-/// Others may have made the log too large to be packed while a termination waits. What is broken off is
-/// left to the next start.
-bool break_rotation_off() {
+/// Others may have made the log too large to compress during a termination. The next start repeats an interrupted
+/// rotation.
+bool interrupt_rotation() {
     LogfileState &log = logfile_state();
     const bool late = log.rotation_end != 0 && monotonic_seconds() > log.rotation_end;
-    log.rotation_broken_off = late || signals_termination_held();
-    return log.rotation_broken_off;
+    log.rotation_interrupted = late || signals_termination_pending();
+    return log.rotation_interrupted;
 }
 
 void rotate_when_full(LogfileState &log) {
@@ -233,16 +232,16 @@ void rotate_when_full(LogfileState &log) {
         return;
     }
     log.logfile_stream.reset();
-    log.rotation_broken_off = false;
-    file_rotate(log.logfile_name.get(), log.logcount, break_rotation_off);
-    if (!log.rotation_broken_off) {
+    log.rotation_interrupted = false;
+    file_rotate(log.logfile_name.get(), log.logcount, interrupt_rotation);
+    if (!log.rotation_interrupted) {
         log.torn = false;
         lf_header(log.logfile_name.get());
     }
 }
 
-/// Takes the configured name, and with a file writes its first header; a file that cannot be opened
-/// leaves the status log off.
+/// Stores the configured name; if it is a file, writes the first header. The status log stays off if the file cannot
+/// be opened.
 void take_name(LogfileState &log, const char *name) {
     const bool bare = same_name(name, "/dev/null") || same_name(name, "stderr") || same_name(name, "stdout");
     if (!bare && !open_for_append(name)) {
@@ -308,7 +307,7 @@ void lf_print(std::int32_t state, const char *text, int mark) {
     if (!write_entry(log, state, text, mark)) {
         trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
     }
-    if (mark != 1 || !log.rotation_broken_off) {
+    if (mark != 1 || !log.rotation_interrupted) {
         rotate_when_full(log);
     }
 }

@@ -25,7 +25,7 @@ constexpr std::size_t LINE_SIZE = 1023;
 constexpr LoggerState UNKNOWN_STATE{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
 
 constinit int syslog_opened = 0;
-constinit int lost_sentences = 0; ///< since it was last told
+constinit int lost_sentences = 0; ///< since the last report
 
 const LoggerState &row_of(int state) {
     const LoggerState *row = logger_state_row(logger_state_table, state);
@@ -83,7 +83,7 @@ std::string_view insertion(const Task *task, char letter, NumberText &number) {
     }
 }
 
-void append_where_it_stands(TextBuffer &line, const Task *task) {
+void append_comparison(TextBuffer &line, const Task *task) {
     if (task->state == 0) {
         line.append_format("is %s", row_of(0).description);
         return;
@@ -170,13 +170,13 @@ int logger_format(char *buffer, std::size_t size, const Task *task) {
         trace(TRACE_TRACE, "%%%c", letter);
         NumberText number{};
         const std::string_view inserted = insertion(task, letter, number);
-        if (inserted.empty() || inserted.size() >= text.room()) {
-            fits = letter != '%'; // a sign is cut off as text is
+        if (inserted.empty() || inserted.size() > text.remaining()) {
+            fits = letter != '%'; // a percent sign that does not fit ends the line, like text
             continue;
         }
         if (letter == 'P' || letter == 'T') {
             trace(TRACE_TRACE, "to %lu(%d) buf[%d] %lu(%d)", static_cast<unsigned long>(inserted.size()),
-                  static_cast<int>(text.room()), static_cast<int>(size - text.room()),
+                  static_cast<int>(text.remaining() + 1), static_cast<int>(size - text.remaining() - 1),
                   static_cast<unsigned long>(inserted.size()), static_cast<int>(size));
         }
         text.append(inserted);
@@ -201,7 +201,7 @@ void logger_id_prefix(char *buffer, std::size_t size, const Task *task) {
 
 TextBuffer logger_value_line(std::span<char> buffer, const Task *task) {
     logger_id_prefix(buffer.data(), buffer.size(), task);
-    TextBuffer line = TextBuffer::behind(buffer.data(), buffer.size());
+    TextBuffer line = TextBuffer::after(buffer.data(), buffer.size());
     line.append_format("value: %d ", task->value);
     return line;
 }
@@ -215,7 +215,7 @@ int bool_logger(Task *task) {
         if (has_sentence(task)) {
             logger_format(line.data(), line.size(), task); // overwrites the prefix, unlike threshold_logger
         } else {
-            TextBuffer::behind(line.data(), line.size()).append(task->state == 0 ? "OK" : "failed");
+            TextBuffer::after(line.data(), line.size()).append(task->state == 0 ? "OK" : "failed");
         }
         logger_syslog(task->state, line.data());
     }
@@ -230,9 +230,9 @@ int threshold_logger(Task *task) {
         std::array<char, LINE_SIZE> buffer{};
         TextBuffer line = logger_value_line(buffer, task);
         if (has_sentence(task)) {
-            logger_format(line.end(), line.room(), task);
+            logger_format(line.end(), line.remaining() + 1, task);
         } else {
-            append_where_it_stands(line, task);
+            append_comparison(line, task);
         }
         logger_syslog(task->state, buffer.data());
     }

@@ -96,7 +96,7 @@ std::int32_t network_decide_wifi(const char *text, const JsonToken *tokens, std:
         return 1;
     }
     for (std::int32_t i = 1; i < count; ++i) {
-        // Kept: compares to the end of the text, not of the token.
+        // Kept: compares up to the end of the text, not of the token.
         if (strcasecmp(text + tokens[i].start, "enabled") == 0) {
             return i + 1 < count && strcasecmp(text + tokens[i + 1].start, "true") == 0 ? 1 : 0;
         }
@@ -126,26 +126,26 @@ bool network_changed() {
     return changed;
 }
 
-constexpr off_t LAN_FILE_MOST = 65536; // bytes; a thousand times what the file has
+constexpr off_t LAN_FILE_MAX_SIZE = 65536; // bytes; a thousand times the usual size
 
-/// Whether the file is one that ends: a regular one, and no larger than allowed.
+/// Whether the file is a regular one within the size limit.
 bool is_readable_to_its_end(const Descriptor &file) {
     struct stat status {};
-    return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= LAN_FILE_MOST;
+    return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= LAN_FILE_MAX_SIZE;
 }
 
-/// Whether no more has been read than allowed: files may grow, and those of /proc tell no size.
+/// Whether the stream's position is within the limit: files may grow, and files in /proc report no size.
 bool is_within_limit(std::FILE *file) {
     const off_t position = ftello(file);
-    return position >= 0 && position <= LAN_FILE_MOST;
+    return position >= 0 && position <= LAN_FILE_MAX_SIZE;
 }
 
-/// Reads a line of the stdio stream, as ini_read_line does, as long as it is within the limit.
+/// Reads a line like ini_read_line; null once the position is past the limit.
 char *read_line_within_limit(char *buffer, int size, void *stream) {
     return is_within_limit(static_cast<std::FILE *>(stream)) ? ini_read_line(buffer, size, stream) : nullptr;
 }
 
-/// Hands all pairs of the file to the handler; false when it is no INI file that can be read to its end.
+/// Passes all pairs of the file to the handler; false unless it is an INI file that can be read to the end.
 bool read_lan_file() {
     Descriptor descriptor = open_nonblocking(LAN_FILE, O_RDONLY);
     if (!descriptor || !is_readable_to_its_end(descriptor)) {
@@ -164,7 +164,7 @@ void network_check_lan() {
 void network_check_wifi() {
     constexpr std::size_t most = 2048;
     constexpr std::int32_t max_tokens = 32;
-    // Kept: not cleared between reads, so the rest of a longer file takes part in the comparison.
+    // Kept: not cleared between reads, so the comparison includes the rest of an earlier, longer file.
     static constinit std::array<char, most + 1> text{};
 
     trace(TRACE_TRACE, " ");

@@ -21,7 +21,7 @@ using Section = std::array<char, SECTION_SIZE>;
 
 bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-/// Takes the section's name out of a line that starts with a bracket.
+/// Extracts the section's name from a line that starts with a bracket.
 bool take_section(char *line, Section &section) {
     char *name = line + 1;
     char *end = find_chars_or_comment(name, "]");

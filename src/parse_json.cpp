@@ -42,7 +42,7 @@ int open_object(JsonParser &parser) {
     if (token == nullptr) {
         return JSON_FULL;
     }
-    if (is_in_object(parser)) { // an object is no key
+    if (is_in_object(parser)) { // an object cannot be a key
         return JSON_INVALID;
     }
     begin(parser, *token, JSON_OBJECT, parser.position);
@@ -136,7 +136,7 @@ int take_primitive(JsonParser &parser, std::string_view text) {
     return 0;
 }
 
-/// After a comma the next key follows: a key that has its value no longer encloses.
+/// After a comma: the key that has its value no longer encloses the next tokens.
 void leave_key(JsonParser &parser) {
     const JsonToken *enclosing = enclosing_token(parser);
     if (enclosing != nullptr && enclosing->type != JSON_OBJECT) {

@@ -22,7 +22,7 @@ namespace {
 
 bool is_due(const Task *task, std::int64_t now) { return task_has(task, TASK_RUNNABLE) && task->next_run <= now; }
 
-/// A task whose run condition is 0 keeps its `next_run` and is tried again at the next heartbeat.
+/// A task whose run condition is 0 keeps its `next_run` and is retried at the next heartbeat.
 bool is_refused(Task *task) {
     return task_has(task, TASK_HAS_PRECONDITION) && task->precondition != nullptr && task->precondition(task) == 0;
 }

@@ -10,7 +10,7 @@
 namespace {
 
 constinit sigset_t original_mask{};
-constinit bool holding = false;
+constinit bool is_blocked = false;
 
 /// A signal that ends a process when a write fails.
 struct WriteSignal {
@@ -19,8 +19,8 @@ struct WriteSignal {
 };
 
 constinit std::array<WriteSignal, 2> write_signals{{
-    {.signo = SIGPIPE, .original = SIG_DFL}, // the reader of the pipe has gone
-    {.signo = SIGXFSZ, .original = SIG_DFL}, // beyond the limit of a file's size
+    {.signo = SIGPIPE, .original = SIG_DFL}, // the reader of the pipe has closed it
+    {.signo = SIGXFSZ, .original = SIG_DFL}, // a write past the file size limit
 }};
 
 constinit bool in_handler = false;
@@ -76,15 +76,15 @@ void dispatch_pending(sigset_t set) {
 
 sigset_t signals_all() { return set_of({SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}); }
 
-sigset_t signals_held() { return set_of({SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}); }
+sigset_t signals_handled() { return set_of({SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}); }
 
 void signals_block() {
-    const sigset_t held = signals_held();
+    const sigset_t handled = signals_handled();
     sigset_t before;
-    pthread_sigmask(SIG_BLOCK, &held, &before);
-    if (!holding) {
+    pthread_sigmask(SIG_BLOCK, &handled, &before);
+    if (!is_blocked) {
         original_mask = before;
-        holding = true;
+        is_blocked = true;
     }
 }
 
@@ -103,7 +103,7 @@ void signals_restore_failed_writes() {
 }
 
 void signals_dispatch(const sigset_t &set) {
-    if (in_handler) { // called from a handler: it finishes first
+    if (in_handler) { // a handler always finishes first
         return;
     }
     const int saved_errno = errno;
@@ -125,9 +125,9 @@ void signals_wait(const sigset_t &set) {
     errno = saved_errno;
 }
 
-void signals_safe_point() { signals_dispatch(signals_held()); }
+void signals_safe_point() { signals_dispatch(signals_handled()); }
 
-bool signals_termination_held() {
+bool signals_termination_pending() {
     constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
     sigset_t pending;
     sigemptyset(&pending);
@@ -138,13 +138,13 @@ bool signals_termination_held() {
 
 void signals_pause(int milliseconds) {
     const int saved_errno = errno;
-    const sigset_t held = signals_held();
+    const sigset_t handled = signals_handled();
     const std::timespec pause{.tv_sec = milliseconds / 1000, .tv_nsec = milliseconds % 1000 * 1'000'000L};
     siginfo_t info{};
-    const int signo = sigtimedwait(&held, &info, &pause);
+    const int signo = sigtimedwait(&handled, &info, &pause);
     if (signo > 0) {
         run_handler(signo, &info);
     }
-    dispatch_pending(held);
+    dispatch_pending(handled);
     errno = saved_errno;
 }

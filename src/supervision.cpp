@@ -16,11 +16,11 @@
 
 namespace {
 
-/// Room for all labels and the longest error of the C library.
+/// Large enough for all labels and the longest error text of the C library.
 using StatusText = std::array<char, 448>;
 
-constinit StatusText told_status{}; // the last that the manager took
-constinit PassStatus told_sentences;
+constinit StatusText sent_status{}; // the last one that the manager accepted
+constinit PassStatus traced_status;
 
 constinit NoDestructor<Descriptor> notify_socket; // opened by the first message
 
@@ -40,8 +40,7 @@ socklen_t notify_address(sockaddr_un *address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (is_path ? 1 : 0));
 }
 
-/// Not sd_notify(): it blocks while the manager does not read. True when the
-/// manager has it.
+/// True if the manager has received the message. Not sd_notify(): it blocks while the manager does not read.
 bool notify(const char *message) {
     sockaddr_un address{};
     const socklen_t size = notify_address(&address);
@@ -78,9 +77,9 @@ StatusText status_text(const PassStatus &status) {
     return array;
 }
 
-/// The keep-alive alone while the status is the same: a new one makes the manager announce it on the bus.
+/// Sends the keep-alive. Adds the status only if it has changed, because the manager announces it on the bus.
 void keep_alive(const StatusText &status) {
-    const bool is_new = status != told_status;
+    const bool is_new = status != sent_status;
     std::array<char, sizeof(StatusText) + sizeof "WATCHDOG=1\nSTATUS="> message{};
     TextBuffer text(message.data(), message.size());
     text.append("WATCHDOG=1");
@@ -89,26 +88,26 @@ void keep_alive(const StatusText &status) {
         text.append(status.data());
     }
     if (notify(message.data()) && is_new) {
-        told_status = status;
+        sent_status = status;
     }
 }
 
-/// What an operator must find in a journal that keeps no traces of higher levels.
+/// Traces at a level that a journal without debug traces also stores.
 void say_changes(const PassStatus &status) {
-    if (status.is_off_bus != told_sentences.is_off_bus) {
+    if (status.is_off_bus != traced_status.is_off_bus) {
         trace(TRACE_INFO, "%s", status.is_off_bus ? "not on the bus" : "on the bus again");
     }
-    if (status.status_log_error != told_sentences.status_log_error) {
+    if (status.status_log_error != traced_status.status_log_error) {
         if (status.status_log_error != 0) {
             trace(TRACE_INFO, "status log cannot be written: %s", std::strerror(status.status_log_error));
         } else {
             trace(TRACE_INFO, "status log is written again");
         }
     }
-    told_sentences = status;
+    traced_status = status;
 }
 
-bool is_asked() {
+bool has_manager() {
     sockaddr_un address{};
     return notify_address(&address) != 0;
 }
@@ -116,13 +115,13 @@ bool is_asked() {
 } // namespace
 
 void supervision_ready() {
-    told_status = {};
-    told_sentences = {};
+    sent_status = {};
+    traced_status = {};
     notify("READY=1");
 }
 
 void supervision_pass_done(const PassStatus &status) {
-    if (is_asked()) {
+    if (has_manager()) {
         keep_alive(status_text(status));
         say_changes(status);
     }

@@ -22,23 +22,23 @@ using Deadline = steady_clock::time_point;
 constexpr const char *DESTINATION = "org.freedesktop.systemd1";
 constexpr const char *INTERFACE = "org.freedesktop.systemd1.Unit";
 
-// A heartbeat reads eight properties; the default of 25 s each would cost twenty heartbeats.
+// A heartbeat reads eight properties. With the default of 25 s each they could take twenty heartbeats.
 constexpr seconds ANSWER_TIMEOUT{5};
-// The library's part of them. While it waits it keeps all that comes, and nobody looks at signals.
+// The library's share of this time. While it waits, it queues all received messages and no signal is handled.
 constexpr microseconds LIBRARY_WAIT = milliseconds(20);
 constexpr microseconds SIGNAL_INTERVAL = milliseconds(50);
 
-// What may wait unread between two questions. The bus sends a few messages; more than this is a flood, which
-// ends sooner on a new connection.
-constexpr int MOST_UNREAD = 100;
-constexpr int MOST_UNREAD_BYTES = 65536;
-constexpr milliseconds MOST_TIDYING{100};
+// Limits for messages left unread between two calls. The bus itself sends only a few; more is a flood, and a new
+// connection is the fastest way out of it.
+constexpr int MAX_UNREAD = 100;
+constexpr int MAX_UNREAD_BYTES = 65536;
+constexpr milliseconds MAX_DISCARD_TIME{100};
 
 struct Unreference {
     void operator()(sd_bus *bus) const { sd_bus_unref(bus); }
 };
 
-/// The program's only reference: with another one left, sd_bus_default_system() would return the dead
+/// The process's only reference: as long as another one exists, sd_bus_default_system() returns the dead
 /// connection again.
 constinit NoDestructor<std::unique_ptr<sd_bus, Unreference>> connection;
 
@@ -47,9 +47,9 @@ struct UnreferenceMessage {
 };
 using MessageHandle = std::unique_ptr<sd_bus_message, UnreferenceMessage>;
 
-/// Waits for the bus a little, and takes in one message at most, which becomes `message`. Held signals are
-/// taken. A negative errno when the connection is dead or the time is over.
-int wait_a_little(sd_bus *bus, Deadline deadline, MessageHandle *message) {
+/// Handles pending signals, then processes one message, which it stores in `message`, or waits a short time.
+/// Returns a negative errno if the connection is dead or the deadline has passed.
+int process_or_wait(sd_bus *bus, Deadline deadline, MessageHandle *message) {
     signals_safe_point();
     const auto left = std::chrono::duration_cast<microseconds>(deadline - steady_clock::now());
     if (left.count() <= 0) {
@@ -64,14 +64,14 @@ int wait_a_little(sd_bus *bus, Deadline deadline, MessageHandle *message) {
     return std::min(processed, 0);
 }
 
-/// Waits until the bus admits a new connection (the library would wait 90 s). 0, or a negative errno with the
-/// connection closed.
-int await_admission(sd_bus *bus) {
+/// Waits until the bus has authenticated a new connection (the library would wait 90 s). Returns 0, or a negative
+/// errno with the connection closed.
+int await_ready(sd_bus *bus) {
     const Deadline deadline = steady_clock::now() + ANSWER_TIMEOUT;
     int result = 0;
     while (result == 0 && sd_bus_is_ready(bus) == 0) {
         MessageHandle ignored;
-        result = wait_a_little(bus, deadline, &ignored);
+        result = process_or_wait(bus, deadline, &ignored);
     }
     if (result < 0) {
         connection.get().reset();
@@ -79,39 +79,39 @@ int await_admission(sd_bus *bus) {
     return result;
 }
 
-/// 0 when the connection is ready, or a negative errno.
+/// 0 if the connection is ready, or a negative errno.
 int ready_connection() {
     sd_bus *bus = connection.get().get();
-    return bus == nullptr ? -ENOTCONN : await_admission(bus);
+    return bus == nullptr ? -ENOTCONN : await_ready(bus);
 }
 
-/// Whether there are received messages that no call waits for.
+/// Whether received messages are queued that no call waits for.
 bool has_leftovers(sd_bus *bus) {
     std::uint64_t count = 0;
     return sd_bus_get_n_queued_read(bus, &count) >= 0 && count > 0;
 }
 
-/// What waits in the socket.
+/// The number of bytes that can be read from the socket.
 int unread_bytes(sd_bus *bus) {
     int bytes = 0;
     return ioctl(sd_bus_get_fd(bus), FIONREAD, &bytes) == 0 ? bytes : 0;
 }
 
-/// Gives back what the messages of a flood have taken, which would stay with the process else.
-void give_memory_back() { malloc_trim(0); }
+/// Returns the memory of a flood's messages to the system; free() alone does not.
+void release_memory() { malloc_trim(0); }
 
 void drop_connection() {
     connection.get().reset();
-    give_memory_back();
+    release_memory();
 }
 
-/// Throws away what nobody waits for, such as what the bus says of itself: the library keeps all of it. The
-/// connection is dropped when that is too much, a message that is not wholly there included, or when it is dead.
-void tidy_connection(sd_bus *bus) {
-    const Deadline deadline = steady_clock::now() + MOST_TIDYING;
+/// Discards messages that no call waits for, such as the bus's own signals, because the library queues them all.
+/// Drops the connection if it is dead or if there are too many, counting an incomplete message too.
+void discard_leftovers(sd_bus *bus) {
+    const Deadline deadline = steady_clock::now() + MAX_DISCARD_TIME;
     int bytes = unread_bytes(bus);
     for (int count = 0; bytes > 0 || has_leftovers(bus); ++count) {
-        const bool is_flooded = count == MOST_UNREAD || bytes > MOST_UNREAD_BYTES || steady_clock::now() > deadline;
+        const bool is_flooded = count == MAX_UNREAD || bytes > MAX_UNREAD_BYTES || steady_clock::now() > deadline;
         if (is_flooded || sd_bus_process(bus, nullptr) <= 0 || sd_bus_is_open(bus) <= 0) {
             drop_connection();
             return;
@@ -120,36 +120,37 @@ void tidy_connection(sd_bus *bus) {
     }
 }
 
-/// Ends a question; its result. The answer to one that has failed may still come, but not on the next connection.
-int conclude(sd_bus *bus, int result) {
+/// Ends a call and returns `result`. After a failure it drops the connection, so that a late reply is never taken
+/// for the reply to the next call.
+int end_call(sd_bus *bus, int result) {
     if (result < 0) {
         drop_connection();
     } else if (has_leftovers(bus)) {
-        tidy_connection(bus);
+        discard_leftovers(bus);
     }
     return result;
 }
 
-/// Whether the library has given up its wait; an error that was sent has a name of its own.
+/// Whether the library's own wait timed out. An error reply with the same number has another name.
 bool is_unanswered(int result, const UnitError &error) {
     return result == -ETIMEDOUT && std::strcmp(error.name(), SD_BUS_ERROR_TIMEOUT) == 0;
 }
 
-/// Whether it answers a question; there is never more than one on a connection.
+/// Whether it is the reply to the call; there is never more than one call pending.
 bool is_answer(sd_bus_message *message) {
     std::uint8_t type = 0;
     return message != nullptr && sd_bus_message_get_type(message, &type) >= 0 &&
            (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR);
 }
 
-/// Waits for the answer that the library has not waited for; 0, or a negative errno, also that of an error
-/// for an answer.
+/// Waits for the reply after the library's own wait timed out. Returns 0, or a negative errno, also for an error
+/// reply.
 int await_answer(sd_bus *bus, Deadline deadline, MessageHandle *answer, UnitError *error) {
     int result = 0;
     while (result == 0 && !is_answer(answer->get())) {
-        result = wait_a_little(bus, deadline, answer);
+        result = process_or_wait(bus, deadline, answer);
     }
-    give_memory_back();
+    release_memory();
     if (result == 0) {
         sd_bus_error_free(error->get());
         result = sd_bus_error_copy(error->get(), sd_bus_message_get_error(answer->get()));
@@ -161,7 +162,7 @@ int await_answer(sd_bus *bus, Deadline deadline, MessageHandle *answer, UnitErro
 
 int system_bus_open() {
     if (connection.get() && sd_bus_is_ready(connection.get().get()) > 0) {
-        tidy_connection(connection.get().get());
+        discard_leftovers(connection.get().get());
     }
     if (connection.get()) {
         return 0;
@@ -192,7 +193,7 @@ int system_bus_read_text(const char *path, const char *property, TextHandle *tex
         read = late == nullptr ? nullptr : strdup(late);
     }
     text->reset(read);
-    return conclude(bus, result);
+    return end_call(bus, result);
 }
 
 int system_bus_read_number(const char *path, const char *property, std::uint64_t *number, UnitError *error) {
@@ -207,5 +208,5 @@ int system_bus_read_number(const char *path, const char *property, std::uint64_t
         result = await_answer(bus, deadline, &answer, error);
         result = result < 0 ? result : sd_bus_message_read(answer.get(), "v", "t", number);
     }
-    return conclude(bus, result);
+    return end_call(bus, result);
 }

@@ -20,7 +20,7 @@ constexpr std::uint32_t MAXF = TASK_HAS_MAXFAIL;
 constexpr std::uint32_t FMT = TASK_HAS_FORMAT;
 constexpr std::uint32_t PAR = TASK_HAS_PARAMETER;
 
-/// What differs between probes.
+/// The operations and settings of a probe.
 struct Probe {
     const char *name;
     TaskOperation init;

@@ -59,8 +59,8 @@ void sig_alarm_handler(int /*signo*/) {
     alarm_count = alarm_count + 1;
 }
 
-// Blocks before tracing, and below traces before unblocking: while SIGALRM is unblocked, its handler must not
-// interrupt the main thread inside a library.
+// This function blocks before it traces, and timer_continue() traces before it unblocks: the SIGALRM handler must
+// not interrupt the main thread inside a library.
 void timer_suspend() {
     pthread_sigmask(SIG_BLOCK, &alarm_set, nullptr);
     trace(TRACE_TRACE, " ");
@@ -75,7 +75,7 @@ void runrun_wait() {
     pthread_sigmask(SIG_BLOCK, &alarm_set, nullptr);
     trace(TRACE_DEBUG, "\n"); // the empty line is kept
     const sigset_t all = signals_all();
-    do { // waits before it checks: an overrun delays the next pass to the next heartbeat
+    do { // wait before the check: after an overrun the next pass starts at the next heartbeat
         signals_wait(all);
     } while (alarm_count == 0);
     alarm_count = 0;

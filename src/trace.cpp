@@ -27,10 +27,10 @@ namespace {
 constexpr int MODE_STDERR = 3;
 constexpr std::size_t LINE_SIZE = 1024;
 
-/// ") [thread] hh:mm:ss ", which each line carries and each thread makes once a second.
+/// ") [thread] hh:mm:ss ", part of each line. Each thread formats it once a second.
 struct Stamp {
     std::time_t second;
-    std::size_t time_at; ///< where the time begins; 0: the thread's id is not known yet
+    std::size_t time_at; ///< offset of the time; 0: the thread's id is not known yet
     std::size_t length;
     std::array<char, 32> text;
 };
@@ -41,9 +41,9 @@ void forget_stamp() { stamp = {}; }
 
 [[maybe_unused]] const int forgotten_in_children = pthread_atfork(nullptr, nullptr, forget_stamp);
 
-/// Lines lost since the number was last reported, and since the start.
+/// Lost lines, since the last report and since the start.
 constinit std::atomic<unsigned> lost_lines = 0;
-constinit std::atomic<unsigned> lost_lines_in_all = 0;
+constinit std::atomic<unsigned> total_lost_lines = 0;
 
 constexpr int journal_priority(int level) {
     switch (level) {
@@ -80,18 +80,18 @@ void renew_stamp(std::time_t second) {
     stamp.second = second;
 }
 
-/// Writes "(level) [thread] hh:mm:ss ". Returns its end, far before that of a line.
+/// Writes "(level) [thread] hh:mm:ss " and returns its end. It always fits in a line.
 char *put_head(char *line, int level) {
     const std::time_t now = std::time(nullptr);
     if (now != stamp.second || stamp.time_at == 0) {
         renew_stamp(now);
     }
     char *const at = put_number(put_text(line, "("), level);
-    std::copy(stamp.text.begin(), stamp.text.end(), at); // whole: a known size takes no call
+    std::copy(stamp.text.begin(), stamp.text.end(), at); // all of it: a constant size needs no call of memcpy
     return at + stamp.length;
 }
 
-/// Where a trace comes from, its first two as fields of the journal.
+/// The location of a trace; the first two as journal fields.
 struct Place {
     const char *file;
     const char *line;
@@ -100,7 +100,7 @@ struct Place {
 
 using LineText = std::array<char, LINE_SIZE>;
 
-/// Begins a line: all in front of the message.
+/// Writes everything that precedes the message.
 TextBuffer begin_line(LineText *text, int level, const Place &place) {
     char *const head_end = put_head(text->data(), level);
     TextBuffer line(head_end, static_cast<std::size_t>(text->end() - head_end));
@@ -113,7 +113,7 @@ TextBuffer begin_line(LineText *text, int level, const Place &place) {
     return line;
 }
 
-/// False when the journal has refused the line.
+/// False if the journal refused the line.
 bool send(int level, const Place &place, const LineText &text) {
     const int result = sd_journal_print_with_location(journal_priority(level), place.file, place.line, place.function,
                                                       "%s\n", text.data());
@@ -121,31 +121,32 @@ bool send(int level, const Place &place, const LineText &text) {
     return result >= 0;
 }
 
-/// Tells how many lines were lost; false when that is refused too.
-bool tell_lost_lines() {
+/// Traces how many lines were lost; false if the journal refuses that too.
+bool report_lost_lines() {
     constexpr Place place{"CODE_FILE=" TRACE_FILE, "CODE_LINE=" TRACE_STRING(__LINE__), "trace_write"};
     const unsigned count = lost_lines.exchange(0, std::memory_order_relaxed);
     LineText text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     TextBuffer line = begin_line(&text, TRACE_IMPORTANT, place);
     line.append_format("%u traces lost", count);
-    const bool told = count == 0 || send(TRACE_IMPORTANT, place, text);
-    if (!told) {
+    const bool reported = count == 0 || send(TRACE_IMPORTANT, place, text);
+    if (!reported) {
         lost_lines.fetch_add(count, std::memory_order_relaxed);
     }
-    return told;
+    return reported;
 }
 
 void write_to_journal(int level, const Place &place, const LineText &text) {
-    const bool told = lost_lines.load(std::memory_order_relaxed) == 0 || (!journal_is_paused() && tell_lost_lines());
-    if (!told || !send(level, place, text)) {
+    const bool reported =
+        lost_lines.load(std::memory_order_relaxed) == 0 || (!journal_is_paused() && report_lost_lines());
+    if (!reported || !send(level, place, text)) {
         lost_lines.fetch_add(1, std::memory_order_relaxed);
-        lost_lines_in_all.fetch_add(1, std::memory_order_relaxed);
+        total_lost_lines.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
 } // namespace
 
-unsigned trace_lost_lines() { return lost_lines_in_all.load(std::memory_order_relaxed); }
+unsigned trace_lost_lines() { return total_lost_lines.load(std::memory_order_relaxed); }
 
 const char *trace_level_name(int level) {
     static constexpr std::array<const char *, 4> names{"IMPORTANT", "INFO", "DEBUG", "TRACE"};
@@ -155,7 +156,7 @@ const char *trace_level_name(int level) {
 
 void trace_write(int level, const char *code_file, const char *code_line, const char *function, const char *format,
                  ...) {
-    const int saved_errno = errno; // a probe reads it after the call that it traced
+    const int saved_errno = errno; // probes read errno after tracing a call
     const Place place{code_file, code_line, function};
     LineText text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     TextBuffer line = begin_line(&text, level, place);

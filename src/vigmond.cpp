@@ -39,7 +39,7 @@ int main(int argc, char *argv[]) {
     standard_streams_init();
     signals_ignore_failed_writes();
     capabilities_lower_raw_io();
-    setenv("DBUS_FATAL_WARNINGS", "0", 0); // libdbus meets its own checks when memory is out, and would abort
+    setenv("DBUS_FATAL_WARNINGS", "0", 0); // out of memory triggers libdbus's own checks, which would abort
     {
         const JournalOpening opening;
         trace(TRACE_INFO, " ");
@@ -63,6 +63,6 @@ int main(int argc, char *argv[]) {
         return -1;
     }
     scheduler();
-    cleanup(); // not reached: the loop ends with the process
+    cleanup(); // not reached: scheduler() never returns
     return 0;
 }

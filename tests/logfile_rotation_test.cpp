@@ -174,11 +174,11 @@ class BrokenRotationTest : public LogRotationTest {
   protected:
     BrokenRotationTest() {
         rotations().is_long = true;
-        sigset_t held = signals_held();
+        sigset_t held = signals_handled();
         pthread_sigmask(SIG_BLOCK, &held, &mask_);
     }
     ~BrokenRotationTest() override {
-        const sigset_t held = signals_held();
+        const sigset_t held = signals_handled();
         constexpr std::timespec at_once{};
         while (sigtimedwait(&held, nullptr, &at_once) > 0) {
         }
@@ -199,7 +199,7 @@ TEST_F(BrokenRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
         lf_print(0, "x", 0);
         EXPECT_THAT(rotations().calls, SizeIs(1));
         EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n");
-        const sigset_t held = signals_held();
+        const sigset_t held = signals_handled();
         int taken = 0;
         sigwait(&held, &taken);
         logfile_cleanup();

@@ -279,7 +279,7 @@ TEST_F(ProcessTest, TakesARealChildsEndAtASafePoint) {
     const pid_t child = ended_child();
     process_add(child, &task);
     const CapturedTraces traces;
-    signals_wait(signals_held()); // the kernel's SIGCHLD, which may be a moment behind the end itself
+    signals_wait(signals_handled()); // the kernel's SIGCHLD, which may be a moment behind the end itself
     EXPECT_EQ(task.child_pid, 0);
     EXPECT_TRUE(traces.has("sig_child_handler", "signo: 17 errno: 0 code: 1 pid: " + std::to_string(child) +
                                                     " uid: " + std::to_string(getuid()) + " status: 3"));

@@ -26,7 +26,7 @@ class TextBufferTest : public testing::Test {
 TEST_F(TextBufferTest, StartsWithAnEmptyText) {
     const TextBuffer text(bytes.data(), 8);
     EXPECT_STREQ(text.c_str(), "");
-    EXPECT_EQ(text.room(), 8U);
+    EXPECT_EQ(text.remaining(), 7U);
     EXPECT_EQ(behind(1), untouched(15));
 }
 
@@ -36,7 +36,7 @@ TEST_F(TextBufferTest, AppendsWhatFits) {
     EXPECT_TRUE(text.append('-'));
     text.append_format("%d%s", 42, "x");
     EXPECT_STREQ(text.c_str(), "abc-42x");
-    EXPECT_EQ(text.room(), 1U); // the terminator's
+    EXPECT_EQ(text.remaining(), 0U);
     EXPECT_EQ(behind(8), untouched(8));
 }
 
@@ -99,7 +99,7 @@ TEST_F(TextBufferTest, CutsAFormattedTextThatDoesNotFit) {
     text.append_format("%d", 1);
     text.append_format("%s", "");
     EXPECT_STREQ(text.c_str(), "abcde");
-    EXPECT_EQ(text.room(), 1U);
+    EXPECT_EQ(text.remaining(), 0U);
     EXPECT_EQ(behind(6), untouched(10));
 }
 
@@ -116,7 +116,7 @@ TEST_F(TextBufferTest, LeavesAnArrayOfSizeZeroAlone) {
     EXPECT_FALSE(text.append("a"));
     text.append_format("%d", 7);
     EXPECT_TRUE(text.append(""));
-    EXPECT_EQ(text.room(), 0U);
+    EXPECT_EQ(text.remaining(), 0U);
     EXPECT_STREQ(text.c_str(), "");
     EXPECT_EQ(behind(0), untouched(16));
 }
@@ -130,17 +130,17 @@ TEST_F(TextBufferTest, TakesNoArrayAsOneOfSizeZero) {
 
 TEST_F(TextBufferTest, GoesOnBehindATextThatStands) {
     std::copy_n("head: ", 7, bytes.begin());
-    TextBuffer text = TextBuffer::behind(bytes.data(), 12);
-    EXPECT_EQ(text.room(), 6U); // 12 - 6
+    TextBuffer text = TextBuffer::after(bytes.data(), 12);
+    EXPECT_EQ(text.remaining(), 5U); // 12 - 6 - 1
     EXPECT_EQ(text.end(), bytes.data() + 6);
     EXPECT_TRUE(text.append("value"));
     EXPECT_STREQ(text.c_str(), "head: value");
 }
 
 TEST_F(TextBufferTest, CutsAnUnterminatedTextThatStands) {
-    TextBuffer text = TextBuffer::behind(bytes.data(), 4);
+    TextBuffer text = TextBuffer::after(bytes.data(), 4);
     EXPECT_STREQ(text.c_str(), "###");
-    EXPECT_EQ(text.room(), 1U);
+    EXPECT_EQ(text.remaining(), 0U);
     EXPECT_EQ(behind(4), untouched(12));
 }
 

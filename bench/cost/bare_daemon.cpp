@@ -1,5 +1,5 @@
-// The baseline: what a pass over all tasks asks of the system, and nothing else. It has the daemon's libraries
-// and as many threads, and writes the daemon's own lines from tapes (support/line_tape.h).
+// The baseline: makes only the system calls of a pass over all tasks. It has the same libraries and number of
+// threads as the daemon, and writes the daemon's own lines from tapes (support/line_tape.h).
 //     bare_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS TAPE_OF_START TAPE_OF_PASS [hold]
 
 #include <array>
@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::array units{"hostapd", "nginx", "ocppd", "rauc", "stationd", "wpa_5fsupplicant", "corvana_2dportapi"};
 
-// As often as the tasks that look at them, that read the first line, and that read all.
+// One entry per task: those that check for a file, read its first line, or read all of it.
 constexpr std::array looked_at{"/sys/class/net/eth0/operstate", "/sys/class/net/wlan0sta/operstate"};
 constexpr std::array first_lines{"/sys/class/thermal/thermal_zone0/temp",
                                  "/proc/net/dev",
@@ -49,7 +49,7 @@ void *sleep_on(void * /*unused*/) {
     }
 }
 
-/// A file of records, mapped for as long as the program runs.
+/// A file of records, mapped until the program ends.
 struct Tape {
     const char *begin;
     const char *end;
@@ -71,7 +71,7 @@ Tape map_tape(const char *path) {
     return {.begin = begin, .end = begin + size};
 }
 
-/// Five texts make a record, each with its terminator.
+/// A record is five texts, each with its terminator.
 void trace_lines(const Tape &tape) {
     const auto next = [](const char *text) { return text + std::strlen(text) + 1; };
     for (const char *priority = tape.begin; priority < tape.end;) {
@@ -184,7 +184,7 @@ int main(int argc, char *argv[]) {
     const Tape lines = map_tape(argv[7]);
     trace_lines(map_tape(argv[6]));
     ask_units(bus, "LoadState");
-    for (int i = std::atoi(argv[5]); i > 0; --i) { // NOLINT(cert-err34-c): the bench's own
+    for (int i = std::atoi(argv[5]); i > 0; --i) { // NOLINT(cert-err34-c): arguments of our own
         pass(argv, bus, log, lines);
         if (const int period_ms = std::atoi(argv[4]); period_ms > 0) { // NOLINT(cert-err34-c)
             usleep(static_cast<useconds_t>(period_ms) * 1000);

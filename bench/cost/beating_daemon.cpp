@@ -1,6 +1,6 @@
-// The daemon under a clock of its own, on which all tasks are due at each heartbeat; it ends by itself.
+// The daemon with a simulated clock, so that all tasks are due at each heartbeat. It ends by itself.
 //     beating_daemon LOGFILE DISK EMMC PERIOD_MS HEARTBEATS [hold|trace]
-// With "hold" it says when it is done and stays until it is killed; with "trace" its traces go to stdout.
+// With "hold" it prints "done" and waits until it is killed; with "trace" its traces go to stdout.
 
 #include "bench_daemon.h"
 #include "gdata.h"
@@ -27,7 +27,7 @@ int main(int argc, char *argv[]) {
         trace_mode = TRACE_TRACE;
     }
     configure_daemon({.logfile = argv[1], .disk = argv[2], .emmc = argv[3]});
-    const int period_ms = std::atoi(argv[4]);  // NOLINT(cert-err34-c): the bench's own
+    const int period_ms = std::atoi(argv[4]);  // NOLINT(cert-err34-c): arguments of our own
     const int heartbeats = std::atoi(argv[5]); // NOLINT(cert-err34-c)
     gdata_set_commandline(argc, argv);
     signal_init();
@@ -35,7 +35,7 @@ int main(int argc, char *argv[]) {
     process_init();
     init();
     constexpr std::int64_t hour = 3600;
-    const std::int64_t start = std::time(nullptr); // not before it: issues are stamped with the real time
+    const std::int64_t start = std::time(nullptr); // not earlier: issues are stamped with the real time
     for (std::int64_t now = start; now < start + heartbeats * hour; now += hour) {
         timer_suspend();
         scheduler_pass(now);

@@ -1,7 +1,7 @@
 #pragma once
 
-// The board and the systemd that all 23 checks find what they look for on: files in memory in a mount
-// namespace of the process's own, and the tests' fake systemd on a private bus.
+// A board for all 23 checks: files in memory in a private mount namespace, and the tests' fake systemd on a private
+// bus.
 
 #include "bench_daemon.h"
 #include "fake_systemd.h"
@@ -14,7 +14,7 @@
 
 class BenchBoard {
   public:
-    /// Takes root. Ends the program with a word on stderr where it cannot be had.
+    /// Needs root. Ends the program with a message on stderr on failure.
     BenchBoard();
 
     [[nodiscard]] BoardPaths paths() const {
@@ -23,7 +23,7 @@ class BenchBoard {
     [[nodiscard]] const ScratchFolder &scratch() const { return scratch_; }
 
   private:
-    int own_processor_ = leave_last_processor(); ///< before all that serves the board inherits the first
+    int own_processor_ = leave_last_processor(); ///< first, so that the board's servers inherit the first processor
     ScratchFolder scratch_;
     std::unique_ptr<PrivateBus> bus_;
     std::unique_ptr<FakeSystemd> systemd_;
@@ -32,5 +32,5 @@ class BenchBoard {
     std::string logfile_ = scratch_ / "logfile";
 };
 
-/// Shows a process that was forked from that of the board the board's /proc/net too.
+/// Makes the board's /proc/net visible in a process forked from the board's.
 void share_board_network();

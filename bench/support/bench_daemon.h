@@ -1,12 +1,12 @@
 #pragma once
 
-/// What the table's parameters name that no machine but the board has.
+/// Replacements for paths in the task table that exist only on the board.
 struct BoardPaths {
     const char *logfile;
-    const char *disk; ///< in the place of /rw-root
+    const char *disk; ///< replaces /rw-root
     const char *emmc;
 };
 
-/// Hands the daemon its table on these paths, a status log that does not rotate, and loads that start
-/// no load logger. The paths' texts must last.
+/// Gives the daemon its task table with these paths, a status log that does not rotate, and load tasks that do not
+/// start the load logger. The paths must outlive the daemon.
 void configure_daemon(const BoardPaths &paths);

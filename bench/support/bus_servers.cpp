@@ -59,7 +59,7 @@ void raise_issues(int count) {
     std::exit(0);
 }
 
-// The bare server: nothing but the calls of libdbus, and of the journal if it traces.
+// The bare server: only the calls of libdbus, and of the journal if it traces.
 
 void bare_trace(bool tracing, const char *function, const char *text) {
     if (tracing) {

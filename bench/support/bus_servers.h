@@ -1,7 +1,7 @@
 #pragma once
 
-// The processes between which the bus bench measures: the daemon's bus service, and the barest server that
-// answers with the same bytes.
+// The processes that the bus benchmark compares: the daemon's bus service, and a minimal server that replies with
+// the same bytes.
 
 #include <ctime>
 #include <string>
@@ -14,10 +14,10 @@ inline constexpr int ALL_ISSUES = 34;
 inline constexpr const char *BENCH_PATH = "/com/corvana/Monitoring1";
 inline constexpr const char *BENCH_INTERFACE = "com.corvana.State2.Issues";
 
-/// A process of the bench's own, ended with the object.
+/// A child process, killed by the destructor.
 class Process {
   public:
-    /// Starts a program with pipes to its stdin and from its stdout, which nobody reads but `read_line`.
+    /// Starts a program with pipes to its stdin and from its stdout, which only `read_line` reads.
     explicit Process(std::vector<std::string> command);
     ~Process();
     Process(const Process &) = delete;
@@ -27,7 +27,7 @@ class Process {
     void write_line(const std::string &line) const;
     /// The next line of its stdout; "" at the end.
     [[nodiscard]] std::string read_line() const;
-    /// The processor time that it has used, in nanoseconds.
+    /// Its processor time so far, in nanoseconds.
     [[nodiscard]] long processor_time() const;
 
   private:
@@ -36,12 +36,12 @@ class Process {
     int output_ = -1;
 };
 
-/// The command that makes this program a server with `issues` raised issues under a name of its own.
-/// The daemon's obeys "pass", one pass that raises or clears an issue, by writing the time of its end.
+/// The command that runs this program as a server named `name` with `issues` raised issues. The daemon's server
+/// runs one pass, which raises or clears an issue, for each line "pass" and prints the time of its end.
 std::vector<std::string> server_command(Server kind, int issues, const std::string &name);
 
-/// When the arguments are those of server_command, serves and does not return.
+/// If the arguments are those of server_command, serves and does not return.
 void serve_if_asked(int argc, char **argv);
 
-/// Nanoseconds of the clock that all processes share.
+/// Nanoseconds of the monotonic clock, comparable between processes.
 long monotonic_time();

@@ -1,4 +1,4 @@
-#undef _FORTIFY_SOURCE // its inline functions have the names that are defined here
+#undef _FORTIFY_SOURCE // it defines inline functions with the same names as below
 #include "call_tape.h"
 
 #include "handle.h"
@@ -56,7 +56,7 @@ template <typename Function> Function *next_in_line(const char *name) {
 
 } // namespace
 
-// In front of the libraries' own; on 64-bit targets the headers lead these calls to the 64-bit names.
+// Replace the libraries' functions; on 64-bit targets the headers redirect these calls to the 64-bit names.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the headers' are reserved
 extern "C" {
 
@@ -142,7 +142,7 @@ void read_lines(const Call &call) {
     }
 }
 
-/// The eMMC is asked, the one other file read.
+/// Sends the ioctl if the file is the eMMC, else reads it.
 void open_file(const Call &call) {
     const Descriptor file(open(call.path.c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, 2048> text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
@@ -150,14 +150,14 @@ void open_file(const Call &call) {
     if (!call.path.ends_with("mmcblk1")) {
         static_cast<void>(read(file.get(), text.data(), text.size()) == 0);
     } else if (ioctl(file.get(), MMC_IOC_CMD, &command) == 0) {
-        std::abort(); // there is none here
+        std::abort(); // does not exist here
     }
 }
 
 void write_record(const Call &call, int log) {
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): writev only reads
     const iovec piece{.iov_base = const_cast<char *>(call.path.data()), .iov_len = call.path.size()};
-    if (writev(log, &piece, 1) < 0 || lseek(log, 0, SEEK_END) < 0) { // its size tells whether it is full
+    if (writev(log, &piece, 1) < 0 || lseek(log, 0, SEEK_END) < 0) { // the daemon checks its size
         std::abort();
     }
 }

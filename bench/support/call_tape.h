@@ -1,8 +1,7 @@
 #pragma once
 
-// What the daemon asks of the system, noted while it runs and done again by a bare program: each
-// journal line with the same text, each file opened and read with the same library calls, each question
-// to systemd, each record.
+// Records the daemon's calls to the system, and repeats them in a bare program: journal lines with the same text,
+// files opened and read with the same library functions, calls to systemd, and records.
 
 #include <cstddef>
 #include <functional>
@@ -13,19 +12,19 @@ enum class CallKind { trace, read_file, open_file, stat, statvfs, access, record
 
 struct Call {
     CallKind kind;
-    std::string path = {};     ///< or the finished text of the trace line or record, or the unit's object
-    std::string property = {}; ///< of the unit; of a trace line its function
+    std::string path = {};     ///< or the complete text of the trace line or record, or the unit's object path
+    std::string property = {}; ///< of the unit; the function of a trace line
     int priority = 0;          ///< of a trace line
-    int lines = 0;             ///< read from the file
+    int lines = 0;             ///< number of lines read from the file
     std::string code_file = {};
     std::string code_line = {};
 };
 
 using CallTape = std::vector<Call>;
 
-/// Notes the calls made by `run`.
+/// Records the calls made by `run`.
 CallTape note_calls(const std::function<void()> &run);
 std::size_t count(const CallTape &tape, CallKind kind);
 
-/// Makes the calls again; the records go to `log`.
+/// Repeats the calls; writes the records to `log`.
 void play(const CallTape &tape, int log);

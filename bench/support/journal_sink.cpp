@@ -31,13 +31,13 @@ void *drain(void * /*unused*/) {
     return nullptr;
 }
 
-/// An empty /run that nobody else sees. False with errno.
+/// Mounts a private, empty /run. False with errno set.
 bool own_run_folder() {
     return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0;
 }
 
-/// A queue as long as systemd makes it at the start of a station, and the kernel does not.
+/// Sets the queue length that systemd configures on a station; the kernel's default is shorter.
 bool deepen_queue() {
     const FileHandle depth(unshare(CLONE_NEWNET) == 0 ? std::fopen("/proc/sys/net/unix/max_dgram_qlen", "we")
                                                       : nullptr);

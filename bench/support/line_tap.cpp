@@ -4,7 +4,7 @@
 
 constinit LineTap line_tap = nullptr;
 
-// In front of the library's own, which does the same but for the tap.
+// Replaces the library's function and behaves like it, except for the tap.
 extern "C" int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
                                               const char *format, ...) {
     std::va_list arguments;

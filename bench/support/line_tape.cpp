@@ -36,7 +36,7 @@ LineTapes tapes_of(const std::vector<std::string> &lines) {
         if (parts[2] != main_thread) {
             continue;
         }
-        passes += parts[4] == "network_check_daemon" && previous == "timer_suspend" ? 1 : 0; // so each begins
+        passes += parts[4] == "network_check_daemon" && previous == "timer_suspend" ? 1 : 0; // each pass starts so
         previous = parts[4];
         if (passes == 0) {
             tapes.start += record_of(line, parts);

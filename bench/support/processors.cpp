@@ -5,7 +5,7 @@
 
 namespace {
 
-/// Which of the processors that this thread may use comes first, from a side.
+/// The first processor that this thread may use, searching from `processor` in the direction `step`.
 int next_allowed(int processor, int step) {
     cpu_set_t allowed;
     CPU_ZERO(&allowed);

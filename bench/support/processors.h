@@ -1,11 +1,11 @@
 #pragma once
 
-// On which of the processors what is measured runs: whether it shares its own with the journal's reader
-// must not be left to chance, for each line that it writes wakes that one.
+// Assigns processors, so that the measured program never shares one with the journal's reader by chance: each line
+// wakes the reader.
 
-/// Keeps the calling thread, and what it starts from then on, to a processor.
+/// Pins the calling thread, and everything it starts from now on, to a processor.
 void keep_to(int processor);
 
-/// Keeps the calling thread, and what it starts from then on, to the first processor that it may use; the
-/// last, which is the same where there is but one.
+/// Pins the calling thread, and everything it starts from now on, to the first processor that it may use. Returns
+/// the last one, which is the same if there is only one.
 int leave_last_processor();

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// The daemon's lines of some heartbeats.
+/// The daemon's trace lines of some heartbeats.
 std::vector<std::string> daemon_lines(const BenchBoard &board) {
     constexpr int heartbeats = 14;
     std::array<int, 2> ends{};

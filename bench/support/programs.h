@@ -1,7 +1,7 @@
 #pragma once
 
-// Programs that the benches start and look at from outside: the daemon under a clock of its own, the
-// baseline, others of the daemon's kind; and the rows of the table that is made of it.
+// Programs that the benchmarks start and measure from outside: the daemon with a simulated clock, the baseline, and
+// others of the daemon's kind; and the rows of the resulting table.
 
 #include "bench_board.h"
 
@@ -11,33 +11,33 @@
 
 using Command = std::vector<std::string>;
 
-/// The command of the daemon in `folder`, all of whose tasks are due at each heartbeat. It ends by itself;
-/// without a period one heartbeat follows the other.
+/// The command of the daemon in `folder` with all tasks due at each heartbeat. It ends by itself. With period 0 the
+/// heartbeats follow each other without a pause.
 Command daemon_command(const BenchBoard &board, int period_ms, int heartbeats, const std::string &folder = COST_FOLDER);
 
-/// The program that asks the same of the system and writes the same lines, and does nothing else.
+/// The program that only makes the same system calls and writes the same lines.
 class Baseline {
   public:
-    /// Runs the daemon once, for its lines.
+    /// Runs the daemon once to record its lines.
     explicit Baseline(const BenchBoard &board);
     [[nodiscard]] Command command(int period_ms, int heartbeats, const std::string &folder = COST_FOLDER) const;
 
-    /// The lines of a pass.
+    /// The number of lines of a pass.
     [[nodiscard]] std::size_t lines_of_pass() const { return lines_of_pass_; }
 
   private:
     const BenchBoard &board_;
     std::size_t lines_of_pass_ = 0;
-    std::string start_; ///< the tapes' paths
+    std::string start_; ///< paths of the tapes
     std::string pass_;
 };
 
-/// Becomes the program, its stdout going to `out` or nowhere.
+/// Executes the program with stdout to `out`, or to /dev/null.
 [[noreturn]] void become(const Command &command, int out = -1);
 /// Starts the program as a child.
 pid_t start(const Command &command, int out = -1);
 
-/// A program of the two above that has done its heartbeats and stays, ended with the object.
+/// One of the two programs above, waiting after its heartbeats; killed by the destructor.
 class HeldProgram {
   public:
     explicit HeldProgram(Command command);
@@ -54,5 +54,5 @@ class HeldProgram {
 /// All lines of a file; none when it cannot be read.
 std::vector<std::string> lines_of(const std::string &path);
 
-/// Prints a row of script/bench's table; without a figure to compare with, the figure alone.
+/// Prints a row of script/bench's table; only the figure if `against` is 0.
 void print_row(const char *what, double figure, double against, double goal);

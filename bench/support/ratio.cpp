@@ -16,7 +16,7 @@ struct Fastest {
     double wall = std::numeric_limits<double>::infinity();
 };
 
-/// Keeps the fastest repetition of each benchmark beside printing all.
+/// Prints all repetitions and keeps the fastest one of each benchmark.
 class FastestOfAll : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run> &runs) override {
@@ -54,7 +54,7 @@ int run_and_print_ratios(int argc, char **argv, const std::vector<Pair> &pairs) 
     std::string repetitions = "--benchmark_repetitions=9";
     std::string interleaving = "--benchmark_enable_random_interleaving=true";
     std::vector<char *> arguments{argv[0], repetitions.data(), interleaving.data()};
-    arguments.insert(arguments.end(), argv + 1, argv + argc); // theirs win
+    arguments.insert(arguments.end(), argv + 1, argv + argc); // later ones override ours
     int count = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
     benchmark::Initialize(&count, arguments.data());

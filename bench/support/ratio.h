@@ -2,14 +2,13 @@
 
 #include <vector>
 
-/// A benchmark and the one that it is measured against.
+/// A benchmark and its baseline.
 struct Pair {
     const char *whole;
     const char *bare;
 };
 
-/// Runs all benchmarks, each in several repetitions that alternate with those of the others, and
-/// prints for each pair how often the fastest of `whole` takes the time of the fastest of `bare`: in
-/// processor time of the thread that runs them, and in wall time, which a busy machine blurs. Returns
-/// the exit status for main.
+/// Runs all benchmarks in alternating repetitions and prints for each pair the ratio of the fastest times of `whole`
+/// and `bare`: in processor time of the running thread, and in wall time, which depends on the load of the machine.
+/// Returns the exit status for main.
 int run_and_print_ratios(int argc, char **argv, const std::vector<Pair> &pairs);

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the fuzz targets share.
+// Shared by the fuzz targets.
 
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
 
-/// Ends the run as a finding unless `condition` holds.
+/// Reports a finding and ends the run unless `condition` holds.
 inline void promise(bool condition, const char *text) {
     if (!condition) {
         std::fprintf(stderr, "broken promise: %s\n", text);

@@ -1,4 +1,4 @@
-// Linked in front of the library's own: traces are formatted, which is worth fuzzing, and end here.
+// Replaces the library's function: traces are formatted, which is worth fuzzing, and then dropped.
 
 #include <cstdarg>
 #include <cstdlib>

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// The file's presence says it all; what stands in it is the controller's power saving.
+/// 0 if the file exists, else 1. Its content, the controller's power state, does not matter.
 std::int32_t bluetooth_state(const char *path) { return access(path, F_OK) == 0 ? 0 : 1; }
 
 } // namespace

@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-// A regular file stands for a file system; its first line gives total, free and available blocks:
+// A regular file represents a file system; its first line has the total, free and available blocks:
 //     fs x 1000 500 250
 
 namespace {

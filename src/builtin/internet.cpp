@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr int MAX_TOKENS = 16; // one less than the line has: the last counter is not used
+constexpr int MAX_TOKENS = 16; // one less than in the line: the last counter is not used
 constexpr int MIN_TOKENS = 11;
 
 using Tokens = std::array<char *, MAX_TOKENS + 1>;
@@ -55,7 +55,7 @@ bool internet_parse_line(char *line, const char *interface, TrafficCounters *cou
 }
 
 Reading internet_percent(const TrafficCounters &counters) {
-    // Kept: 32 bits that wrap, 1 percent on a busy interface without loss, negative below 50 packets.
+    // Kept: wraps at 32 bits, is 1 percent on a busy interface without loss, and negative below 50 packets.
     const std::int32_t packets = low_32_bits(counters.packets);
     if (packets == 0) {
         return Reading::failed(ENOENT);
@@ -70,7 +70,7 @@ namespace {
 constexpr std::int32_t ID_LAN = 10;
 constexpr std::int32_t ID_WIFI = 13;
 
-/// Ids that belong to no path always run.
+/// Tasks whose id belongs to no path always run.
 bool is_switched_on(std::int32_t id) {
     return (id != ID_LAN || lan_available == 1) && (id != ID_WIFI || wifi_available == 1);
 }
@@ -102,7 +102,7 @@ int internet_exec(Task *task) {
     trace(TRACE_DEBUG, " ");
     if (!is_switched_on(task->id)) {
         task->do_logfile = 0;
-        return ENONET; // not stored in `error`: a path that is switched off is no failed run
+        return ENONET; // not stored in `error`: a disabled path is not a failed run
     }
     task->do_logfile = 1;
     task_clear(task, TASK_VALUE_VALID);

@@ -14,18 +14,18 @@
 #include <cstdio>
 #include <cstdlib>
 
-// /proc/stat; user, nice, system and idle lead the line of all CPUs:
+// /proc/stat; the line of all CPUs starts with user, nice, system and idle:
 //     cpu  10132153 290696 3084719 46828483 16683 0 25195 0 0 0
 
 namespace {
 
-// One state for both load tasks: the second one in a pass finds too few ticks and repeats the first one's load.
+// Shared by both load tasks: the second one in a pass sees too few ticks and repeats the first one's load.
 constinit CpuCounters previous{.user = 0, .system = 0, .idle = 0};
 constinit std::int32_t last_load = 0;
 constinit bool first_run = true;
 constinit bool load_child_started = false;
 
-/// The number modulo 2^32 (idle exceeds 2^31 within months). False if the text is no count.
+/// The number modulo 2^32 (idle exceeds 2^31 within months). False if the text is not a count.
 bool to_ticks(const char *text, std::int32_t *ticks) {
     constexpr double exact_up_to = 9007199254740992.0; // 2^53
     const double number = std::strtod(text, nullptr);
@@ -119,7 +119,7 @@ int load_exec(Task *task) {
               static_cast<double>(load.system), static_cast<double>(load.idle), average);
         previous = now;
         last_load =
-            static_cast<std::int32_t>(average + 0.5); // NOLINT(bugprone-incorrect-roundings): a negative load moves
+            static_cast<std::int32_t>(average + 0.5); // NOLINT(bugprone-incorrect-roundings): kept for negative loads
     }
     return probe_succeed(task, last_load);
 }

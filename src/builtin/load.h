@@ -1,6 +1,6 @@
 #pragma once
 
-// The load probe: parsing, and the end of its child.
+// The load probe: parsing and ending its child.
 
 #include "gdata.h"
 
@@ -13,12 +13,12 @@ struct CpuCounters {
     std::int32_t idle;
 };
 
-/// Takes the counters from the first line of /proc/stat, which it splits in place; false if it is unusable.
+/// Reads the counters from the first line of /proc/stat, which it splits in place; false if unusable.
 bool load_parse_line(char *line, CpuCounters *counters);
 
 /// The load between two readings.
 struct CpuLoad {
-    std::int32_t user; ///< whole percent, like the following
+    std::int32_t user; ///< whole percent, as are the others
     std::int32_t system;
     std::int32_t idle;
     std::int32_t load;
@@ -29,5 +29,5 @@ bool load_between(const CpuCounters &before, const CpuCounters &now, CpuLoad *lo
 
 /// Reads the counters; 0 or -1.
 int load_read_values(std::int32_t *user, std::int32_t *system, std::int32_t *idle);
-/// Ends the task's child with its whole process group; returns 0.
+/// Terminates the task's child and its process group; returns 0.
 int load_cleanup(Task *task);

@@ -23,7 +23,7 @@ constexpr std::uint8_t STOPPED = 0;
 constexpr std::uint8_t RUNNING = 1;
 constexpr std::uint8_t UNKNOWN = 255;
 
-/// A watched unit. Lives, with its name and list node, until the process ends.
+/// A watched unit. Exists, with its name and list node, until the process ends.
 struct Service {
     char *name; ///< without its suffix
     std::int32_t index;
@@ -41,7 +41,7 @@ bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 Service *service_of(const DListNode *node) { return static_cast<Service *>(node->data); }
 
-/// False when the text was cut.
+/// False if the text was truncated.
 bool append_escaped(TextBuffer *text, const char *name) {
     constexpr std::string_view digits = "0123456789abcdef";
     bool fits = true;
@@ -115,7 +115,7 @@ int ask(const char *step, const char *path, const char *property, TextHandle *st
     return result;
 }
 
-/// Retries until it succeeds; only -EINVAL ends it, so that a slow start-up loses no unit.
+/// Retries until success or -EINVAL, so that a slow start-up loses no unit.
 int ask_load_state(const char *path, TextHandle *state) {
     for (int repeat = 1;; ++repeat) {
         const int result = ask("service_is_loaded", path, "LoadState", state);
@@ -158,7 +158,7 @@ bool service_add(const char *name, std::int32_t index) {
     return true;
 }
 
-/// Adds the unit if it is loaded, reports it if not; false when out of memory.
+/// Adds the unit if it is loaded, else reports it; false when out of memory.
 bool service_consider(const char *name, std::int32_t index) {
     trace_as("service_init", TRACE_TRACE, "service: %s", name);
     if (service_is_loaded(name)) {
@@ -182,7 +182,7 @@ bool service_consider_all(char *names, std::int32_t index) {
     return all_added;
 }
 
-/// Reads whether the unit runs. Repeats an interrupted call; any other failure is final, unlike at start-up.
+/// Reads whether the unit runs. Retries an interrupted call; unlike at start-up, any other failure is final.
 std::uint8_t service_ask_running(const char *name) {
     UnitPath path{};
     if (!service_path(name, &path)) {
@@ -207,7 +207,7 @@ std::uint8_t service_ask_running(const char *name) {
     return running ? RUNNING : STOPPED;
 }
 
-/// 1 when a unit of the task does not run or could not be read, else 0.
+/// 1 if a unit of the task does not run or could not be read, else 0.
 std::int32_t service_read(const Task *task) {
     std::int32_t result = 0;
     for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
@@ -262,13 +262,13 @@ namespace {
 
 using Line = std::array<char, 2048>;
 
-/// Appends "Services: ocppd, nginx are not running", the units of all service tasks, the newest first. The names
-/// end at 2024 characters, so that the last words always have room.
+/// Appends "Services: ocppd, nginx are not running" with the units of all service tasks, newest first. The names are
+/// truncated at 2024 characters, so that the last words always fit.
 void append_stopped(Line *text) {
     constexpr std::size_t names_size = 2024 + 1;
     const int stopped = count_stopped();
     const char *separator = "";
-    TextBuffer names = TextBuffer::behind(text->data(), names_size);
+    TextBuffer names = TextBuffer::after(text->data(), names_size);
     names.append_format("Service%s:", stopped == 1 ? "" : "s");
     for (const DListNode *node = service_list.next; node != nullptr; node = node->next) {
         if (service_of(node)->running == STOPPED) {
@@ -276,7 +276,7 @@ void append_stopped(Line *text) {
             separator = ",";
         }
     }
-    TextBuffer::behind(text->data(), text->size()).append_format(" %s not running", stopped == 1 ? "is" : "are");
+    TextBuffer::after(text->data(), text->size()).append_format(" %s not running", stopped == 1 ? "is" : "are");
 }
 
 } // namespace

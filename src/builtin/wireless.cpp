@@ -24,12 +24,12 @@ constexpr std::int32_t ID_LINK = 2;
 constexpr std::int32_t ID_QUALITY = 4;
 constexpr std::int32_t ID_STRENGTH = 9;
 
-static_assert(ENONET == 64); // the error number of a path that is switched off is fixed
+static_assert(ENONET == 64); // the error number of a disabled path is fixed
 
 constexpr int TOKEN_QUALITY = 2;
 constexpr int TOKEN_LEVEL = 3;
 
-/// What a wireless task reads. Lives, with its list node, until the process ends.
+/// The source of a wireless task. Exists, with its list node, until the process ends.
 struct Record {
     std::int32_t id;
     std::int32_t index;
@@ -71,7 +71,7 @@ bool is_wireless_id(std::int32_t id) {
     return id == ID_HARDWARE || id == ID_LINK || id == ID_QUALITY || id == ID_STRENGTH;
 }
 
-/// The file that a task reads. The text lives until the process ends; null when out of memory.
+/// The file that a task reads. The text exists until the process ends; null when out of memory.
 const char *file_of(const Task *task) {
     if (std::strchr(task->parameter, '/') != nullptr) {
         return task->parameter;
@@ -88,7 +88,7 @@ const char *file_of(const Task *task) {
     return file.release();
 }
 
-/// Adds a record of the task to the list. Returns the text of what failed, or null.
+/// Adds a record of the task to the list. Returns the text of the failed step, or null.
 const char *add_record(const Task *task) {
     auto record = record_allocate<Record>();
     if (!record) {
@@ -117,7 +117,7 @@ const Record *wireless_psearch(const Task *task) {
     return node == nullptr ? nullptr : static_cast<const Record *>(node->data);
 }
 
-/// Whether the interface is there (id 1) or up (id 2).
+/// Whether the interface exists (id 1) or is up (id 2).
 Reading wireless_state(const Record *record) {
     trace(TRACE_TRACE, "%s %d", record->file, record->id);
     const FileHandle file(std::fopen(record->file, "re"));
@@ -271,7 +271,7 @@ int wireless_logger(Task *task) {
         return 0;
     }
     task->do_log = 0;
-    std::array<char, 1023> text{}; // half of what the other probes' loggers have
+    std::array<char, 1023> text{}; // half the size in the other probes' loggers
     TextBuffer line = logger_value_line(text, task);
     if (task_has(task, TASK_HAS_FORMAT) && task->format != nullptr && *task->format != '\0') {
         line.append_format("%s: ", task->format); // format holds the interface's name; no sentence follows

@@ -33,7 +33,7 @@ FileHandle open_source(const char *name) {
     return is_stdin(name) ? open_copy(STDIN_FILENO, "r") : stream_on(open_nonblocking(name, O_RDONLY), "r");
 }
 
-/// Removes the file again if there is no memory for its stream.
+/// Removes the file again if out of memory for its stream.
 FileHandle create_file(const char *name, int flags) {
     Descriptor file = open_nonblocking(name, O_WRONLY | O_CREAT | flags);
     const bool created = static_cast<bool>(file);
@@ -48,11 +48,11 @@ FileHandle open_destination(const char *name) {
     if (!is_stdout(name)) {
         return create_file(name, O_TRUNC);
     }
-    std::fflush(stdout); // keep earlier output first
+    std::fflush(stdout); // earlier output must come first
     return open_copy(STDOUT_FILENO, "w");
 }
 
-/// In the place of what has this name, and never through a link.
+/// Replaces a file of this name and never follows a link.
 FileHandle create_new(const char *name) {
     std::remove(name);
     return create_file(name, O_EXCL | O_NOFOLLOW);
@@ -66,7 +66,7 @@ void remove_destination(const char *name) {
 
 bool close_checked(FileHandle &stream) { return std::fclose(stream.release()) == 0; }
 
-/// Puts on the disk what has been flushed; true, too, on a file system that has nothing to synchronise.
+/// Writes the flushed data to the disk; also true on a file system without synchronisation.
 bool synchronise(std::FILE *stream) { return fdatasync(fileno(stream)) == 0 || errno == EINVAL || errno == ENOSYS; }
 
 timeval time_of_day() {
@@ -150,39 +150,39 @@ class BzipWriter {
     BZFILE *stream_;
 };
 
-enum class Outcome : std::uint8_t { DONE, WRITE_FAILED, CLOSE_FAILED, BROKEN_OFF };
+enum class Outcome : std::uint8_t { done, write_failed, close_failed, interrupted };
 
-/// What a rotation asks for beyond compressing.
-struct Care {
-    bool synchronised = false; ///< the destination is on the disk before it is closed
-    BreakOff break_off = nullptr;
+/// Additional requests of a rotation.
+struct PackOptions {
+    bool synchronised = false; ///< write the destination to the disk before closing it
+    Interrupt interrupt = nullptr;
 };
 
-/// A read error counts as the end of the input: what was read is kept. An input of one piece is never
-/// broken off.
-Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts, const Care &care) {
+/// A read error counts as the end of the input: the data read before it is kept. An input that fits the buffer is
+/// never interrupted.
+Outcome compress(FileHandle in, FileHandle out, char *buffer, ByteCounts &counts, const PackOptions &options) {
     BzipWriter writer(out.get());
     if (!writer) {
-        return Outcome::WRITE_FAILED;
+        return Outcome::write_failed;
     }
     while (const std::size_t count = std::fread(buffer, 1, COPY_SIZE, in.get())) {
         if (!writer.write(buffer, count)) {
-            return Outcome::WRITE_FAILED;
+            return Outcome::write_failed;
         }
-        if (count == COPY_SIZE && care.break_off != nullptr && care.break_off()) {
-            return Outcome::BROKEN_OFF;
+        if (count == COPY_SIZE && options.interrupt != nullptr && options.interrupt()) {
+            return Outcome::interrupted;
         }
     }
     in.reset();
-    const bool finished = writer.finish(counts) && (!care.synchronised || synchronise(out.get()));
-    return close_checked(out) && finished ? Outcome::DONE : Outcome::CLOSE_FAILED;
+    const bool finished = writer.finish(counts) && (!options.synchronised || synchronise(out.get()));
+    return close_checked(out) && finished ? Outcome::done : Outcome::close_failed;
 }
 
-Outcome compress(Job &job, ByteCounts &counts, const Care &care) {
-    return compress(std::move(job.in), std::move(job.out), job.buffer.get(), counts, care);
+Outcome compress(Job &job, ByteCounts &counts, const PackOptions &options) {
+    return compress(std::move(job.in), std::move(job.out), job.buffer.get(), counts, options);
 }
 
-// The traces are those of file_compress, whoever packs.
+// Both operations trace as file_compress.
 
 void trace_begin(const char *from, const char *to) {
     trace_as("file_compress", TRACE_TRACE, "from: %s to: %s", from, to);
@@ -203,8 +203,8 @@ int file_compress(const char *from, const char *to) {
     }
     ByteCounts counts{};
     const Outcome outcome = compress(job, counts, {});
-    if (outcome != Outcome::DONE) {
-        if (outcome == Outcome::WRITE_FAILED || !is_stdin(from)) { // deliberate: a piped text keeps its torn end
+    if (outcome != Outcome::done) {
+        if (outcome == Outcome::write_failed || !is_stdin(from)) { // kept: the incomplete result of a piped text stays
             remove_destination(to);
         }
         return -1;
@@ -213,26 +213,26 @@ int file_compress(const char *from, const char *to) {
     return 0;
 }
 
-Packing file_pack(const char *from, const char *to, const char *temporary, BreakOff break_off) {
+Packing file_pack(const char *from, const char *to, const char *temporary, Interrupt interrupt) {
     trace_begin(from, to);
     Job job(from, temporary, create_new);
     if (!job.out) {
-        return Packing::FAILED;
+        return Packing::failed;
     }
     ByteCounts counts{};
-    const Outcome outcome = compress(job, counts, {.synchronised = true, .break_off = break_off});
-    if (outcome != Outcome::DONE) {
+    const Outcome outcome = compress(job, counts, {.synchronised = true, .interrupt = interrupt});
+    if (outcome != Outcome::done) {
         std::remove(temporary);
-        return outcome == Outcome::BROKEN_OFF ? Packing::BROKEN_OFF : Packing::FAILED;
+        return outcome == Outcome::interrupted ? Packing::interrupted : Packing::failed;
     }
     trace_end(from, counts, job.start);
-    return Packing::DONE;
+    return Packing::done;
 }
 
 namespace {
 
-/// The text of the bzip2 streams in `in`, which must outlive it. As the bunzip2 tool does, it joins
-/// streams that follow each other and ignores what follows them and is no stream.
+/// Reads the text of the bzip2 streams in `in`, which must outlive it. Like bunzip2, it concatenates successive
+/// streams and ignores other data after them.
 class BzipReader {
   public:
     explicit BzipReader(std::FILE *in) : in_(in) { open_next(); }
@@ -287,7 +287,7 @@ class BzipReader {
     std::FILE *in_;
     BZFILE *stream_ = nullptr;
     int streams_ = 0;
-    int unused_count_ = 0; ///< read by the stream that has ended, and the start of the next
+    int unused_count_ = 0; ///< bytes that the last stream has read past its end: the start of the next one
     std::array<char, BZ_MAX_UNUSED> unused_{};
 };
 

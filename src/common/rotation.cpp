@@ -20,7 +20,7 @@ bool names_no_file(const char *file) {
 
 bool exists(const char *file) { return access(file, F_OK) == 0; }
 
-/// file_compress would read standard input under this name.
+/// A path that file_compress does not take for standard input.
 const char *path_of(const char *file) { return std::strcmp(file, "stdin") == 0 ? "./stdin" : file; }
 
 /// The names of a file's generations, one at a time; false when out of memory.
@@ -42,8 +42,8 @@ class GenerationName {
     TextHandle text_;
 };
 
-/// The first number without a generation; `count` when there are that many. A negative count has no
-/// gap to look for: generation 000 is replaced and nothing shifted.
+/// The first number without a generation, at most `count`. 0 for a negative count: generation 000 is then
+/// replaced and nothing is shifted.
 std::int32_t first_gap(GenerationName &name, std::int32_t count) {
     std::int32_t number = 0;
     while (number < count && exists(name.of(number))) {
@@ -52,7 +52,7 @@ std::int32_t first_gap(GenerationName &name, std::int32_t count) {
     return number;
 }
 
-/// Frees the name of generation 000 as far as that can be done.
+/// Shifts the generations up by one to free number 000; errors are ignored.
 void shift(GenerationName &newer, GenerationName &older, std::int32_t count) {
     std::int32_t gap = first_gap(older, count);
     if (gap == count) {
@@ -65,7 +65,7 @@ void shift(GenerationName &newer, GenerationName &older, std::int32_t count) {
     }
 }
 
-/// The name under which a generation is written: no generation's, and no longer than one.
+/// The temporary name of a new generation: no generation has it, and it is no longer than theirs.
 TextHandle packing_name(const char *file) {
     const std::size_t size = std::strlen(file) + sizeof ".packing";
     TextHandle name = text_allocate(size);
@@ -75,7 +75,7 @@ TextHandle packing_name(const char *file) {
     return name;
 }
 
-/// Puts the names in the folder of `path`, which it cuts, on the disk.
+/// Synchronises the directory of `path` to the disk; modifies `path`.
 void synchronise_folder(char *path) {
     const Descriptor folder = open_nonblocking(dirname(path), O_RDONLY | O_DIRECTORY);
     if (folder) {
@@ -83,10 +83,10 @@ void synchronise_folder(char *path) {
     }
 }
 
-/// The generation gets its name when it is on the disk, and the name is there before the original goes.
-Packing pack(const char *file, const char *generation, char *temporary, BreakOff break_off) {
-    const Packing result = file_pack(path_of(file), generation, temporary, break_off);
-    if (result == Packing::DONE) {
+/// Renames the generation once its data is on the disk, and synchronises the name before the original is removed.
+Packing pack(const char *file, const char *generation, char *temporary, Interrupt interrupt) {
+    const Packing result = file_pack(path_of(file), generation, temporary, interrupt);
+    if (result == Packing::done) {
         if (std::rename(temporary, generation) == 0) {
             synchronise_folder(temporary);
         } else {
@@ -98,7 +98,7 @@ Packing pack(const char *file, const char *generation, char *temporary, BreakOff
 
 } // namespace
 
-void file_rotate(const char *file, std::int32_t count, BreakOff break_off) {
+void file_rotate(const char *file, std::int32_t count, Interrupt interrupt) {
     trace(TRACE_TRACE, "file: %s -- count: %d ", file, count);
     if (names_no_file(file) || !exists(file)) {
         return;
@@ -113,11 +113,11 @@ void file_rotate(const char *file, std::int32_t count, BreakOff break_off) {
     shift(newer, older, count);
     const char *newest = newer.of(0);
     trace(TRACE_TRACE, "compress %s -> %s", file, newest);
-    if (pack(file, newest, temporary.get(), break_off) == Packing::BROKEN_OFF) {
+    if (pack(file, newest, temporary.get(), interrupt) == Packing::interrupted) {
         return;
     }
     malloc_trim(0);    // return the compressor's megabyte to the system
-    std::remove(file); // kept: removed after a failure too, or the disk would fill up
+    std::remove(file); // kept: also after a failure, so that the disk does not fill up
 }
 
 void file_rotate_leftover(const char *file) {

@@ -34,7 +34,7 @@ class BusError {
     BusError &operator=(const BusError &) = delete;
     BusError &operator=(BusError &&) = delete;
 
-    /// Cleared, to pass to a call.
+    /// Clears the error and returns it for the next call.
     DBusError *fresh() {
         dbus_error_free(&error_);
         return &error_;

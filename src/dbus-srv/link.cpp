@@ -17,25 +17,25 @@
 
 namespace {
 
-/// What libdbus reads in before it is handled. A message above that is still read, alone.
+/// How much libdbus reads before messages are handled. A single larger message is still read.
 struct InputBound {
     long bytes;
     long descriptors;
 };
-// A flood waits at its sender, and not in our memory.
+// A flood must queue at its sender and not in our memory.
 constexpr InputBound USUAL_INPUT{.bytes = 1024L * 1024, .descriptors = 16};
-// While nothing is handled: the answer that is waited for may come after much else.
+// While waiting for a reply, when no message is handled: many other messages may precede it.
 constexpr InputBound INPUT_BEFORE_ANSWER{.bytes = 64 * 1024L * 1024, .descriptors = 256};
 
-// The kernel's own limit. A message with more than the limit costs us the connection, and the bus's limit
-// may be higher than the library's.
+// The kernel's limit. A message with more descriptors than our limit would close the connection, and the bus may
+// allow more than the library's default.
 constexpr long DESCRIPTORS_PER_MESSAGE = 253;
 
 constinit pthread_mutex_t link_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit BusLink link_state = BusLink::starting;
 constinit NoDestructor<BusConnection> link_connection;
 
-/// A call to the bus itself about the configured name, and `flags` unless they are null.
+/// A call to the bus itself with the configured name, and with `flags` unless null.
 BusMessage name_call(const char *member, const dbus_uint32_t *flags) {
     const char *const name = gdata_get_dbus_busname();
     BusMessage call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
@@ -52,7 +52,7 @@ void bound_input(const BusConnection &connection, const InputBound &bound) {
     dbus_connection_set_max_received_unix_fds(connection.get(), bound.descriptors);
 }
 
-/// Requests the name; the number of the bus's answer, or 0 when there is none or it is an error.
+/// Requests the name. Returns the bus's reply code, or 0 for an error or no reply.
 dbus_uint32_t request_name(const BusConnection &connection, BusError &error) {
     constexpr dbus_uint32_t flags = DBUS_NAME_FLAG_REPLACE_EXISTING;
     const BusMessage call = name_call("RequestName", &flags);
@@ -70,13 +70,13 @@ dbus_uint32_t request_name(const BusConnection &connection, BusError &error) {
     return result;
 }
 
-/// Whether the error is an answer of the bus, and not the library's own.
+/// Whether the bus sent the error, rather than the library itself.
 bool is_answer(const BusError &error) {
     return error.is_set() && !error.has_name(DBUS_ERROR_NO_REPLY) && !error.has_name(DBUS_ERROR_DISCONNECTED) &&
            !error.has_name(DBUS_ERROR_NO_MEMORY);
 }
 
-/// Withdraws the request, and waits for no answer: the bus keeps the order of the two.
+/// Withdraws the request without waiting for a reply: the bus handles the two in order.
 void release_name(const BusConnection &connection) {
     const BusMessage call = name_call("ReleaseName", nullptr);
     if (call) {
@@ -85,7 +85,7 @@ void release_name(const BusConnection &connection) {
     }
 }
 
-/// Requests the name for a connection that was made again, and tells the sender if it has to do without.
+/// Requests the name on a new connection; updates the link's state if the name is not granted.
 bool regain_name(const BusConnection &connection) {
     BusError error;
     const NameAnswer answer = bus_own_name(connection, error);
@@ -104,7 +104,7 @@ void release_if_dead(BusConnection &connection) {
     }
 }
 
-/// Waits, and drops what is sent to a connection that serves nobody: the bus would have to keep it.
+/// Waits. Reads and drops messages sent to the unserved connection, which the bus would otherwise queue.
 void pause_for(const BusConnection &connection, unsigned seconds) {
     using namespace std::chrono;
     const auto end = steady_clock::now() + std::chrono::seconds(seconds);
@@ -121,7 +121,7 @@ void pause_for(const BusConnection &connection, unsigned seconds) {
 } // namespace
 
 void bus_link_set(BusLink state, DBusConnection *connection) {
-    BusConnection previous = bus_share(connection); // released below, outside the lock
+    BusConnection previous = bus_share(connection); // becomes the old one, released outside the lock
     {
         const MutexLock lock(link_lock);
         link_state = state;
@@ -157,7 +157,8 @@ bool bus_is_connected(const BusConnection &connection) {
 NameAnswer bus_own_name(const BusConnection &connection, BusError &error) {
     const dbus_uint32_t result = request_name(connection, error);
     const bool answered = result != 0 || is_answer(error);
-    // Or the name would come to us later, with nobody to serve it, and be nothing new when requested again.
+    // Leave the queue: otherwise the bus could give us the name later, with no listener, and a new request would
+    // only report that we own it already.
     if (!answered || result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) {
         release_name(connection);
     }
@@ -167,13 +168,12 @@ NameAnswer bus_own_name(const BusConnection &connection, BusError &error) {
     return result == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER ? NameAnswer::owner : NameAnswer::refused;
 }
 
-// Waits outside libdbus, which would keep the connection to itself for that time, so that the sender could
-// not write.
+// Waits outside libdbus, which would lock the connection for this time and block the sender.
 void bus_read(const BusConnection &connection, int wakeup, int timeout_ms) {
     int socket = -1;
     dbus_connection_get_unix_fd(connection.get(), &socket);
     std::array awaited{pollfd{socket, POLLIN, 0}, pollfd{wakeup, POLLIN, 0}};
-    do { // a large message comes in many parts
+    do { // a large message arrives in many parts
         poll(awaited.data(), awaited.size(), timeout_ms);
         dbus_connection_read_write(connection.get(), 0);
     } while (awaited[0].revents == POLLIN && awaited[1].revents == 0 &&

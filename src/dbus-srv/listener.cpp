@@ -14,12 +14,12 @@
 
 namespace {
 
-constexpr const char *LISTENER = "d_bus_srv_main"; // the thread's traces carry its name
+constexpr const char *LISTENER = "d_bus_srv_main"; // the function name in all traces of this thread
 
 constexpr int WAIT_MS = 60000;      // only sets how often the wait is traced
 constexpr int BLIND_WAIT_MS = 1000; // without an eventfd, a message read by the sender waits this long
 
-// So many messages a second that ask for nothing are served: a few per cent of a processor.
+// The limit for served messages that require no action: a few per cent of a processor.
 constexpr unsigned IDLE_MESSAGES_A_SECOND = 1000;
 
 constinit int listener_status = -1;
@@ -31,22 +31,22 @@ struct MethodEntry {
     int (*handler)(DBusConnection *, DBusMessage *);
 };
 
-// Fixed: a configured interface changes the signals only.
+// Fixed: the configured interface applies to the signals only.
 constexpr std::array<MethodEntry, 3> METHODS{{
     {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing},
     {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect},
     {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability},
 }};
 
-/// Whether the message asks for nothing: no call, or one that wants no reply and changes nothing.
+/// Whether the message requires no action: not a call, or a call that wants no reply and changes nothing.
 bool is_idle(DBusMessage *message) {
     return dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
            (dbus_message_get_no_reply(message) != 0 &&
             dbus_message_has_member(message, "ChangeInterfaceAvailability") == 0);
 }
 
-/// Drops what asks for nothing, beyond a number each second. The bus passes everything on in the order in which
-/// it was sent: a flood that was served, with all its traces, would keep everybody else waiting.
+/// Drops messages that require no action above a limit per second. The bus delivers messages in the order of
+/// sending: serving a flood, with all its traces, would delay all other clients.
 class FloodGuard {
   public:
     bool drops(DBusMessage *message) {
@@ -68,14 +68,14 @@ class FloodGuard {
     }
 
     std::chrono::steady_clock::time_point begin_;
-    unsigned messages_ = 0; ///< that ask for nothing, in this second
+    unsigned messages_ = 0; ///< that require no action, in this second
 };
 
-/// The next message to be served; none when there is none.
+/// The next message to serve; none if the queue is empty.
 BusMessage next_message(const BusConnection &connection, FloodGuard &guard) {
     BusMessage message(dbus_connection_pop_message(connection.get()));
     while (message && guard.drops(message.get())) {
-        message.reset(); // first: it counts as input
+        message.reset(); // before the next one: it counts as pending input
         message.reset(dbus_connection_pop_message(connection.get()));
     }
     return message;
@@ -103,7 +103,7 @@ void note_message(void *wakeup) {
     }
 }
 
-/// Answers calls until the connection is lost.
+/// Handles calls until the connection is lost.
 void serve(const BusConnection &connection, Descriptor &wakeup) {
     dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
     bus_link_set(BusLink::serving, connection.get());
@@ -127,12 +127,12 @@ void serve(const BusConnection &connection, Descriptor &wakeup) {
 
 void trace_failure(const char *failure, const BusError &error) {
     trace_as(LISTENER, TRACE_DEBUG, "%s", failure);
-    if (error.is_set()) { // the empty line is kept
+    if (error.is_set()) { // the line feed is kept
         trace_as(LISTENER, TRACE_TRACE, "Connection Error (%s)\n", error.message());
     }
 }
 
-/// The status that the thread ends with.
+/// Traces the failure and returns the thread's exit status.
 void *end_listener(const char *failure, const BusError &error) {
     trace_failure(failure, error);
     bus_link_set(BusLink::ended, nullptr);

@@ -1,4 +1,4 @@
 #pragma once
 
-/// The listener thread: owns the name on the bus and answers calls.
+/// The listener thread: owns the bus name and handles calls.
 void *d_bus_srv_main(void *);

@@ -20,7 +20,7 @@ struct InterfaceGroup {
     std::span<const std::int32_t> ids;
 };
 
-// Deliberately with CB10 under WiFi and CB13 under LAN, as the station's other services have it.
+// Kept: CB10 under WiFi and CB13 under LAN.
 constexpr std::array WIFI_IDS{1, 2, 4, 9, 10};
 constexpr std::array LAN_IDS{11, 12, 13};
 constexpr std::array CELL_IDS{14, 15, 16, 17, 18, 19};
@@ -31,7 +31,7 @@ constexpr std::array<InterfaceGroup, 3> INTERFACE_GROUPS{{
     {"Cell", CELL_IDS},
 }};
 
-/// The one object that is described, whatever path is configured for the signals.
+/// The only object with a description, independent of the path configured for the signals.
 constexpr std::string_view DESCRIBED_PATH = "/com/corvana/Monitoring1";
 
 constexpr const char *DESCRIPTION = "<node>\n"
@@ -54,7 +54,7 @@ constexpr const char *DESCRIPTION = "<node>\n"
                                     "</node>\n";
 constexpr const char *NO_DESCRIPTION = "<node>\n</node>\n";
 
-/// An array of (us) that is opened by its first element: a listing of nothing has no array.
+/// An array of (us), opened by its first element: an empty listing has no array.
 class Listing {
   public:
     explicit Listing(DBusMessage *reply) : reply_(reply) {}
@@ -135,8 +135,8 @@ const InterfaceGroup *find_group(std::string_view word) {
     return nullptr;
 }
 
-/// Marks the issues of `word` and returns the reply. Kept: "failed" for a word that switched something,
-/// "accepted" for one that did not.
+/// Marks the issues of `word` and returns the reply. Kept: "failed" for a word that changed a mark, "accepted" for
+/// one that did not.
 const char *switch_group(const char *word, dbus_bool_t enable) {
     const bool known_value = enable == 1 || enable == 0;
     const InterfaceGroup *const group = known_value && word != nullptr ? find_group(word) : nullptr;

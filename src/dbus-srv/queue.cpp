@@ -15,7 +15,7 @@ struct SignalNode {
     BusMessage message;
     std::unique_ptr<SignalNode> next;
 
-    // The library's operator new would link exception support, a third of the program's size.
+    // The standard operator new would link exception support, a third of the program's size.
     // NOLINTBEGIN(cppcoreguidelines-no-malloc)
     static void *operator new(std::size_t size) noexcept { return std::malloc(size); }
     static void operator delete(void *memory) { std::free(memory); }

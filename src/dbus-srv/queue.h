@@ -4,11 +4,11 @@
 
 #include "dbus-srv/bus_handle.h"
 
-/// Appends; 0, or -1 when out of memory, the message then being released.
+/// Appends the message; 0, or -1 when out of memory, and releases the message.
 int d_bus_srv_msg_queue_add(BusMessage message);
 /// Removes and returns the oldest message; none when the queue is empty.
 BusMessage d_bus_srv_msg_queue_remove();
-/// Blocks until there has been a wake-up since the last return.
+/// Blocks until the sender is woken; returns at once if that has happened since the last return.
 void d_bus_srv_msg_queue_wait();
 /// Wakes the sender.
 void d_bus_srv_msg_queue_signal();

@@ -10,18 +10,17 @@
 
 namespace {
 
-constexpr const char *SENDER = "d_bus_srv_msg_sender"; // the thread's traces carry its name
+constexpr const char *SENDER = "d_bus_srv_msg_sender"; // the function name in all traces of this thread
 
 constinit int sender_status = 0;
 
 struct Sender {
     BusConnection connection; ///< the one last used
-    BusMessage unsent;        ///< removed from the queue when the bus was lost
-    bool alone = false;       ///< the listener has ended, and nobody else reads from the connection
+    BusMessage unsent;        ///< already removed from the queue when the bus was lost
+    bool alone = false;       ///< the listener has ended, so only the sender reads from the connection
 };
 
-/// Whether there is a connection to send on now. If there is none, the listener makes it again and wakes
-/// the sender then.
+/// Whether there is a connection to send on. If not, the listener reconnects and then wakes the sender.
 bool find_connection(Sender &sender) {
     BusLinkView link = bus_link_get();
     if (link.connection) {
@@ -35,8 +34,8 @@ bool find_connection(Sender &sender) {
     return sender.alone;
 }
 
-/// Sends one signal. If the connection is lost, the signal is kept for the next one: it may arrive twice,
-/// but is not lost.
+/// Sends one signal. If the connection is lost, keeps the signal for the next connection: it may arrive twice but is
+/// never lost.
 void send_signal(Sender &sender, BusMessage message) {
     DBusConnection *const connection = sender.connection.get();
     trace_as(SENDER, TRACE_TRACE, "SEND");
@@ -48,20 +47,20 @@ void send_signal(Sender &sender, BusMessage message) {
     trace_as(SENDER, TRACE_TRACE, "FLUSH");
     dbus_connection_flush(connection);
     if (!bus_is_connected(sender.connection)) {
-        sender.unsent.reset(dbus_message_copy(message.get())); // a copy has no serial number yet
+        sender.unsent.reset(dbus_message_copy(message.get())); // the copy has no serial number yet
         return;
     }
     trace_as(SENDER, TRACE_TRACE, "DONE");
 }
 
 /// After a failed connect: whether the listener has connected, or will reconnect.
-bool listener_goes_on() {
+bool listener_is_alive() {
     BusLink state = bus_link_get().state;
     while (state == BusLink::starting) {
         d_bus_srv_msg_queue_wait();
         state = bus_link_get().state;
     }
-    d_bus_srv_msg_queue_signal(); // what was queued meanwhile
+    d_bus_srv_msg_queue_signal(); // messages may have been queued during the wait
     return state != BusLink::ended;
 }
 
@@ -99,9 +98,9 @@ void *d_bus_srv_msg_sender(void * /*none*/) {
     if (!sender.connection) {
         trace(TRACE_DEBUG, "dbus_bus_get() failed");
         if (error.is_set()) {
-            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the empty line is kept
+            trace(TRACE_TRACE, "Connection Error (%s)\n", error.message()); // the line feed is kept
         }
-        if (!listener_goes_on()) {
+        if (!listener_is_alive()) {
             sender_status = -1;
             return &sender_status;
         }

@@ -86,7 +86,7 @@ int d_bus_srv_create_signal_messages(std::int64_t now) {
     if (raised.count > 0) {
         trace(TRACE_TRACE, "new");
         if (!announce(now, "NewIssues", raised)) {
-            return -1; // what was cleared is then not announced either
+            return -1; // then the cleared issues are not announced either
         }
     }
     if (cleared.count > 0) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Text of any length, made by the same calls twice: without a buffer they only count.
+/// Text of any length. The same calls run twice: without a buffer they only count.
 class Text {
   public:
     constexpr Text() = default;
@@ -80,7 +80,7 @@ void add_task(Text &out, const Task *task) {
 
 void add_header(Text &out, const Header &header) {
     out.add("##\n##\t%s\t%s\t%s\n##\n", header.stamp, header.occasion, header.commandline);
-    // The words stand above each other: "inter-" with "val", "min" with "fail", and so on.
+    // Each heading takes two lines: "inter-" above "val", "min" above "fail", and so on.
     add_heading(out, {"name", "ID", "ID", "inter-", "min", "min", "max", "max", "param"});
     add_heading(out, {"", "", "index", "val", "fail", "warn", "warn", "fail", ""});
     for (const Task *task = header.first; task != nullptr; task = task->next) {

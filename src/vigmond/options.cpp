@@ -81,7 +81,7 @@ void print_usage_text(const char *prog) {
     std::fprintf(stderr, "    -v, --version   print git-commit ID.\n");
 }
 
-/// A decimal number as strtol reads it, clamped so that 1024 times it fits.
+/// A decimal number as parsed by strtol, clamped so that 1024 times the number fits.
 std::int64_t parse_number(const char *text) {
     constexpr std::int64_t limit = std::int64_t{1} << 31;
     return std::clamp<std::int64_t>(std::strtol(text, nullptr, 10), -limit, limit);
@@ -122,7 +122,7 @@ void set_logfile(const char *prog, const char *path) {
           gdata_get_logfile());
 }
 
-/// The row whose name is `text` in any case, or none.
+/// The row named `text`, ignoring case; null if absent.
 template <std::size_t N> const LevelName *find_level(const std::array<LevelName, N> &table, const char *text) {
     const auto *row = std::find_if(table.begin(), table.end(),
                                    [text](const LevelName &entry) { return strcasecmp(entry.name, text) == 0; });

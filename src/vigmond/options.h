@@ -7,7 +7,7 @@ enum class OptionsOutcome {
     run,    ///< start, or dump if asked to
     helped, ///< -h: exit with 0
     failed, ///< an unknown option: exit with 255
-    version ///< -v: exit with 0 at once, nothing further printed
+    version ///< -v: exit with 0 at once and print nothing more
 };
 
 struct Options {

@@ -20,9 +20,9 @@
 
 namespace {
 
-constinit int lock_fd = -1; // open, and so locked, until the process ends
+constinit int lock_fd = -1; // stays open, and so locked, until the process ends
 
-/// ".lock" in the directory of the log file, however short its path is; null when out of memory.
+/// ".lock" in the directory of the log file; null when out of memory.
 TextHandle lock_path() {
     const char *logfile = gdata_get_logfile();
     const std::size_t size = std::strlen(logfile) + sizeof "./.lock";
@@ -35,7 +35,7 @@ TextHandle lock_path() {
     return nullptr;
 }
 
-/// Empties the file even while its owner runs, deliberately; never follows a link to another file.
+/// Kept: truncates the file even while its owner runs. Never follows a link.
 Descriptor open_lock_file(const char *path) {
     return Descriptor(
         open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
@@ -48,7 +48,7 @@ bool lock_whole_file(const Descriptor &file) {
     return fcntl(file.get(), F_SETLK, &lock) == 0;
 }
 
-/// The process that holds the lock; 0 when it is gone or cannot be named.
+/// The process that holds the lock; 0 if it has ended or is in another pid namespace.
 pid_t lock_owner(const Descriptor &file) {
     struct flock lock {};
     lock.l_type = F_WRLCK;
@@ -57,7 +57,7 @@ pid_t lock_owner(const Descriptor &file) {
     return held ? lock.l_pid : 0;
 }
 
-/// Says why the daemon does not start, to the person who started it by hand.
+/// Tells a user on a terminal why the daemon does not start.
 void explain(const char *path, const Descriptor &file, int error) {
     if (isatty(STDERR_FILENO) == 0) {
         return;
@@ -112,7 +112,7 @@ const char *install_reinit_handler() {
 void standard_streams_init() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
-            open("/dev/null", O_RDWR); // gets the lowest free number: this one
+            open("/dev/null", O_RDWR); // gets the lowest free number, which is `fd`
         }
     }
 }
@@ -152,7 +152,7 @@ void signal_init() {
 }
 
 void sig_exit_handler(int /*signo*/) {
-    log_sockets_resume(); // the last traces are worth a try
+    log_sockets_resume(); // try to write the last traces
     trace(TRACE_TRACE, " ");
     supervision_stopping();
     cleanup();

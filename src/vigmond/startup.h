@@ -1,17 +1,17 @@
 #pragma once
 
-// What `main` does once between the options and the modules.
+// The steps of `main` between option parsing and the initialisation of the modules.
 
-/// Opens those of stdin, stdout and stderr that are closed on /dev/null, so that no other file gets their
-/// descriptor and their output.
+/// Opens /dev/null for each closed one of stdin, stdout and stderr, so that no other file gets its descriptor and
+/// output.
 void standard_streams_init();
 
-/// Takes the single-instance lock beside the log file and writes the pid into it; true if this is
-/// the only daemon there. The lock ends with the process.
+/// Takes the single-instance lock in the directory of the log file and writes the pid into it; true if this is the
+/// only daemon there. The lock ends with the process.
 bool is_single_proc();
 
-/// Blocks the daemon's signals and installs the handlers of the termination signals and of SIGUSR1. A failure
-/// is traced only.
+/// Blocks the daemon's signals and installs the handlers of the termination signals and of SIGUSR1. Only traces a
+/// failure.
 void signal_init();
 
 /// Cleans up and ends the process with status 1.

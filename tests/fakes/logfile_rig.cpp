@@ -33,12 +33,12 @@ Rotations &rotations() {
     return noted;
 }
 
-// Linked in place of file_rotate(const char *, std::int32_t, BreakOff).
-extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, BreakOff break_off);
-extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, BreakOff break_off) {
+// Linked in place of file_rotate(const char *, std::int32_t, Interrupt).
+extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, Interrupt interrupt);
+extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, Interrupt interrupt) {
     const std::string content = std::filesystem::is_regular_file(file) ? read_file(file) : "";
     rotations().calls.push_back({file, count, content, !logfile_state().logfile_stream});
-    if (rotations().is_long && break_off()) {
+    if (rotations().is_long && interrupt()) {
         return;
     }
     if (rotations().remove) {

@@ -95,8 +95,9 @@ void trace_execve(const Command &command) {
              argument[6], argument[7], argument[8]);
 }
 
-/// Gives the program the default for each signal that the daemon handles, and the other signals as the daemon
-/// was given them. Until then the handled ones are held, so that no handler of the daemon runs in the child.
+/// Restores the signals for the program: the defaults for those that the daemon handles, and the inherited
+/// dispositions and mask for the others. The handled ones stay blocked until then, so that no handler of the daemon
+/// runs in the child.
 void restore_signals() {
     for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
         std::signal(signo, SIG_DFL);
@@ -130,7 +131,7 @@ void restore_signals() {
 void register_child(pid_t pid, Task *task) {
     trace_as("load_logger", TRACE_TRACE, "fork: parent: pid: %d", getpid());
     if (process_add(pid, task) != 0) {
-        kill(pid, SIGTERM); // its end would go unnoticed
+        kill(pid, SIGTERM); // nothing would notice its end
         task->child_pid = 0;
         return;
     }

@@ -153,7 +153,7 @@ TEST(ThresholdAnalyzer, CountsAFallAndItsReturn) {
                    });
 }
 
-TEST(ThresholdAnalyzer, TakesFiveOfTheUsualTemperatureSamples) {
+TEST(ThresholdAnalyzer, NeedsFiveSamplesWithTheUsualTemperatureDelay) {
     expect_samples(threshold_analyzer, with_delay(temperature_like(), 5),
                    {
                        {72, 0, {0, 0, 0, 1, 0}, 0},
@@ -285,7 +285,7 @@ TEST(ThresholdAnalyzer, LeavesATaskWithoutTheLowestFlagsInItsState) {
     expect_samples(threshold_analyzer, task, {{0, 0, {0, 0, 0, 0, 0}, 1}}); // 7 >= 0
 }
 
-TEST(ThresholdAnalyzer, LeavesEverythingOnAnInvalidValue) {
+TEST(ThresholdAnalyzer, ChangesNothingOnAnInvalidValue) {
     Task task = with_delay(temperature_like(), 1);
     preset_counters(task, 7);
     task.state = -1;

@@ -100,7 +100,7 @@ TEST_F(CleanupTest, RunsTheCleanupOfTasksThatAreRunnableAndHaveOne) {
     EXPECT_EQ(calls, (std::vector<std::string>{"task both", "task last", "status log"}));
 }
 
-TEST_F(CleanupTest, GoesThroughHandlersTasksAndStatusLogInThisOrder) {
+TEST_F(CleanupTest, RunsHandlersThenTasksThenTheStatusLog) {
     in_child([] {
         Task task = sample_task();
         task.flags |= TASK_HAS_CLEANUP;
@@ -151,7 +151,7 @@ TEST_F(CleanupTest, AddTracesItsEntryAndItsEnd) {
     });
 }
 
-TEST_F(CleanupTest, AddLeavesNothingBehindWhenMemoryIsOut) {
+TEST_F(CleanupTest, AddLeaksNothingWhenOutOfMemory) {
     in_child([] {
         cleanup_add(note, &one);
         for (const int nth : {1, 2}) { // the node, then its entry

@@ -95,7 +95,7 @@ TEST(ListCreate, MakesANodeWithoutNeighboursAndData) {
     EXPECT_THAT(traces.texts_of("d_list_create"), testing::SizeIs(1));
 }
 
-TEST(ListCreate, UsesUpNoNumberWhenMemoryIsOut) {
+TEST(ListCreate, UsesNoNumberWhenOutOfMemory) {
     const Node before = new_node();
     {
         const CapturedTraces traces;
@@ -122,7 +122,7 @@ TEST(ListDelete, TracesTheNode) {
     EXPECT_THAT(texts(traces), testing::ElementsAre(expected.data()));
 }
 
-TEST(ListDelete, AcceptsNone) {
+TEST(ListDelete, AcceptsNull) {
     const CapturedTraces traces;
     EXPECT_EQ(d_list_delete(nullptr), 0);
     EXPECT_TRUE(traces.all().empty());
@@ -143,7 +143,7 @@ TEST(ListDelete, LeavesTheDataAlone) {
     EXPECT_EQ(data, "mine");
 }
 
-TEST_F(List, AddInsertsDirectlyBehindThePosition) {
+TEST_F(List, AddInsertsDirectlyAfterThePosition) {
     expect_order({&a_, &b_, &c_});
     const Node d = new_node();
     EXPECT_EQ(d_list_add(b_.get(), d.get()), d.get());
@@ -154,7 +154,7 @@ TEST_F(List, AddInsertsDirectlyBehindThePosition) {
     }
 }
 
-TEST_F(List, AddAppendsBehindTheLast) {
+TEST_F(List, AddAppendsAfterTheLast) {
     const Node d = new_node();
     d_list_add(c_.get(), d.get());
     EXPECT_EQ(c_->next, d.get());
@@ -173,7 +173,7 @@ TEST_F(List, AddTracesTheNumbersBeforeLinking) {
     EXPECT_THAT(traces.texts_of("d_list_add"), testing::SizeIs(4));
 }
 
-TEST_F(List, AddOfNoneChangesNothing) {
+TEST_F(List, AddOfNullChangesNothing) {
     const CapturedTraces traces;
     EXPECT_EQ(d_list_add(b_.get(), nullptr), nullptr);
     EXPECT_EQ(d_list_add(nullptr, nullptr), nullptr);
@@ -220,7 +220,7 @@ TEST(ListRemove, ReturnsASingleNodeUnchanged) {
     EXPECT_EQ(node->data, node.get());
 }
 
-TEST(ListRemove, AcceptsNone) {
+TEST(ListRemove, AcceptsNull) {
     const CapturedTraces traces;
     EXPECT_EQ(d_list_remove(nullptr), nullptr);
     EXPECT_TRUE(traces.all().empty());
@@ -371,7 +371,7 @@ TEST_F(TimeStamp, FollowsAChangeOfZone) {
     }
 }
 
-TEST_F(TimeStamp, GoesOnAfterTheEndOf32BitTime) {
+TEST_F(TimeStamp, ContinuesAfterTheEndOf32BitTime) {
     const Zone zone("UTC0");
     chosen_time = BEFORE_2038 + 1;
     EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), BEFORE_2038 + 1);

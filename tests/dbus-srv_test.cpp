@@ -54,7 +54,7 @@ extern "C" int __wrap_pthread_create(pthread_t * /*thread*/, const pthread_attr_
 
 namespace {
 
-TEST(BusInitTest, ThreadsAreCreatedWhileAllSignalsOfTheDaemonAreHeld) {
+TEST(BusInitTest, ThreadsAreCreatedWithAllSignalsOfTheDaemonBlocked) {
     sigset_t before;
     sigset_t after;
     pthread_sigmask(SIG_BLOCK, nullptr, &before);
@@ -71,7 +71,7 @@ TEST(BusInitTest, ThreadsAreCreatedWhileAllSignalsOfTheDaemonAreHeld) {
     }
 }
 
-TEST(BusInitTest, ThreadsAreCreatedWhenTheIssuesAreDated) {
+TEST(BusInitTest, ThreadsAreCreatedAfterTheIssuesAreDated) {
     constexpr std::int64_t undated = -1;
     for (Issue &issue : issue_registry) {
         issue.changed = undated;
@@ -81,7 +81,7 @@ TEST(BusInitTest, ThreadsAreCreatedWhenTheIssuesAreDated) {
     EXPECT_THAT(dates_at_creation, ElementsAre(testing::Gt(undated), testing::Gt(undated)));
 }
 
-TEST(BusInitTest, EitherThreadThatCannotBeCreatedIsTheListenerInTheTraces) {
+TEST(BusInitTest, EitherFailedThreadIsTracedAsTheListener) {
     for (const int created : {0, 1}) {
         const CapturedTraces traces;
         threads_left = created;
@@ -142,7 +142,7 @@ TEST_F(BusServiceTest, RaisedIssuesAreListedInRowOrder) {
     EXPECT_TRUE(found);
 }
 
-TEST_F(BusServiceTest, InterfaceAndPathOfACallAreNotLookedAt) {
+TEST_F(BusServiceTest, InterfaceAndPathOfACallAreIgnored) {
     EXPECT_TRUE(is_return(client_.call(method_call("/some/where", ISSUES, "GetListing"))));
     EXPECT_TRUE(is_return(client_.call(method_call(PATH, nullptr, "GetListing"))));
     EXPECT_EQ(text_of(client_.call(method_call("/", nullptr, "Introspect"))), "<node>\n</node>\n");
@@ -178,7 +178,7 @@ TEST_F(BusServiceTest, CallsThatWantNoReplyGetNone) {
     expect_no_answer(client_, serials);
 }
 
-TEST_F(BusServiceTest, CallsOfNothingItKnowsStayUnanswered) {
+TEST_F(BusServiceTest, UnknownCallsGetNoReply) {
     std::vector<dbus_uint32_t> unanswered;
     for (const auto &[interface, member] : std::vector<std::pair<const char *, const char *>>{
              {ISSUES, "NoSuchMethod"}, {"no.such.interface", "GetListing"}, {DBUS_INTERFACE_PEER, "Ping"}}) {
@@ -290,7 +290,7 @@ TEST_F(BusServiceTest, LargeMessagesAreAnsweredAndLeaveNoMemoryBehind) {
 #endif
 }
 
-TEST_F(BusServiceTest, NobodyCanTakeTheNameAway) {
+TEST_F(BusServiceTest, NobodyCanTakeOverTheName) {
     EXPECT_EQ(number_of(client_.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_REPLACE_EXISTING)),
               static_cast<dbus_uint32_t>(DBUS_REQUEST_NAME_REPLY_IN_QUEUE));
     EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
@@ -376,7 +376,7 @@ TEST(BusStartTest, TheSenderTracesWhatItSends) {
     EXPECT_THAT(texts_of(daemon, "d_bus_srv_init_signals"), ElementsAre(" ", " ")); // each thread's
 }
 
-TEST(BusStartTest, WhatIsNotKnownIsTracedWithItsType) {
+TEST(BusStartTest, UnknownMessagesAreTracedWithTheirType) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr);
@@ -387,7 +387,7 @@ TEST(BusStartTest, WhatIsNotKnownIsTracedWithItsType) {
     EXPECT_THAT(texts_of(daemon, "d_bus_srv_main"), testing::Contains("unknown request - type: method_call"));
 }
 
-TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
+TEST(BusStartTest, ASecondInstanceEndsOnlyItsListener) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon first(bus, Traces::to_stderr);
@@ -435,7 +435,7 @@ TEST(BusStartTest, ALargeCallIsOneWaitToo) {
     EXPECT_LE(daemon.count_traces("wait for request"), 10U); // five, if the bus's notices come one by one
 }
 
-TEST(BusStartTest, ANoteOfTheSendersIsTakenOnce) { expect_waits_at_most(2, "noted-message"); }
+TEST(BusStartTest, ANoteOfTheSenderIsConsumedOnce) { expect_waits_at_most(2, "noted-message"); }
 
 /// What became of the messages that a daemon has got, from its traces so far.
 struct Fate {
@@ -457,7 +457,7 @@ Fate fate_of_messages(BusDaemon &daemon) {
     return fate;
 }
 
-TEST(BusFloodTest, WhatAsksForNothingIsDroppedAndCountedBeyondAThousandASecond) {
+TEST(BusFloodTest, NonCallsBeyondAThousandASecondAreDroppedAndCounted) {
     constexpr long flood = 20000;
     constexpr long changes = flood / 10;
     PrivateBus bus;
@@ -575,7 +575,7 @@ TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {
     EXPECT_TRUE(is_return(owner.call(listing_call())));
 }
 
-TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
+TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonContinues) {
     PrivateBus bus;
     bus.remove();
     BusDaemon daemon(bus, Traces::to_stderr);
@@ -598,7 +598,7 @@ TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
     EXPECT_EQ(daemon.process().wait(), 1);
 }
 
-TEST(BusStartTest, WithoutAnEventDescriptorItServesAllTheSame) {
+TEST(BusStartTest, WithoutAnEventDescriptorItStillServes) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr, "no-eventfd");
@@ -618,7 +618,7 @@ TEST(BusStartTest, WithoutAnEventDescriptorNoCallIsLostToTheSenderEither) {
     }
 }
 
-TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {
+TEST(BusSendTest, AFailedSendLosesOnlyThatSignal) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr);

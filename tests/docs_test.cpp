@@ -197,7 +197,7 @@ TEST(Example, WatchesTheIssues) {
     EXPECT_TRUE(example.output().wait_for("1 ClearedIssues CB07"));
 }
 
-TEST(Example, BeginsAnewWithTheDaemon) {
+TEST(Example, StartsOverWithTheDaemon) {
     const PrivateBus bus;
     std::optional<BusDaemon> daemon(bus);
     BusClient(bus).wait_for_owner("com.corvana.vigmond");

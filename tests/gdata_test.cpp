@@ -151,7 +151,7 @@ TEST_F(GdataTest, GettersTraceTheirEntry) {
     }
 }
 
-TEST_F(GdataTest, ServesTheListItWasHanded) {
+TEST_F(GdataTest, ReturnsTheListItWasGiven) {
     Task task = sample_task();
     gdata_set_tasks({.first = &task, .last = &task, .count = 1});
     EXPECT_EQ(gdata_get_task_head(), &task);
@@ -221,7 +221,7 @@ TEST_F(GdataTest, SetLogfileRefusesTheLockFileOfItsFolder) {
     }
 }
 
-TEST_F(GdataTest, SetLogfileFollowsALinkButMakesNothingAtItsEnd) {
+TEST_F(GdataTest, SetLogfileFollowsALinkButCreatesNoTarget) {
     const std::string link = folder / "link";
     std::filesystem::create_symlink(folder / "elsewhere", link);
     EXPECT_STREQ(gdata_set_logfile(link.c_str()), BUILT_IN_LOGFILE);
@@ -231,7 +231,7 @@ TEST_F(GdataTest, SetLogfileFollowsALinkButMakesNothingAtItsEnd) {
     EXPECT_EQ(gdata_set_logfile(link.c_str()), link);
 }
 
-TEST_F(GdataTest, SetLogfileTakesThePathInForce) {
+TEST_F(GdataTest, SetLogfileAcceptsTheCurrentPath) {
     const std::string path = folder / "log";
     gdata_set_logfile(path.c_str());
     EXPECT_EQ(gdata_set_logfile(gdata_get_logfile()), path);
@@ -247,7 +247,7 @@ TEST_F(GdataTest, RepeatedSetLogfileReplacesItsOwnTextAndNeverTheBuiltInOne) {
     EXPECT_STREQ(built_in, BUILT_IN_LOGFILE);
 }
 
-TEST_F(GdataTest, SetLogfileKeepsTheOldPathWhenMemoryIsOut) {
+TEST_F(GdataTest, SetLogfileKeepsTheOldPathWhenOutOfMemory) {
     const std::string old = folder / "log";
     const std::string path = folder / "other";
     gdata_set_logfile(old.c_str());
@@ -305,7 +305,7 @@ TEST_F(CommandLineTest, EscapesNothing) {
 
 TEST_F(CommandLineTest, WithoutArgumentsIsEmpty) { EXPECT_STREQ(set_commandline({}), ""); }
 
-TEST_F(CommandLineTest, TakesLongArgumentsWhole) {
+TEST_F(CommandLineTest, KeepsLongArgumentsWhole) {
     const std::string argument(5000, 'x');
     EXPECT_EQ(set_commandline({"v", argument, argument}), "v \"" + argument + "\" \"" + argument + "\"");
 }
@@ -318,7 +318,7 @@ TEST_F(CommandLineTest, IsTraced) {
     EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
 }
 
-TEST_F(CommandLineTest, IsLostWhenMemoryIsOut) {
+TEST_F(CommandLineTest, IsLostWhenOutOfMemory) {
     set_commandline({"vigmond", "-D"});
     const CapturedTraces traces;
     {
@@ -331,7 +331,7 @@ TEST_F(CommandLineTest, IsLostWhenMemoryIsOut) {
     EXPECT_STREQ(set_commandline({"vigmond"}), "vigmond");
 }
 
-TEST(Task, FieldsStandInTheEstablishedOrder) {
+TEST(Task, FieldsAreInTheEstablishedOrder) {
     const std::array offsets{offsetof(Task, next),
                              offsetof(Task, prev),
                              offsetof(Task, flags),
@@ -407,7 +407,7 @@ TEST(Task, FlagsHaveTheirEstablishedBits) {
     }
 }
 
-TEST(Task, HasAsksForAllBitsOfTheMask) {
+TEST(Task, HasChecksAllBitsOfTheMask) {
     Task task{};
     task.flags = TASK_RUNNABLE | TASK_HAS_ID;
     EXPECT_TRUE(task_has(&task, TASK_RUNNABLE));

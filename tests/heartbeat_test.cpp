@@ -45,7 +45,7 @@ void live(int count) {
     }
 }
 
-TEST(SteadyHeartbeat, AllocatesNothingOfItsOwnAndKeepsNothing) {
+TEST(SteadyHeartbeat, AllocatesNothingOfItsOwnAndLeaksNothing) {
     in_child([] { // the modules keep their lists
         const PrivateBus bus;
         FakeSystemd systemd(bus);

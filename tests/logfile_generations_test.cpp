@@ -65,7 +65,7 @@ TEST_F(GenerationsTest, LoseTheOldestRecordsOnly) {
     EXPECT_THAT(mask_times(bunzip2(generation(0))), testing::StartsWith("##\n##\t<time>\tROTATE\tvigmond\n##\n"));
 }
 
-TEST_F(GenerationsTest, LoseAllRecordsWithACountOfNone) {
+TEST_F(GenerationsTest, LoseAllRecordsWithACountOfZero) {
     write_forty(1, 0);
     EXPECT_EQ(records(), "");
     EXPECT_FALSE(std::filesystem::exists(generation(0)));

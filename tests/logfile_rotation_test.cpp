@@ -68,7 +68,7 @@ class LogRotationTest : public LogfileTest {
 };
 
 // A record of state 0 and text "x" is 19 (stamp) + 1 + 2 ("OK") + 1 + 1 + 1 (line feed) = 25 bytes.
-TEST_F(LogRotationTest, ComesWhenTheLimitIsReachedAndNotAByteBefore) {
+TEST_F(LogRotationTest, HappensAtTheLimitAndNotAByteBefore) {
     full_file(100, 126);
     lf_print(0, "x", 0);
     EXPECT_THAT(rotations().calls, IsEmpty());
@@ -78,7 +78,7 @@ TEST_F(LogRotationTest, ComesWhenTheLimitIsReachedAndNotAByteBefore) {
     EXPECT_THAT(rotations().calls, SizeIs(1));
 }
 
-TEST_F(LogRotationTest, IsHandedTheClosedFileItsNameAndTheCount) {
+TEST_F(LogRotationTest, GetsTheClosedFileItsNameAndTheCount) {
     full_file(100, 100);
     logfile_state().logcount = 7;
     lf_print(0, "x", 0);
@@ -90,7 +90,7 @@ TEST_F(LogRotationTest, IsHandedTheClosedFileItsNameAndTheCount) {
     EXPECT_TRUE(rotation.stream_closed);
 }
 
-TEST_F(LogRotationTest, IsFollowedByAHeaderAndAFreshStream) {
+TEST_F(LogRotationTest, IsFollowedByAHeaderAndANewStream) {
     full_file(100, 100);
     lf_print(0, "x", 0);
     EXPECT_EQ(log(), rotate_header);
@@ -101,7 +101,7 @@ TEST_F(LogRotationTest, IsFollowedByAHeaderAndAFreshStream) {
     EXPECT_THAT(rotations().calls, SizeIs(1));
 }
 
-TEST_F(LogRotationTest, ComesAfterEveryLineAtALimitOfOne) {
+TEST_F(LogRotationTest, HappensAfterEveryLineAtALimitOfOne) {
     start(path.c_str());
     logfile_state().logsize = 1;
     lf_print(0, "x", 0);
@@ -114,7 +114,7 @@ TEST_F(LogRotationTest, ComesAfterEveryLineAtALimitOfOne) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, ComesWithARecordThatWasFilteredOut) {
+TEST_F(LogRotationTest, HappensWithARecordThatWasFilteredOut) {
     full_file(100, 100);
     logfile_state().loglevel = 1;
     lf_print(0, "x", 0);
@@ -123,7 +123,7 @@ TEST_F(LogRotationTest, ComesWithARecordThatWasFilteredOut) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, ComesWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
+TEST_F(LogRotationTest, HappensWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
     full_file(100, 100);
     logfile_cleanup();
     ASSERT_THAT(rotations().calls, SizeIs(1));
@@ -131,7 +131,7 @@ TEST_F(LogRotationTest, ComesWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, OfAnOversizeFileComesWithTheFirstRecordAndNotAtTheStart) {
+TEST_F(LogRotationTest, OfAnOversizeFileHappensWithTheFirstRecordNotAtTheStart) {
     folder.write("logfile", std::string(20000, 'x'));
     gdata_record().logsize = 10240;
     start(path.c_str());
@@ -142,7 +142,7 @@ TEST_F(LogRotationTest, OfAnOversizeFileComesWithTheFirstRecordAndNotAtTheStart)
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, ThatLeftTheFileIsTriedAgainWithTheNextRecord) {
+TEST_F(LogRotationTest, IsTriedAgainWithTheNextRecordIfTheFileRemains) {
     rotations().remove = false;
     full_file(100, 100);
     lf_print(0, "x", 0);
@@ -152,7 +152,7 @@ TEST_F(LogRotationTest, ThatLeftTheFileIsTriedAgainWithTheNextRecord) {
 }
 
 // An operator's "> logfile" empties it under the open stream.
-TEST_F(LogRotationTest, GoesByTheSizeOfAFileThatWasEmptied) {
+TEST_F(LogRotationTest, UsesTheNewSizeOfATruncatedFile) {
     full_file(100, 126);
     lf_print(0, "x", 0);
     std::filesystem::resize_file(path, 0);
@@ -161,7 +161,7 @@ TEST_F(LogRotationTest, GoesByTheSizeOfAFileThatWasEmptied) {
     EXPECT_THAT(rotations().calls, IsEmpty());
 }
 
-TEST_F(LogRotationTest, LeftUnfinishedByAKillIsClearedAwayAtTheStart) {
+TEST_F(LogRotationTest, LeftoversOfAKilledOneAreRemovedAtTheStart) {
     folder.write("logfile.packing", "BZh1 torn");
     start(path.c_str());
     EXPECT_FALSE(std::filesystem::exists(path + ".packing"));
@@ -170,14 +170,14 @@ TEST_F(LogRotationTest, LeftUnfinishedByAKillIsClearedAwayAtTheStart) {
 
 // --- a rotation that a termination breaks off
 
-class BrokenRotationTest : public LogRotationTest {
+class AbortedRotationTest : public LogRotationTest {
   protected:
-    BrokenRotationTest() {
+    AbortedRotationTest() {
         rotations().is_long = true;
         sigset_t held = signals_held();
         pthread_sigmask(SIG_BLOCK, &held, &mask_);
     }
-    ~BrokenRotationTest() override {
+    ~AbortedRotationTest() override {
         const sigset_t held = signals_held();
         constexpr std::timespec at_once{};
         while (sigtimedwait(&held, nullptr, &at_once) > 0) {
@@ -190,7 +190,7 @@ class BrokenRotationTest : public LogRotationTest {
     sigset_t mask_{};
 };
 
-TEST_F(BrokenRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
+TEST_F(AbortedRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
     for (const int signo : {SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
         rotations().calls.clear();
         logfile_state() = {};
@@ -208,7 +208,7 @@ TEST_F(BrokenRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
     }
 }
 
-TEST_F(BrokenRotationTest, IsTriedAgainWithTheNextRecord) {
+TEST_F(AbortedRotationTest, IsTriedAgainWithTheNextRecord) {
     full_file(100, 100);
     raise(SIGTERM);
     lf_print(0, "x", 0);
@@ -217,7 +217,7 @@ TEST_F(BrokenRotationTest, IsTriedAgainWithTheNextRecord) {
     EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n<time>\tOK\ty\n");
 }
 
-TEST_F(BrokenRotationTest, IsNoneForOtherSignals) {
+TEST_F(AbortedRotationTest, IsNotCausedByOtherSignals) {
     full_file(100, 100);
     raise(SIGUSR1);
     raise(SIGCHLD);
@@ -225,7 +225,7 @@ TEST_F(BrokenRotationTest, IsNoneForOtherSignals) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(BrokenRotationTest, IsTheLastOneAfterTenSeconds) {
+TEST_F(AbortedRotationTest, IsNotPossibleAfterTenSeconds) {
     seconds_a_look = 10;
     full_file(100, 100);
     logfile_cleanup();
@@ -263,7 +263,7 @@ TEST_F(LostFileTest, IsFollowedByTheFileThatTookItsPlace) {
     EXPECT_EQ(mask_times(read_file(folder / "moved")), start_header + "<time>\tOK\tx\n");
 }
 
-TEST_F(LostFileTest, IsKeptWhileNoneCanTakeItsPlace) {
+TEST_F(LostFileTest, IsKeptUntilItCanBeReplaced) {
     const std::string sub = folder / "sub";
     const std::string file = sub + "/logfile";
     std::filesystem::create_directory(sub);
@@ -282,7 +282,7 @@ TEST_F(LostFileTest, IsKeptWhileNoneCanTakeItsPlace) {
     EXPECT_EQ(mask_times(read_file(file)), rotate_header);
 }
 
-TEST_F(LostFileTest, IsNotMissedWhileItsNameLeadsToIt) {
+TEST_F(LostFileTest, IsNotReopenedWhileItsNameLeadsToIt) {
     const std::string target = folder.write("target", "");
     std::filesystem::create_symlink(target, path);
     start(path.c_str());

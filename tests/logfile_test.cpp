@@ -91,7 +91,7 @@ TEST_F(RecordTest, IsWrittenAgainAfterAnInterruption) {
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
 }
 
-TEST_F(RecordTest, OfWhichNothingIsWrittenTakesNothingBack) {
+TEST_F(RecordTest, WithNothingWrittenRemovesNothing) {
     folder.write("logfile", "what stood there\n");
     use(path);
     empty_writes = 2;
@@ -237,7 +237,7 @@ TEST_F(RecordTest, IsStampedInTheLocalTimeOfTheMoment) {
     unsetenv("TZ");
 }
 
-TEST_F(RecordTest, IsKeptUnderAStampOfZeroesWhenThereIsNoTime) {
+TEST_F(RecordTest, GetsAStampOfZeroesWhenThereIsNoTime) {
     use(path);
     no_time = true;
     lf_print(0, "x", 0);
@@ -254,7 +254,7 @@ TEST_F(RecordTest, OpensTheStreamEvenWhenItIsFilteredOut) {
     EXPECT_EQ(logfile_state().logfile_is_file, 1);
 }
 
-TEST_F(RecordTest, OfAnyLengthIsWhole) {
+TEST_F(RecordTest, OfAnyLengthIsWrittenWhole) {
     use(path);
     const std::string text(100000, 'y');
     lf_print(0, text.c_str(), 0);
@@ -267,7 +267,7 @@ TEST_F(RecordTest, WithoutATextIsEmpty) {
     EXPECT_EQ(log(), "<time>\tOK\t\n");
 }
 
-TEST_F(RecordTest, TakesNoMemory) {
+TEST_F(RecordTest, AllocatesNothing) {
     use(path);
     Task task = task_of(5, 0, 1);
     logfile_run(&task);
@@ -306,7 +306,7 @@ TEST_F(RecordTest, SurvivesTheKillThatFollowsIt) {
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
 }
 
-TEST_F(RecordTest, GoesToNoneOfTheProgramsThatTheDaemonStarts) {
+TEST_F(RecordTest, IsNotInheritedByProgramsThatTheDaemonStarts) {
     for (const char *name : {path.c_str(), "stderr", "stdout"}) {
         logfile_state() = {};
         use(name);
@@ -399,7 +399,7 @@ TEST_F(StandardStreamTest, TheNullDeviceTakesNothing) {
     }
 }
 
-TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
+TEST_F(StandardStreamTest, KeepsItsOrderWithBufferedStdio) {
     use("stdout");
     testing::internal::CaptureStdout();
     std::printf("before\n");
@@ -408,7 +408,7 @@ TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
     EXPECT_EQ(mask_times(testing::internal::GetCapturedStdout()), "before\n<time>\tOK\tx\nafter\n");
 }
 
-TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
+TEST_F(StandardStreamTest, UsesNoNumberOfAClosedStandardStream) {
     in_child([] {
         use("stdout");
         close(STDERR_FILENO);
@@ -420,7 +420,7 @@ TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
     });
 }
 
-TEST_F(StandardStreamTest, IsNotWaitedForWhenItIsAPipeThatNobodyReads) {
+TEST_F(StandardStreamTest, DoesNotBlockOnAPipeThatNobodyReads) {
     const HangGuard guard;
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);

@@ -219,7 +219,7 @@ TEST_F(LoggerTest, CutsTheHeadOfALineAtItsBuffer) {
     EXPECT_THAT(buffer, ElementsAre('\0', '#', '#', '#', '#', '#', '#', '#'));
 }
 
-TEST_F(LoggerTest, BeginsALineThatTellsAValue) {
+TEST_F(LoggerTest, BeginsALineThatShowsAValue) {
     const Task task = marked_task(0);
     std::array<char, 32> buffer{};
     TextBuffer line = logger_value_line(buffer, &task);
@@ -246,7 +246,7 @@ constexpr std::array<SentenceCase, 8> threshold_sentences{{
     {7, UNKNOWN, "[unknown] ID: CB22[3]: value: 91 is above unknown threshold 80"},
 }};
 
-TEST_F(LoggerTest, ThresholdTellsWhereTheValueStands) {
+TEST_F(LoggerTest, ThresholdSaysWhereTheValueIs) {
     for (const SentenceCase &given : threshold_sentences) {
         EXPECT_THAT(written_by(threshold_logger, marked_task(given.state)),
                     ElementsAre(SyslogMessage{given.priority, given.line}));

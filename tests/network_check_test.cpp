@@ -24,7 +24,7 @@ constexpr const char *CHECK = "network_check_daemon";
 
 // --- when the files are read
 
-TEST(NetworkCheck, ReadsTwiceThenNoMoreWhileNetworkdStandsStill) {
+TEST(NetworkCheck, ReadsTwiceThenNoMoreWhileNetworkdIsUnchanged) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("18446744073709551615");
@@ -49,7 +49,7 @@ TEST(NetworkCheck, ReadsOnceWhenNetworkdWasNeverStarted) {
     });
 }
 
-TEST(NetworkCheck, ReadsAtAnyOtherTimeStampAnEarlierOneIncluded) {
+TEST(NetworkCheck, ReadsAtAnyOtherTimeStampEvenAnEarlierOne) {
     in_child([] {
         BusStation rig;
         EXPECT_TRUE(rig.reads());
@@ -116,7 +116,7 @@ TEST(NetworkCheck, ReadsInEveryPassWhileThePropertyFails) {
     });
 }
 
-TEST(NetworkCheck, GivesUpAQuestionWithoutAnAnswer) {
+TEST(NetworkCheck, GivesUpACallWithoutAReply) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -171,7 +171,7 @@ TEST(NetworkBus, IsFoundAgainAfterItDied) {
     });
 }
 
-TEST(NetworkBus, MayDieWhileItIsAsked) {
+TEST(NetworkBus, MayDieDuringACall) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -195,7 +195,7 @@ void expect_nothing_unread() {
     sd_bus_unref(bus);
 }
 
-TEST(NetworkBus, KeepsNothingFromPassToPass) {
+TEST(NetworkBus, LeaksNothingBetweenPasses) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -216,7 +216,7 @@ TEST(NetworkBus, KeepsNothingFromPassToPass) {
     });
 }
 
-TEST(NetworkBus, ThrowsAwayWhatNobodyWaitsFor) {
+TEST(NetworkBus, DropsUnrelatedMessages) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -243,7 +243,7 @@ class SilentSocket {
     Descriptor socket_;
 };
 
-TEST(NetworkBus, IsGivenUpWhenItAdmitsNobody) {
+TEST(NetworkBus, IsGivenUpWhenItDoesNotAuthenticate) {
     in_child([] {
         const Station rig;
         const SilentSocket bus(rig.folder / "silent");

@@ -77,7 +77,7 @@ TEST(NetworkLan, TakesTheKnownValuesInAnyCase) {
     }
 }
 
-TEST(NetworkLan, LeavesThingsAsTheyAreAtAnUnknownValue) {
+TEST(NetworkLan, IgnoresAnUnknownValue) {
     // The key before it says 1, so a value taken for "true" or "down" would show, ...
     for (const char *value : {"1", "0", "on", "off", "", "yes!", "tru", "true1"}) {
         EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=no\nUnmanaged=") + value + "\n"), 1) << value;
@@ -90,7 +90,7 @@ TEST(NetworkLan, LeavesThingsAsTheyAreAtAnUnknownValue) {
     }
 }
 
-TEST(NetworkLan, LooksAtItsSectionAndKeysInAnyCase) {
+TEST(NetworkLan, MatchesItsSectionAndKeysInAnyCase) {
     EXPECT_EQ(lan_of("[link]\nunmanaged=no\n"), 1);
     EXPECT_EQ(lan_of("[LINK]\nACTIVATIONPOLICY=up\n"), 1);
     EXPECT_EQ(lan_of("[Network]\nUnmanaged=no\n"), 0);
@@ -136,7 +136,7 @@ TEST(NetworkLan, KeepsTheValueOfAKeyThatDisappears) {
     });
 }
 
-TEST(NetworkLanHandler, TracesThePairAndAlwaysGoesOn) {
+TEST(NetworkLanHandler, TracesThePairAndAlwaysContinues) {
     in_child([] {
         const CapturedTraces traces;
         EXPECT_EQ(network_lan_handler("Other", "Unmanaged", "no"), 1);
@@ -190,7 +190,7 @@ TEST(NetworkDecideWifi, StopsAtTheFirstEqualToken) {
     EXPECT_EQ(network_decide_wifi(text.data(), tokens.data(), 5), 0);
 }
 
-TEST(NetworkDecideWifi, LooksAtNoTokenBehindTheLast) {
+TEST(NetworkDecideWifi, ReadsNoTokenAfterTheLast) {
     const std::string text("{true\0enabled", 13);
     const std::array<JsonToken, 3> tokens{OBJECT_AT_0, token_at(6), token_at(1)};
     EXPECT_EQ(network_decide_wifi(text.data(), tokens.data(), 2), 0);
@@ -221,7 +221,7 @@ TEST(NetworkWifi, FollowsTheFile) {
     });
 }
 
-TEST(NetworkWifi, IsInUseWithADirectoryInTheFilesPlace) {
+TEST(NetworkWifi, IsInUseWithADirectoryInPlaceOfTheFile) {
     in_child([] {
         const Station rig;
         EXPECT_EQ(rig.wifi_after("{}"), 0);
@@ -232,7 +232,7 @@ TEST(NetworkWifi, IsInUseWithADirectoryInTheFilesPlace) {
     });
 }
 
-TEST(NetworkFiles, AreNotWaitedForWhenTheyArePipesThatNobodyFeeds) {
+TEST(NetworkFiles, DoNotBlockWhenTheyArePipesWithoutAWriter) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
@@ -249,7 +249,7 @@ TEST(NetworkFiles, AreNotWaitedForWhenTheyArePipesThatNobodyFeeds) {
     });
 }
 
-TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyArePipesThatSomebodyKeepsFull) {
+TEST(NetworkFiles, AreReadUpToALimitWhenTheyAreFullPipes) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
@@ -273,7 +273,7 @@ TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyArePipesThatSomebodyKeepsFull) {
     });
 }
 
-TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyAreEndlessDevices) {
+TEST(NetworkFiles, AreReadUpToALimitWhenTheyAreEndlessDevices) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
@@ -298,7 +298,7 @@ TEST(NetworkFiles, MayBeHuge) {
     });
 }
 
-TEST(NetworkLan, IsInUseWithAFolderInTheFilesPlace) {
+TEST(NetworkLan, IsInUseWithAFolderInPlaceOfTheFile) {
     in_child([] {
         const Station rig;
         std::filesystem::create_directory(rig.folder / "lan");
@@ -316,7 +316,7 @@ TEST(NetworkLan, IsInUseWhenTheFileCannotBeRead) {
     });
 }
 
-TEST(NetworkLan, TakesAFileOf64KiBAndNothingOfALargerOne) {
+TEST(NetworkLan, ReadsAFileOf64KiBAndNothingOfALargerOne) {
     in_child([] {
         const Station rig;
         const std::string pairs = "[Link]\nActivationPolicy=down\n";
@@ -326,7 +326,7 @@ TEST(NetworkLan, TakesAFileOf64KiBAndNothingOfALargerOne) {
     });
 }
 
-TEST(NetworkLan, IsReadUpTo64KiBWhenTheFileTellsNoSize) {
+TEST(NetworkLan, IsReadUpTo64KiBWhenTheFileReportsNoSize) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
@@ -368,7 +368,7 @@ TEST(NetworkWifi, ReadsAtMost2048Bytes) {
     });
 }
 
-TEST(NetworkWifi, LeavesTheEndOfALongerFileStanding) {
+TEST(NetworkWifi, KeepsTheEndOfALongerEarlierFileInItsBuffer) {
     in_child([] {
         const Station rig;
         // A key's text only ends where the buffer's does, so with a quote behind it in the file the byte

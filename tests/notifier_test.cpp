@@ -80,7 +80,7 @@ TEST_F(NotifierTest, PassesNothingOnWithoutAMark) {
     EXPECT_EQ(traces.texts_of("common_notifier"), (std::vector<std::string>{" "}));
 }
 
-TEST_F(NotifierTest, TakesBackAMarkThatIsNotOne) {
+TEST_F(NotifierTest, ClearsAMarkThatIsNotOne) {
     task.do_notify = 2;
     EXPECT_EQ(common_notifier(&task), 0);
     EXPECT_TRUE(updates().empty());
@@ -98,11 +98,11 @@ TEST_F(NotifierTest, PassesAnIdOnUnchanged) {
 
 TEST_F(NotifierTest, SkipsWithTheNullNotifier) {
     for (const int mark : {1, 2}) {
-        const CapturedTraces anew;
+        const CapturedTraces second;
         task.do_notify = static_cast<std::uint8_t>(mark);
         EXPECT_EQ(NULL_notifier(&task), 0);
         EXPECT_EQ(int{task.do_notify}, 0);
-        EXPECT_EQ(anew.texts_of("NULL_notifier"),
+        EXPECT_EQ(second.texts_of("NULL_notifier"),
                   (std::vector<std::string>{" ", "skip notification wireless: value: -71 -- state -2"}));
     }
     EXPECT_EQ(NULL_notifier(&task), 0);

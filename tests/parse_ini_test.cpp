@@ -77,7 +77,7 @@ void PrintTo(const Case &text, std::ostream *out) { *out << text.text; }
 
 class IniTextTest : public IniTest, public testing::WithParamInterface<Case> {};
 
-TEST_P(IniTextTest, GivesItsPairsAndItsResult) {
+TEST_P(IniTextTest, YieldsItsPairsAndItsResult) {
     EXPECT_EQ(parse(GetParam().text), GetParam().result);
     EXPECT_EQ(taken, GetParam().pairs);
 }
@@ -144,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, IniTextTest,
                                                 "a",
                                                 "b"}}}));
 
-TEST_F(IniTest, ARefusedPairEndsTheReading) {
+TEST_F(IniTest, ARefusedPairStopsTheParser) {
     taken_before_refusal = 1;
     EXPECT_EQ(parse("[s]\na=1\nb=2\nc=3"), -2);
     EXPECT_EQ(taken, (Pairs{{"s", "a", "1"}, {"s", "b", "2"}}));
@@ -208,7 +208,7 @@ int look_at_trace(const char * /*section*/, const char * /*name*/, const char * 
     return 1;
 }
 
-TEST_F(IniTest, TracesAPairBeforeItIsTaken) {
+TEST_F(IniTest, TracesAPairBeforeItIsHandled) {
     const CapturedTraces traces;
     watched = &traces;
     TextStream stream{"a=1", {}};
@@ -223,7 +223,7 @@ TEST_F(IniTest, AFileIsReadToItsEnd) {
     EXPECT_EQ(taken, (Pairs{{"Match", "Name", "eth0"}, {"Link", "Unmanaged", "no"}}));
 }
 
-TEST_F(IniTest, AFileGivesTheErrorsOfItsText) {
+TEST_F(IniTest, AFileReportsTheErrorsOfItsText) {
     const ScratchFolder folder;
     EXPECT_EQ(ini_parse_file(folder.write("empty", "").c_str(), take), 0);
     EXPECT_EQ(ini_parse_file(folder.write("bad", "bad").c_str(), take), -1);
@@ -278,7 +278,7 @@ TEST(IniHelpers, RstripCutsTheWhiteSpaceOffTheEnd) {
     }
 }
 
-TEST(IniHelpers, RstripLeavesWhatStandsBeforeTheTextAlone) {
+TEST(IniHelpers, RstripLeavesBytesBeforeTheTextAlone) {
     std::string line = "a  ";
     rstrip(line.data() + 2);
     EXPECT_EQ(line, std::string("a \0", 3));

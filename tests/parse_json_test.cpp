@@ -50,7 +50,7 @@ void PrintTo(const TokensCase &text, std::ostream *out) { *out << text.text; }
 
 class JsonTokensTest : public testing::TestWithParam<TokensCase> {};
 
-TEST_P(JsonTokensTest, LieWhereTheTextHasThem) {
+TEST_P(JsonTokensTest, HaveTheirPlacesInTheText) {
     const Result result = parse(GetParam().text);
     EXPECT_EQ(result.result, static_cast<int>(GetParam().tokens.size()));
     EXPECT_EQ(result.tokens, GetParam().tokens);
@@ -201,7 +201,7 @@ std::string object_of(int keys) {
     return text;
 }
 
-TEST(Json, HasRoomForAsManyTokensAsItWasGiven) {
+TEST(Json, UsesAllTheTokensItWasGiven) {
     EXPECT_EQ(parse(object_of(15) + R"("k"})").result, 32); // 1 + 30 + 1
     EXPECT_EQ(parse(object_of(15) + R"("k":1})").result, -1);
     EXPECT_EQ(parse(object_of(15) + R"("k":"s"})").result, -1);
@@ -212,14 +212,14 @@ TEST(Json, HasRoomForAsManyTokensAsItWasGiven) {
     EXPECT_EQ(parse("", 0).result, 0);
 }
 
-TEST(Json, WithoutRoomSaysSoBeforeItLooksAtTheElement) {
+TEST(Json, ReportsALackOfTokensBeforeItReadsTheElement) {
     EXPECT_EQ(parse("{{", 1).result, -1); // no key
     EXPECT_EQ(parse("{1", 1).result, -1); // no key either
     EXPECT_EQ(parse("\"", 0).result, -1);
     EXPECT_EQ(parse("x", 0).result, -2); // begins nothing
 }
 
-TEST(Json, WritesNothingBehindItsTokens) {
+TEST(Json, WritesNothingAfterItsTokens) {
     std::array<JsonToken, 3> tokens{UNTOUCHED, UNTOUCHED, UNTOUCHED};
     JsonParser parser{};
     json_init(&parser, tokens.data(), 2);
@@ -230,7 +230,7 @@ TEST(Json, WritesNothingBehindItsTokens) {
     EXPECT_EQ(tokens[2], UNTOUCHED);
 }
 
-TEST(Json, ElementsBeginWithTheirCharactersAlone) {
+TEST(Json, ElementsBeginOnlyWithTheirCharacters) {
     const std::string blanks = "\t\n\r ";
     const std::string marks = ":,";
     const std::string primitives = "+-0123456789FNTfnt";
@@ -262,7 +262,7 @@ TEST(Json, ReadsNoFurtherThanItsLength) {
     EXPECT_EQ(parse_bytes(nullptr, 0), 0);
 }
 
-TEST(Json, TakesATextOf2048BytesAndMissesTheLast) {
+TEST(Json, ParsesATextOf2048BytesAndNoneWithoutItsEnd) {
     const std::string text = R"({"k":")" + std::string(2040, 'v') + R"("})"; // 6 + 2040 + 2
     ASSERT_EQ(text.size(), 2048U);
     EXPECT_EQ(parse(text).tokens, (Tokens{{1, 0, 2048, 1, -1}, {2, 2, 3, 1, 0}, {2, 6, 2046, 0, 1}}));
@@ -285,7 +285,7 @@ TEST(Json, InitMakesAParserReadyAgain) {
     EXPECT_EQ(tokens[0], (JsonToken{1, 0, 2, 0, -1}));
 }
 
-TEST(Json, AFreshTokenIsUnset) {
+TEST(Json, ANewTokenIsUnset) {
     std::array<JsonToken, 2> tokens{UNTOUCHED, UNTOUCHED};
     JsonParser parser{};
     json_init(&parser, tokens.data(), 2);
@@ -301,7 +301,7 @@ TEST(Json, AFreshTokenIsUnset) {
     EXPECT_EQ(json_alloc_token(&parser), nullptr);
 }
 
-TEST(Json, HasTheTypeCodesThatItsReadersKnow) {
+TEST(Json, HasTheEstablishedTypeCodes) {
     EXPECT_EQ(int{JSON_UNSET}, 0);
     EXPECT_EQ(int{JSON_OBJECT}, 1);
     EXPECT_EQ(int{JSON_STRING}, 2);

@@ -100,7 +100,7 @@ TEST_F(ProcessTest, InstallsItsHandlerWithInformationAndWithoutStops) {
     }
 }
 
-TEST_F(ProcessTest, SaysHowItsStartWent) {
+TEST_F(ProcessTest, TracesTheResultOfItsStart) {
     CapturedTraces traces;
     EXPECT_EQ(process_init(), 0);
     EXPECT_EQ(traces.texts_of("process_init"), (Texts{" ", "DONE"}));
@@ -138,7 +138,7 @@ TEST_F(ProcessTest, RegistersAndForgetsAChild) {
     EXPECT_EQ(process_remove(NOBODY), -1); // forgotten
 }
 
-TEST_F(ProcessTest, HangsItsChildrenBehindAHeadOfIdMinusTwo) {
+TEST_F(ProcessTest, LinksItsChildrenAfterAHeadWithIdMinusTwo) {
     Task task = owner("x");
     const CapturedTraces traces;
     process_add(NOBODY, &task);
@@ -147,7 +147,7 @@ TEST_F(ProcessTest, HangsItsChildrenBehindAHeadOfIdMinusTwo) {
     process_remove(NOBODY);
 }
 
-TEST_F(ProcessTest, SaysThatAnUnknownChildIsMissing) {
+TEST_F(ProcessTest, TracesThatAnUnknownChildIsMissing) {
     Task task = owner("x");
     EXPECT_EQ(process_remove(NOBODY), -1); // nobody registered at all
     process_add(NOBODY, &task);
@@ -188,7 +188,7 @@ TEST_F(ProcessTest, ComparesTheTasksChildWithThePid) {
     EXPECT_EQ(traces.texts_of("process_cmp"), (Texts{"val: 12 pid: 12", "val: 12 pid: 13"}));
 }
 
-TEST_F(ProcessTest, LeavesTheTaskAloneWhenMemoryIsOut) {
+TEST_F(ProcessTest, LeavesTheTaskAloneWhenOutOfMemory) {
     Task task = owner("x");
     task.child_pid = 5;
     {
@@ -274,7 +274,7 @@ TEST_F(ProcessTest, KeepsErrno) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(ProcessTest, TakesARealChildsEndAtASafePoint) {
+TEST_F(ProcessTest, HandlesTheEndOfARealChildAtASafePoint) {
     Task task = owner("x");
     const pid_t child = ended_child();
     process_add(child, &task);

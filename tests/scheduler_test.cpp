@@ -82,7 +82,7 @@ bool runs_at(Station &station, std::int64_t now) {
 
 // One pass. --------------------------------------------------------------------------------------
 
-TEST_F(SchedulerTest, WalksFromTheNetworkOverEveryTasksPipelineToTheAnnouncement) {
+TEST_F(SchedulerTest, RunsTheNetworkThenEveryTasksPipelineThenTheAnnouncement) {
     const Station station({recording_task("a", 10), recording_task("b", 60)});
     scheduler_pass(NOON);
     EXPECT_EQ(events(), (Events{"network", "a exec", "a analyze", "a notify", "a logging", "b exec", "b analyze",
@@ -270,7 +270,7 @@ TEST_F(SchedulerTest, RunsOnceWhenTheClockIsSetForward) {
     EXPECT_EQ(station.tasks.front().next_run, NOON + 86400 + 900);
 }
 
-TEST_F(SchedulerTest, RunsAQuarterHourlyTaskAYearLong) {
+TEST_F(SchedulerTest, RunsAQuarterHourlyTaskForAYear) {
     constexpr std::int64_t year = 365 * std::int64_t{86400};
     constexpr std::int64_t start = NOON + 7; // seven seconds after a quarter
     Station station({recording_task("a", 900)});

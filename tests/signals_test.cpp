@@ -94,7 +94,7 @@ class SignalsTest : public testing::Test {
 
 using Events = std::vector<std::string>;
 
-TEST_F(SignalsTest, AreSevenOfWhichAllButTheHeartbeatAreHeld) {
+TEST_F(SignalsTest, AreSevenAndAllButTheHeartbeatAreBlocked) {
     const sigset_t all = signals_all();
     const sigset_t held = signals_held();
     for (int signo = 1; signo < NSIG; ++signo) {
@@ -172,7 +172,7 @@ void await_sleep(pid_t pid) {
     }
 }
 
-TEST_F(SignalsTest, AreWaitedForOnAfterAStop) {
+TEST_F(SignalsTest, AreStillAwaitedAfterAStop) {
     const pid_t waiting = fork();
     if (waiting == 0) {
         signals_wait(signals_all());
@@ -202,7 +202,7 @@ TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     EXPECT_TRUE(is_pending(SIGALRM));
 }
 
-TEST_F(SignalsTest, LetAPauseEndByItself) {
+TEST_F(SignalsTest, LetAPauseRunToItsEnd) {
     for (const int milliseconds : {100, 1000}) {
         const auto begin = std::chrono::steady_clock::now();
         signals_pause(milliseconds);
@@ -222,7 +222,7 @@ TEST_F(SignalsTest, AreTakenFromTheLowestNumberOn) {
     }
 }
 
-TEST_F(SignalsTest, ThatKeepComingHoldUpNoOther) {
+TEST_F(SignalsTest, ThatKeepComingDelayNoOther) {
     install(SIGUSR1, flooded_handler);
     for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_dispatch(signals_all()); },
                                  +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
@@ -234,7 +234,7 @@ TEST_F(SignalsTest, ThatKeepComingHoldUpNoOther) {
     }
 }
 
-TEST_F(SignalsTest, HandTheirInformationOn) {
+TEST_F(SignalsTest, PassTheirInformationOn) {
     struct sigaction action {};
     action.sa_sigaction = informed_handler;
     action.sa_flags = SA_SIGINFO;
@@ -286,7 +286,7 @@ TEST_F(SignalsTest, ThatAreIgnoredAreDropped) {
 
 using SignalsDeathTest = SignalsTest;
 
-TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcessAsEver) {
+TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcess) {
     const auto end_by_default = [] {
         install(SIGTERM, SIG_DFL);
         raise(SIGTERM);
@@ -317,7 +317,7 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcessAsEver) {
     _exit(sigismember(&original, SIGPIPE) == 1 && sigismember(&now, SIGPIPE) == 1 ? 0 : 99);
 }
 
-TEST_F(SignalsDeathTest, AreHeldFromTheMaskThatAChildGetsBack) {
+TEST_F(SignalsDeathTest, BlockedTwiceKeepTheFirstOriginalMask) {
     EXPECT_EXIT(hold_twice(), testing::ExitedWithCode(0), "");
 }
 

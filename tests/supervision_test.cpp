@@ -81,7 +81,7 @@ TEST_F(Supervision, SaysThatItStops) {
     EXPECT_THAT(manager.take(), ElementsAre("STOPPING=1"));
 }
 
-TEST_F(Supervision, KeepsAliveAfterEachPassAndTellsAStatusWhenItIsNew) {
+TEST_F(Supervision, SendsKeepAliveAfterEachPassAndAStatusThatChanged) {
     start();
     supervision_pass_done({});
     supervision_pass_done({});
@@ -93,7 +93,7 @@ TEST_F(Supervision, KeepsAliveAfterEachPassAndTellsAStatusWhenItIsNew) {
                                             "WATCHDOG=1\nSTATUS=Raised issues: none"));
 }
 
-TEST_F(Supervision, TellsInItsStatusWhatIsWrong) {
+TEST_F(Supervision, ReportsProblemsInItsStatus) {
     start();
     supervision_pass_done({.is_off_bus = true});
     supervision_pass_done({.status_log_error = ENOSPC});
@@ -108,7 +108,7 @@ TEST_F(Supervision, TellsInItsStatusWhatIsWrong) {
                             "Permission denied; traces lost: 13"));
 }
 
-TEST_F(Supervision, HasRoomForAllThatCanBeWrongAtOnce) {
+TEST_F(Supervision, HasRoomForAllProblemsAtOnce) {
     std::string labels = "CBnn";
     for (int id = 32; id >= 0; --id) {
         labels = "CB" + std::to_string(id) + ", " + labels;
@@ -123,7 +123,7 @@ TEST_F(Supervision, HasRoomForAllThatCanBeWrongAtOnce) {
     EXPECT_THAT(messages[0], testing::EndsWith("traces lost: 4294967295"));
 }
 
-TEST_F(Supervision, TellsAStatusAgainThatTheManagerDidNotTake) {
+TEST_F(Supervision, SendsAgainAStatusThatTheManagerDidNotTake) {
     start();
     const CapturedTraces traces;
     while (traces.all().empty()) {
@@ -141,7 +141,7 @@ TEST_F(Supervision, TellsAStatusAgainThatTheManagerDidNotTake) {
     EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: CB21"));
 }
 
-TEST_F(Supervision, SaysOnceAChangeThatTheBusOrTheStatusLogIsLostOrThereAgain) {
+TEST_F(Supervision, ReportsLossAndReturnOfBusAndStatusLogOnce) {
     start();
     const CapturedTraces traces;
     const auto pass = [](bool is_off_bus, int error) {
@@ -161,7 +161,7 @@ TEST_F(Supervision, SaysOnceAChangeThatTheBusOrTheStatusLogIsLostOrThereAgain) {
     EXPECT_THAT(traces.all(), testing::Each(testing::Field(&CapturedTrace::priority, LOG_INFO)));
 }
 
-TEST_F(Supervision, FindsASocketOfTheAbstractKind) {
+TEST_F(Supervision, UsesAnAbstractSocket) {
     const std::string name = "@vigmond-test-" + std::to_string(getpid());
     const NotifySocket abstract(name);
     ask_at(name);
@@ -170,7 +170,7 @@ TEST_F(Supervision, FindsASocketOfTheAbstractKind) {
     EXPECT_THAT(manager.take(), IsEmpty());
 }
 
-TEST_F(Supervision, FindsTheLongestPathThatASocketCanHave) {
+TEST_F(Supervision, UsesTheLongestPathThatASocketCanHave) {
     const std::filesystem::path path = folder / std::string(106 - folder.path().string().size(), 'n');
     ASSERT_EQ(path.string().size(), 107U);
     const NotifySocket socket(path);
@@ -179,14 +179,14 @@ TEST_F(Supervision, FindsTheLongestPathThatASocketCanHave) {
     EXPECT_THAT(socket.take(), ElementsAre("READY=1"));
 }
 
-TEST_F(Supervision, TriesTheShortestNameThatASocketCanHave) {
+TEST_F(Supervision, UsesTheShortestNameThatASocketCanHave) {
     const CapturedTraces traces;
     ask_at("@v");
     supervision_ready();
     EXPECT_THAT(traces.texts_of("notify"), ElementsAre("FAILED: Connection refused"));
 }
 
-TEST_F(Supervision, IsSilentWhereNobodyAsks) {
+TEST_F(Supervision, IsSilentWithoutASocketName) {
     const CapturedTraces traces;
     unsetenv("NOTIFY_SOCKET");
     supervision_ready();
@@ -196,7 +196,7 @@ TEST_F(Supervision, IsSilentWhereNobodyAsks) {
     EXPECT_THAT(traces.all(), IsEmpty());
 }
 
-TEST_F(Supervision, IsSilentWhereTheNameIsNoSocketsName) {
+TEST_F(Supervision, IsSilentWithAnInvalidSocketName) {
     const CapturedTraces traces;
     for (const std::string &name : {std::string(), std::string("@"), std::string("/"), std::string("notify"),
                                     "/" + std::string(107, 'n'), std::string(5000, '@')}) {
@@ -207,7 +207,7 @@ TEST_F(Supervision, IsSilentWhereTheNameIsNoSocketsName) {
     EXPECT_THAT(manager.take(), IsEmpty());
 }
 
-TEST_F(Supervision, TracesASocketThatIsNotThere) {
+TEST_F(Supervision, TracesAMissingSocket) {
     const CapturedTraces traces;
     ask_at(folder / "nobody");
     supervision_ready();
@@ -233,7 +233,7 @@ std::ptrdiff_t open_descriptors() {
     return std::distance(begin(folder), end(folder));
 }
 
-TEST_F(Supervision, NeitherAllocatesNorKeepsMoreDescriptorsAPass) {
+TEST_F(Supervision, NeitherAllocatesNorLeaksDescriptors) {
     supervision_pass_done({});
     EXPECT_THAT(manager.take(), SizeIs(1));
     const int allocations = allocation_count();

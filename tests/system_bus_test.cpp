@@ -75,7 +75,7 @@ NumberAnswer ask_number(const char *property = "Number") {
 
 constexpr const char *LATER_THAN_THE_LIBRARY_WAITS = "delay 200";
 
-TEST(SystemBusLateAnswer, IsTakenLikeAnyOther) {
+TEST(SystemBusLateAnswer, IsHandledLikeAnyOther) {
     in_child([] {
         Rig rig;
         rig.systemd.obey(LATER_THAN_THE_LIBRARY_WAITS);
@@ -118,7 +118,7 @@ TEST(SystemBusLateAnswer, IsNotAwaitedFromABusThatDies) {
     });
 }
 
-TEST(SystemBusLateAnswer, DoesNotHoldATerminationUp) {
+TEST(SystemBusLateAnswer, DoesNotDelayATermination) {
     constexpr int taken_while_waiting = 77;
     const int status = run_child([] {
         signals_block(); // for the rig's threads, too
@@ -178,7 +178,7 @@ struct FloodedRig : Rig {
     long before_kb = 0;
 };
 
-TEST(SystemBusFlood, CostsNoAnswerAndNoMemory) {
+TEST(SystemBusFlood, LosesNoAnswerAndUsesNoMemory) {
     in_child([] {
         FloodedRig rig;
         for (int i = 0; i < 10; ++i) {
@@ -189,7 +189,7 @@ TEST(SystemBusFlood, CostsNoAnswerAndNoMemory) {
     });
 }
 
-TEST(SystemBusFlood, CostsNoMemoryWhileNothingIsAnswered) {
+TEST(SystemBusFlood, UsesNoMemoryWhileNothingIsAnswered) {
     in_child([] {
         FloodedRig rig;
         rig.systemd.obey("hold");

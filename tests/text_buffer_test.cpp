@@ -121,14 +121,14 @@ TEST_F(TextBufferTest, LeavesAnArrayOfSizeZeroAlone) {
     EXPECT_EQ(behind(0), untouched(16));
 }
 
-TEST_F(TextBufferTest, TakesNoArrayAsOneOfSizeZero) {
+TEST_F(TextBufferTest, TreatsNullAsAnArrayOfSizeZero) {
     TextBuffer text(nullptr, 0);
     EXPECT_FALSE(text.append("a"));
     text.append_format("%d", 7);
     EXPECT_STREQ(text.c_str(), "");
 }
 
-TEST_F(TextBufferTest, GoesOnBehindATextThatStands) {
+TEST_F(TextBufferTest, ContinuesAfterAnExistingText) {
     std::copy_n("head: ", 7, bytes.begin());
     TextBuffer text = TextBuffer::behind(bytes.data(), 12);
     EXPECT_EQ(text.room(), 6U); // 12 - 6
@@ -137,7 +137,7 @@ TEST_F(TextBufferTest, GoesOnBehindATextThatStands) {
     EXPECT_STREQ(text.c_str(), "head: value");
 }
 
-TEST_F(TextBufferTest, CutsAnUnterminatedTextThatStands) {
+TEST_F(TextBufferTest, CutsAnUnterminatedExistingText) {
     TextBuffer text = TextBuffer::behind(bytes.data(), 4);
     EXPECT_STREQ(text.c_str(), "###");
     EXPECT_EQ(text.room(), 1U);

@@ -180,7 +180,7 @@ class WaitTest : public TimerTest {
     [[nodiscard]] std::size_t beats() const { return traces.texts_of("sig_alarm_handler").size(); }
 };
 
-TEST_F(WaitTest, HoldsABeatBackUntilItMayCome) {
+TEST_F(WaitTest, KeepsABeatPendingUntilItIsUnblocked) {
     timer_continue();
     EXPECT_FALSE(is_blocked(SIGALRM));
     timer_suspend();
@@ -213,7 +213,7 @@ TEST_F(WaitTest, TracesEachStepAtItsLevel) {
                             "(3) CODE_FILE=timer.c sig_alarm_handler", "(2) CODE_FILE=timer.c runrun_wait"}));
 }
 
-TEST_F(WaitTest, EndsWithABeatAndStartsFromNoneAgain) {
+TEST_F(WaitTest, EndsWithABeatAndRestartsTheCount) {
     raise(SIGALRM);
     runrun_wait();
     EXPECT_EQ(system_calls().waits, 1);
@@ -247,7 +247,7 @@ TEST_F(WaitTest, EndsWithAnyOtherSignalWhenABeatIsRecorded) {
     EXPECT_EQ(beats(), 1U);
 }
 
-TEST_F(WaitTest, GoesOnAfterAnotherSignalAlone) {
+TEST_F(WaitTest, ContinuesAfterAnotherSignalAlone) {
     system_calls().before_wait = [](int number) { pthread_kill(pthread_self(), number <= 5 ? SIGUSR1 : SIGALRM); };
     runrun_wait();
     EXPECT_EQ(system_calls().waits, 6);
@@ -305,7 +305,7 @@ void wait_until_idle(pid_t pid) {
     }
 }
 
-TEST_F(WaitTest, GoesOnAfterAStopAndAContinue) {
+TEST_F(WaitTest, ContinuesAfterAStopAndAContinue) {
     const pid_t child = fork();
     if (child == 0) {
         raise(SIGALRM);

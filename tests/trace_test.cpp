@@ -145,7 +145,7 @@ TEST(Trace, MapsLevelsToPriorities) {
     }
 }
 
-TEST(Trace, PrefixTellsTheLargestNumbersWhole) {
+TEST(Trace, PrefixHoldsTheLargestNumbers) {
     for (const int level : {INT32_MAX, INT32_MIN}) {
         const CapturedTraces traces;
         const std::time_t now =
@@ -360,7 +360,7 @@ TEST_F(RefusingJournal, GetsTheNumberOfLostTracesFirst) {
     EXPECT_EQ(traces.all().size(), 3U) << "it is told once";
 }
 
-TEST_F(RefusingJournal, KeepsTheNumberUntilItIsTold) {
+TEST_F(RefusingJournal, KeepsTheNumberUntilItIsReported) {
     trace(TRACE_INFO, "lost");
     log_sockets_resume();
     trace(TRACE_INFO, "lost with the number");
@@ -372,7 +372,7 @@ TEST_F(RefusingJournal, KeepsTheNumberUntilItIsTold) {
 }
 
 // It is refused at once while the journal is started again, so that there is no pause.
-TEST_F(RefusingJournal, TellsWhatWasRefusedAtOnceToo) {
+TEST_F(RefusingJournal, CountsImmediateRefusalsToo) {
     journal_result = -ECONNREFUSED;
     trace(TRACE_INFO, "lost");
     trace(TRACE_INFO, "lost");

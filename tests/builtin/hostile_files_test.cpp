@@ -84,15 +84,15 @@ constexpr std::uintmax_t HUGE_SIZE = 500'000'000'000;
 
 } // namespace
 
-TEST_F(HostileFiles, ThatDoNotEndHoldNoProbe) { expect_outcomes("/dev/zero", &Reader::endless); }
+TEST_F(HostileFiles, EndlessOnesBlockNoProbe) { expect_outcomes("/dev/zero", &Reader::endless); }
 
-TEST_F(HostileFiles, OfHugeSizeHoldNoProbe) {
+TEST_F(HostileFiles, HugeOnesBlockNoProbe) {
     const std::string file = folder_.write("huge", "");
     std::filesystem::resize_file(file, HUGE_SIZE);
     expect_outcomes(file, &Reader::huge);
 }
 
-TEST_F(HostileFiles, OfOneHugeLineHoldNoProbe) {
+TEST_F(HostileFiles, HugeLinesBlockNoProbe) {
     std::string text;
     while (text.size() < 65536) {
         text += "a ";
@@ -102,10 +102,10 @@ TEST_F(HostileFiles, OfOneHugeLineHoldNoProbe) {
     expect_outcomes(file, &Reader::text);
 }
 
-TEST_F(HostileFiles, ThatAreFoldersHoldNoProbe) { expect_outcomes(folder_.path(), &Reader::folder); }
+TEST_F(HostileFiles, FoldersBlockNoProbe) { expect_outcomes(folder_.path(), &Reader::folder); }
 
 // The wear's device: see its own test. The others' files are the kernel's: only root can put a pipe there.
-TEST_F(HostileFiles, ThatArePipesAreNotOpenedToMeasureADisk) {
+TEST_F(HostileFiles, PipesAreNotOpenedToMeasureADisk) {
     in_child([this] {
         const HangGuard guard;
         const std::string pipe = folder_ / "pipe";

@@ -91,7 +91,7 @@ TEST(InternetParseLine, NeedsElevenWordsAndTakesMissingCountersAsZero) {
     EXPECT_EQ(twelve.counters.lost, 321U);
 }
 
-TEST(InternetParseLine, LooksAtSixteenWordsOfALongerLine) {
+TEST(InternetParseLine, ReadsSixteenWordsOfALongerLine) {
     std::string line = "eth0: 7 900 1 20 7 7 7 7 7 100 300 4000 7 7 7 7 8 9 10\n";
     TrafficCounters counters{};
     EXPECT_TRUE(internet_parse_line(line.data(), "eth0", &counters));
@@ -196,7 +196,7 @@ TEST_F(InternetTest, MeasuresTheInterfaceOfTheTask) {
     expect_measured(internet_exec, link_task(99, "lo"), 1);
 }
 
-TEST_F(InternetTest, MeasuresTotalsAndNotTheDifferenceToTheRunBefore) {
+TEST_F(InternetTest, MeasuresTotalsAndNotTheChangeSinceTheLastRun) {
     show(table_line("eth0", "900", "100", "100"));
     expect_measured(internet_exec, link_task(LAN, "eth0"), 11);
     expect_measured(internet_exec, link_task(LAN, "eth0"), 11);
@@ -235,7 +235,7 @@ TEST_F(InternetTest, FailsWithTheErrorOfTheOpen) {
     }
 }
 
-TEST_F(InternetTest, TakesAFailedOpenWithoutErrorAsZero) {
+TEST_F(InternetTest, CountsAFailedOpenWithoutErrorNumberAsZero) {
     open.fail(0);
     expect_measured(internet_exec, link_task(LAN, "eth0"), 0);
 }
@@ -274,7 +274,7 @@ void expect_standstill(Task task) {
     }
 }
 
-TEST_F(InternetTest, StandsStillWhileItsPathIsSwitchedOff) {
+TEST_F(InternetTest, SkipsItsRunWhileItsPathIsSwitchedOff) {
     show(table_line("eth0", "1000", "0"));
     for (const std::int32_t flag : {0, 2, -1}) {
         lan_available = flag;
@@ -288,7 +288,7 @@ TEST_F(InternetTest, StandsStillWhileItsPathIsSwitchedOff) {
     }
 }
 
-TEST_F(InternetTest, AsksForItsOwnPathOnly) {
+TEST_F(InternetTest, ChecksOnlyItsOwnPath) {
     show(table_line("eth0", "1000", "0"));
     lan_available = 1;
     wifi_available = 0;

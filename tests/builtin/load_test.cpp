@@ -54,7 +54,7 @@ TEST(LoadParseLine, NeedsFiveWords) {
     expect_counters(parsed.counters, 1, 3, 4);
 }
 
-TEST(LoadParseLine, DoesNotCareForTheLabel) {
+TEST(LoadParseLine, IgnoresTheLabel) {
     const Parsed parsed = parse("intr 1 2 3 4\n");
     EXPECT_TRUE(parsed.usable);
     expect_counters(parsed.counters, 1, 3, 4);
@@ -76,7 +76,7 @@ TEST(LoadParseLine, TruncatesNumbersModuloTwoTo32) {
     }
 }
 
-TEST(LoadParseLine, CannotUseWhatIsNoCount) {
+TEST(LoadParseLine, RejectsWhatIsNotACount) {
     for (const std::string word : {"inf", "-inf", "nan", "1e300", "-1e300", "9007199254740994"}) {
         EXPECT_FALSE(parse("cpu " + word + " 0 1 1\n").usable) << word;
         EXPECT_FALSE(parse("cpu 1 0 " + word + " 1\n").usable) << word;
@@ -277,7 +277,7 @@ TEST_F(LoadTest, TheSecondTaskOfAPassRepeatsTheLoadOfTheFirst) {
     });
 }
 
-TEST_F(LoadTest, ANegativeLoadMovesTowardsZero) {
+TEST_F(LoadTest, ANegativeLoadIsRoundedTowardsZero) {
     in_child([&] {
         Task task = load_task(WARNING);
         show(10, 0, 0);
@@ -291,7 +291,7 @@ TEST_F(LoadTest, ANegativeLoadMovesTowardsZero) {
     });
 }
 
-TEST_F(LoadTest, MeasuresOnWhenIdlePasses32Bits) {
+TEST_F(LoadTest, KeepsMeasuringWhenIdlePasses32Bits) {
     in_child([&] {
         Task task = load_task(WARNING);
         show("cpu 0 0 0 2147483600\n");
@@ -363,7 +363,7 @@ TEST_F(LoadTest, FailsWithMinusOneWhenTheCountersCannotBeRead) {
     }
 }
 
-TEST_F(LoadTest, ReadsTheFirstLineOnlyAndNoMoreThan1023Characters) {
+TEST_F(LoadTest, ReadsAtMost1023CharactersOfTheFirstLine) {
     show(std::string(1010, ' ') + "cpu 1 2 3 456\n"); // 1010 + 13 characters end in "456"
     std::int32_t user = 0;
     std::int32_t system = 0;
@@ -388,7 +388,7 @@ TEST_F(LoadTest, ReadsTheSystemsOwnCounters) {
     EXPECT_NE(system, 0);
 }
 
-TEST_F(LoadTest, TakesBackTheMarkForRestartEvenWhenTheReadFails) {
+TEST_F(LoadTest, ClearsTheMarkForRestartEvenWhenTheReadFails) {
     in_child([&] {
         Task task = load_task(WARNING);
         show(0, 0, 0);

@@ -19,7 +19,7 @@ struct Line {
 } // namespace
 
 // Every line is read with total 7 and free 3 in place.
-TEST(MemoryusageParseLine, TakesTheSecondWordOfTheTwoLines) {
+TEST(MemoryusageParseLine, ReadsTheSecondWordOfTheTwoLines) {
     const std::vector<Line> lines{
         {"MemTotal:        1024000 kB\n", {1024000, 3}},
         {"MemFree:          512000 kB\n", {7, 512000}},
@@ -223,7 +223,7 @@ TEST_F(Memoryusage, ReadsTheMachinesOwnFile) {
     EXPECT_LE(task.value, 100);
 }
 
-TEST_F(Memoryusage, KeepsNoDescriptor) {
+TEST_F(Memoryusage, LeaksNoDescriptor) {
     expect_no_descriptor_kept(memoryusage_exec, task_, -1);
     meminfo("MemFree: 500 kB\n");
     expect_no_descriptor_kept(memoryusage_exec, task_, -1);

@@ -134,7 +134,7 @@ TEST(ServiceInit, WatchesTheLoadedUnitsAndReportsTheOthers) {
     });
 }
 
-TEST(ServiceInit, CutsAtEachSingleBlank) {
+TEST(ServiceInit, SplitsAtEachSingleBlank) {
     struct Case {
         const char *parameter;
         std::vector<std::string> watched; ///< the newest first
@@ -155,7 +155,7 @@ TEST(ServiceInit, CutsAtEachSingleBlank) {
     }
 }
 
-TEST(ServiceInit, DecidesTheEmptyNameLikeAnyOther) {
+TEST(ServiceInit, TreatsTheEmptyNameLikeAnyOther) {
     in_child([] {
         Start rig;
         EXPECT_EQ(rig.init("  "), 0);
@@ -180,7 +180,7 @@ TEST(ServiceInit, DoesNotAskForAUnitWhosePathIsTooLong) {
     });
 }
 
-TEST(ServiceInit, FailsForAUnitThatCannotBeRememberedAndGoesOn) {
+TEST(ServiceInit, ReportsAUnitThatCannotBeStoredAndContinues) {
     // The copy of the parameter, then for each name: the node, the record, the copy.
     for (const int nth : {2, 3, 4}) {
         in_child([nth] {
@@ -203,7 +203,7 @@ TEST(ServiceInit, FailsForAUnitThatCannotBeRememberedAndGoesOn) {
     }
 }
 
-TEST(ServiceInit, ComesToAnEndWhenMemoryIsOutBefore) {
+TEST(ServiceInit, WatchesNothingWhenTheNamesCannotBeCopied) {
     in_child([] {
         Start rig;
         rig.systemd.load("a_2eservice");
@@ -219,7 +219,7 @@ TEST(ServiceInit, ComesToAnEndWhenMemoryIsOutBefore) {
 
 // --- the asking without end
 
-TEST(ServiceInit, EndsTheAskingAtAnInvalidArgument) {
+TEST(ServiceInit, StopsAskingAtAnInvalidArgument) {
     in_child([] {
         const HangGuard guard;
         Start rig;
@@ -235,7 +235,7 @@ TEST(ServiceInit, EndsTheAskingAtAnInvalidArgument) {
     });
 }
 
-TEST(ServiceInit, RepeatsAfterAnyOtherError) {
+TEST(ServiceInit, AsksAgainAfterAnyOtherError) {
     for (const char *error : {"EINTR", "EHOSTUNREACH", "ETIMEDOUT", "ENOTCONN", "EACCES", "ENOENT", "EBADR", "ENXIO"}) {
         in_child([error] {
             const HangGuard guard;
@@ -251,7 +251,7 @@ TEST(ServiceInit, RepeatsAfterAnyOtherError) {
     }
 }
 
-TEST(ServiceInit, GoesOnAskingWhenTheBusDiesAndReturns) {
+TEST(ServiceInit, KeepsAskingWhenTheBusDiesAndReturns) {
     in_child([] {
         const HangGuard guard;
         Start rig;

@@ -107,7 +107,7 @@ SyslogMessage line_of(Task task, int state) {
 
 // --- pure decisions
 
-TEST(UnitPathEscape, CopiesLettersAndEscapesAllElse) {
+TEST(UnitPathEscape, CopiesLettersAndEscapesTheRest) {
     for (int byte = 1; byte < 256; ++byte) {
         const bool letter = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
         const bool digit = byte >= '0' && byte <= '9';
@@ -132,7 +132,7 @@ TEST(UnitPathEscape, WritesWhatSystemdExpects) {
     EXPECT_EQ(unit_path_escape(nullptr), nullptr);
 }
 
-TEST(UnitPathEscape, IsNoneWhenMemoryIsOut) {
+TEST(UnitPathEscape, IsNullWhenOutOfMemory) {
     const MemoryFault fault(1);
     EXPECT_EQ(unit_path_escape("a"), nullptr);
     EXPECT_TRUE(MemoryFault::happened());
@@ -158,7 +158,7 @@ TEST(ServiceStates, OnlyActivatingAndActiveRun) {
     }
 }
 
-TEST(ServiceRetryPause, GrowsFromTheFourthToASecond) {
+TEST(ServiceRetryPause, GrowsFromTheFourthRetryToOneSecond) {
     const std::vector<int> expected{0, 0, 0, 100, 200, 400, 800, 1000, 1000, 1000};
     for (std::size_t repeat = 0; repeat < expected.size(); ++repeat) {
         EXPECT_EQ(service_retry_pause_ms(static_cast<int>(repeat) + 1), expected[repeat]) << repeat + 1;
@@ -228,7 +228,7 @@ TEST(ServiceExec, AsksForAllUnitsTheNewestFirst) {
     });
 }
 
-TEST(ServiceExec, RepeatsAnInterruptedQuestionOnly) {
+TEST(ServiceExec, RepeatsOnlyAnInterruptedCall) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -250,7 +250,7 @@ TEST(ServiceExec, RepeatsAnInterruptedQuestionOnly) {
     });
 }
 
-TEST(ServiceExec, DoesNotKnowAUnitWithoutATextForItsState) {
+TEST(ServiceExec, TreatsAUnitWithoutAStateTextAsStopped) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -262,7 +262,7 @@ TEST(ServiceExec, DoesNotKnowAUnitWithoutATextForItsState) {
     });
 }
 
-TEST(ServiceInit, DoesNotWatchAUnitWithoutATextForItsState) {
+TEST(ServiceInit, DoesNotWatchAUnitWithoutAStateText) {
     in_child([] {
         Services rig;
         answer_without_text = true;
@@ -339,7 +339,7 @@ TEST(ServiceExec, RecoversFromABusThatDies) {
     });
 }
 
-TEST(ServiceExec, TracesNoErrorOfTheBusWhereThereIsNoBus) {
+TEST(ServiceExec, TracesNoBusErrorWithoutABus) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -367,7 +367,7 @@ TEST(ServiceExec, AsksOverANewConnectionAtOnceWhenTheBusIsBack) {
     });
 }
 
-TEST(ServiceExec, KeepsNothingFromRunToRun) {
+TEST(ServiceExec, LeaksNothingBetweenRuns) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -444,7 +444,7 @@ Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
 
 // "ID: CB23[0]: value: 1 Services:" has 31 characters, each name two more for ", " (the first one for " ").
 
-TEST(ServiceLogger, TakesNoFurtherNameFrom2024CharactersOn) {
+TEST(ServiceLogger, AddsNoNameFrom2024CharactersOn) {
     in_child([] {
         Services rig;
         // 31 + (1 + 900) + (2 + 900) = 1834; then 2 + 188 make 2024.
@@ -470,7 +470,7 @@ TEST(ServiceLogger, CutsTheNamesAt2024CharactersAndAlwaysEndsTheSentence) {
     });
 }
 
-TEST(ServiceLogger, TakesTheStartOfAFurtherNameBelow2024Characters) {
+TEST(ServiceLogger, AddsTheStartOfANameBelow2024Characters) {
     in_child([] {
         Services rig;
         // 1834, then 2 + 185 make 2021; 2 + 1 of the last name make 2024.

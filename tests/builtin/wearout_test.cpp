@@ -62,7 +62,7 @@ TEST(WearoutDecode, RejectsAnExceededLife) {
     }
 }
 
-TEST(WearoutDecode, LooksAtTheLowFourBitsOnly) {
+TEST(WearoutDecode, ReadsOnlyTheLowFourBits) {
     const std::vector<Estimates> cases{
         {0x1A, 0x00, Reading::of(100)}, {0x1A, 0x21, Reading::of(100)}, // 10 and 1: masked before they are compared
         {0xF1, 0x02, Reading::of(20)},  {0xF0, 0xF0, Reading::of(0)},   {0x10, 0x1B, Reading::failed(EINVAL)},
@@ -157,7 +157,7 @@ TEST_F(Wearout, OpensTheDeviceReadOnlyAndCloseOnExecAndClosesIt) {
     EXPECT_TRUE(calls_.opened_close_on_exec());
 }
 
-TEST_F(Wearout, WaitsForNoPipeInTheDevicesPlace) {
+TEST_F(Wearout, DoesNotBlockOnAPipeInPlaceOfTheDevice) {
     const HangGuard guard;
     const std::string pipe = scratch_ / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -245,7 +245,7 @@ TEST_F(Wearout, TracesTheFailure) {
     expect_traces(traces, "wearout", {"reading wearout FAILED!"});
 }
 
-TEST_F(Wearout, KeepsNoDescriptor) {
+TEST_F(Wearout, LeaksNoDescriptor) {
     expect_no_descriptor_kept(wearout_exec, task_, -1); // the kernel knows no such command for a file
     device(registers(6, 1, 3));
     expect_no_descriptor_kept(wearout_exec, task_, -1);

@@ -76,14 +76,14 @@ TEST(WirelessParseLine, IgnoresTheCaseOfTheName) {
     EXPECT_TRUE(parse(table_line("WLAN0sta", "70.", "-40."), QUALITY_WORD, "wlan0STA").usable);
 }
 
-TEST(WirelessParseLine, LooksAtEightWords) {
+TEST(WirelessParseLine, ReadsOnlyEightWords) {
     std::string line = "wlan0sta: 0000 70. -40. -256 5 6 7 8 9\n";
     double number = 0;
     EXPECT_TRUE(wireless_parse_line(line.data(), "wlan0sta", QUALITY_WORD, &number));
     EXPECT_NE(line.find("8 9\n"), std::string::npos) << line; // uncut behind the eighth
 }
 
-TEST(WirelessParseLine, ConvertsTheBeginningOfTheWord) {
+TEST(WirelessParseLine, ConvertsTheStartOfTheWord) {
     struct Case {
         const char *word;
         double number;
@@ -97,7 +97,7 @@ TEST(WirelessParseLine, ConvertsTheBeginningOfTheWord) {
     }
 }
 
-TEST(WirelessParseLine, CannotUseWhatIsNoNumberOr32BitsDoNotHold) {
+TEST(WirelessParseLine, RejectsWhatIsNotANumberOrExceeds32Bits) {
     for (const char *word : {"x", "-", ".", "inf", "-inf", "nan", "1e300", "-1e300", "2147483648", "-2147483649"}) {
         EXPECT_FALSE(parse(table_line("wlan0sta", word, "-40."), QUALITY_WORD).usable) << word;
         EXPECT_FALSE(parse(table_line("wlan0sta", "70.", word), LEVEL_WORD).usable) << word;
@@ -175,7 +175,7 @@ TEST_F(WirelessTest, InitMarksTheTaskAndInstallsTheRunCondition) {
     }
 }
 
-TEST_F(WirelessTest, NothingHoldsTheTasksBack) {
+TEST_F(WirelessTest, PreconditionIsAlwaysMet) {
     Task task = wireless_task(QUALITY, "wlan0sta");
     for (const std::int32_t flag : {0, 1}) {
         wifi_available = flag;
@@ -235,7 +235,7 @@ std::size_t heap_after_failed_init(int allocation) {
     return heap_in_use();
 }
 
-TEST_F(WirelessTest, InitWithoutMemoryFreesWhatItHad) {
+TEST_F(WirelessTest, InitWithoutMemoryFreesWhatItAllocated) {
     for (const int allocation : {1, 2, 3}) {
         heap_after_failed_init(allocation); // what is kept for the traces has grown
         const std::size_t before = heap_after_failed_init(allocation);
@@ -243,7 +243,7 @@ TEST_F(WirelessTest, InitWithoutMemoryFreesWhatItHad) {
     }
 }
 
-TEST_F(WirelessTest, MakesTheFileFromTheInterfaceUnlessTheParameterIsOne) {
+TEST_F(WirelessTest, BuildsThePathFromTheInterfaceUnlessTheParameterIsAPath) {
     struct Case {
         std::int32_t id;
         const char *file;
@@ -276,7 +276,7 @@ TEST_F(WirelessTest, BuildsTheWholePathForANameOfAnyLength) {
     expect_measured(wireless_exec, task, 0);
 }
 
-TEST_F(WirelessTest, TakesTheRecordOfTheTaskInitialisedLast) {
+TEST_F(WirelessTest, UsesTheRecordOfTheTaskInitialisedLast) {
     const std::string up = folder.write("first", "up\n");
     const std::string down = folder.write("second", "down\n");
     const Task first = wireless_task(LINK, up.c_str(), 50);
@@ -391,7 +391,7 @@ TEST_F(WirelessTest, APathAsParameterIsTheFileAndTheDeviceOfItsLines) {
     expect_failed(wireless_exec, wireless_task(QUALITY, path.c_str()), 22);
 }
 
-TEST_F(WirelessTest, GoesOnToTheNextLineBehindAnUnusableOne) {
+TEST_F(WirelessTest, ContinuesWithTheNextLineAfterAnUnusableOne) {
     show(table_line("wlan0sta", "x", "1e300") + "wlan0sta: 0000 1. 2.\n" + table_line("wlan0sta", "60.", "-50.") +
          table_line("wlan0sta", "20.", "-20."));
     expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 60);
@@ -431,7 +431,7 @@ TEST_F(WirelessTest, QualityFailsWithTheErrorOfTheOpenAndStrengthWith22) {
     }
 }
 
-TEST_F(WirelessTest, TakesAFailedOpenWithoutErrorAsZero) {
+TEST_F(WirelessTest, CountsAFailedOpenWithoutErrorNumberAsZero) {
     open.fail(0);
     expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 0);
     expect_measured(wireless_exec, wireless_task(STRENGTH, "wlan0sta"), 0);
@@ -461,7 +461,7 @@ TEST_F(WirelessTest, TracesARun) {
 
 // --- the path switched off
 
-TEST_F(WirelessTest, StandsStillWhileTheWifiIsSwitchedOff) {
+TEST_F(WirelessTest, SkipsItsRunWhileTheWifiIsSwitchedOff) {
     show(table_line("wlan0sta", "70.", "-40."));
     for (const std::int32_t id : IDS) {
         Task task = wireless_task(id, "wlan0sta");
@@ -482,7 +482,7 @@ TEST_F(WirelessTest, StandsStillWhileTheWifiIsSwitchedOff) {
     EXPECT_EQ(open.count(), 0);
 }
 
-TEST_F(WirelessTest, DoesNotAskForTheLan) {
+TEST_F(WirelessTest, IgnoresTheLan) {
     lan_available = 0;
     show(table_line("wlan0sta", "70.", "-40."));
     expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 70);
@@ -547,7 +547,7 @@ std::vector<SyslogMessage> written_with_format(const char *format, bool has_form
     return syslog.messages();
 }
 
-TEST_F(WirelessTest, EndsInTheInterfaceOfTheFormatSlotWithoutASentence) {
+TEST_F(WirelessTest, LogsTheFormatSlotInPlaceOfTheSentence) {
     EXPECT_THAT(written_with_format("wlan0sta", true),
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB04[0]: value: -7 wlan0sta: "}));
     EXPECT_THAT(written_with_format("wlan0sta", true, 0),
@@ -558,7 +558,7 @@ TEST_F(WirelessTest, EndsInTheInterfaceOfTheFormatSlotWithoutASentence) {
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB03[0]: value: -7 wlan0sta: "}));
 }
 
-TEST_F(WirelessTest, SpeaksTheSentenceWithoutAFormat) {
+TEST_F(WirelessTest, LogsTheSentenceWithoutAFormat) {
     const SyslogMessage sentence{PRIORITY_FAILED,
                                  "[failed] ID: CB04[0]: value: -7 Wireless Signal quality is insufficiant."};
     EXPECT_THAT(written_with_format("wlan0sta", false), ElementsAre(sentence));

@@ -153,13 +153,13 @@ class CompressedTextTest : public CompressionTest, public testing::WithParamInte
     const std::string text = GetParam().make(GetParam().size); // NOLINT(*-non-private-member-variables-in-classes)
 };
 
-TEST_P(CompressedTextTest, ComesBackFromTheToolToTheByte) {
+TEST_P(CompressedTextTest, IsRestoredByTheToolToTheByte) {
     folder.write("log", text);
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
     EXPECT_TRUE(bunzip2(to) == text);
 }
 
-TEST_P(CompressedTextTest, ComesBackFromFileDecompressToTheByte) {
+TEST_P(CompressedTextTest, IsRestoredByFileDecompressToTheByte) {
     folder.write("log", text);
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
     ASSERT_EQ(file_decompress(to.c_str(), back.c_str()), 0);
@@ -167,7 +167,7 @@ TEST_P(CompressedTextTest, ComesBackFromFileDecompressToTheByte) {
     EXPECT_TRUE(read_file(back) == text);
 }
 
-TEST_P(CompressedTextTest, OfTheToolIsReadToTheByte) {
+TEST_P(CompressedTextTest, FromTheToolIsReadToTheByte) {
     folder.write("log.bz2", bzip2(text, "-9"));
     ASSERT_EQ(file_decompress(to.c_str(), back.c_str()), 0);
     EXPECT_TRUE(exists(back));
@@ -203,7 +203,7 @@ TEST_F(CompressionTest, LeavesNoDescriptorOpenAcrossAnExec) {
     EXPECT_EQ(opening.descriptors_open_over_exec, before);
 }
 
-TEST_F(CompressionTest, ReplacesWhatStoodThere) {
+TEST_F(CompressionTest, ReplacesAnExistingFile) {
     folder.write("log", "text");
     folder.write("log.bz2", std::string(1000, 'x'));
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
@@ -296,13 +296,13 @@ TEST_F(CompressionTest, IntoAMissingFolderFails) {
     EXPECT_EQ(read_file(from), "text");
 }
 
-TEST_F(CompressionTest, TakesAReadErrorForTheEnd) {
+TEST_F(CompressionTest, TreatsAReadErrorAsTheEnd) {
     EXPECT_EQ(file_compress(folder.path().c_str(), to.c_str()), 0); // a folder opens but is not read
     EXPECT_TRUE(exists(to));
     EXPECT_EQ(bunzip2(to), "");
 }
 
-TEST_F(CompressionTest, RemovesTheDestinationWhenTheDiskIsFullOnTheWay) {
+TEST_F(CompressionTest, RemovesTheDestinationWhenTheDiskFillsUpMidway) {
     folder.write("log", noise(350000));
     EXPECT_EQ(file_compress(from.c_str(), full_disk().c_str()), -1);
     EXPECT_FALSE(is_symlink(to));
@@ -395,7 +395,7 @@ void fail_in_every_way(const ScratchFolder &folder) {
     EXPECT_EQ(file_compress(small.c_str(), "stdout"), -1);
 }
 
-TEST_F(CompressionTest, LosesNoMemoryAndNoDescriptorInThirtyFailures) {
+TEST_F(CompressionTest, LeaksNoMemoryAndNoDescriptorInThirtyFailures) {
     fail_in_every_way(folder); // what is allocated once is allocated now
     const std::size_t heap = heap_in_use();
     const std::ptrdiff_t descriptors = open_descriptors();
@@ -407,7 +407,7 @@ TEST_F(CompressionTest, LosesNoMemoryAndNoDescriptorInThirtyFailures) {
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST_F(CompressionTest, GoesFromStdinToStdout) {
+TEST_F(CompressionTest, ReadsStdinAndWritesStdout) {
     const std::string text = log_text(200000);
     folder.write("log", text);
     {
@@ -428,7 +428,7 @@ TEST_F(CompressionTest, GoesFromStdinToStdout) {
     EXPECT_TRUE(read_file(back) == text);
 }
 
-TEST_F(CompressionTest, ComesBehindWhatWasPrintedBefore) {
+TEST_F(CompressionTest, FollowsWhatWasPrintedBefore) {
     folder.write("log.bz2", bzip2("text", ""));
     std::fflush(stdout);
     {
@@ -440,7 +440,7 @@ TEST_F(CompressionTest, ComesBehindWhatWasPrintedBefore) {
     EXPECT_EQ(read_file(back), "printed text");
 }
 
-TEST_F(CompressionTest, TakesStreamNamesInOtherLettersForFiles) {
+TEST_F(CompressionTest, TreatsStreamNamesInAnotherCaseAsFiles) {
     const WorkingFolder here(folder.path());
     folder.write("STDIN", "a file");
     folder.write("Stdin", "another");
@@ -471,7 +471,7 @@ class DecompressionTest : public CompressionTest {
     }
 };
 
-TEST_F(DecompressionTest, ReplacesWhatStoodThere) {
+TEST_F(DecompressionTest, ReplacesAnExistingFile) {
     EXPECT_EQ(decompress(bzip2("", "")), 0);
     EXPECT_TRUE(exists(back));
     EXPECT_EQ(read_file(back), "");
@@ -492,7 +492,7 @@ TEST_F(DecompressionTest, RefusesEveryTruncation) {
     EXPECT_EQ(decompress(stream), 0);
 }
 
-TEST_F(DecompressionTest, RefusesWhatIsNoStream) {
+TEST_F(DecompressionTest, RefusesWhatIsNotAStream) {
     for (const std::string &bytes : {std::string("plain text"), std::string("BZh0"), std::string("BZ"), noise(10000)}) {
         EXPECT_EQ(decompress(bytes), -1);
         EXPECT_FALSE(exists(back));
@@ -530,7 +530,7 @@ TEST_F(DecompressionTest, JoinsStreamsThatFollowEachOther) {
     EXPECT_TRUE(read_file(back) == noise(70000) + log_text(70000));
 }
 
-TEST_F(DecompressionTest, IgnoresWhatFollowsTheLastStreamAndIsNone) {
+TEST_F(DecompressionTest, IgnoresWhatFollowsTheLastStream) {
     EXPECT_EQ(decompress(bzip2("text", "") + "\n"), 0);
     EXPECT_EQ(read_file(back), "text");
     EXPECT_EQ(decompress(bzip2("text", "") + noise(20000)), 0);

@@ -178,7 +178,7 @@ TEST_F(RotationTest, TracesNoRemovalWhereNothingIsRemoved) {
                                                                         "compress " + file + " -> " + generation(0)}));
 }
 
-TEST_F(RotationTest, TracesWhatItIsGivenWhateverItIs) {
+TEST_F(RotationTest, TracesItsArgumentsWhateverTheyAre) {
     const CapturedTraces traces;
     file_rotate("StdErr", 3);
     file_rotate((folder / "missing").c_str(), 0);
@@ -321,7 +321,7 @@ TEST_F(RotationTest, OfAFileWhoseGenerationsHaveNoValidNameRemovesIt) {
     EXPECT_EQ(names(), Names{"log"});
 }
 
-TEST_F(RotationTest, OfAFolderInThePlaceOfTheFileClearsThePlace) {
+TEST_F(RotationTest, RemovesAnEmptyFolderInPlaceOfTheFile) {
     std::filesystem::remove(file);
     std::filesystem::create_directory(file);
     file_rotate(file.c_str(), 3);
@@ -350,7 +350,7 @@ TEST_F(RotationTest, RemovesTheFileWhenItsCompressionFailsAtTheEnd) {
     EXPECT_EQ(names(), Names{});
 }
 
-TEST_F(RotationTest, RemovesTheFileThatTheDiskDoesNotTake) {
+TEST_F(RotationTest, RemovesTheFileWhenSyncingItsGenerationFails) {
     for (const int error : {EIO, ENOSPC}) {
         folder.write("log", "log text");
         sync_error = error;
@@ -360,7 +360,7 @@ TEST_F(RotationTest, RemovesTheFileThatTheDiskDoesNotTake) {
     }
 }
 
-TEST_F(RotationTest, KeepsAGenerationWhereNothingCanBeSynchronised) {
+TEST_F(RotationTest, KeepsAGenerationWhereSyncingIsUnsupported) {
     for (const int error : {EINVAL, ENOSYS}) {
         folder.write("log", "log text");
         sync_error = error;
@@ -372,7 +372,7 @@ TEST_F(RotationTest, KeepsAGenerationWhereNothingCanBeSynchronised) {
 
 // --- kills and power cuts
 
-TEST_F(RotationTest, HasItsGenerationOnTheDiskUnderItsNameBeforeTheFileGoes) {
+TEST_F(RotationTest, SyncsTheNamedGenerationBeforeItRemovesTheFile) {
     put_generations({0});
     calls.clear();
     keeps_calls = true;
@@ -422,7 +422,7 @@ TEST_F(RotationTest, AfterAKillUsesTheGapAndRemovesWhatWasLeft) {
     EXPECT_EQ(read_file(generation(1)), "old 1");
 }
 
-TEST_F(RotationTest, LeftoverIsRemovedAlone) {
+TEST_F(RotationTest, RemovesALeftoverAndNothingElse) {
     folder.write("log.packing", "BZh1 torn");
     put_generations({0});
     file_rotate_leftover(file.c_str());
@@ -432,7 +432,7 @@ TEST_F(RotationTest, LeftoverIsRemovedAlone) {
 
 // --- breaking off
 
-TEST_F(RotationTest, BrokenOffLeavesTheFileAndNoGeneration) {
+TEST_F(RotationTest, WhenAbortedLeavesTheFileAndNoGeneration) {
     put_generations({0});
     const std::string text = noise(350000);
     folder.write("log", text);
@@ -444,14 +444,14 @@ TEST_F(RotationTest, BrokenOffLeavesTheFileAndNoGeneration) {
     EXPECT_TRUE(bunzip2(generation(0)) == text);
 }
 
-TEST_F(RotationTest, OfAFileOfOnePieceIsNotBrokenOff) {
+TEST_F(RotationTest, OfAFileOfOnePieceIsNotAborted) {
     file_rotate(file.c_str(), 3, [] { return true; });
     EXPECT_EQ(names(), Names{"log.000.bz2"});
 }
 
 // --- links
 
-TEST_F(RotationTest, WritesThroughNoLink) {
+TEST_F(RotationTest, DoesNotWriteThroughLinks) {
     const std::string foreign = folder.write("foreign", "what stood there");
     create_symlink(foreign, folder / "log.packing");
     create_symlink(folder / "made", generation(0));
@@ -490,7 +490,7 @@ TEST_F(RotationTest, DropsTheOldestGenerationEvenWhenNoneFollows) {
     EXPECT_EQ(names(), Names{});
 }
 
-TEST_F(RotationTest, LosesNoMemoryAndNoDescriptorInThirtyRotations) {
+TEST_F(RotationTest, LeaksNoMemoryAndNoDescriptorInThirtyRotations) {
     const auto rotate = [this](rlim_t limit) {
         const CapturedTraces forgotten;
         folder.write("log", noise(350000));
@@ -508,13 +508,13 @@ TEST_F(RotationTest, LosesNoMemoryAndNoDescriptorInThirtyRotations) {
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST_F(RotationTest, GivesTheCompressorsMemoryBack) {
+TEST_F(RotationTest, ReturnsTheCompressorsMemoryToTheSystem) {
     trims = 0;
     file_rotate(file.c_str(), 1);
     EXPECT_EQ(trims, 1);
 }
 
-TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInThePlaceOfTheFile) {
+TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInPlaceOfTheFile) {
     const HangGuard guard;
     std::filesystem::remove(file);
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
@@ -523,7 +523,7 @@ TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInThePlaceOfTheFile) {
     EXPECT_EQ(bunzip2(generation(0)), "");
 }
 
-TEST_F(RotationTest, ReplacesAPipeInThePlaceOfAGeneration) {
+TEST_F(RotationTest, ReplacesAPipeInPlaceOfAGeneration) {
     const HangGuard guard;
     ASSERT_EQ(mkfifo(generation(0).c_str(), 0600), 0);
     block(1); // so that it cannot be moved
@@ -546,7 +546,7 @@ TEST_P(StreamNameTest, IsNotRotated) {
 
 INSTANTIATE_TEST_SUITE_P(Names, StreamNameTest, testing::Values("stderr", "STDERR", "StdErr", "stdout", "STDOUT"));
 
-TEST_F(RotationTest, OfANameThatOnlyBeginsLikeAStreamsHappens) {
+TEST_F(RotationTest, AcceptsANameThatOnlyStartsLikeAStreams) {
     const WorkingFolder here(folder.path());
     folder.write("stdout.log", "text");
     file_rotate("stdout.log", 1);

@@ -102,7 +102,7 @@ std::string raised_labels() {
     return labels.data();
 }
 
-TEST_F(IssuesTest, NamesTheRaisedOnesOnceEach) {
+TEST_F(IssuesTest, NamesEachRaisedOneOnce) {
     EXPECT_EQ(raised_labels(), "");
     d_bus_srv_issue_update(99, -1);
     d_bus_srv_issue_update(5, 1);
@@ -115,7 +115,7 @@ TEST_F(IssuesTest, NamesTheRaisedOnesOnceEach) {
     EXPECT_EQ(lock_traces.size(), 2U * 6U) << "of the reports and the start alone: it is asked in each pass";
 }
 
-TEST_F(IssuesTest, NamesAllInTheRoomThatIsAskedFor) {
+TEST_F(IssuesTest, NamesAllWhenAllAreRaised) {
     for (std::uint32_t id = 0; id <= 32; ++id) {
         d_bus_srv_issue_update(id, 1);
     }
@@ -124,7 +124,7 @@ TEST_F(IssuesTest, NamesAllInTheRoomThatIsAskedFor) {
     EXPECT_EQ(raised_labels().substr(192), "CB32, CBnn");
 }
 
-TEST_F(IssuesTest, StartDatesAllRowsOneSecondBack) {
+TEST_F(IssuesTest, StartDatesAllRowsOneSecondBefore) {
     chosen_time = 5000;
     const CapturedTraces traces;
     d_bus_srv_issue_init();
@@ -291,7 +291,7 @@ TEST_F(IssuesTest, LockIsTracedBeforeItIsTakenAndUnlockBeforeItIsReleased) {
     EXPECT_EQ(lock_traces, expected);
 }
 
-TEST_F(IssuesTest, DisabledIssuesCountAllTheSame) {
+TEST_F(IssuesTest, DisabledIssuesStillCount) {
     d_bus_srv_ID_set_enabled(5, 0);
     chosen_time = 1010;
     d_bus_srv_issue_update(5, 1);

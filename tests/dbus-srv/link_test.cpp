@@ -86,7 +86,7 @@ struct IssueWatcher : BusClient {
     }
 };
 
-TEST(BusNameTest, IsNotAnsweredForWhenItCannotBeRequested) {
+TEST(BusNameTest, GetsNoAnswerWhenItCannotBeRequested) {
     BusError error;
     messages_are_out = true;
     EXPECT_EQ(bus_own_name(BusConnection(), error), NameAnswer::none);
@@ -173,7 +173,7 @@ TEST_F(OwnConnectionTest, OnlyTheBusItselfRefusesTheName) {
     EXPECT_EQ(bus_own_name(connection_, error_), NameAnswer::owner);
 }
 
-TEST_F(OwnConnectionTest, NoMoreIsTakenInThanIsHandledAndNothingIsLost) {
+TEST_F(OwnConnectionTest, NoMoreIsReadThanIsHandledAndNothingIsLost) {
     constexpr std::size_t count = 3000;
     for (std::size_t i = 0; i < count; ++i) {
         send_text(1000);
@@ -181,13 +181,13 @@ TEST_F(OwnConnectionTest, NoMoreIsTakenInThanIsHandledAndNothingIsLost) {
     expect_taken_in(count, 1024 * 1024 / 1000);
 }
 
-TEST_F(OwnConnectionTest, AMessageAboveTheBoundIsTakenInAlone) {
+TEST_F(OwnConnectionTest, AMessageAboveTheBoundIsReadAlone) {
     send_text(3000000);
     send_text(3000000);
     expect_taken_in(2, 1);
 }
 
-TEST_F(OwnConnectionTest, DescriptorsAreTakenInByTheMessage) {
+TEST_F(OwnConnectionTest, DescriptorsAreReadOneMessageAtATime) {
     constexpr int count = 16; // what a bus passes on with one message
     for (int i = 0; i < 3; ++i) {
         const BusMessage message = signal();
@@ -201,7 +201,7 @@ TEST_F(OwnConnectionTest, DescriptorsAreTakenInByTheMessage) {
 }
 
 // Nothing is handled then, and the answer comes after all that was sent before it.
-TEST_F(OwnConnectionTest, MoreIsTakenInWhileTheNameIsRequested) {
+TEST_F(OwnConnectionTest, MoreIsReadWhileTheNameIsRequested) {
     EXPECT_EQ(bus_own_name(connection_, error_), NameAnswer::owner);
     EXPECT_EQ(bytes_while_waiting, 64L << 20U);
     EXPECT_EQ(descriptors_while_waiting, 256);
@@ -257,7 +257,7 @@ class BusLossTest : public testing::Test {
     BusDaemon daemon_{bus_, Traces::to_stderr};
 };
 
-TEST_F(BusLossTest, NameCallsAndWaitingSignalsComeBackInOrder) {
+TEST_F(BusLossTest, RestoresNameCallsAndQueuedSignalsInOrder) {
     lose_the_bus();
     for (int number = 2; number <= 6; ++number) {
         pass(number);
@@ -272,7 +272,7 @@ TEST_F(BusLossTest, NameCallsAndWaitingSignalsComeBackInOrder) {
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{7});
 }
 
-TEST_F(BusLossTest, ASignalThatIsBeingSentIsSentAgain) {
+TEST_F(BusLossTest, ASignalInFlightIsSentAgain) {
     daemon_.obey("lose-bus " + std::to_string(bus_.pid()));
     pass(2);
     EXPECT_TRUE(daemon_.traced("the bus is gone"));
@@ -283,7 +283,7 @@ TEST_F(BusLossTest, ASignalThatIsBeingSentIsSentAgain) {
     EXPECT_EQ(announced(client, 2), (std::vector<std::uint32_t>{2, 3}));
 }
 
-TEST_F(BusLossTest, IsSaidOnceAndDoesNotSpin) {
+TEST_F(BusLossTest, IsReportedOnceAndDoesNotSpin) {
     lose_the_bus();
     const std::size_t waits = daemon_.count_traces("wait for request");
     pass(1);
@@ -294,7 +294,7 @@ TEST_F(BusLossTest, IsSaidOnceAndDoesNotSpin) {
     EXPECT_LE(daemon_.count_traces("check request"), 20U);
 }
 
-TEST_F(BusLossTest, HappensAgainAndAgain) {
+TEST_F(BusLossTest, MayHappenRepeatedly) {
     const std::size_t descriptors = descriptors_of(daemon_.process().pid());
     for (std::uint32_t round = 1; round <= 3; ++round) {
         bus_.stop();
@@ -323,7 +323,7 @@ TEST_F(BusLossTest, WhileAClientFloods) {
     EXPECT_TRUE(is_listed(client));
 }
 
-TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
+TEST_F(BusLossTest, AStoppedBusBlocksNobody) {
     IssueWatcher client(bus_);
     kill(bus_.pid(), SIGSTOP);
     std::vector<std::uint32_t> passes;
@@ -337,7 +337,7 @@ TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
     EXPECT_EQ(daemon_.count_traces("the bus is gone"), 0U);
 }
 
-TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsAskedForAgain) {
+TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsRequestedAgain) {
     lose_the_bus();
     daemon_.obey("miss-answer");
     bus_.start();
@@ -388,7 +388,7 @@ class NamelessTest : public testing::Test {
     std::optional<BusClient> owner_;
 };
 
-TEST_F(NamelessTest, SendsAllTheSameAndRequestsTheNameAgain) {
+TEST_F(NamelessTest, StillSendsAndRequestsTheNameAgain) {
     pass(1);
     EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
     pass(2);
@@ -402,7 +402,7 @@ TEST_F(NamelessTest, SendsAllTheSameAndRequestsTheNameAgain) {
     EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
 }
 
-TEST_F(NamelessTest, ComesBackFromAnotherLossToo) {
+TEST_F(NamelessTest, RecoversFromAnotherLoss) {
     pass(1);
     EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
     owner_.reset();
@@ -435,7 +435,7 @@ TEST_F(NamelessTest, DropsWhatIsSentToIt) {
     EXPECT_TRUE(is_listed(*owner_));
 }
 
-TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
+TEST(BusLossLongTest, EverythingRecoversInOrderAfterMinutes) {
     PrivateBus bus;
     BusDaemon daemon(bus, Traces::to_stderr, "held-pauses");
     ASSERT_TRUE(daemon.traced("wait for request"));
@@ -464,7 +464,7 @@ TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
 
 // One of the threads looks for the bus much later than the other.
 
-TEST(LateThreadTest, ASenderThatFindsTheBusLostGoesOnWithTheListener) {
+TEST(LateThreadTest, ASenderThatFindsTheBusLostContinuesWithTheListener) {
     PrivateBus bus;
     BusDaemon daemon(bus, Traces::to_stderr, "hold=sender");
     ASSERT_TRUE(daemon.traced("wait for request"));
@@ -479,7 +479,7 @@ TEST(LateThreadTest, ASenderThatFindsTheBusLostGoesOnWithTheListener) {
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
 }
 
-TEST(LateThreadTest, ASenderThatWasTooEarlyGoesOnWithTheListener) {
+TEST(LateThreadTest, ASenderThatWasTooEarlyContinuesWithTheListener) {
     PrivateBus bus;
     bus.stop();
     BusDaemon daemon(bus, Traces::to_stderr, "hold=listener");
@@ -503,7 +503,7 @@ TEST(LateThreadTest, ASenderThatWasTooEarlyEndsWithAListenerThatFails) {
     EXPECT_TRUE(daemon.traced("the sender has ended with -1"));
 }
 
-TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedComesBackByItself) {
+TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedReconnectsByItself) {
     PrivateBus bus;
     std::optional<BusClient> owner(std::in_place, bus);
     ASSERT_EQ(number_of(owner->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);

@@ -118,7 +118,7 @@ std::string list() {
     return sent ? body_bytes(sent.get()) : "nothing sent";
 }
 
-TEST_F(MethodsTest, ListingOfNothingHasNoArgumentAtAll) {
+TEST_F(MethodsTest, EmptyListingHasNoArguments) {
     EXPECT_EQ(list(), "");
     ASSERT_NE(sent, nullptr);
     EXPECT_STREQ(dbus_message_get_signature(sent.get()), "");
@@ -162,7 +162,7 @@ TEST_F(MethodsTest, ListingShowsTimesPast2038AsUnsigned) {
 }
 
 // Two structs in an array: three containers, four elements.
-TEST_F(MethodsTest, AListingThatCannotBeBuiltIsAFailureAtWhateverPlace) {
+TEST_F(MethodsTest, AListingFailsWhicheverPartCannotBeBuilt) {
     issue_registry[3].count = issue_registry[4].count = 1;
     for (const auto &[countdown, places] : {std::pair{&failing_opening, 3}, std::pair{&failing_element, 4}}) {
         for (int place = 1; place <= places; ++place) {
@@ -253,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(Words, SwitchTest,
                                          Switch{"WiF", {}}, Switch{"lan", {}}, Switch{"Bluetooth", {}}, Switch{"", {}},
                                          Switch{" WiFi", {}}));
 
-TEST_F(MethodsTest, EachIdIsSwitchedUnderALockOfItsOwn) {
+TEST_F(MethodsTest, EachIdIsSwitchedUnderItsOwnLock) {
     const CapturedTraces traces;
     d_bus_srv_ChangeInterfaceAvailability(nullptr, switch_call("LAN", TRUE).get());
     EXPECT_THAT(traces.texts_of("d_bus_srv_ID_set_enabled"),
@@ -327,7 +327,7 @@ TEST_P(MethodFailureTest, AReplyThatCannotBeBuiltOrSentIsAFailure) {
 }
 
 // The reply is built all the same, for the traces and the result are those of any other call.
-TEST_P(MethodFailureTest, ACallThatWantsNoReplyIsTreatedAlikeAndGetsNone) {
+TEST_P(MethodFailureTest, ACallThatWantsNoReplyIsHandledTheSameAndGetsNone) {
     const auto [name, handler] = GetParam();
     issue_registry[1].count = 1;
     const BusMessage call = switch_call("LAN", FALSE);

@@ -260,7 +260,7 @@ TEST_F(SignalsTest, TheRowWithoutALabelNeverEntersAList) {
     EXPECT_EQ(d_bus_srv_msg_queue_remove(), nullptr);
 }
 
-TEST_F(SignalsTest, QueueKeepsTheOrderAlsoAfterItWasEmptied) {
+TEST_F(SignalsTest, QueueKeepsTheOrderAfterItWasEmptied) {
     const std::array<const char *, 1> labels{"CB00"};
     for (int round = 0; round < 2; ++round) {
         const CapturedTraces traces;
@@ -288,7 +288,7 @@ TEST_F(SignalsTest, QueueHasNoLimit) {
     EXPECT_EQ(queued, 10000);
 }
 
-TEST_F(SignalsTest, ANodeThatCannotBeHadIsAFailure) {
+TEST_F(SignalsTest, ANodeThatCannotBeAllocatedIsAFailure) {
     const std::array<const char *, 1> labels{"CB00"};
     const CapturedTraces traces;
     BusMessage message = d_bus_create_signals(NOW, "NewIssues", labels.data(), 1);
@@ -344,7 +344,7 @@ TEST_F(SignalsTest, AFailureIsNotRolledBackAndNotAnnouncedLater) {
     EXPECT_EQ(d_bus_srv_create_signal_messages(NOW + 10), 0);
 }
 
-TEST_F(SignalsTest, APassWithChangesWakesTheSenderAlsoWhenItIsNotWaiting) {
+TEST_F(SignalsTest, AWakeUpIsKeptForASenderThatIsNotWaiting) {
     set_row(2, 1);
     EXPECT_EQ(d_bus_srv_send_issues(NOW), 0);
     EXPECT_EQ(wakeups_sent, 1);
@@ -397,7 +397,7 @@ TEST_F(SignalsTest, AWaitingSenderIsWokenByEachPass) {
     sender.join();
 }
 
-TEST_F(SignalsTest, AWakeUpIsTakenOnce) {
+TEST_F(SignalsTest, AWakeUpIsConsumedOnce) {
     d_bus_srv_msg_queue_signal();
     d_bus_srv_msg_queue_wait();
     std::promise<pid_t> number;

@@ -135,7 +135,7 @@ TEST_F(DumpTest, NamesTheLevels) {
     }
 }
 
-TEST_F(DumpTest, LeavesOutDefaultHandlersWithoutAName) {
+TEST_F(DumpTest, OmitsDefaultHandlersWithoutAName) {
     GlobalData &data = gdata_record();
     data.analyze = "";
     data.notify = nullptr;
@@ -200,7 +200,7 @@ TEST_F(DumpTest, ShowsTheFirstBuiltInTask) {
                                 "    format:         \"CPU temperature %D %T threshold.\"\n");
 }
 
-TEST_F(DumpTest, LeavesOutWhatATaskDoesNotHave) {
+TEST_F(DumpTest, OmitsWhatATaskDoesNotHave) {
     EXPECT_EQ(dump_task(task_with(0)), "");
     const Task *task = builtin_tasks().first;
     while (std::string_view(task->source) != "memoryusage") {
@@ -219,7 +219,7 @@ TEST_F(DumpTest, LeavesOutWhatATaskDoesNotHave) {
                                 "    format:         \"free memory %D %T threshold.\"\n");
 }
 
-TEST_F(DumpTest, EachFieldStandsUnderItsOwnFlag) {
+TEST_F(DumpTest, EachFieldDependsOnItsOwnFlag) {
     Task task{};
     task.source = "s";
     task.analyze.name = "a";

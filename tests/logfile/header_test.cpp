@@ -139,7 +139,7 @@ TEST_F(HeaderTextTest, IsNoneWithoutMemory) {
 
 using HeaderTest = LogfileTest;
 
-TEST_F(HeaderTest, SaysStartOnceAndRotateEverAfter) {
+TEST_F(HeaderTest, SaysStartOnceAndThenRotate) {
     lf_header(path.c_str());
     EXPECT_EQ(log(), empty_header("START"));
     lf_header(path.c_str());
@@ -162,7 +162,7 @@ TEST_F(HeaderTest, IsWrittenNowhereWhenTheFileCannotBeOpened) {
     EXPECT_EQ(log(), empty_header("START"));
 }
 
-TEST_F(HeaderTest, IsLeftOutWithoutMemory) {
+TEST_F(HeaderTest, IsOmittedWithoutMemory) {
     {
         const MemoryFault fault(1);
         lf_header(path.c_str());
@@ -226,7 +226,7 @@ TEST_F(LogfileInitTest, StaysOffWithoutMemoryForTheName) {
     EXPECT_EQ(log(), "");
 }
 
-TEST_F(LogfileInitTest, TakesTheSettingsThroughTheirLimits) {
+TEST_F(LogfileInitTest, ClampsTheSettings) {
     EXPECT_EQ(logfile_state().loglevel, 3);
     EXPECT_EQ(logfile_state().logsize, 1048576);
     EXPECT_EQ(logfile_state().logcount, 10);
@@ -241,7 +241,7 @@ TEST_F(LogfileInitTest, TakesTheSettingsThroughTheirLimits) {
     EXPECT_THAT(traces.texts_of("logfile_init"), ElementsAre(" ", "level: 2 file: stderr size: 10240 count: 0"));
 }
 
-TEST_F(LogfileInitTest, TakesCountSizeAndLevelInThisOrderBehindTheHeader) {
+TEST_F(LogfileInitTest, ReadsCountSizeAndLevelInThisOrderAfterTheHeader) {
     start(path.c_str());
     std::vector<std::string> functions;
     for (const CapturedTrace &trace : traces.all()) {

@@ -27,7 +27,7 @@ constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 // Settings, trace mode and the count of usage messages only ever grow, so every case has a child of
 // its own that starts with the built-in ones.
 
-TEST(Options, WithoutAnyTheSettingsStay) {
+TEST(Options, WithoutAnyTheSettingsAreUnchanged) {
     in_child([] {
         const Parsed parsed = parse({});
         EXPECT_EQ(parsed.options.outcome, OptionsOutcome::run);
@@ -42,7 +42,7 @@ TEST(Options, WithoutAnyTheSettingsStay) {
     });
 }
 
-TEST(Options, ProgramIsTheNameBehindTheLastSlash) {
+TEST(Options, ProgramIsTheNameAfterTheLastSlash) {
     struct Case {
         const char *argument, *program;
     };
@@ -199,7 +199,7 @@ TEST(Options, WarningNamesTheLevelInForce) {
     }
 }
 
-TEST(Options, LogfileIsCreatedAndTaken) {
+TEST(Options, LogfileIsCreatedAndAccepted) {
     const ScratchFolder folder;
     in_child([&] {
         const Parsed parsed = parse({"-L", folder / "log"});
@@ -209,7 +209,7 @@ TEST(Options, LogfileIsCreatedAndTaken) {
     });
 }
 
-TEST(Options, LogfileThatCannotBeOpenedLeavesTheOldOne) {
+TEST(Options, LogfileThatCannotBeOpenedKeepsTheOldOne) {
     const ScratchFolder folder;
     const std::string missing = folder / "missing/log";
     in_child([&] {
@@ -224,7 +224,7 @@ TEST(Options, LogfileThatCannotBeOpenedLeavesTheOldOne) {
     });
 }
 
-TEST(Options, LogfileThatIsTheLockFileLeavesTheOldOne) {
+TEST(Options, LogfileThatIsTheLockFileKeepsTheOldOne) {
     const ScratchFolder folder;
     in_child([&] {
         EXPECT_EQ(parse({"-L", folder / ".lock"}).printed, "vigmond: WARNING: option -L: \"" + folder / ".lock" +
@@ -234,7 +234,7 @@ TEST(Options, LogfileThatIsTheLockFileLeavesTheOldOne) {
     });
 }
 
-TEST(Options, LogfileThatIsAPipeIsTakenIfItHasAReader) {
+TEST(Options, LogfileThatIsAPipeIsAcceptedIfItHasAReader) {
     const ScratchFolder folder;
     const std::string pipe = folder / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -250,7 +250,7 @@ TEST(Options, LogfileThatIsAPipeIsTakenIfItHasAReader) {
     });
 }
 
-TEST(Options, LogfileIsRefusedWhenMemoryIsOut) {
+TEST(Options, LogfileIsRefusedWhenOutOfMemory) {
     const ScratchFolder folder;
     in_child([&] {
         Arguments arguments({"vigmond", "-L", folder / "log"});
@@ -330,7 +330,7 @@ TEST(Options, OutcomeFollowsTheOptions) {
     }
 }
 
-TEST(Options, LongFormsDoAsTheShortOnes) {
+TEST(Options, LongFormsEqualTheShortOnes) {
     const ScratchFolder folder;
     in_child([&] {
         EXPECT_EQ(parse({"--logfile=" + folder / "log", "--logfilesize=200", "--logfilecount", "7", "--loglevel=fail",
@@ -368,7 +368,7 @@ TEST(Options, ArgumentsArePermuted) {
     EXPECT_EQ(after, (std::vector<std::string>{"vigmond", "-d", "-l", "OK", "file"}));
 }
 
-TEST(Options, DebugSendsTheTracesToStderrFromThereOn) {
+TEST(Options, DebugSendsTheTracesToStderrFromThenOn) {
     for (const char *option : {"-D", "--debug"}) {
         in_child([&] {
             const CapturedTraces traces;
@@ -393,7 +393,7 @@ TEST(Options, VersionIsPrintedToStderrAndEndsTheParsing) {
     }
 }
 
-TEST(Options, VersionBehindABadOptionStillEndsWell) {
+TEST(Options, VersionAfterABadOptionStillSucceeds) {
     in_child([] {
         const Parsed parsed = parse({"-x", "-h", "-v"});
         EXPECT_EQ(parsed.options.outcome, OptionsOutcome::version);

@@ -153,7 +153,7 @@ void expect_refused(const std::vector<std::string> &texts, const std::string &lo
     EXPECT_EQ(traces.all().back().line.substr(0, 4), "(2) ");
 }
 
-TEST(SingleProcess, LeavesItsPidInALockFileBesideTheLogFile) {
+TEST(SingleProcess, LeavesItsPidInALockFileNextToTheLogFile) {
     const ScratchFolder folder;
     in_daemon(folder, [&] {
         const CapturedTraces traces;
@@ -301,7 +301,7 @@ TEST(SingleProcess, EmptiesAStaleLockFile) {
     });
 }
 
-TEST(SingleProcess, DoesNotFollowALinkInThePlaceOfItsFile) {
+TEST(SingleProcess, DoesNotFollowALinkInPlaceOfItsFile) {
     const ScratchFolder folder;
     const std::string foreign = folder.write("foreign", "what stood there");
     for (const std::string &target : {foreign, folder / "missing"}) {
@@ -450,7 +450,7 @@ TEST(SignalInit, LeavesOtherSignalsAlone) {
     });
 }
 
-TEST(SignalInit, HoldsTheDaemonsSignals) {
+TEST(SignalInit, BlocksTheDaemonsSignals) {
     in_fresh_child([] {
         signal_init();
         EXPECT_EQ(blocked(), (std::vector<int>{SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGTERM, SIGCHLD}));

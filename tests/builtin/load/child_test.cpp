@@ -270,7 +270,7 @@ INSTANTIATE_TEST_SUITE_P(EightWords, LoadCommandTest,
                                          Command{"a b c d e f -t 8", "150", "6", "@"}, // is "-t", without a value
                                          Command{"a b c d e f g -t 8", "150", "6", "@"}));
 
-TEST_F(LoadChildTest, ParsesTheOptionsAnewForEachChild) {
+TEST_F(LoadChildTest, ParsesTheOptionsAgainForEachChild) {
     in_child([&] {
         set_logfile();
         Task first = load_task("a -c 7 b");
@@ -293,7 +293,7 @@ TEST_F(LoadChildTest, KeepsTheTasksParameter) {
     });
 }
 
-TEST_F(LoadChildTest, IsToldTheWholeIssueWhateverItsNumbers) {
+TEST_F(LoadChildTest, GetsTheWholeIssueWhateverItsNumbers) {
     in_child([&] {
         set_logfile();
         Task task = load_task();
@@ -340,7 +340,7 @@ TEST_F(LoadChildTest, TheEnvironmentHoldsThePathOnly) {
     });
 }
 
-TEST_F(LoadChildTest, LeadsASessionAndGroupOfItsOwn) {
+TEST_F(LoadChildTest, LeadsItsOwnSessionAndGroup) {
     in_child([&] {
         set_logfile();
         Task task = load_task();
@@ -488,7 +488,7 @@ TEST_F(LoadChildTest, AMissingProgramWithoutOptionsIsTracedAsWell) {
     });
 }
 
-TEST_F(LoadChildTest, AnUnknownOptionIsPassedOverInSilence) {
+TEST_F(LoadChildTest, AnUnknownOptionIsIgnored) {
     in_child([&] {
         set_logfile();
         Task task = load_task();
@@ -520,7 +520,7 @@ TEST_F(LoadChildTest, AParameterWithoutAProgramEndsTheChildWithStatus1) {
     });
 }
 
-TEST_F(LoadChildTest, WhatTheDaemonHasBufferedIsWrittenOnce) {
+TEST_F(LoadChildTest, BufferedOutputOfTheDaemonIsWrittenOnce) {
     in_child([&] {
         const std::string path = folder.write("records", "");
         std::FILE *file = std::fopen(path.c_str(), "ae");
@@ -589,7 +589,7 @@ TEST_F(LoadChildTest, RegistersTheChildBeforeItsEndCanBeSeen) {
     });
 }
 
-TEST_F(LoadChildTest, LearnsThatTheChildHasEndedAndMayStartAnother) {
+TEST_F(LoadChildTest, NoticesTheEndOfTheChildAndMayStartAnother) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();
@@ -750,7 +750,7 @@ TEST_F(LoadChildTest, AUserWithTooManyProcessesGetsNoChild) {
     });
 }
 
-TEST_F(LoadChildTest, ForksNothingWhenMemoryIsOut) {
+TEST_F(LoadChildTest, DoesNotForkWhenOutOfMemory) {
     in_child([&] {
         set_logfile();
         forking.count = 0;
@@ -832,7 +832,7 @@ int handled_in = -1;
 
 void note_process(int /*signo*/) { EXPECT_EQ(write(handled_in, "x", 1), 1); }
 
-TEST_F(LoadChildTest, AHeldChildEndsByTheTerminationWithoutTheDaemonsHandler) {
+TEST_F(LoadChildTest, AHeldChildDiesOfSigtermWithoutTheDaemonsHandler) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();

@@ -152,7 +152,7 @@ TEST(Analyzer, ReturnsTheOperationsResultOrMinusOneWithoutOne) {
     EXPECT_EQ(analyzer_init(), 0);
 }
 
-/// What each function has traced, in order: "function: text".
+/// All traces in order, as "function: text".
 std::vector<std::string> traces_of(TaskOperation operation, Task task) {
     const CapturedTraces traces;
     operation(&task);
@@ -243,7 +243,7 @@ TEST(AnalyzerTraces, ShowTheMarkOfTheNotifierInBothFields) {
         task.do_notify = 0;
         task.do_log = 1;
         EXPECT_TRUE(traces_of(operation, task).back().ends_with(" -- do_log: N, do_notify: N"));
-        task.do_notify = 2; // only a 1 is a yes
+        task.do_notify = 2; // only 1 counts
         EXPECT_TRUE(traces_of(operation, task).back().ends_with(" -- do_log: N, do_notify: N"));
     }
 }

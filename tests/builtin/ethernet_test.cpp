@@ -129,7 +129,7 @@ TEST_F(EthernetTest, SkipsItsRunWhileTheLanIsSwitchedOff) {
             EXPECT_EQ(task.value, STALE_VALUE);
             EXPECT_FALSE(task_has(&task, TASK_VALUE_VALID));
             EXPECT_EQ(open.count(), 0);
-            EXPECT_THAT(traces.texts_of("ethernet_exec"), ElementsAre(" ")); // the entry alone
+            EXPECT_THAT(traces.texts_of("ethernet_exec"), ElementsAre(" ")); // only the entry
         }
     }
 }

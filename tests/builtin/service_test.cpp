@@ -60,7 +60,7 @@ Task service_task(const char *parameter, std::int32_t index = 0) {
     return task;
 }
 
-/// Units on a bus with systemd, watched by tasks.
+/// Units that tasks watch, on a bus with systemd.
 class Services {
   public:
     Services() {
@@ -68,7 +68,7 @@ class Services {
         logger_init();
     }
 
-    /// Loads the units and begins to watch them.
+    /// Loads the units and starts to watch them.
     Task watch(const std::vector<std::string> &units, const char *parameter, std::int32_t index = 0) {
         for (const std::string &unit : units) {
             systemd.load(unit);
@@ -84,7 +84,7 @@ class Services {
     CapturedTraces traces;
 };
 
-/// A run, which never fails; its value.
+/// Runs the task, which never fails; returns its value.
 std::int32_t run(Task &task) {
     task.value = STALE_VALUE;
     task.flags &= ~std::uint32_t{TASK_VALUE_VALID};
@@ -302,7 +302,7 @@ void note_signal(int /*signo*/) { signal_was_taken = true; }
 
 TEST(ServiceExec, TakesASignalBetweenItsUnits) {
     in_child([] {
-        signals_block(); // for the rig's threads, too
+        signals_block(); // also for the rig's threads
         Services rig;
         Task task = rig.watch({"a_2eservice", "b_2eservice"}, "a b");
         std::signal(SIGTERM, note_signal);
@@ -427,7 +427,7 @@ TEST(ServiceLogger, NamesTheStoppedUnits) {
     });
 }
 
-/// A task that watches stopped units with the names given, in the order of the line.
+/// A task that watches stopped units with these names, in the order of the log line.
 Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
     std::string parameter;
     std::vector<std::string> units;
@@ -442,7 +442,7 @@ Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
     return task;
 }
 
-// "ID: CB23[0]: value: 1 Services:" has 31 characters, each name two more for ", " (the first one for " ").
+// "ID: CB23[0]: value: 1 Services:" has 31 characters; each name adds two for ", ", the first one for " ".
 
 TEST(ServiceLogger, AddsNoNameFrom2024CharactersOn) {
     in_child([] {

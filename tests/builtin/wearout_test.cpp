@@ -22,7 +22,7 @@ constexpr std::size_t ESTIMATE_A = 268;
 constexpr std::size_t ESTIMATE_B = 269;
 constexpr std::uint8_t WITH_ESTIMATE = 7;
 
-/// `others` stands in every register that does not matter.
+/// Every register that does not matter holds `others`.
 ExtCsd registers(std::uint8_t revision, std::uint8_t a, std::uint8_t b, std::uint8_t others = 0) {
     ExtCsd result{};
     result.fill(others);
@@ -164,7 +164,7 @@ TEST_F(Wearout, DoesNotBlockOnAPipeInPlaceOfTheDevice) {
     expect_failed(wearout_exec, probe_task(pipe.c_str()), ENOTTY);
 }
 
-/// Whether the thread may send raw commands to devices.
+/// Whether the thread has the capability for raw device commands.
 bool may_send_raw_commands() {
     __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
@@ -205,7 +205,7 @@ TEST_F(Wearout, FailsWithoutAUsableEstimate) {
     expect_failed(wearout_exec, task_, EINVAL);
     device(registers(WITH_ESTIMATE, 0x0B, 0));
     expect_failed(wearout_exec, task_, EINVAL);
-    device(registers(0, 0, 0)); // nothing was written
+    device(registers(0, 0, 0)); // as if the device had written nothing
     expect_failed(wearout_exec, task_, EINVAL);
 }
 

@@ -80,7 +80,7 @@ TEST(WirelessParseLine, ReadsOnlyEightWords) {
     std::string line = "wlan0sta: 0000 70. -40. -256 5 6 7 8 9\n";
     double number = 0;
     EXPECT_TRUE(wireless_parse_line(line.data(), "wlan0sta", QUALITY_WORD, &number));
-    EXPECT_NE(line.find("8 9\n"), std::string::npos) << line; // uncut behind the eighth
+    EXPECT_NE(line.find("8 9\n"), std::string::npos) << line; // uncut after the eighth
 }
 
 TEST(WirelessParseLine, ConvertsTheStartOfTheWord) {
@@ -127,7 +127,7 @@ TEST(WirelessRound, FailsOutside32Bits) {
 
 // --- records
 
-/// How a record begins.
+/// The start of a record.
 struct RecordKey {
     std::int32_t id;
     std::int32_t index;
@@ -148,7 +148,7 @@ TEST(WirelessCompare, MatchesRecordsOfTheSameIdAndIndex) {
 
 class WirelessTest : public LinkProbeTest {
   protected:
-    /// A task with a record of its own for `parameter`, which must outlive the test's use of it.
+    /// A task with its own record for `parameter`, which must outlive the task.
     static Task wireless_task(std::int32_t id, const char *parameter, std::int32_t index = 3) {
         Task task = link_task(id, parameter);
         task.index = index;
@@ -199,7 +199,7 @@ TEST_F(WirelessTest, InitRefusesAnyOtherId) {
 }
 
 TEST_F(WirelessTest, InitWithoutMemoryLeavesNothingBehind) {
-    constexpr std::int32_t index = 4711; // of no other test
+    constexpr std::int32_t index = 4711; // used by no other test
     struct Case {
         int allocation;
         const char *text;
@@ -222,7 +222,7 @@ TEST_F(WirelessTest, InitWithoutMemoryLeavesNothingBehind) {
     }
 }
 
-/// The heap after an init whose n-th allocation has failed, no traces kept.
+/// The heap in use after an init whose n-th allocation failed.
 std::size_t heap_after_failed_init(int allocation) {
     Task task = sample_task();
     task.id = LINK;
@@ -237,7 +237,7 @@ std::size_t heap_after_failed_init(int allocation) {
 
 TEST_F(WirelessTest, InitWithoutMemoryFreesWhatItAllocated) {
     for (const int allocation : {1, 2, 3}) {
-        heap_after_failed_init(allocation); // what is kept for the traces has grown
+        heap_after_failed_init(allocation); // let the test's own trace buffers grow first
         const std::size_t before = heap_after_failed_init(allocation);
         EXPECT_EQ(heap_after_failed_init(allocation), before) << allocation;
     }
@@ -305,7 +305,7 @@ TEST_F(WirelessTest, FailsWithoutAnErrorNumberWhenTheRecordIsMissing) {
     EXPECT_EQ(wireless_exec(&task), -1);
     EXPECT_EQ(task.error, 0);
     EXPECT_EQ(task.value, STALE_VALUE);
-    EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID)); // only a found record takes it back
+    EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID)); // only a run with a record clears it
     EXPECT_EQ(task.do_logfile, 1);
     EXPECT_THAT(traces.texts_of("wireless_psearch"), ElementsAre("ID: 4, ID_ndx: 4712", "MISSING"));
     EXPECT_THAT(traces.texts_of("wireless_exec"), ElementsAre(" ", "CB04 4712: FAILED"));
@@ -529,7 +529,7 @@ TEST_F(WirelessTest, LogsNothingUnlessMarked) {
     }
 }
 
-/// What is written of a marked quality task in `state` whose format slot holds `format`.
+/// What a marked quality task in `state` with `format` in its format slot logs.
 std::vector<SyslogMessage> written_with_format(const char *format, bool has_format, std::int8_t state = 1,
                                                std::int32_t id = QUALITY) {
     Task task = sample_task();
@@ -554,7 +554,7 @@ TEST_F(WirelessTest, LogsTheFormatSlotInPlaceOfTheSentence) {
                 ElementsAre(SyslogMessage{PRIORITY_NOTICE, "[notice] ID: CB04[0]: value: -7 wlan0sta: "}));
     EXPECT_THAT(written_with_format("%P %v %s", true), // not a template
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB04[0]: value: -7 %P %v %s: "}));
-    EXPECT_THAT(written_with_format("wlan0sta", true, 1, 3), // for an id without a sentence, too
+    EXPECT_THAT(written_with_format("wlan0sta", true, 1, 3), // also for an id without a sentence
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB03[0]: value: -7 wlan0sta: "}));
 }
 

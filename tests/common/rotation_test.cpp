@@ -23,14 +23,14 @@
 
 namespace {
 
-int trims = 0; ///< how often the heap was given back
+int trims = 0; ///< number of malloc_trim calls
 
 constexpr int KILLED = 7;
 
-int kill_at = 0;                ///< the process ends before this call of those below, counted from 1; 0: never
-bool keeps_calls = false;       ///< whether they are noted
+int kill_at = 0;                ///< the process ends before this call of those below, from 1; 0: never
+bool keeps_calls = false;       ///< whether they are recorded
 std::vector<std::string> calls; ///< "name argument", in file names without their folder
-int sync_error = 0;             ///< with which fdatasync fails
+int sync_error = 0;             ///< fdatasync fails with this errno
 
 std::string name_of(const char *path) { return std::filesystem::path(path).filename(); }
 
@@ -108,8 +108,8 @@ using std::filesystem::create_symlink;
 using std::filesystem::exists;
 using std::filesystem::is_directory;
 
-/// A folder with the log file "log" and whatever generations a test puts beside it. A generation that
-/// was there before holds plain text, so that it can be told wherever it has moved.
+/// A folder with the log file "log" and the generations a test adds. An earlier generation holds plain text, so that it
+/// is recognised after a move.
 class RotationTest : public testing::Test {
   protected:
     RotationTest() { folder.write("log", "log text"); }
@@ -295,7 +295,7 @@ TEST_F(RotationTest, KeepsAnOldestGenerationThatCannotBeRemoved) {
     file_rotate(file.c_str(), 3);
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2", "log.002.bz2"}));
     EXPECT_EQ(bunzip2(generation(0)), "log text");
-    EXPECT_EQ(read_file(generation(1)), "old 0"); // "old 1" had nowhere to go
+    EXPECT_EQ(read_file(generation(1)), "old 0"); // "old 1" could not move
     EXPECT_TRUE(is_directory(generation(2)));
 }
 
@@ -338,7 +338,7 @@ TEST_F(RotationTest, RemovesTheFileAndTheHalfGenerationOnAFullDisk) {
     }
     EXPECT_EQ(names(), Names{"log.001.bz2"});
     folder.write("log", "again");
-    file_rotate(file.c_str(), 3); // into the gap
+    file_rotate(file.c_str(), 3); // shifts into the gap
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
     EXPECT_EQ(bunzip2(generation(0)), "again");
     EXPECT_EQ(read_file(generation(1)), "old 0");
@@ -430,7 +430,7 @@ TEST_F(RotationTest, RemovesALeftoverAndNothingElse) {
     EXPECT_EQ(names(), (Names{"log", "log.000.bz2"}));
 }
 
-// --- breaking off
+// --- aborting
 
 TEST_F(RotationTest, WhenAbortedLeavesTheFileAndNoGeneration) {
     put_generations({0});
@@ -485,7 +485,7 @@ TEST_F(RotationTest, WithoutMemoryForTheCompressionRemovesTheFile) {
 
 TEST_F(RotationTest, DropsTheOldestGenerationEvenWhenNoneFollows) {
     put_generations({0});
-    const MemoryFault fault(4); // nothing is compressed
+    const MemoryFault fault(4); // the compression fails
     file_rotate(file.c_str(), 1);
     EXPECT_EQ(names(), Names{});
 }
@@ -526,7 +526,7 @@ TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInPlaceOfTheFile) {
 TEST_F(RotationTest, ReplacesAPipeInPlaceOfAGeneration) {
     const HangGuard guard;
     ASSERT_EQ(mkfifo(generation(0).c_str(), 0600), 0);
-    block(1); // so that it cannot be moved
+    block(1); // it cannot be moved
     file_rotate(file.c_str(), 2);
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
     ASSERT_TRUE(std::filesystem::is_regular_file(generation(0)));
@@ -557,7 +557,7 @@ TEST_F(RotationTest, AcceptsANameThatOnlyStartsLikeAStreams) {
     EXPECT_EQ(bunzip2("stdin.000.bz2"), "text");
 }
 
-/// Rotates `name` in a process whose root is `root`; returns whether the file is still there.
+/// Rotates `name` in a process with the root `root`; returns whether the file is still there.
 bool stays_below_root(const char *root, const char *name, int count) {
     const pid_t child = fork();
     if (child == 0) {

@@ -547,7 +547,7 @@ TEST(BusStartTest, ANameThatIsGrantedTooLateIsReleasedAndRequestedAgain) {
         EXPECT_STREQ(dbus_message_get_member(asked.get()), member);
     }
     EXPECT_TRUE(daemon.traced("WHILE"));
-    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr) << "what was queued before";
+    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr) << "queued earlier";
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_return(client.call(listing_call())));
     EXPECT_EQ(daemon.count_traces("has ended"), 0U);

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 
-/// Leaves the settings as it found them.
+/// Restores the settings.
 class GdataTest : public testing::Test {
   public:
     ~GdataTest() override { gdata_record() = saved_; }
@@ -60,7 +60,7 @@ struct NumberSetting {
     const char *name;
     std::int32_t (*set)(std::int32_t);
     std::int32_t (*get)();
-    const char *trace; ///< in front of the number
+    const char *trace; ///< before the number
     std::vector<std::pair<std::int32_t, std::int32_t>> given_and_stored;
 };
 
@@ -200,14 +200,14 @@ TEST_F(GdataTest, SetLogfileDoesNotWaitForTheReaderOfAPipe) {
     EXPECT_EQ(errno, ENXIO);
 }
 
-// Its close would free the lock that the daemon holds, under whatever name it was opened.
+// Closing it, under any name, would release the daemon's lock.
 TEST_F(GdataTest, SetLogfileRefusesTheLockFileOfItsFolder) {
     const WorkingFolder here(folder.path());
     std::filesystem::create_directory("sub");
     for (const char *name : {".lock", "./.lock", "sub/.lock", "sub//.lock", "sub/./.lock", "sub/../.lock"}) {
         EXPECT_STREQ(gdata_set_logfile(name), BUILT_IN_LOGFILE) << name;
         EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(std::filesystem::exists(name)) << name << " was made";
+        EXPECT_FALSE(std::filesystem::exists(name)) << name << " was created";
     }
     folder.write("sub/.lock", "1\n");
     std::filesystem::create_symlink(".lock", "sub/symlink");
@@ -269,7 +269,7 @@ TEST_F(GdataTest, SetLogfileLeavesNoDescriptorOpen) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-/// Leaves no command line behind.
+/// Removes the command line.
 class CommandLineTest : public testing::Test {
   public:
     ~CommandLineTest() override {

@@ -21,12 +21,12 @@ namespace {
 
 constinit std::time_t uptime = 1000;
 
-/// Each test begins and ends without a pause.
+/// Each test starts and ends without a pause.
 struct JournalPauses : testing::Test {
     ~JournalPauses() override { log_sockets_resume(); }
 };
 
-/// Two ends of a socket, one of which is full.
+/// A socket pair with one end full.
 struct FullPair {
     explicit FullPair(int type) {
         std::array<int, 2> ends{};
@@ -40,7 +40,7 @@ struct FullPair {
     Descriptor reader;
 };
 
-/// How long a call may wait for room, in microseconds; 0: for ever.
+/// The send timeout in microseconds; 0: none.
 long longest_wait_of(int fd) {
     timeval longest{};
     socklen_t size = sizeof longest;
@@ -54,9 +54,9 @@ sockaddr_un address_of(const std::string &path) {
     return address;
 }
 
-constinit const char *syslog_path = nullptr; ///< what stands in for /dev/log
+constinit const char *syslog_path = nullptr; ///< replaces /dev/log
 
-/// A socket of syslog that nobody reads.
+/// A syslog socket that nobody reads.
 struct Syslog : JournalPauses {
     Syslog() {
         const sockaddr_un address = address_of(path);
@@ -113,7 +113,7 @@ TEST(JournalOpening, BoundsTheWaitsOfTheSocketThatTheLibraryOpens) {
     EXPECT_EQ(errno, EAGAIN);
 }
 
-// The library sends a line that is refused once more. Each wait is rounded up to the kernel's ticks.
+// The library sends a refused line once more. Each wait is rounded up to the kernel's ticks.
 TEST(JournalOpening, MakesTwoWaitsLessThanATenthOfASecond) {
     std::optional<FullPair> pair;
     {
@@ -205,7 +205,7 @@ TEST_F(JournalPauses, EndWithTheNextHeartbeat) {
     EXPECT_FALSE(journal_is_paused());
 }
 
-// Without a descriptor for its second try the library ends with EMFILE after its first wait, and so on.
+// The first try has waited already: the library returns EMFILE, for example, if it has no descriptor for the second.
 TEST_F(JournalPauses, BeginWithAnyRefusalThatMayHaveBlocked) {
     for (const int result : {-EAGAIN, -EMFILE, -ENFILE, -ENOMEM, -ENOSPC, -EPERM, -EINTR}) {
         log_sockets_resume();

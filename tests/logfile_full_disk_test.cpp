@@ -18,7 +18,7 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its stamp of 19
+constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its 19-byte stamp
 
 using FullDiskTest = LogfileTest;
 
@@ -160,12 +160,12 @@ TEST_F(FullDiskTest, LosesWhatAFullDeviceRefuses) {
     EXPECT_EQ(logfile_state().logfile_header_written, 0);
 }
 
-/// The standard output in a file that the test prepares.
+/// Standard output to a file that the test prepares.
 class StandardOutputTest : public LogfileTest {
   protected:
     StandardOutputTest() { use("stdout"); }
 
-    /// Prints "x" to what is open as `stdout_file`, whose size is limited, and then "y" without the limit.
+    /// Prints "x" to `stdout_file`, whose size is limited, and then "y" without the limit.
     static void print_in_limit(int stdout_file, rlim_t limit) {
         const Descriptor saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
         std::fflush(stdout);
@@ -192,7 +192,7 @@ TEST_F(StandardOutputTest, RemovesAPartlyWrittenRecord) {
     }
 }
 
-// A piece in the middle of a file could only be taken back together with what others have written.
+// A piece in the middle of a file cannot be removed without what others wrote after it.
 TEST_F(StandardOutputTest, KeepsAPieceInTheMiddleOnItsOwnLine) {
     const Descriptor out(open(file.c_str(), O_WRONLY | O_CLOEXEC));
     print_in_limit(out.get(), 10);
@@ -235,7 +235,7 @@ class SmallDiskTest : public LogfileTest {
 TEST_F(SmallDiskTest, EndsInAWholeRecordAndContinuesWhenThereIsRoom) {
     logfile_state().logsize = LOGSIZE_MAX;
     std::ofstream(disk + "/ballast") << std::string(4096, 'x');
-    // 60 KiB are left: 2457 records of 25 bytes and 15 bytes of another.
+    // 60 KiB are left: room for 2457 records of 25 bytes and 15 bytes of another.
     for (int i = 0; i < 3000; ++i) {
         lf_print(0, "x", 0);
     }

@@ -16,7 +16,7 @@
 
 namespace {
 
-std::int64_t seconds_a_look = 0; ///< what a look at the clock takes
+std::int64_t seconds_a_look = 0; ///< by which each call of the clock advances it
 std::int64_t monotonic_now = 0;
 bool stat_fails = false;
 
@@ -58,7 +58,7 @@ constexpr const char *finished = "##\n##\t<time>\tFINISHED\tvigmond\n##\n";
 
 class LogRotationTest : public LogfileTest {
   protected:
-    /// A log of `size` bytes, rotated at `limit`, its first header written before.
+    /// A log of `size` bytes with the limit `limit`, its first header already written.
     void full_file(std::size_t size, std::int32_t limit) const {
         folder.write("logfile", std::string(size, 'x'));
         use(path);
@@ -151,7 +151,7 @@ TEST_F(LogRotationTest, IsTriedAgainWithTheNextRecordIfTheFileRemains) {
     EXPECT_THAT(rotations().calls, SizeIs(2));
 }
 
-// An operator's "> logfile" empties it under the open stream.
+// An operator's "> logfile" truncates it under the open stream.
 TEST_F(LogRotationTest, UsesTheNewSizeOfATruncatedFile) {
     full_file(100, 126);
     lf_print(0, "x", 0);
@@ -168,7 +168,7 @@ TEST_F(LogRotationTest, LeftoversOfAKilledOneAreRemovedAtTheStart) {
     EXPECT_EQ(log(), start_header);
 }
 
-// --- a rotation that a termination breaks off
+// --- a rotation that a termination aborts
 
 class AbortedRotationTest : public LogRotationTest {
   protected:
@@ -236,7 +236,7 @@ TEST_F(AbortedRotationTest, IsNotPossibleAfterTenSeconds) {
     EXPECT_EQ(log(), std::string(100, 'x') + finished);
 }
 
-// --- a file that is taken away
+// --- a file that is removed
 
 using LostFileTest = LogRotationTest;
 
@@ -272,7 +272,7 @@ TEST_F(LostFileTest, IsKeptUntilItCanBeReplaced) {
     std::filesystem::rename(sub, folder / "moved");
     logfile_follow_name();
     lf_print(0, "y", 0);
-    std::filesystem::create_directories(file); // a folder in the place of the file
+    std::filesystem::create_directories(file); // a folder in place of the file
     logfile_follow_name();
     lf_print(0, "z", 0);
     EXPECT_EQ(mask_times(read_file(folder / "moved/logfile")),
@@ -357,7 +357,7 @@ TEST_F(LostFileTest, DoesNotWaitForRoomInThePipeInItsPlace) {
     const Descriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     ASSERT_GE(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 4096);
     use(path);
-    lf_print(0, std::string(100000, 'y').c_str(), 0); // more than it holds
+    lf_print(0, std::string(100000, 'y').c_str(), 0); // more than the pipe holds
     lf_print(0, "x", 0);
     EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
     EXPECT_TRUE(traces.has("lf_print", path + ": Resource temporarily unavailable"));

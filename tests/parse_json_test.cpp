@@ -25,7 +25,7 @@ using namespace std::string_literals;
 
 constexpr JsonToken UNTOUCHED{99, 99, 99, 99, 99};
 
-/// The array behind the tokens in use, to see that nothing is written there.
+/// Guard tokens after those in use, to detect writes there.
 struct Result {
     int result;
     Tokens tokens;
@@ -33,7 +33,7 @@ struct Result {
 
 Result parse(std::string_view text, std::size_t capacity = 32) {
     Tokens tokens(capacity, UNTOUCHED);
-    const std::vector<char> bytes(text.begin(), text.end()); // of their exact size: ASan sees a read beyond
+    const std::vector<char> bytes(text.begin(), text.end()); // of exact size, so that ASan detects a read past the end
     JsonParser parser{};
     json_init(&parser, tokens.data(), static_cast<std::int32_t>(capacity));
     const int result = json_parse(&parser, bytes.data(), static_cast<std::int32_t>(bytes.size()));
@@ -92,12 +92,12 @@ INSTANTIATE_TEST_SUITE_P(
         TokensCase{R"({"a":"b" "c"})", {{1, 0, 13, 1, -1}, {2, 2, 3, 2, 0}, {2, 6, 7, 0, 1}, {2, 10, 11, 0, 1}}},
         TokensCase{R"({"a":1 "c"})", {{1, 0, 11, 1, -1}, {2, 2, 3, 2, 0}, {4, 5, 6, 0, 1}, {2, 8, 9, 0, 1}}},
         TokensCase{R"({"a":1 {}})", {{1, 0, 10, 1, -1}, {2, 2, 3, 2, 0}, {4, 5, 6, 0, 1}, {1, 7, 9, 0, 1}}},
-        // the value becomes the enclosing one
+        // the value becomes the parent
         TokensCase{R"({"a":1:{}})", {{1, 0, 10, 1, -1}, {2, 2, 3, 1, 0}, {4, 5, 6, 1, 1}, {1, 7, 9, 0, 2}}},
         TokensCase{"t:f ", {{4, 0, 1, 1, -1}, {4, 2, 3, 0, 0}}},
-        // only of an object and of a key is asked what they hold already
+        // only objects and keys are checked for earlier children
         TokensCase{"t:f n ", {{4, 0, 1, 2, -1}, {4, 2, 3, 0, 0}, {4, 4, 5, 0, 0}}},
-        // a comma leaves one token, not all up to the object
+        // a comma closes one token, not all up to the object
         TokensCase{R"({"a":1:2,"b":3})",
                    {{1, 0, 15, 1, -1},
                     {2, 2, 3, 2, 0},
@@ -138,7 +138,7 @@ struct ErrorCase {
     int error;
 };
 
-/// Without the bytes themselves: ctest leaves out tests in whose list it finds such.
+/// Prints no raw bytes: ctest drops tests whose list contains such.
 void PrintTo(const ErrorCase &text, std::ostream *out) {
     *out << testing::PrintToString(text.text) << " " << text.error;
 }
@@ -150,7 +150,7 @@ TEST_P(JsonErrorTest, IsReported) { EXPECT_EQ(parse(GetParam().text).result, Get
 INSTANTIATE_TEST_SUITE_P(Arrays, JsonErrorTest,
                          testing::Values(ErrorCase{"[]", -2}, ErrorCase{"[1]", -2}, ErrorCase{"]", -2},
                                          ErrorCase{R"({"a":[]})", -2}, ErrorCase{R"({"a":1]})", -2},
-                                         ErrorCase{"true]", -2})); // it ends the primitive and is wrong itself
+                                         ErrorCase{"true]", -2})); // it ends the primitive and is invalid itself
 
 INSTANTIATE_TEST_SUITE_P(Characters, JsonErrorTest,
                          testing::Values(ErrorCase{"\x01", -2}, ErrorCase{"\x1F", -2}, ErrorCase{"\v", -2},
@@ -213,10 +213,10 @@ TEST(Json, UsesAllTheTokensItWasGiven) {
 }
 
 TEST(Json, ReportsALackOfTokensBeforeItReadsTheElement) {
-    EXPECT_EQ(parse("{{", 1).result, -1); // no key
-    EXPECT_EQ(parse("{1", 1).result, -1); // no key either
+    EXPECT_EQ(parse("{{", 1).result, -1); // not a key
+    EXPECT_EQ(parse("{1", 1).result, -1); // not a key either
     EXPECT_EQ(parse("\"", 0).result, -1);
-    EXPECT_EQ(parse("x", 0).result, -2); // begins nothing
+    EXPECT_EQ(parse("x", 0).result, -2); // starts no element
 }
 
 TEST(Json, WritesNothingAfterItsTokens) {

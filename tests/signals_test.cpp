@@ -16,7 +16,7 @@ namespace {
 
 constexpr int SEVEN[]{SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 
-// What the handlers record. They run as ordinary calls, so they may.
+// What the handlers record. They run as ordinary calls, so they may use the heap.
 std::vector<std::string> &events() {
     static std::vector<std::string> list;
     return list;
@@ -37,7 +37,7 @@ void recording_handler(int signo) {
     errno = EIO;
 }
 
-/// Of a signal that is sent faster than it can be taken.
+/// For a signal that is sent faster than it is handled.
 void flooded_handler(int signo) { raise(signo); }
 
 void informed_handler(int signo, siginfo_t *info, void * /*context*/) {
@@ -65,7 +65,7 @@ bool is_pending(int signo) {
     return sigismember(&pending, signo) == 1;
 }
 
-/// Holds all seven with a recording handler each; gives back mask and dispositions at the end.
+/// Blocks all seven, each with a recording handler; restores mask and dispositions at the end.
 class SignalsTest : public testing::Test {
   public:
     SignalsTest() {
@@ -120,12 +120,12 @@ TEST_F(SignalsTest, AreTakenOneAfterTheOther) {
     signals_safe_point();
     ASSERT_EQ(events().size(), 4U);
     for (std::size_t i = 0; i < 4; i += 2) {
-        EXPECT_EQ(events()[i].substr(6), events()[i + 1].substr(4)); // begin and end of the same
+        EXPECT_EQ(events()[i].substr(6), events()[i + 1].substr(4)); // start and end of the same
     }
 }
 
 TEST_F(SignalsTest, AreNeverTakenInsideAHandler) {
-    signal_to_raise = SIGHUP; // the handler comes past a safe point then
+    signal_to_raise = SIGHUP; // the handler then reaches a safe point
     raise(SIGUSR1);
     signals_safe_point();
     EXPECT_EQ(events(), (Events{"begin USR1", "end USR1", "begin HUP", "end HUP"}));
@@ -164,7 +164,7 @@ TEST_F(SignalsTest, AreTakenByAWaitThatFollowsAnInterruptedCall) {
     EXPECT_EQ(events(), (Events{"begin USR1", "end USR1"}));
 }
 
-/// Until the process sleeps, or has ended.
+/// Waits until the process sleeps or has ended.
 void await_sleep(pid_t pid) {
     const std::string status = "/proc/" + std::to_string(pid) + "/stat";
     for (std::string text; text.find(") S ") == std::string::npos && text.find(") Z ") == std::string::npos;) {
@@ -273,7 +273,7 @@ TEST_F(SignalsTest, ThatAreIgnoredAreDropped) {
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
     raise(SIGUSR1);
-    sigaction(SIGCHLD, &action, nullptr); // the default for it is to do nothing
+    sigaction(SIGCHLD, &action, nullptr); // ignored by default
     raise(SIGCHLD);
     action.sa_handler = SIG_IGN;
     sigaction(SIGHUP, &action, nullptr);
@@ -295,7 +295,7 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcess) {
     EXPECT_EXIT(end_by_default(), testing::KilledBySignal(SIGTERM), "");
 }
 
-/// Holding twice, with another mask in between; exits with 0 when the mask before the first is kept.
+/// Blocks twice, with another mask in between; exits with 0 if the mask from before the first block is kept.
 [[noreturn]] void hold_twice() {
     const sigset_t none{};
     const sigset_t pipe = set_of(SIGPIPE);

@@ -1,4 +1,4 @@
-// What is written to the socket that NOTIFY_SOCKET names, and that nothing is where it names none.
+// What is written to the socket that NOTIFY_SOCKET names, and that nothing is written without one.
 
 #include "supervision.h"
 
@@ -27,7 +27,7 @@ using testing::SizeIs;
 
 namespace {
 
-/// What the manager listens at: a path, or behind an @ a name of the abstract kind.
+/// The address the manager listens on: a path, or an abstract name after an @.
 class NotifySocket {
   public:
     explicit NotifySocket(const std::string &name) : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
@@ -41,7 +41,7 @@ class NotifySocket {
         EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), size), 0) << name;
     }
 
-    /// The messages that have come.
+    /// The messages received.
     [[nodiscard]] std::vector<std::string> take() const {
         std::vector<std::string> messages;
         std::array<char, 1024> buffer{};
@@ -60,7 +60,7 @@ class Supervision : public testing::Test {
   protected:
     void SetUp() override { ask_at(folder / "notify"); }
     void TearDown() override { unsetenv("NOTIFY_SOCKET"); }
-    /// As a daemon that has told nothing yet.
+    /// As a daemon that has sent nothing yet.
     void start() const {
         supervision_ready();
         static_cast<void>(manager.take());
@@ -116,7 +116,7 @@ TEST_F(Supervision, HasRoomForAllProblemsAtOnce) {
     start();
     supervision_pass_done({.raised_issues = labels.c_str(),
                            .is_off_bus = true,
-                           .status_log_error = EILSEQ, // of the longest texts one
+                           .status_log_error = EILSEQ, // one of the longest texts
                            .lost_traces = 4294967295});
     const std::vector<std::string> messages = manager.take();
     ASSERT_THAT(messages, SizeIs(1));
@@ -224,7 +224,7 @@ TEST_F(Supervision, DoesNotWaitForAManagerThatDoesNotRead) {
     }
     EXPECT_THAT(traces.texts_of("notify"), ElementsAre("FAILED: Resource temporarily unavailable"));
     EXPECT_THAT(manager.take(), SizeIs(static_cast<std::size_t>(sent - 1)));
-    supervision_ready(); // and goes on when it reads again
+    supervision_ready(); // sends again after the manager has read
     EXPECT_THAT(manager.take(), ElementsAre("READY=1"));
 }
 

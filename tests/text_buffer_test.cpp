@@ -9,7 +9,7 @@ namespace {
 
 constexpr char UNTOUCHED = '#';
 
-/// An array with a guard behind it.
+/// An array with guard bytes after it.
 class TextBufferTest : public testing::Test {
   protected:
     TextBufferTest() { bytes.fill(UNTOUCHED); }
@@ -36,7 +36,7 @@ TEST_F(TextBufferTest, AppendsWhatFits) {
     EXPECT_TRUE(text.append('-'));
     text.append_format("%d%s", 42, "x");
     EXPECT_STREQ(text.c_str(), "abc-42x");
-    EXPECT_EQ(text.room(), 1U); // the terminator's
+    EXPECT_EQ(text.room(), 1U); // for the terminator
     EXPECT_EQ(behind(8), untouched(8));
 }
 
@@ -61,7 +61,7 @@ TEST_F(TextBufferTest, AppendsAndCutsNumbers) {
     EXPECT_TRUE(shorter.append("abc"));
     shorter.append_number(-234);
     EXPECT_STREQ(shorter.c_str(), "abc-2");
-    EXPECT_EQ(behind(6), "836487" + std::string(1, '\0') + untouched(3)); // of the longer text
+    EXPECT_EQ(behind(6), "836487" + std::string(1, '\0') + untouched(3)); // rest of the longer text
 }
 
 #define EXPECT_FORMATTED(expected, ...)                                                                                \

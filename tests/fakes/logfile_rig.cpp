@@ -32,7 +32,7 @@ Rotations &rotations() {
     return noted;
 }
 
-// Linked in place of file_rotate(const char *, std::int32_t, BreakOff).
+// Replaces file_rotate(const char *, std::int32_t, BreakOff).
 extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, BreakOff break_off);
 extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, BreakOff break_off) {
     const std::string content = std::filesystem::is_regular_file(file) ? read_file(file) : "";

@@ -24,8 +24,7 @@ namespace {
 
 constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 
-// Settings, trace mode and the count of usage messages only ever grow, so every case has a child of
-// its own that starts with the built-in ones.
+// Settings, trace mode and the count of usage messages last for the process, so every case runs in its own child.
 
 TEST(Options, WithoutAnyTheSettingsAreUnchanged) {
     in_child([] {
@@ -70,7 +69,7 @@ TEST(Options, LogcountIsReadAsADecimalNumber) {
         {"129", 128, 128},
         {"500", 128, 128},
         {"-5", 0, 0},
-        {"abc", 0}, // no number is 0, which is valid
+        {"abc", 0}, // not a number: 0, which is valid
         {"12abc", 12},
         {"", 0},
         {" \t7", 7},
@@ -267,7 +266,7 @@ TEST(Options, LogfileIsRefusedWhenOutOfMemory) {
     });
 }
 
-// Once to try it and once to take it; a watcher of the folder sees both.
+// Once to test it and once to use it; a watcher of the folder sees both.
 TEST(Options, LogfileIsOpenedTwice) {
     const ScratchFolder folder;
     in_child([&] {
@@ -303,7 +302,7 @@ TEST(Options, OutcomeFollowsTheOptions) {
         {{"--help"}, "", helped},
         {{"-d", "-h"}, "", helped, true},
         {{"-x"}, invalid_option('x'), failed},
-        {{"-x", "-h"}, invalid_option('x'), failed}, // the error wins over the help
+        {{"-x", "-h"}, invalid_option('x'), failed}, // the error takes precedence over the help
         {{"-h", "-x"}, invalid_option('x'), failed},
         {{"-h", "-S", "5"}, invalid_value('S', "5", 10), helped}, // all is parsed before the exit
         {{"-xd", "-y"}, invalid_option('x') + invalid_option('y'), failed, true},
@@ -314,8 +313,8 @@ TEST(Options, OutcomeFollowsTheOptions) {
         {{"--logfile"}, invalid_option('L'), failed},
         {{"--help=3"}, invalid_option('h'), failed},
         {{"-C", "-x"}, "", run},                  // "-x" is the argument
-        {{"--", "-x"}, "", run},                  // behind the end of the options
-        {{"file", "-d", "other"}, "", run, true}, // what is no option is ignored
+        {{"--", "-x"}, "", run},                  // after the end of the options
+        {{"file", "-d", "other"}, "", run, true}, // non-options are ignored
         {{"-"}, "", run},
         {{"", ""}, "", run},
     };

@@ -16,7 +16,7 @@
 
 namespace {
 
-std::int64_t seconds_a_look = 0; ///< by which each call of the clock advances it
+std::int64_t clock_step_seconds = 0; ///< by which each call of the clock advances it
 std::int64_t monotonic_now = 0;
 bool stat_fails = false;
 
@@ -37,7 +37,7 @@ int __wrap___stat64_time64(const char *path, struct stat *status) { return answe
 int __wrap_clock_gettime(clockid_t clock, std::timespec *now);
 int __wrap_clock_gettime(clockid_t /*clock*/, std::timespec *now) {
     *now = {.tv_sec = static_cast<std::time_t>(monotonic_now), .tv_nsec = 0};
-    monotonic_now += seconds_a_look;
+    monotonic_now += clock_step_seconds;
     return 0;
 }
 int __wrap___clock_gettime64(clockid_t clock, std::timespec *now);
@@ -183,7 +183,7 @@ class AbortedRotationTest : public LogRotationTest {
         while (sigtimedwait(&held, nullptr, &at_once) > 0) {
         }
         pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
-        seconds_a_look = 0;
+        clock_step_seconds = 0;
     }
 
   private:
@@ -226,11 +226,11 @@ TEST_F(AbortedRotationTest, IsNotCausedByOtherSignals) {
 }
 
 TEST_F(AbortedRotationTest, IsNotPossibleAfterTenSeconds) {
-    seconds_a_look = 10;
+    clock_step_seconds = 10;
     full_file(100, 100);
     logfile_cleanup();
     EXPECT_EQ(log(), rotate_header);
-    seconds_a_look = 11;
+    clock_step_seconds = 11;
     full_file(100, 100);
     logfile_cleanup();
     EXPECT_EQ(log(), std::string(100, 'x') + finished);

@@ -26,11 +26,11 @@ void PrintTo(const Pair &pair, std::ostream *out) {
 using Pairs = std::vector<Pair>;
 
 Pairs taken;
-std::size_t taken_before_refusal; ///< the handler accepts this many pairs and refuses the next
+std::size_t accepted_before_refusal; ///< the handler accepts this many pairs and refuses the next
 
 int take(const char *section, const char *name, const char *value) {
     taken.push_back({section, name, value});
-    return taken.size() > taken_before_refusal ? 0 : 1;
+    return taken.size() > accepted_before_refusal ? 0 : 1;
 }
 
 /// A text read line by line as with fgets.
@@ -63,7 +63,7 @@ class IniTest : public testing::Test {
   protected:
     IniTest() {
         taken.clear();
-        taken_before_refusal = SIZE_MAX;
+        accepted_before_refusal = SIZE_MAX;
     }
 };
 
@@ -145,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, IniTextTest,
                                                 "b"}}}));
 
 TEST_F(IniTest, ARefusedPairStopsTheParser) {
-    taken_before_refusal = 1;
+    accepted_before_refusal = 1;
     EXPECT_EQ(parse("[s]\na=1\nb=2\nc=3"), -2);
     EXPECT_EQ(taken, (Pairs{{"s", "a", "1"}, {"s", "b", "2"}}));
 }
@@ -187,7 +187,7 @@ TEST_F(IniTest, AZeroByteEndsItsLine) {
 }
 
 TEST_F(IniTest, TracesSectionsPairsAndRefusals) {
-    taken_before_refusal = 1;
+    accepted_before_refusal = 1;
     const CapturedTraces traces;
     parse("[Link]\na=1\nb=2");
     EXPECT_EQ(traces.texts_of("ini_parse_stream"),
@@ -227,7 +227,7 @@ TEST_F(IniTest, AFileReportsTheErrorsOfItsText) {
     const ScratchFolder folder;
     EXPECT_EQ(ini_parse_file(folder.write("empty", "").c_str(), take), 0);
     EXPECT_EQ(ini_parse_file(folder.write("bad", "bad").c_str(), take), -1);
-    taken_before_refusal = 0;
+    accepted_before_refusal = 0;
     EXPECT_EQ(ini_parse_file(folder.write("refused", "a=b").c_str(), take), -2);
 }
 

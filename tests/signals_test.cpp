@@ -296,7 +296,7 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcess) {
 }
 
 /// Blocks twice, with another mask in between; exits with 0 if the mask from before the first block is kept.
-[[noreturn]] void hold_twice() {
+[[noreturn]] void block_twice() {
     const sigset_t none{};
     const sigset_t pipe = set_of(SIGPIPE);
     const sigset_t child = set_of(SIGCHLD);
@@ -318,7 +318,7 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcess) {
 }
 
 TEST_F(SignalsDeathTest, BlockedTwiceKeepTheFirstOriginalMask) {
-    EXPECT_EXIT(hold_twice(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(block_twice(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -260,7 +260,7 @@ TEST_F(InternetTest, TracesAFailureUnderTheIssue) {
 // --- the path switched off
 
 /// Only the status log's mark changes: the error stays 0 and an earlier value stays valid.
-void expect_standstill(Task task) {
+void expect_skipped_run(Task task) {
     for (const std::uint32_t valid : {0U, static_cast<std::uint32_t>(TASK_VALUE_VALID)}) {
         task.flags = TASK_RUNNABLE | valid;
         task.do_logfile = 1;
@@ -279,11 +279,11 @@ TEST_F(InternetTest, SkipsItsRunWhileItsPathIsSwitchedOff) {
     for (const std::int32_t flag : {0, 2, -1}) {
         lan_available = flag;
         wifi_available = 1;
-        expect_standstill(link_task(LAN, "eth0"));
+        expect_skipped_run(link_task(LAN, "eth0"));
         EXPECT_EQ(open.count(), 0);
         lan_available = 1;
         wifi_available = flag;
-        expect_standstill(link_task(WIFI, "eth0"));
+        expect_skipped_run(link_task(WIFI, "eth0"));
         EXPECT_EQ(open.count(), 0);
     }
 }

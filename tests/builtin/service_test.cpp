@@ -296,9 +296,9 @@ TEST(ServiceExec, WatchesTheUnitsOfItsOwnTask) {
     });
 }
 
-constinit bool signal_was_taken = false;
+constinit bool signal_was_handled = false;
 
-void note_signal(int /*signo*/) { signal_was_taken = true; }
+void note_signal(int /*signo*/) { signal_was_handled = true; }
 
 TEST(ServiceExec, TakesASignalBetweenItsUnits) {
     in_child([] {
@@ -308,7 +308,7 @@ TEST(ServiceExec, TakesASignalBetweenItsUnits) {
         std::signal(SIGTERM, note_signal);
         rig.systemd.strike(getpid(), SIGTERM, 1);
         EXPECT_EQ(run(task), 1);
-        EXPECT_TRUE(signal_was_taken); // after the first, before the last
+        EXPECT_TRUE(signal_was_handled); // after the first, before the last
     });
 }
 

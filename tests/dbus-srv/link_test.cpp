@@ -19,7 +19,7 @@
 
 namespace {
 
-constinit bool messages_are_out = false;
+constinit bool out_of_messages = false;
 
 /// What the next call returns instead of an answer; nothing is sent then.
 constinit const char *own_error = nullptr;
@@ -35,7 +35,7 @@ DBusMessage *__real_dbus_message_new_method_call(const char *destination, const 
 
 DBusMessage *__wrap_dbus_message_new_method_call(const char *destination, const char *path, const char *interface,
                                                  const char *method) {
-    return messages_are_out ? nullptr : __real_dbus_message_new_method_call(destination, path, interface, method);
+    return out_of_messages ? nullptr : __real_dbus_message_new_method_call(destination, path, interface, method);
 }
 
 DBusMessage *__real_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
@@ -88,9 +88,9 @@ struct IssueWatcher : BusClient {
 
 TEST(BusNameTest, GetsNoAnswerWhenItCannotBeRequested) {
     BusError error;
-    messages_are_out = true;
+    out_of_messages = true;
     EXPECT_EQ(bus_own_name(BusConnection(), error), NameAnswer::none);
-    messages_are_out = false;
+    out_of_messages = false;
     EXPECT_FALSE(error.is_set());
 }
 
@@ -111,7 +111,7 @@ class OwnConnectionTest : public testing::Test {
         bus_drop_messages(connection_);
     }
     /// Reads all that the connection accepts, handling nothing; returns the number of signals queued.
-    std::size_t taken_in() {
+    std::size_t queued_signals() {
         for (int i = 0; i < 5000; ++i) {
             dbus_connection_read_write(connection_.get(), 0);
         }
@@ -122,12 +122,12 @@ class OwnConnectionTest : public testing::Test {
         return signals;
     }
     /// Everything that was sent arrives, never more than `most` at once.
-    void expect_taken_in(std::size_t count, std::size_t most) {
+    void expect_read_in_parts(std::size_t count, std::size_t most) {
         ASSERT_NE(client_.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         std::size_t taken = 0;
         while (taken < count && std::chrono::steady_clock::now() < deadline) {
-            const std::size_t at_once = taken_in();
+            const std::size_t at_once = queued_signals();
             EXPECT_LE(at_once, most);
             taken += at_once;
         }
@@ -178,13 +178,13 @@ TEST_F(OwnConnectionTest, NoMoreIsReadThanIsHandledAndNothingIsLost) {
     for (std::size_t i = 0; i < count; ++i) {
         send_text(1000);
     }
-    expect_taken_in(count, 1024 * 1024 / 1000);
+    expect_read_in_parts(count, 1024 * 1024 / 1000);
 }
 
 TEST_F(OwnConnectionTest, AMessageAboveTheBoundIsReadAlone) {
     send_text(3000000);
     send_text(3000000);
-    expect_taken_in(2, 1);
+    expect_read_in_parts(2, 1);
 }
 
 TEST_F(OwnConnectionTest, DescriptorsAreReadOneMessageAtATime) {
@@ -197,7 +197,7 @@ TEST_F(OwnConnectionTest, DescriptorsAreReadOneMessageAtATime) {
         }
         client_.send(message);
     }
-    expect_taken_in(3, 1);
+    expect_read_in_parts(3, 1);
 }
 
 // Nothing is handled during the request, and the answer comes after everything sent before it.

@@ -49,7 +49,7 @@ constexpr std::string_view NAME = "name=";
 constexpr std::string_view HOLD = "hold=";
 
 std::string_view held_thread;
-std::binary_semaphore held_thread_goes{0};
+std::binary_semaphore held_thread_may_continue{0};
 bool held_pauses = false;
 bool no_eventfd = false;
 bool noted_message = false;
@@ -84,7 +84,7 @@ void obey(const std::string &line) {
     } else if (command == "lose-bus") {
         bus_to_end = static_cast<pid_t>(first);
     } else if (command == "go") {
-        held_thread_goes.release();
+        held_thread_may_continue.release();
     } else if (command == "exit") {
         std::exit(1);
     }
@@ -108,7 +108,7 @@ void configure(std::string_view argument) {
 
 void hold(std::string_view thread) {
     if (thread == held_thread) {
-        held_thread_goes.acquire();
+        held_thread_may_continue.acquire();
     }
 }
 
@@ -173,7 +173,7 @@ unsigned __wrap_sleep(unsigned seconds) {
         return __real_sleep(seconds);
     }
     std::fprintf(stderr, "pause %u\n", seconds);
-    held_thread_goes.acquire();
+    held_thread_may_continue.acquire();
     return 0;
 }
 

@@ -19,7 +19,7 @@ std::vector<CapturedTrace> &captured() {
 }
 
 /// The message starts after "function(line) " of the prefix.
-std::string text_behind_prefix(const std::string &line, const char *function, const char *code_line) {
+std::string text_after_prefix(const std::string &line, const char *function, const char *code_line) {
     const std::string place = std::string(function) + "(" + (code_line + std::strlen("CODE_LINE=")) + ") ";
     const std::size_t found = line.find(place);
     return found == std::string::npos ? std::string{} : line.substr(found + place.size());
@@ -48,7 +48,7 @@ extern "C" int sd_journal_print_with_location(int priority, const char *file, co
         text.pop_back();
     }
     const std::lock_guard<std::mutex> hold(guard);
-    captured().push_back({priority, file, line, function, text, text_behind_prefix(text, function, line)});
+    captured().push_back({priority, file, line, function, text, text_after_prefix(text, function, line)});
     errno = ENOTCONN; // the library changes it too
     return 0;
 }

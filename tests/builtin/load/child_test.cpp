@@ -48,7 +48,7 @@ using Kill = std::pair<pid_t, int>;
 
 /// All kills so far.
 std::vector<Kill> kills;
-bool kills_are_carried_out = true;
+bool kills_are_real = true;
 
 bool is_blocked(int signo) {
     sigset_t mask;
@@ -84,7 +84,7 @@ int __real_kill(pid_t pid, int signo) noexcept;
 
 int __wrap_kill(pid_t pid, int signo) noexcept {
     kills.emplace_back(pid, signo);
-    return kills_are_carried_out ? __real_kill(pid, signo) : 0;
+    return kills_are_real ? __real_kill(pid, signo) : 0;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
@@ -854,7 +854,7 @@ TEST_F(LoadChildTest, AHeldChildDiesOfSigtermWithoutTheDaemonsHandler) {
 // kill(0) would hit the daemon's own group, kill(-1) every process, kill(1) init.
 TEST_F(LoadChildTest, CleanupSignalsNothingWithoutAChildOfItsOwn) {
     in_child([&] {
-        kills_are_carried_out = false;
+        kills_are_real = false;
         for (const pid_t pid : {0, 1, -1, -2}) {
             Task task = load_task();
             task.child_pid = pid;

@@ -1,4 +1,4 @@
-// Random samples against a model that looks back at the classes of the samples instead of counting.
+// Random samples against a model that keeps the history of the samples instead of counters.
 
 #include "analyzer.h"
 
@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int ROUNDS = 150;
-constexpr int SAMPLES = 700; // more than two turns of an 8-bit counter
+constexpr int SAMPLES = 700; // an 8-bit counter wraps more than twice
 
 unsigned seed() {
     static const unsigned value = [] {
@@ -41,7 +41,7 @@ class Dice {
     std::mt19937 engine_;
 };
 
-/// The class of a value: the limits that it violates, as seen from a state.
+/// The class of a value: the limits that it violates in a given state.
 int class_of(const Task &task, int state) {
     const bool moved = task_has(&task, TASK_HAS_HYSTERESIS);
     const auto violates = [&](std::uint32_t flag, std::int64_t limit, int side, bool held) {
@@ -60,10 +60,10 @@ int class_of(const Task &task, int state) {
     return violates(TASK_HAS_MAXWARN, task.maxwarn, 1, state >= 1) ? 1 : 0;
 }
 
-/// Whether a sample of class `seen` speaks for a change to class `wanted`.
+/// Whether a sample of class `seen` counts towards a change to class `wanted`.
 bool supports(int seen, int wanted) { return seen == wanted || (wanted % 2 != 0 && seen == 2 * wanted); }
 
-/// How many of the latest samples speak for `wanted`.
+/// How many of the latest samples count towards `wanted`.
 int support_for(const std::vector<int> &classes, int wanted) {
     const auto end = std::find_if(classes.rbegin(), classes.rend(), [&](int seen) { return !supports(seen, wanted); });
     return static_cast<int>(end - classes.rbegin());
@@ -71,11 +71,10 @@ int support_for(const std::vector<int> &classes, int wanted) {
 
 int samples_needed(const Task &task) { return task_has(&task, TASK_HAS_DELAY) ? std::max(task.delay, 1) : 1; }
 
-/// Whether so many samples count as enough, the count being of 8 bits.
+/// Whether an 8-bit count of the samples reaches the delay.
 bool enough(const Task &task, int count) { return !task_has(&task, TASK_HAS_DELAY) || count % 256 >= task.delay; }
 
-/// What the threshold analyzer should do, from the classes seen since the last time that a delay
-/// was reached.
+/// What the threshold analyzer should do, from the classes seen since a delay was last reached.
 class Model {
   public:
     int next(const Task &task, int state) {
@@ -115,7 +114,7 @@ Task random_task(Dice &dice) {
     return task;
 }
 
-/// Stays where it is for a while, then leaps.
+/// Stays constant for a while, then jumps.
 std::int32_t random_value(Dice &dice, const Task &task) {
     constexpr std::int32_t extremes[]{LOWEST, LOWEST + 1, -1, 0, 1, HIGHEST - 1, HIGHEST};
     if (dice.once_in(50)) {

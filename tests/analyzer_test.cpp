@@ -5,7 +5,7 @@
 
 namespace {
 
-TEST(BoolAnalyzer, ActsAfterTheDelayAndGoesOnCounting) {
+TEST(BoolAnalyzer, ActsAfterTheDelayAndKeepsCounting) {
     expect_samples(bool_analyzer, with_delay(sample_task(), 2),
                    {
                        {1, 0, {0, 0, 0, 0, 1}, 0},
@@ -38,7 +38,7 @@ TEST(BoolAnalyzer, IgnoresOtherValuesEntirely) {
     }
 }
 
-TEST(BoolAnalyzer, TouchesItsOwnTwoCountersOnly) {
+TEST(BoolAnalyzer, TouchesOnlyItsOwnTwoCounters) {
     Task task = with_delay(sample_task(), 100);
     preset_counters(task, 7);
     expect_samples(bool_analyzer, task, {{1, 0, {7, 7, 0, 7, 8}, 0}, {0, 0, {7, 7, 1, 7, 0}, 0}});
@@ -72,7 +72,7 @@ TEST(BoolAnalyzer, UsesNeitherLimitsNorLowestFlags) {
                    {{0, 0, {0, 0, 1, 0, 0}, 0}, {1, 2, {0, 0, 0, 0, 1}, 1}, {0, 0, {0, 0, 1, 0, 0}, 1}});
 }
 
-TEST(BoolAnalyzer, LeavesEverythingOnAnInvalidValue) {
+TEST(BoolAnalyzer, ChangesNothingOnAnInvalidValue) {
     Task task = with_delay(sample_task(), 1);
     preset_counters(task, 7);
     task.flags &= ~std::uint32_t{TASK_VALUE_VALID};
@@ -89,7 +89,7 @@ TEST(CommonAnalyzer, EvaluatesAgainstTheThresholds) {
                    });
 }
 
-TEST(Analyzers, DoNothingUnlessTheTaskIsAnalyzableToTheLetter) {
+TEST(Analyzers, DoNothingUnlessAnalyzableIsExactlyOne) {
     for (const TaskOperation operation : {bool_analyzer, threshold_analyzer, common_analyzer}) {
         for (const int analyzable : {0, 2, 255}) {
             Task task = temperature_like();
@@ -105,7 +105,7 @@ TEST(Analyzers, DoNothingUnlessTheTaskIsAnalyzableToTheLetter) {
     }
 }
 
-TEST(Analyzers, LeaveMarksThatNobodyHasTaken) {
+TEST(Analyzers, LeavePendingMarksWithoutAChange) {
     for (const TaskOperation operation : {bool_analyzer, threshold_analyzer, common_analyzer}) {
         Task task = temperature_like();
         task.do_notify = task.do_log = 1;
@@ -116,7 +116,7 @@ TEST(Analyzers, LeaveMarksThatNobodyHasTaken) {
     }
 }
 
-TEST(NullAnalyzer, TakesBackTheMarksAndLeavesTheRest) {
+TEST(NullAnalyzer, ClearsTheMarksAndNothingElse) {
     for (const std::uint32_t valid : {0U, std::uint32_t{TASK_VALUE_VALID}}) {
         for (const int analyzable : {1, 2, 255}) {
             Task task = temperature_like();
@@ -143,7 +143,7 @@ TEST(NullAnalyzer, LeavesTheMarksOfATaskThatIsNotAnalyzable) {
     EXPECT_EQ(int{task.do_log}, 1);
 }
 
-TEST(Analyzer, GivesTheOperationsResultOrMinusOneWithoutOne) {
+TEST(Analyzer, ReturnsTheOperationsResultOrMinusOneWithoutOne) {
     Task task = sample_task();
     EXPECT_EQ(analyzer(&task), -1);
     task.analyze = {[](Task *given) { return given->id; }, "own"};
@@ -152,7 +152,7 @@ TEST(Analyzer, GivesTheOperationsResultOrMinusOneWithoutOne) {
     EXPECT_EQ(analyzer_init(), 0);
 }
 
-/// What each function has traced, in order: "function: text".
+/// All traces in order, as "function: text".
 std::vector<std::string> traces_of(TaskOperation operation, Task task) {
     const CapturedTraces traces;
     operation(&task);
@@ -243,7 +243,7 @@ TEST(AnalyzerTraces, ShowTheMarkOfTheNotifierInBothFields) {
         task.do_notify = 0;
         task.do_log = 1;
         EXPECT_TRUE(traces_of(operation, task).back().ends_with(" -- do_log: N, do_notify: N"));
-        task.do_notify = 2; // only a 1 is a yes
+        task.do_notify = 2; // only 1 counts
         EXPECT_TRUE(traces_of(operation, task).back().ends_with(" -- do_log: N, do_notify: N"));
     }
 }
@@ -275,7 +275,7 @@ TEST(AnalyzerTraces, ComeFromLine90OfTheAnalyzerForThreshold) {
     EXPECT_TRUE(entry.line.ends_with(" analyzer.c: threshold_analyzer(90)  ")) << entry.line;
 }
 
-TEST(AnalyzerTraces, HaveLevel2AtEntryAndLevel3Behind) {
+TEST(AnalyzerTraces, HaveLevel2AtEntryAndLevel3After) {
     for (const TaskOperation operation : {bool_analyzer, threshold_analyzer, NULL_analyzer}) {
         const CapturedTraces traces;
         Task task = traced_task();

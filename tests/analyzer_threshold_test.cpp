@@ -37,7 +37,7 @@ INSTANTIATE_TEST_SUITE_P(FromLowFailure, HysteresisEdge,
                          testing::Values(Edge{-2, -40, -2}, Edge{-2, -35, -2}, Edge{-2, -34, -1}, Edge{-2, -25, -1},
                                          Edge{-2, -24, 0}, Edge{-2, 69, 0}, Edge{-2, 70, 1}, Edge{-2, 79, 1},
                                          Edge{-2, 80, 2}));
-// From -1 only the lower warning limit is: -40 -25 70 80.
+// From -1 only the lower warning limit is 5 higher: -40 -25 70 80.
 INSTANTIATE_TEST_SUITE_P(FromLowWarning, HysteresisEdge,
                          testing::Values(Edge{-1, -40, -2}, Edge{-1, -39, -1}, Edge{-1, -25, -1}, Edge{-1, -24, 0},
                                          Edge{-1, 69, 0}, Edge{-1, 70, 1}, Edge{-1, 79, 1}, Edge{-1, 80, 2}));
@@ -45,7 +45,7 @@ INSTANTIATE_TEST_SUITE_P(FromLowWarning, HysteresisEdge,
 INSTANTIATE_TEST_SUITE_P(FromHighWarning, HysteresisEdge,
                          testing::Values(Edge{1, 80, 2}, Edge{1, 79, 1}, Edge{1, 65, 1}, Edge{1, 64, 0},
                                          Edge{1, -29, 0}, Edge{1, -30, -1}, Edge{1, -39, -1}, Edge{1, -40, -2}));
-// From 2 both upper limits are: -40 -30 65 75.
+// From 2 both upper limits are 5 lower: -40 -30 65 75.
 INSTANTIATE_TEST_SUITE_P(FromHighFailure, HysteresisEdge,
                          testing::Values(Edge{2, 80, 2}, Edge{2, 75, 2}, Edge{2, 74, 1}, Edge{2, 65, 1}, Edge{2, 64, 0},
                                          Edge{2, -29, 0}, Edge{2, -30, -1}, Edge{2, -39, -1}, Edge{2, -40, -2}));
@@ -124,8 +124,8 @@ TEST(ThresholdAnalyzer, CountsARiseAndItsReturn) {
                        {80, 0, {0, 0, 0, 1, 1}, 0}, // a failure counts for the warning too
                        {80, 2, {0, 0, 0, 0, 0}, 1},
                        {80, 2, {0, 0, 0, 1, 1}, 0},
-                       {80, 2, {0, 0, 0, 0, 0}, 0}, // reached again: nothing to mark
-                       {75, 2, {0, 0, 0, 1, 1}, 0}, // 80 - 5 is a failure still
+                       {80, 2, {0, 0, 0, 0, 0}, 0}, // reached again without a change
+                       {75, 2, {0, 0, 0, 1, 1}, 0}, // 80 - 5 is still a failure
                        {74, 1, {0, 0, 0, 0, 0}, 1}, // one less is a warning, the second in a row
                        {65, 1, {0, 0, 0, 1, 0}, 0},
                        {64, 1, {0, 0, 1, 0, 0}, 0},
@@ -148,12 +148,12 @@ TEST(ThresholdAnalyzer, CountsAFallAndItsReturn) {
                        {-24, -1, {0, 0, 1, 0, 0}, 0},
                        {-24, 0, {0, 0, 0, 0, 0}, 1},
                        {-30, 0, {0, 1, 0, 0, 0}, 0},
-                       {-40, 0, {1, 2, 0, 0, 0}, 0}, // only the failure's own counter counts in its row
+                       {-40, 0, {1, 2, 0, 0, 0}, 0}, // the failure row reads only its own counter
                        {-40, -2, {0, 0, 0, 0, 0}, 1},
                    });
 }
 
-TEST(ThresholdAnalyzer, TakesFiveOfTheUsualTemperatureSamples) {
+TEST(ThresholdAnalyzer, NeedsFiveSamplesWithTheUsualTemperatureDelay) {
     expect_samples(threshold_analyzer, with_delay(temperature_like(), 5),
                    {
                        {72, 0, {0, 0, 0, 1, 0}, 0},
@@ -181,7 +181,7 @@ TEST(ThresholdAnalyzer, CountsFailuresTowardsTheWarning) {
                    {
                        {72, 0, {0, 0, 0, 1, 0}, 0},
                        {72, 0, {0, 0, 0, 2, 0}, 0},
-                       {80, 0, {0, 0, 0, 3, 1}, 0}, // the warning's three are not looked at in this row
+                       {80, 0, {0, 0, 0, 3, 1}, 0}, // the failure row does not read the warning's three
                        {72, 1, {0, 0, 0, 0, 0}, 1}, // 4 >= 3
                    });
 }
@@ -223,7 +223,7 @@ TEST(ThresholdAnalyzer, WrapsItsCountersFrom255To0) {
 }
 
 TEST(ThresholdAnalyzer, ResetsTheCountersOfItsRowOnReaching) {
-    // The failure row ends the warning's count with its own.
+    // The failure row also resets the warning's count.
     Task task = with_delay(temperature_like(), 8);
     preset_counters(task, 7);
     expect_samples(threshold_analyzer, task, {{-40, -2, {0, 0, 0, 0, 0}, 1}});
@@ -285,7 +285,7 @@ TEST(ThresholdAnalyzer, LeavesATaskWithoutTheLowestFlagsInItsState) {
     expect_samples(threshold_analyzer, task, {{0, 0, {0, 0, 0, 0, 0}, 1}}); // 7 >= 0
 }
 
-TEST(ThresholdAnalyzer, LeavesEverythingOnAnInvalidValue) {
+TEST(ThresholdAnalyzer, ChangesNothingOnAnInvalidValue) {
     Task task = with_delay(temperature_like(), 1);
     preset_counters(task, 7);
     task.state = -1;

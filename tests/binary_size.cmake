@@ -1,4 +1,4 @@
-# Fails when the stripped PROGRAM has more than MOST bytes.
+# Fails if the stripped PROGRAM has more than MOST bytes.
 set(STRIPPED ${PROGRAM}.stripped)
 execute_process(COMMAND ${STRIP} -o ${STRIPPED} ${PROGRAM} COMMAND_ERROR_IS_FATAL ANY)
 file(SIZE ${STRIPPED} size)

@@ -14,7 +14,7 @@ namespace {
 
 std::vector<std::string> calls;
 
-/// A handler: notes the digit that its argument points to and returns it.
+/// A handler: records the digit that its argument points to and returns it.
 int note(void *argument) {
     const int number = *static_cast<int *>(argument);
     calls.push_back("handler " + std::to_string(number));
@@ -32,7 +32,7 @@ int three = 3;
 
 } // namespace
 
-// In place of the library's own logfile_cleanup.
+// Replaces the library's own logfile_cleanup.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's name
 extern "C" int __wrap__Z15logfile_cleanupv();
 extern "C" int __wrap__Z15logfile_cleanupv() {
@@ -43,7 +43,7 @@ extern "C" int __wrap__Z15logfile_cleanupv() {
 
 namespace {
 
-// Handlers cannot be taken back, so all that adds some runs in a child.
+// Handlers cannot be removed, so every test that adds one runs in a child.
 class CleanupTest : public testing::Test {
   public:
     ~CleanupTest() override { gdata_set_tasks({.first = nullptr, .last = nullptr, .count = 0}); }
@@ -100,7 +100,7 @@ TEST_F(CleanupTest, RunsTheCleanupOfTasksThatAreRunnableAndHaveOne) {
     EXPECT_EQ(calls, (std::vector<std::string>{"task both", "task last", "status log"}));
 }
 
-TEST_F(CleanupTest, GoesThroughHandlersTasksAndStatusLogInThisOrder) {
+TEST_F(CleanupTest, RunsHandlersThenTasksThenTheStatusLog) {
     in_child([] {
         Task task = sample_task();
         task.flags |= TASK_HAS_CLEANUP;
@@ -151,7 +151,7 @@ TEST_F(CleanupTest, AddTracesItsEntryAndItsEnd) {
     });
 }
 
-TEST_F(CleanupTest, AddLeavesNothingBehindWhenMemoryIsOut) {
+TEST_F(CleanupTest, AddLeaksNothingWhenOutOfMemory) {
     in_child([] {
         cleanup_add(note, &one);
         for (const int nth : {1, 2}) { // the node, then its entry

@@ -27,7 +27,7 @@ using Node = std::unique_ptr<DListNode, DeleteNode>;
 
 Node new_node() { return Node(d_list_create()); }
 
-// Made before any test, so the first in the process.
+// Created before any test, so it is the first in the process.
 const Node first_node = new_node();
 
 std::string links(const DListNode *node, const DListNode *prev, const DListNode *next) {
@@ -35,7 +35,7 @@ std::string links(const DListNode *node, const DListNode *prev, const DListNode 
     return "DL_ID: " + id(node) + " P: " + id(prev) + " N: " + id(next);
 }
 
-/// The texts behind the prefix, in order.
+/// The trace texts without prefix, in order.
 std::vector<std::string> texts(const CapturedTraces &traces) {
     std::vector<std::string> result;
     for (const CapturedTrace &trace : traces.all()) {
@@ -95,7 +95,7 @@ TEST(ListCreate, MakesANodeWithoutNeighboursAndData) {
     EXPECT_THAT(traces.texts_of("d_list_create"), testing::SizeIs(1));
 }
 
-TEST(ListCreate, UsesUpNoNumberWhenMemoryIsOut) {
+TEST(ListCreate, UsesNoNumberWhenOutOfMemory) {
     const Node before = new_node();
     {
         const CapturedTraces traces;
@@ -122,7 +122,7 @@ TEST(ListDelete, TracesTheNode) {
     EXPECT_THAT(texts(traces), testing::ElementsAre(expected.data()));
 }
 
-TEST(ListDelete, AcceptsNone) {
+TEST(ListDelete, AcceptsNull) {
     const CapturedTraces traces;
     EXPECT_EQ(d_list_delete(nullptr), 0);
     EXPECT_TRUE(traces.all().empty());
@@ -131,19 +131,19 @@ TEST(ListDelete, AcceptsNone) {
 TEST_F(List, DeletingDoesNotUnlink) {
     const DListNode *deleted = b_.get();
     b_.reset();
-    EXPECT_EQ(a_->next, deleted); // compared, never followed
+    EXPECT_EQ(a_->next, deleted); // only compared, not dereferenced
     EXPECT_EQ(c_->prev, deleted);
 }
 
 TEST(ListDelete, LeavesTheDataAlone) {
-    std::string data = "mine"; // freed twice if the node took it
+    std::string data = "mine"; // freed twice if the node owned it
     Node node = new_node();
     node->data = &data;
     node.reset();
     EXPECT_EQ(data, "mine");
 }
 
-TEST_F(List, AddInsertsDirectlyBehindThePosition) {
+TEST_F(List, AddInsertsDirectlyAfterThePosition) {
     expect_order({&a_, &b_, &c_});
     const Node d = new_node();
     EXPECT_EQ(d_list_add(b_.get(), d.get()), d.get());
@@ -154,7 +154,7 @@ TEST_F(List, AddInsertsDirectlyBehindThePosition) {
     }
 }
 
-TEST_F(List, AddAppendsBehindTheLast) {
+TEST_F(List, AddAppendsAfterTheLast) {
     const Node d = new_node();
     d_list_add(c_.get(), d.get());
     EXPECT_EQ(c_->next, d.get());
@@ -173,7 +173,7 @@ TEST_F(List, AddTracesTheNumbersBeforeLinking) {
     EXPECT_THAT(traces.texts_of("d_list_add"), testing::SizeIs(4));
 }
 
-TEST_F(List, AddOfNoneChangesNothing) {
+TEST_F(List, AddOfNullChangesNothing) {
     const CapturedTraces traces;
     EXPECT_EQ(d_list_add(b_.get(), nullptr), nullptr);
     EXPECT_EQ(d_list_add(nullptr, nullptr), nullptr);
@@ -220,7 +220,7 @@ TEST(ListRemove, ReturnsASingleNodeUnchanged) {
     EXPECT_EQ(node->data, node.get());
 }
 
-TEST(ListRemove, AcceptsNone) {
+TEST(ListRemove, AcceptsNull) {
     const CapturedTraces traces;
     EXPECT_EQ(d_list_remove(nullptr), nullptr);
     EXPECT_TRUE(traces.all().empty());
@@ -297,7 +297,7 @@ TEST(Strsplit, CutsAtBlanksTabsAndLineEnds) {
         {"a b c", 3, {"a", "b", "c"}, false},
         {"a b c", 2, {"a", "b"}, false},
         {"a b c", 1, {"a"}, false},
-        {"a b c", 0, {"a"}, false}, // one token whatever the maximum is
+        {"a b c", 0, {"a"}, false}, // one token whatever the maximum
         {"a b c", -5, {"a"}, false},
         {"a", INT_MIN, {"a"}, false},
         {"", 10, {}, true},
@@ -330,11 +330,11 @@ TEST(Strsplit, LeavesTheRestUnsplit) {
     EXPECT_EQ(text, std::string("a\0b\0c d", 7));
 }
 
-// time_stamp. The program is linked so that time() passes by here.
+// time_stamp. The program is linked with --wrap for time().
 
 namespace {
 
-/// The process lives in this zone while it lives.
+/// Sets the process's time zone while it exists.
 class Zone {
   public:
     explicit Zone(const char *name) { setenv("TZ", name, 1); }
@@ -371,7 +371,7 @@ TEST_F(TimeStamp, FollowsAChangeOfZone) {
     }
 }
 
-TEST_F(TimeStamp, GoesOnAfterTheEndOf32BitTime) {
+TEST_F(TimeStamp, ContinuesAfterTheEndOf32BitTime) {
     const Zone zone("UTC0");
     chosen_time = BEFORE_2038 + 1;
     EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), BEFORE_2038 + 1);
@@ -386,9 +386,9 @@ TEST_F(TimeStamp, NeedsRoomForTheTextAndItsTerminator) {
 }
 
 TEST_F(TimeStamp, FailsWhenThereIsNoLocalTime) {
-    chosen_time = -1; // what a failed clock returns
+    chosen_time = -1; // the result of a failed clock
     EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), -1);
-    chosen_time = INT64_MAX; // no calendar holds the year
+    chosen_time = INT64_MAX; // the year does not fit
     EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), -1);
 }
 
@@ -409,7 +409,7 @@ std::string dumped(const std::string &bytes) {
     return testing::internal::GetCapturedStderr();
 }
 
-/// The beginning of the line of the byte at `offset`.
+/// The start of the line for the byte at `offset`.
 std::string address(const std::string &bytes, std::size_t offset) {
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), "0x%08lX: ", reinterpret_cast<unsigned long>(bytes.data() + offset));

@@ -1,4 +1,4 @@
-// The service as its clients meet it: the real threads, a real bus.
+// The service as its clients see it: the real threads, a real bus.
 
 #include "dbus-srv.h"
 
@@ -30,12 +30,12 @@ constexpr const char *PATH = "/com/corvana/Monitoring1";
 constexpr const char *ISSUES = "com.corvana.State2.Issues";
 constexpr const char *INTROSPECTABLE = "org.freedesktop.DBus.Introspectable";
 constexpr const char *NETWORK = "com.corvana.Config1.Network";
-constexpr std::int64_t LONG_AGO = 1; // a pass that began then announces every change since
+constexpr std::int64_t LONG_AGO = 1; // a pass that began then announces every later change
 
-/// How many threads may still be created; negative is any number, and none is really created.
+/// How many threads may still be created; negative: any number. None is really created.
 int threads_left = -1;
 std::vector<sigset_t> masks_at_creation;
-std::vector<std::int64_t> dates_at_creation; ///< of the first issue
+std::vector<std::int64_t> dates_at_creation; ///< the first issue's date at each creation
 
 } // namespace
 
@@ -54,7 +54,7 @@ extern "C" int __wrap_pthread_create(pthread_t * /*thread*/, const pthread_attr_
 
 namespace {
 
-TEST(BusInitTest, ThreadsAreCreatedWhileAllSignalsOfTheDaemonAreHeld) {
+TEST(BusInitTest, ThreadsAreCreatedWithAllSignalsOfTheDaemonBlocked) {
     sigset_t before;
     sigset_t after;
     pthread_sigmask(SIG_BLOCK, nullptr, &before);
@@ -71,7 +71,7 @@ TEST(BusInitTest, ThreadsAreCreatedWhileAllSignalsOfTheDaemonAreHeld) {
     }
 }
 
-TEST(BusInitTest, ThreadsAreCreatedWhenTheIssuesAreDated) {
+TEST(BusInitTest, ThreadsAreCreatedAfterTheIssuesAreDated) {
     constexpr std::int64_t undated = -1;
     for (Issue &issue : issue_registry) {
         issue.changed = undated;
@@ -81,7 +81,7 @@ TEST(BusInitTest, ThreadsAreCreatedWhenTheIssuesAreDated) {
     EXPECT_THAT(dates_at_creation, ElementsAre(testing::Gt(undated), testing::Gt(undated)));
 }
 
-TEST(BusInitTest, EitherThreadThatCannotBeCreatedIsTheListenerInTheTraces) {
+TEST(BusInitTest, EitherFailedThreadIsTracedAsTheListener) {
     for (const int created : {0, 1}) {
         const CapturedTraces traces;
         threads_left = created;
@@ -142,7 +142,7 @@ TEST_F(BusServiceTest, RaisedIssuesAreListedInRowOrder) {
     EXPECT_TRUE(found);
 }
 
-TEST_F(BusServiceTest, InterfaceAndPathOfACallAreNotLookedAt) {
+TEST_F(BusServiceTest, InterfaceAndPathOfACallAreIgnored) {
     EXPECT_TRUE(is_return(client_.call(method_call("/some/where", ISSUES, "GetListing"))));
     EXPECT_TRUE(is_return(client_.call(method_call(PATH, nullptr, "GetListing"))));
     EXPECT_EQ(text_of(client_.call(method_call("/", nullptr, "Introspect"))), "<node>\n</node>\n");
@@ -157,7 +157,7 @@ TEST_F(BusServiceTest, SwitchesAndMalformedCallsAreAnswered) {
     EXPECT_EQ(text_of(client_.call(switch_call(oversized.c_str(), TRUE))), "accepted");
 }
 
-/// Calls are answered in order: what has no answer before the one of a later call has none.
+/// Calls are answered in order: a call without a reply before that of a later call gets none.
 void expect_no_answer(BusClient &client, const std::vector<dbus_uint32_t> &serials) {
     const dbus_uint32_t last = client.send(listing_call());
     const BusMessage first_answer = client.wait_for([&](DBusMessage *message) {
@@ -178,7 +178,7 @@ TEST_F(BusServiceTest, CallsThatWantNoReplyGetNone) {
     expect_no_answer(client_, serials);
 }
 
-TEST_F(BusServiceTest, CallsOfNothingItKnowsStayUnanswered) {
+TEST_F(BusServiceTest, UnknownCallsGetNoReply) {
     std::vector<dbus_uint32_t> unanswered;
     for (const auto &[interface, member] : std::vector<std::pair<const char *, const char *>>{
              {ISSUES, "NoSuchMethod"}, {"no.such.interface", "GetListing"}, {DBUS_INTERFACE_PEER, "Ping"}}) {
@@ -190,7 +190,7 @@ TEST_F(BusServiceTest, CallsOfNothingItKnowsStayUnanswered) {
 TEST_F(BusServiceTest, SignalsComeFromTheOwnerOfTheNameNewBeforeCleared) {
     client_.watch(std::string("type='signal',sender='") + SERVICE_NAME + "'");
     daemon_.obey("update 5 1");
-    daemon_.obey("send " + std::to_string(LONG_AGO)); // announces CB05, and the others as cleared
+    daemon_.obey("send " + std::to_string(LONG_AGO)); // announces CB05 as new and the others as cleared
     const auto is_issue_signal = [](DBusMessage *message) {
         return dbus_message_get_interface(message) != nullptr &&
                std::string(dbus_message_get_interface(message)) == ISSUES;
@@ -217,13 +217,13 @@ TEST_F(BusServiceTest, AHundredCallsTogetherAreAnsweredWhileSignalsAreSent) {
         ASSERT_TRUE(is_return(client_.wait_for(
             [serial](DBusMessage *message) { return dbus_message_get_reply_serial(message) == serial; })));
     }
-    for (int signal = 0; signal < 100; ++signal) { // each second pass raises
+    for (int signal = 0; signal < 100; ++signal) { // every second pass raises
         ASSERT_NE(client_.wait_for_signal("NewIssues"), nullptr);
     }
 }
 
 TEST_F(BusServiceTest, NoCallIsLostToASenderThatReadsItIn) {
-    daemon_.tell("flood 20000"); // which changes the registry, too, that the calls read and write
+    daemon_.tell("flood 20000"); // also changes the registry that the calls read and write
     for (int i = 0; i < 1000; ++i) {
         ASSERT_TRUE(is_return(client_.call(i % 2 == 0 ? listing_call() : switch_call("WiFi", i % 4 == 1)))) << i;
     }
@@ -245,7 +245,7 @@ TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {
     [[maybe_unused]] const long memory = memory_of(pid);
     call_all(2500);
     EXPECT_EQ(descriptors_of(pid), descriptors);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they keep what was freed
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // sanitizers keep freed memory
     EXPECT_LT(memory_of(pid) - memory, 64);                         // pages; one leaked reply a call were thousands
 #endif
 }
@@ -258,11 +258,11 @@ TEST_F(BusServiceTest, DescriptorsThatAClientPassesAreClosed) {
         ASSERT_NE(dbus_message_append_args(call.get(), DBUS_TYPE_UNIX_FD, &passed, DBUS_TYPE_INVALID), 0U);
         ASSERT_TRUE(is_return(client_.call(call)));
     }
-    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the one before has been let go by now
+    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the previous message has been released by now
     EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
 }
 
-// The bus of a system passes on 16 with a message, unless it is told otherwise.
+// A system bus accepts 16 per message by default.
 TEST_F(BusServiceTest, NoNumberOfDescriptorsCostsTheConnection) {
     constexpr int most = 253; // the kernel's limit
     dbus_connection_set_max_message_unix_fds(client_.connection(), most);
@@ -275,7 +275,7 @@ TEST_F(BusServiceTest, NoNumberOfDescriptorsCostsTheConnection) {
     EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
 }
 
-// Nearly all that the bus of a system passes on: 32 MiB.
+// Close to the limit of a system bus: 32 MiB.
 TEST_F(BusServiceTest, LargeMessagesAreAnsweredAndLeaveNoMemoryBehind) {
     ASSERT_TRUE(is_return(client_.call(listing_call())));
     [[maybe_unused]] const long memory = memory_of(daemon_.process().pid());
@@ -283,14 +283,14 @@ TEST_F(BusServiceTest, LargeMessagesAreAnsweredAndLeaveNoMemoryBehind) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(text_of(client_.call(switch_call(oversized.c_str(), TRUE))), "accepted");
     }
-    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the one before has been released by now
+    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the previous message has been released by now
     EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they keep what was freed
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // sanitizers keep freed memory
     EXPECT_LT(memory_of(daemon_.process().pid()) - memory, 256);    // pages; each message has 8,000
 #endif
 }
 
-TEST_F(BusServiceTest, NobodyCanTakeTheNameAway) {
+TEST_F(BusServiceTest, NobodyCanTakeOverTheName) {
     EXPECT_EQ(number_of(client_.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_REPLACE_EXISTING)),
               static_cast<dbus_uint32_t>(DBUS_REQUEST_NAME_REPLY_IN_QUEUE));
     EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
@@ -312,7 +312,7 @@ TEST_F(BusServiceTest, BusThreadsSeeNoneOfTheSignals) {
         }
         holding += missing == 0 ? 1 : 0;
     }
-    EXPECT_GE(holding, 2); // a sanitizer may have a thread of its own that holds them too
+    EXPECT_GE(holding, 2); // a sanitizer's own thread may block them too
 }
 
 TEST(BusStartTest, RequestsTheNameWithTheReplaceFlagOnly) {
@@ -327,7 +327,7 @@ TEST(BusStartTest, RequestsTheNameWithTheReplaceFlagOnly) {
     EXPECT_EQ(body_bytes(request.get()), wire(19) + wire(std::string(SERVICE_NAME)).substr(4) + wire(2));
 }
 
-/// The texts of one thread's own traces so far, in order.
+/// The texts of one thread's traces so far, in order.
 std::vector<std::string> texts_of(BusDaemon &daemon, const std::string &thread) {
     const std::string place = "dbus-srv.c: " + thread + "(";
     std::vector<std::string> texts;
@@ -349,10 +349,10 @@ TEST(BusStartTest, TracesItsStart) {
     std::vector<std::string> texts = texts_of(daemon, "d_bus_srv_main");
     const auto answered = std::find(texts.begin(), texts.end(), "call method: GetListing");
     texts.erase(answered == texts.end() ? answered : answered + 1, texts.end());
-    // A wait that brings nothing is followed by another.
+    // A wait without a message is followed by another.
     const auto repeated = std::unique(texts.begin(), texts.end());
     texts.erase(repeated, texts.end());
-    // The bus greets the new owner with two notices; each message is waited for.
+    // The bus sends the new owner two notices; there is one wait for each message.
     EXPECT_THAT(texts, ElementsAre(" ", "DBUS_GET", "DBUS_REQUEST", "WHILE",                              //
                                    "wait for request", "check request", "unknown request - type: signal", //
                                    "wait for request", "check request", "unknown request - type: signal", //
@@ -373,10 +373,10 @@ TEST(BusStartTest, TheSenderTracesWhatItSends) {
     }
     EXPECT_THAT(texts_of(daemon, "d_bus_srv_msg_sender"),
                 ElementsAre(" ", "DBUS_GET", "SEND", "FLUSH", "DONE", "SEND", "FLUSH", "DONE"));
-    EXPECT_THAT(texts_of(daemon, "d_bus_srv_init_signals"), ElementsAre(" ", " ")); // each thread's
+    EXPECT_THAT(texts_of(daemon, "d_bus_srv_init_signals"), ElementsAre(" ", " ")); // one from each thread
 }
 
-TEST(BusStartTest, WhatIsNotKnownIsTracedWithItsType) {
+TEST(BusStartTest, UnknownMessagesAreTracedWithTheirType) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr);
@@ -387,7 +387,7 @@ TEST(BusStartTest, WhatIsNotKnownIsTracedWithItsType) {
     EXPECT_THAT(texts_of(daemon, "d_bus_srv_main"), testing::Contains("unknown request - type: method_call"));
 }
 
-TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
+TEST(BusStartTest, ASecondInstanceEndsOnlyItsListener) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon first(bus, Traces::to_stderr);
@@ -402,11 +402,10 @@ TEST(BusStartTest, ASecondInstanceEndsItsListenerAndNoMore) {
     EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr);
 }
 
-/// How often the daemon waits for messages while it answers fifty calls; with nothing else to do it is
-/// once a message.
+/// How often the daemon waits for messages while it answers fifty calls; with nothing else to do, once per message.
 void expect_waits_at_most(std::size_t others, const std::string &argument) {
     constexpr std::size_t calls = 50;
-    constexpr std::size_t notices = 2; // with which the bus greets the new owner
+    constexpr std::size_t notices = 2; // that the bus sends the new owner
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr, argument);
@@ -423,7 +422,7 @@ void expect_waits_at_most(std::size_t others, const std::string &argument) {
 
 TEST(BusStartTest, ACallIsOneWait) { expect_waits_at_most(1, ""); }
 
-// It comes in hundreds of parts.
+// It arrives in hundreds of parts.
 TEST(BusStartTest, ALargeCallIsOneWaitToo) {
     PrivateBus bus;
     BusClient client(bus);
@@ -432,15 +431,15 @@ TEST(BusStartTest, ALargeCallIsOneWaitToo) {
     const std::string oversized(1000000, 'x');
     ASSERT_EQ(text_of(client.call(switch_call(oversized.c_str(), TRUE))), "accepted");
     ASSERT_TRUE(daemon.traced("call method: ChangeInterfaceAvailability"));
-    EXPECT_LE(daemon.count_traces("wait for request"), 10U); // five, if the bus's notices come one by one
+    EXPECT_LE(daemon.count_traces("wait for request"), 10U); // five if the bus's notices arrive one by one
 }
 
-TEST(BusStartTest, ANoteOfTheSendersIsTakenOnce) { expect_waits_at_most(2, "noted-message"); }
+TEST(BusStartTest, ANoteOfTheSenderIsConsumedOnce) { expect_waits_at_most(2, "noted-message"); }
 
-/// What became of the messages that a daemon has got, from its traces so far.
+/// What the daemon did with its messages, from its traces so far.
 struct Fate {
     long served = 0;
-    long changes = 0; ///< of the served
+    long changes = 0; ///< calls among those served that change the registry
     long dropped = 0;
 };
 
@@ -457,7 +456,7 @@ Fate fate_of_messages(BusDaemon &daemon) {
     return fate;
 }
 
-TEST(BusFloodTest, WhatAsksForNothingIsDroppedAndCountedBeyondAThousandASecond) {
+TEST(BusFloodTest, NonCallsBeyondAThousandASecondAreDroppedAndCounted) {
     constexpr long flood = 20000;
     constexpr long changes = flood / 10;
     PrivateBus bus;
@@ -467,7 +466,7 @@ TEST(BusFloodTest, WhatAsksForNothingIsDroppedAndCountedBeyondAThousandASecond) 
     const BusMessage calls[]{listing_call(), method_call("/", INTROSPECTABLE, "Introspect"),
                              method_call("/", ISSUES, "Unknown"), BusMessage(dbus_message_new_signal("/", "a.b", "C"))};
     dbus_message_set_destination(calls[3].get(), owner.c_str());
-    const BusMessage change = switch_call("LAN", TRUE); // this does ask for something
+    const BusMessage change = switch_call("LAN", TRUE); // a call, which is not dropped
     dbus_message_set_no_reply(change.get(), TRUE);
     for (long i = 0; i < flood; ++i) {
         dbus_message_set_no_reply(calls[i % 4].get(), TRUE);
@@ -479,7 +478,7 @@ TEST(BusFloodTest, WhatAsksForNothingIsDroppedAndCountedBeyondAThousandASecond) 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     Fate fate;
     long others = changes;
-    do { // the last number is told a second later, with the next message
+    do { // the last number is reported a second later, with the next message
         ASSERT_TRUE(is_return(client.call(listing_call())));
         ++others;
         fate = fate_of_messages(daemon);
@@ -519,7 +518,7 @@ TEST(BusStartTest, ANameThatSomebodyKeepsEndsTheListenerAndIsNotQueuedFor) {
     ASSERT_EQ(number_of(owner.ask_bus("ReleaseName", SERVICE_NAME)), 1U);
     EXPECT_EQ(dbus_message_get_type(owner.ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR);
 
-    owner.watch("type='signal',member='NewIssues'"); // the sender works on
+    owner.watch("type='signal',member='NewIssues'"); // the sender still works
     daemon.obey("update 5 1");
     daemon.obey("send " + std::to_string(LONG_AGO));
     EXPECT_NE(owner.wait_for_signal("NewIssues"), nullptr);
@@ -537,7 +536,7 @@ TEST(BusStartTest, ANameThatIsGrantedTooLateIsReleasedAndRequestedAgain) {
     daemon.obey("update 5 1");
     daemon.obey("send 1");
     ASSERT_TRUE(daemon.traced("dbus_bus_request_name() failed"));
-    // The library's own time, 25 s: a bus is slow when a system starts.
+    // The library's default timeout, 25 s: a bus is slow while a system boots.
     EXPECT_TRUE(daemon.find_trace("d_bus_srv_main", " Connection Error (none within -1 ms)"));
     for (const char *member : {"RequestName", "ReleaseName", "RequestName"}) {
         const BusMessage asked = monitor.wait_for([](DBusMessage *message) {
@@ -548,7 +547,7 @@ TEST(BusStartTest, ANameThatIsGrantedTooLateIsReleasedAndRequestedAgain) {
         EXPECT_STREQ(dbus_message_get_member(asked.get()), member);
     }
     EXPECT_TRUE(daemon.traced("WHILE"));
-    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr) << "what was queued before";
+    EXPECT_NE(client.wait_for_signal("NewIssues"), nullptr) << "queued earlier";
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_return(client.call(listing_call())));
     EXPECT_EQ(daemon.count_traces("has ended"), 0U);
@@ -575,7 +574,7 @@ TEST(BusStartTest, ANameThatMayBeReplacedIsTaken) {
     EXPECT_TRUE(is_return(owner.call(listing_call())));
 }
 
-TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
+TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonContinues) {
     PrivateBus bus;
     bus.remove();
     BusDaemon daemon(bus, Traces::to_stderr);
@@ -587,7 +586,7 @@ TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
         const std::optional<std::size_t> line = daemon.find_trace(thread, " Connection Error (");
         ASSERT_TRUE(line && traces.wait_for("", *line + 1)) << thread;
         EXPECT_TRUE(traces.lines()[*line].starts_with("(3) ")) << thread;
-        EXPECT_EQ(traces.lines()[*line + 1], "") << thread; // the text ends in a line end of its own
+        EXPECT_EQ(traces.lines()[*line + 1], "") << thread; // the text ends with its own line feed
     }
     EXPECT_TRUE(daemon.traced("the sender has ended with -1"));
     for (int pass = 0; pass < 100; ++pass) {
@@ -598,7 +597,7 @@ TEST(BusStartTest, WithoutABusBothThreadsEndAndTheDaemonWorksOn) {
     EXPECT_EQ(daemon.process().wait(), 1);
 }
 
-TEST(BusStartTest, WithoutAnEventDescriptorItServesAllTheSame) {
+TEST(BusStartTest, WithoutAnEventDescriptorItStillServes) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr, "no-eventfd");
@@ -618,7 +617,7 @@ TEST(BusStartTest, WithoutAnEventDescriptorNoCallIsLostToTheSenderEither) {
     }
 }
 
-TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {
+TEST(BusSendTest, AFailedSendLosesOnlyThatSignal) {
     PrivateBus bus;
     BusClient client(bus);
     BusDaemon daemon(bus, Traces::to_stderr);
@@ -639,14 +638,14 @@ TEST(BusSendTest, AFailedSendLosesThatSignalAndNoOther) {
         EXPECT_EQ(dbus_message_get_member(signal.get()), member);
         EXPECT_EQ(body_bytes(signal.get()).substr(0, 4), wire(pass));
     };
-    // Of that pass the NewIssues is lost and the ClearedIssues is not, nor does it wait for the next pass.
+    // That pass loses only NewIssues; its ClearedIssues is sent without waiting for the next pass.
     expect_next("ClearedIssues", 2);
     daemon.obey("send 3");
     expect_next("NewIssues", 3);
     expect_next("ClearedIssues", 3);
 }
 
-/// The name of the error that a call gets; empty when it is a return.
+/// The name of the error that a call gets; empty for a return.
 std::string refusal(BusClient &client, const BusMessage &call) {
     const BusMessage reply = client.call(call);
     const char *const name = reply ? dbus_message_get_error_name(reply.get()) : "no answer";
@@ -671,7 +670,7 @@ TEST(BusPolicyTest, NoCallMayCarryADescriptor) {
 TEST(BusExitTest, TheProcessEndsWithItsStatusWhateverTheThreadsDo) {
     PrivateBus bus;
     for (int run = 0; run < 50; ++run) {
-        // On a busy machine the bus may not have noticed yet that the process before has ended.
+        // On a busy machine the bus may not have noticed the end of the previous process yet.
         const std::string name = "com.corvana.run" + std::to_string(run);
         BusDaemon daemon(bus, Traces::none, "name=" + name);
         if (run % 3 == 1) { // while they wait

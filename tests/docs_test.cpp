@@ -1,4 +1,4 @@
-// What the documents say about the program, held against the program.
+// Checks what the documents say about the program.
 
 #include "bus_daemon.h"
 #include "dbus-srv/issues.h"
@@ -42,7 +42,7 @@ Cells cells_of(const std::string &line) {
     return cells;
 }
 
-/// The rows of the catalogue under their labels.
+/// The rows of the catalogue by label.
 std::map<std::string, std::vector<Cells>> catalogue() {
     std::map<std::string, std::vector<Cells>> rows;
     std::istringstream text(integrators());
@@ -82,7 +82,7 @@ std::string failure_of(const Task *task) {
                          : limits(task, ">= ", task->maxfail, TASK_HAS_MAXFAIL, "<= ", task->minfail, TASK_HAS_MINFAIL);
 }
 
-/// Where both states end: the limit that is nearer to the good values, moved by the hysteresis.
+/// Where both states end: the limit nearer to the good values, moved by the hysteresis.
 std::string good_of(const Task *task) {
     const bool warns = task_has(task, TASK_HAS_MAXWARN);
     return is_bool(task) ? "0"
@@ -91,7 +91,7 @@ std::string good_of(const Task *task) {
                                   TASK_HAS_MINWARN);
 }
 
-/// The change may come just before a sample or just after it.
+/// The change may happen just before or just after a sample.
 std::string delay_of(const Task *task) {
     const std::int32_t shortest = (task->delay - 1) * task->interval;
     const std::int32_t longest = task->delay * task->interval;
@@ -197,7 +197,7 @@ TEST(Example, WatchesTheIssues) {
     EXPECT_TRUE(example.output().wait_for("1 ClearedIssues CB07"));
 }
 
-TEST(Example, BeginsAnewWithTheDaemon) {
+TEST(Example, StartsOverWithTheDaemon) {
     const PrivateBus bus;
     std::optional<BusDaemon> daemon(bus);
     BusClient(bus).wait_for_owner("com.corvana.vigmond");

@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(Executer, GivesTheProbesResult) {
+TEST(Executer, ReturnsTheProbesResult) {
     Task task = sample_task();
     task.exec = [](Task *given) {
         given->value = 7;
@@ -18,7 +18,7 @@ TEST(Executer, GivesTheProbesResult) {
     EXPECT_EQ(task.value, 7);
 }
 
-TEST(Executer, GivesMinusOneWithoutAProbe) {
+TEST(Executer, ReturnsMinusOneWithoutAProbe) {
     Task task = sample_task();
     EXPECT_EQ(executer(&task), -1);
 }

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 
-/// Leaves the settings as it found them.
+/// Restores the settings.
 class GdataTest : public testing::Test {
   public:
     ~GdataTest() override { gdata_record() = saved_; }
@@ -60,7 +60,7 @@ struct NumberSetting {
     const char *name;
     std::int32_t (*set)(std::int32_t);
     std::int32_t (*get)();
-    const char *trace; ///< in front of the number
+    const char *trace; ///< before the number
     std::vector<std::pair<std::int32_t, std::int32_t>> given_and_stored;
 };
 
@@ -151,7 +151,7 @@ TEST_F(GdataTest, GettersTraceTheirEntry) {
     }
 }
 
-TEST_F(GdataTest, ServesTheListItWasHanded) {
+TEST_F(GdataTest, ReturnsTheListItWasGiven) {
     Task task = sample_task();
     gdata_set_tasks({.first = &task, .last = &task, .count = 1});
     EXPECT_EQ(gdata_get_task_head(), &task);
@@ -200,14 +200,14 @@ TEST_F(GdataTest, SetLogfileDoesNotWaitForTheReaderOfAPipe) {
     EXPECT_EQ(errno, ENXIO);
 }
 
-// Its close would free the lock that the daemon holds, under whatever name it was opened.
+// Closing it, under any name, would release the daemon's lock.
 TEST_F(GdataTest, SetLogfileRefusesTheLockFileOfItsFolder) {
     const WorkingFolder here(folder.path());
     std::filesystem::create_directory("sub");
     for (const char *name : {".lock", "./.lock", "sub/.lock", "sub//.lock", "sub/./.lock", "sub/../.lock"}) {
         EXPECT_STREQ(gdata_set_logfile(name), BUILT_IN_LOGFILE) << name;
         EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(std::filesystem::exists(name)) << name << " was made";
+        EXPECT_FALSE(std::filesystem::exists(name)) << name << " was created";
     }
     folder.write("sub/.lock", "1\n");
     std::filesystem::create_symlink(".lock", "sub/symlink");
@@ -221,7 +221,7 @@ TEST_F(GdataTest, SetLogfileRefusesTheLockFileOfItsFolder) {
     }
 }
 
-TEST_F(GdataTest, SetLogfileFollowsALinkButMakesNothingAtItsEnd) {
+TEST_F(GdataTest, SetLogfileFollowsALinkButCreatesNoTarget) {
     const std::string link = folder / "link";
     std::filesystem::create_symlink(folder / "elsewhere", link);
     EXPECT_STREQ(gdata_set_logfile(link.c_str()), BUILT_IN_LOGFILE);
@@ -231,7 +231,7 @@ TEST_F(GdataTest, SetLogfileFollowsALinkButMakesNothingAtItsEnd) {
     EXPECT_EQ(gdata_set_logfile(link.c_str()), link);
 }
 
-TEST_F(GdataTest, SetLogfileTakesThePathInForce) {
+TEST_F(GdataTest, SetLogfileAcceptsTheCurrentPath) {
     const std::string path = folder / "log";
     gdata_set_logfile(path.c_str());
     EXPECT_EQ(gdata_set_logfile(gdata_get_logfile()), path);
@@ -247,7 +247,7 @@ TEST_F(GdataTest, RepeatedSetLogfileReplacesItsOwnTextAndNeverTheBuiltInOne) {
     EXPECT_STREQ(built_in, BUILT_IN_LOGFILE);
 }
 
-TEST_F(GdataTest, SetLogfileKeepsTheOldPathWhenMemoryIsOut) {
+TEST_F(GdataTest, SetLogfileKeepsTheOldPathWhenOutOfMemory) {
     const std::string old = folder / "log";
     const std::string path = folder / "other";
     gdata_set_logfile(old.c_str());
@@ -269,7 +269,7 @@ TEST_F(GdataTest, SetLogfileLeavesNoDescriptorOpen) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-/// Leaves no command line behind.
+/// Removes the command line.
 class CommandLineTest : public testing::Test {
   public:
     ~CommandLineTest() override {
@@ -305,7 +305,7 @@ TEST_F(CommandLineTest, EscapesNothing) {
 
 TEST_F(CommandLineTest, WithoutArgumentsIsEmpty) { EXPECT_STREQ(set_commandline({}), ""); }
 
-TEST_F(CommandLineTest, TakesLongArgumentsWhole) {
+TEST_F(CommandLineTest, KeepsLongArgumentsWhole) {
     const std::string argument(5000, 'x');
     EXPECT_EQ(set_commandline({"v", argument, argument}), "v \"" + argument + "\" \"" + argument + "\"");
 }
@@ -318,7 +318,7 @@ TEST_F(CommandLineTest, IsTraced) {
     EXPECT_EQ(traces.all().front().line.substr(0, 4), "(3) ");
 }
 
-TEST_F(CommandLineTest, IsLostWhenMemoryIsOut) {
+TEST_F(CommandLineTest, IsLostWhenOutOfMemory) {
     set_commandline({"vigmond", "-D"});
     const CapturedTraces traces;
     {
@@ -331,7 +331,7 @@ TEST_F(CommandLineTest, IsLostWhenMemoryIsOut) {
     EXPECT_STREQ(set_commandline({"vigmond"}), "vigmond");
 }
 
-TEST(Task, FieldsStandInTheEstablishedOrder) {
+TEST(Task, FieldsAreInTheEstablishedOrder) {
     const std::array offsets{offsetof(Task, next),
                              offsetof(Task, prev),
                              offsetof(Task, flags),
@@ -407,7 +407,7 @@ TEST(Task, FlagsHaveTheirEstablishedBits) {
     }
 }
 
-TEST(Task, HasAsksForAllBitsOfTheMask) {
+TEST(Task, HasChecksAllBitsOfTheMask) {
     Task task{};
     task.flags = TASK_RUNNABLE | TASK_HAS_ID;
     EXPECT_TRUE(task_has(&task, TASK_RUNNABLE));

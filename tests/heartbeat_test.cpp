@@ -1,4 +1,4 @@
-// What a steady heartbeat of the whole table of checks leaves behind and takes: nothing of our own.
+// A steady heartbeat with the whole table of checks: our own code allocates and leaks nothing.
 
 #include "captured_traces.h"
 #include "fake_systemd.h"
@@ -19,9 +19,9 @@
 
 namespace {
 
-constexpr std::int64_t HOUR = 3600; // after it all tasks are due
+constexpr std::int64_t HOUR = 3600; // all tasks are due again after it
 
-/// The daemon behind its start, without the bus service.
+/// The daemon after its start, without the bus service.
 void start_daemon(const PrivateBus &bus, const std::string &logfile) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
     gdata_set_tasks(builtin_tasks());
@@ -36,17 +36,17 @@ void start_daemon(const PrivateBus &bus, const std::string &logfile) {
     }
 }
 
-/// Heartbeats in which all tasks are due, without a memory of their traces.
+/// Heartbeats in which all tasks are due; their traces are not kept.
 void live(int count) {
-    static std::int64_t now = std::time(nullptr); // not before it: issues are stamped with the real time
+    static std::int64_t now = std::time(nullptr); // the real time, with which issues are stamped
     for (int i = 0; i < count; ++i) {
         const CapturedTraces forget_those_before;
         scheduler_pass(now += HOUR);
     }
 }
 
-TEST(SteadyHeartbeat, AllocatesNothingOfItsOwnAndKeepsNothing) {
-    in_child([] { // the modules keep their lists
+TEST(SteadyHeartbeat, AllocatesNothingOfItsOwnAndLeaksNothing) {
+    in_child([] { // the modules keep their state
         const PrivateBus bus;
         FakeSystemd systemd(bus);
         for (const char *unit : {"nginx_2eservice", "ocppd_2eservice"}) {

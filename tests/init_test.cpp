@@ -15,7 +15,7 @@
 namespace {
 
 std::vector<std::string> calls;
-std::string raise_in; ///< the module during whose initialisation SIGUSR1 comes
+std::string raise_in; ///< the module whose initialisation raises SIGUSR1
 
 int record(const char *what) {
     calls.emplace_back(what);
@@ -31,7 +31,7 @@ int init_third(Task * /*task*/) { return record("third"); }
 
 } // namespace
 
-// In place of the modules' own init operations.
+// Replace the modules' own init operations.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __wrap__Z13analyzer_initv();

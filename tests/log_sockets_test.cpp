@@ -21,12 +21,12 @@ namespace {
 
 constinit std::time_t uptime = 1000;
 
-/// Each test begins and ends without a pause.
-struct Pauses : testing::Test {
-    ~Pauses() override { log_sockets_resume(); }
+/// Each test starts and ends without a pause.
+struct JournalPauses : testing::Test {
+    ~JournalPauses() override { log_sockets_resume(); }
 };
 
-/// Two ends of a socket, one of which is full.
+/// A socket pair with one end full.
 struct FullPair {
     explicit FullPair(int type) {
         std::array<int, 2> ends{};
@@ -40,7 +40,7 @@ struct FullPair {
     Descriptor reader;
 };
 
-/// How long a call may wait for room, in microseconds; 0: for ever.
+/// The send timeout in microseconds; 0: none.
 long longest_wait_of(int fd) {
     timeval longest{};
     socklen_t size = sizeof longest;
@@ -54,10 +54,10 @@ sockaddr_un address_of(const std::string &path) {
     return address;
 }
 
-constinit const char *syslog_path = nullptr; ///< what stands in for /dev/log
+constinit const char *syslog_path = nullptr; ///< replaces /dev/log
 
-/// A socket of syslog that nobody reads.
-struct Syslog : Pauses {
+/// A syslog socket that nobody reads.
+struct Syslog : JournalPauses {
     Syslog() {
         const sockaddr_un address = address_of(path);
         EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
@@ -102,7 +102,7 @@ extern "C" int __wrap___clock_gettime64(clockid_t clock, std::timespec *result) 
     return __wrap_clock_gettime(clock, result);
 }
 
-TEST(JournalOpening, BoundsTheWaitsOfTheSocketThatIsOpenedMeanwhile) {
+TEST(JournalOpening, BoundsTheWaitsOfTheSocketThatTheLibraryOpens) {
     std::optional<FullPair> pair;
     {
         const JournalOpening opening;
@@ -113,7 +113,7 @@ TEST(JournalOpening, BoundsTheWaitsOfTheSocketThatIsOpenedMeanwhile) {
     EXPECT_EQ(errno, EAGAIN);
 }
 
-// The library sends a line that is refused once more. Each wait is rounded up to the kernel's ticks.
+// The library sends a refused line once more. Each wait is rounded up to the kernel's ticks.
 TEST(JournalOpening, MakesTwoWaitsLessThanATenthOfASecond) {
     std::optional<FullPair> pair;
     {
@@ -142,7 +142,7 @@ TEST(JournalOpening, LeavesInheritedSocketsAlone) {
     });
 }
 
-TEST(JournalOpening, LeavesAnythingButADatagramSocketAlone) {
+TEST(JournalOpening, LeavesOtherSocketsThanDatagramAlone) {
     std::optional<FullPair> pair;
     {
         const JournalOpening opening;
@@ -159,7 +159,7 @@ TEST(JournalOpening, EndsAWaitForASocketThatIsNotYetBounded) {
     EXPECT_EQ(errno, EINTR);
 }
 
-TEST(JournalOpening, EndsAWaitThoughItsSignalIsBlocked) {
+TEST(JournalOpening, EndsAWaitEvenIfItsSignalIsBlocked) {
     in_child([] {
         sigset_t all;
         sigfillset(&all);
@@ -191,7 +191,7 @@ TEST(JournalOpening, NeedsNoFreeDescriptor) {
     });
 }
 
-TEST_F(Pauses, OfTheJournalLastTenSeconds) {
+TEST_F(JournalPauses, LastTenSeconds) {
     journal_note_result(-EAGAIN);
     uptime += 9;
     EXPECT_TRUE(journal_is_paused());
@@ -199,14 +199,14 @@ TEST_F(Pauses, OfTheJournalLastTenSeconds) {
     EXPECT_FALSE(journal_is_paused());
 }
 
-TEST_F(Pauses, OfTheJournalEndWithTheNextHeartbeat) {
+TEST_F(JournalPauses, EndWithTheNextHeartbeat) {
     journal_note_result(-EAGAIN);
     log_sockets_resume();
     EXPECT_FALSE(journal_is_paused());
 }
 
-// Without a descriptor for its second try the library ends with EMFILE after its first wait, and so on.
-TEST_F(Pauses, OfTheJournalBeginWithAnyRefusalThatMayHaveTakenItsTime) {
+// The first try has waited already: the library returns EMFILE, for example, if it has no descriptor for the second.
+TEST_F(JournalPauses, BeginWithAnyRefusalThatMayHaveBlocked) {
     for (const int result : {-EAGAIN, -EMFILE, -ENFILE, -ENOMEM, -ENOSPC, -EPERM, -EINTR}) {
         log_sockets_resume();
         journal_note_result(result);
@@ -214,14 +214,14 @@ TEST_F(Pauses, OfTheJournalBeginWithAnyRefusalThatMayHaveTakenItsTime) {
     }
 }
 
-TEST_F(Pauses, OfTheJournalDoNotBeginWithASuccessOrWhileItIsStartedAgain) {
+TEST_F(JournalPauses, DoNotBeginOnSuccessOrDuringAJournalRestart) {
     for (const int result : {0, -ECONNREFUSED}) {
         journal_note_result(result);
         EXPECT_FALSE(journal_is_paused()) << result;
     }
 }
 
-TEST_F(Syslog, HasRoomUntilNobodyReadsIt) {
+TEST_F(Syslog, HasRoomUntilItIsFull) {
     EXPECT_TRUE(syslog_has_room());
     fill();
     EXPECT_FALSE(syslog_has_room());
@@ -239,7 +239,7 @@ TEST_F(Syslog, IsTriedAgainAfterTenSeconds) {
     EXPECT_TRUE(syslog_has_room());
 }
 
-TEST_F(Syslog, HasRoomWhenThereIsNone) {
+TEST_F(Syslog, HasRoomWhenNobodyListens) {
     fill();
     socket_.reset();
     EXPECT_TRUE(syslog_has_room());

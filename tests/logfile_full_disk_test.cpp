@@ -18,11 +18,11 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its stamp of 19
+constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its 19-byte stamp
 
 using FullDiskTest = LogfileTest;
 
-TEST_F(FullDiskTest, LosesARecordThatFindsNoRoomAtAll) {
+TEST_F(FullDiskTest, LosesARecordThatDoesNotFitAtAll) {
     use(path);
     lf_print(0, "x", 0);
     {
@@ -35,7 +35,7 @@ TEST_F(FullDiskTest, LosesARecordThatFindsNoRoomAtAll) {
     EXPECT_EQ(log(), std::string(x_record) + "<time>\tOK\ty\n");
 }
 
-TEST_F(FullDiskTest, TakesBackARecordThatFitsOnlyInPart) {
+TEST_F(FullDiskTest, RemovesAPartlyWrittenRecord) {
     use(path);
     lf_print(0, "x", 0);
     for (rlim_t room = 1; room < 25; ++room) {
@@ -49,7 +49,7 @@ TEST_F(FullDiskTest, TakesBackARecordThatFitsOnlyInPart) {
     EXPECT_EQ(log(), std::string(x_record) + "<time>\tOK\ty\n");
 }
 
-TEST_F(FullDiskTest, SaysThatTheRecordIsLost) {
+TEST_F(FullDiskTest, TracesThatTheRecordIsLost) {
     use(path);
     const FileSizeLimit full(10);
     lf_print(0, "x", 0);
@@ -57,7 +57,7 @@ TEST_F(FullDiskTest, SaysThatTheRecordIsLost) {
     EXPECT_THAT(traces.texts_of("cut_back"), IsEmpty());
 }
 
-TEST_F(FullDiskTest, TellsThatAPassHasLostARecord) {
+TEST_F(FullDiskTest, ReportsThatAPassHasLostARecord) {
     use(path);
     EXPECT_EQ(logfile_pass_error(), 0);
     lf_print(0, "x", 0);
@@ -76,7 +76,7 @@ TEST_F(FullDiskTest, TellsThatAPassHasLostARecord) {
     EXPECT_EQ(logfile_pass_error(), 0);
 }
 
-TEST_F(FullDiskTest, TellsThatAPassHasLostAHeader) {
+TEST_F(FullDiskTest, ReportsThatAPassHasLostAHeader) {
     use(path);
     {
         const FileSizeLimit full(10);
@@ -85,13 +85,13 @@ TEST_F(FullDiskTest, TellsThatAPassHasLostAHeader) {
     EXPECT_EQ(logfile_pass_error(), ENOSPC);
 }
 
-TEST_F(FullDiskTest, TellsThatTheFileCannotBeOpened) {
+TEST_F(FullDiskTest, ReportsThatTheFileCannotBeOpened) {
     use(folder / "missing/logfile");
     lf_print(0, "x", 0);
     EXPECT_EQ(logfile_pass_error(), ENOENT);
 }
 
-TEST_F(FullDiskTest, TellsForGoodThatTheFileCouldNotBeOpenedAtTheStart) {
+TEST_F(FullDiskTest, KeepsReportingThatTheFileCouldNotBeOpenedAtStart) {
     start((folder / "missing/logfile").c_str());
     lf_print(0, "x", 0);
     EXPECT_EQ(logfile_pass_error(), ENOENT);
@@ -99,13 +99,13 @@ TEST_F(FullDiskTest, TellsForGoodThatTheFileCouldNotBeOpenedAtTheStart) {
     EXPECT_EQ(logfile_pass_error(), ENOENT);
 }
 
-TEST_F(FullDiskTest, TellsNothingOfALogThatIsSwitchedOff) {
+TEST_F(FullDiskTest, ReportsNothingForALogThatIsSwitchedOff) {
     start("/dev/null");
     lf_print(0, "x", 0);
     EXPECT_EQ(logfile_pass_error(), 0);
 }
 
-TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {
+TEST_F(FullDiskTest, RemovesAPartlyWrittenClosingBlock) {
     use(path);
     lf_print(0, "x", 0);
     {
@@ -115,7 +115,7 @@ TEST_F(FullDiskTest, TakesBackAClosingBlockThatFitsOnlyInPart) {
     EXPECT_EQ(log(), x_record);
 }
 
-TEST_F(FullDiskTest, TakesBackAHeaderThatFitsOnlyInPartWhichIsThenNotTheFirst) {
+TEST_F(FullDiskTest, RemovesAPartlyWrittenHeaderWhichThenIsNotTheFirst) {
     folder.write("logfile", "what stood there\n"); // 17 bytes
     for (const rlim_t room : {rlim_t{0}, rlim_t{1}, rlim_t{100}}) {
         const FileSizeLimit full(17 + room);
@@ -160,12 +160,12 @@ TEST_F(FullDiskTest, LosesWhatAFullDeviceRefuses) {
     EXPECT_EQ(logfile_state().logfile_header_written, 0);
 }
 
-/// The standard output in a file that the test prepares.
+/// Standard output to a file that the test prepares.
 class StandardOutputTest : public LogfileTest {
   protected:
     StandardOutputTest() { use("stdout"); }
 
-    /// Prints "x" to what is open as `stdout_file`, whose size is limited, and then "y" without the limit.
+    /// Prints "x" to `stdout_file`, whose size is limited, and then "y" without the limit.
     static void print_in_limit(int stdout_file, rlim_t limit) {
         const Descriptor saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
         std::fflush(stdout);
@@ -181,7 +181,7 @@ class StandardOutputTest : public LogfileTest {
     const std::string file = folder.write("stdout", "what stood there\n"); // 17 bytes
 };
 
-TEST_F(StandardOutputTest, TakesBackWhatFitsOnlyInPart) {
+TEST_F(StandardOutputTest, RemovesAPartlyWrittenRecord) {
     for (const int flags : {O_APPEND, 0}) {
         const Descriptor out(open(file.c_str(), O_WRONLY | O_CLOEXEC | flags));
         lseek(out.get(), 0, SEEK_END);
@@ -192,14 +192,14 @@ TEST_F(StandardOutputTest, TakesBackWhatFitsOnlyInPart) {
     }
 }
 
-// A piece in the middle of a file could only be taken back together with what others have written.
-TEST_F(StandardOutputTest, KeepsAPieceThatIsNotTheLastOnALineOfItsOwn) {
+// A piece in the middle of a file cannot be removed without what others wrote after it.
+TEST_F(StandardOutputTest, KeepsAPieceInTheMiddleOnItsOwnLine) {
     const Descriptor out(open(file.c_str(), O_WRONLY | O_CLOEXEC));
     print_in_limit(out.get(), 10);
     EXPECT_EQ(mask_times(read_file(file).substr(10)), "\n<time>\tOK\ty\n");
 }
 
-TEST_F(FullDiskTest, LeavesAPieceOnlyWhereTheFileCannotBeCutAndOnALineOfItsOwn) {
+TEST_F(FullDiskTest, KeepsAPieceOnItsOwnLineIfTheFileCannotBeTruncated) {
     const Descriptor uncuttable(memfd_create("log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     ASSERT_EQ(fcntl(uncuttable.get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
     const std::string name = "/proc/self/fd/" + std::to_string(uncuttable.get());
@@ -232,10 +232,10 @@ class SmallDiskTest : public LogfileTest {
     std::string disk = folder / "disk";
 };
 
-TEST_F(SmallDiskTest, EndsInAWholeRecordAndGoesOnWhenThereIsRoom) {
+TEST_F(SmallDiskTest, EndsInAWholeRecordAndContinuesWhenThereIsRoom) {
     logfile_state().logsize = LOGSIZE_MAX;
     std::ofstream(disk + "/ballast") << std::string(4096, 'x');
-    // 60 KiB are left: 2457 records of 25 bytes and 15 bytes of another.
+    // 60 KiB are left: room for 2457 records of 25 bytes and 15 bytes of another.
     for (int i = 0; i < 3000; ++i) {
         lf_print(0, "x", 0);
     }

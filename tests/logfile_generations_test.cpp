@@ -21,7 +21,7 @@ class GenerationsTest : public LogfileTest {
         return path + suffix.data();
     }
 
-    /// The texts of the records from the oldest generation to the log itself.
+    /// The texts of the records, from the oldest generation to the log.
     [[nodiscard]] std::string records() const {
         int oldest = -1;
         while (std::filesystem::exists(generation(oldest + 1))) {
@@ -60,12 +60,12 @@ TEST_F(GenerationsTest, HoldEveryRecordOnceAndInOrder) {
 }
 
 TEST_F(GenerationsTest, LoseTheOldestRecordsOnly) {
-    write_forty(1, 3); // a generation a record
+    write_forty(1, 3); // one record per generation
     EXPECT_EQ(records(), "37 38 39 ");
     EXPECT_THAT(mask_times(bunzip2(generation(0))), testing::StartsWith("##\n##\t<time>\tROTATE\tvigmond\n##\n"));
 }
 
-TEST_F(GenerationsTest, LoseAllRecordsWithACountOfNone) {
+TEST_F(GenerationsTest, LoseAllRecordsWithACountOfZero) {
     write_forty(1, 0);
     EXPECT_EQ(records(), "");
     EXPECT_FALSE(std::filesystem::exists(generation(0)));

@@ -16,7 +16,7 @@
 
 namespace {
 
-std::int64_t seconds_a_look = 0; ///< what a look at the clock takes
+std::int64_t clock_step_seconds = 0; ///< by which each call of the clock advances it
 std::int64_t monotonic_now = 0;
 bool stat_fails = false;
 
@@ -37,7 +37,7 @@ int __wrap___stat64_time64(const char *path, struct stat *status) { return answe
 int __wrap_clock_gettime(clockid_t clock, std::timespec *now);
 int __wrap_clock_gettime(clockid_t /*clock*/, std::timespec *now) {
     *now = {.tv_sec = static_cast<std::time_t>(monotonic_now), .tv_nsec = 0};
-    monotonic_now += seconds_a_look;
+    monotonic_now += clock_step_seconds;
     return 0;
 }
 int __wrap___clock_gettime64(clockid_t clock, std::timespec *now);
@@ -58,7 +58,7 @@ constexpr const char *finished = "##\n##\t<time>\tFINISHED\tvigmond\n##\n";
 
 class LogRotationTest : public LogfileTest {
   protected:
-    /// A log of `size` bytes, rotated at `limit`, its first header written before.
+    /// A log of `size` bytes with the limit `limit`, its first header already written.
     void full_file(std::size_t size, std::int32_t limit) const {
         folder.write("logfile", std::string(size, 'x'));
         use(path);
@@ -68,7 +68,7 @@ class LogRotationTest : public LogfileTest {
 };
 
 // A record of state 0 and text "x" is 19 (stamp) + 1 + 2 ("OK") + 1 + 1 + 1 (line feed) = 25 bytes.
-TEST_F(LogRotationTest, ComesWhenTheLimitIsReachedAndNotAByteBefore) {
+TEST_F(LogRotationTest, HappensAtTheLimitAndNotAByteBefore) {
     full_file(100, 126);
     lf_print(0, "x", 0);
     EXPECT_THAT(rotations().calls, IsEmpty());
@@ -78,7 +78,7 @@ TEST_F(LogRotationTest, ComesWhenTheLimitIsReachedAndNotAByteBefore) {
     EXPECT_THAT(rotations().calls, SizeIs(1));
 }
 
-TEST_F(LogRotationTest, IsHandedTheClosedFileItsNameAndTheCount) {
+TEST_F(LogRotationTest, GetsTheClosedFileItsNameAndTheCount) {
     full_file(100, 100);
     logfile_state().logcount = 7;
     lf_print(0, "x", 0);
@@ -90,7 +90,7 @@ TEST_F(LogRotationTest, IsHandedTheClosedFileItsNameAndTheCount) {
     EXPECT_TRUE(rotation.stream_closed);
 }
 
-TEST_F(LogRotationTest, IsFollowedByAHeaderAndAFreshStream) {
+TEST_F(LogRotationTest, IsFollowedByAHeaderAndANewStream) {
     full_file(100, 100);
     lf_print(0, "x", 0);
     EXPECT_EQ(log(), rotate_header);
@@ -101,7 +101,7 @@ TEST_F(LogRotationTest, IsFollowedByAHeaderAndAFreshStream) {
     EXPECT_THAT(rotations().calls, SizeIs(1));
 }
 
-TEST_F(LogRotationTest, ComesAfterEveryLineAtALimitOfOne) {
+TEST_F(LogRotationTest, HappensAfterEveryLineAtALimitOfOne) {
     start(path.c_str());
     logfile_state().logsize = 1;
     lf_print(0, "x", 0);
@@ -114,7 +114,7 @@ TEST_F(LogRotationTest, ComesAfterEveryLineAtALimitOfOne) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, ComesWithARecordThatWasFilteredOut) {
+TEST_F(LogRotationTest, HappensWithARecordThatWasFilteredOut) {
     full_file(100, 100);
     logfile_state().loglevel = 1;
     lf_print(0, "x", 0);
@@ -123,7 +123,7 @@ TEST_F(LogRotationTest, ComesWithARecordThatWasFilteredOut) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, ComesWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
+TEST_F(LogRotationTest, HappensWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
     full_file(100, 100);
     logfile_cleanup();
     ASSERT_THAT(rotations().calls, SizeIs(1));
@@ -131,7 +131,7 @@ TEST_F(LogRotationTest, ComesWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, OfAnOversizeFileComesWithTheFirstRecordAndNotAtTheStart) {
+TEST_F(LogRotationTest, OfAnOversizeFileHappensWithTheFirstRecordNotAtTheStart) {
     folder.write("logfile", std::string(20000, 'x'));
     gdata_record().logsize = 10240;
     start(path.c_str());
@@ -142,7 +142,7 @@ TEST_F(LogRotationTest, OfAnOversizeFileComesWithTheFirstRecordAndNotAtTheStart)
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(LogRotationTest, ThatLeftTheFileIsTriedAgainWithTheNextRecord) {
+TEST_F(LogRotationTest, IsTriedAgainWithTheNextRecordIfTheFileRemains) {
     rotations().remove = false;
     full_file(100, 100);
     lf_print(0, "x", 0);
@@ -151,8 +151,8 @@ TEST_F(LogRotationTest, ThatLeftTheFileIsTriedAgainWithTheNextRecord) {
     EXPECT_THAT(rotations().calls, SizeIs(2));
 }
 
-// An operator's "> logfile" empties it under the open stream.
-TEST_F(LogRotationTest, GoesByTheSizeOfAFileThatWasEmptied) {
+// An operator's "> logfile" truncates it under the open stream.
+TEST_F(LogRotationTest, UsesTheNewSizeOfATruncatedFile) {
     full_file(100, 126);
     lf_print(0, "x", 0);
     std::filesystem::resize_file(path, 0);
@@ -161,36 +161,36 @@ TEST_F(LogRotationTest, GoesByTheSizeOfAFileThatWasEmptied) {
     EXPECT_THAT(rotations().calls, IsEmpty());
 }
 
-TEST_F(LogRotationTest, LeftUnfinishedByAKillIsClearedAwayAtTheStart) {
+TEST_F(LogRotationTest, LeftoversOfAKilledOneAreRemovedAtTheStart) {
     folder.write("logfile.packing", "BZh1 torn");
     start(path.c_str());
     EXPECT_FALSE(std::filesystem::exists(path + ".packing"));
     EXPECT_EQ(log(), start_header);
 }
 
-// --- a rotation that a termination breaks off
+// --- a rotation that a termination aborts
 
-class BrokenRotationTest : public LogRotationTest {
+class AbortedRotationTest : public LogRotationTest {
   protected:
-    BrokenRotationTest() {
+    AbortedRotationTest() {
         rotations().is_long = true;
         sigset_t held = signals_handled();
         pthread_sigmask(SIG_BLOCK, &held, &mask_);
     }
-    ~BrokenRotationTest() override {
+    ~AbortedRotationTest() override {
         const sigset_t held = signals_handled();
         constexpr std::timespec at_once{};
         while (sigtimedwait(&held, nullptr, &at_once) > 0) {
         }
         pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
-        seconds_a_look = 0;
+        clock_step_seconds = 0;
     }
 
   private:
     sigset_t mask_{};
 };
 
-TEST_F(BrokenRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
+TEST_F(AbortedRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
     for (const int signo : {SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
         rotations().calls.clear();
         logfile_state() = {};
@@ -208,7 +208,7 @@ TEST_F(BrokenRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
     }
 }
 
-TEST_F(BrokenRotationTest, IsTriedAgainWithTheNextRecord) {
+TEST_F(AbortedRotationTest, IsTriedAgainWithTheNextRecord) {
     full_file(100, 100);
     raise(SIGTERM);
     lf_print(0, "x", 0);
@@ -217,7 +217,7 @@ TEST_F(BrokenRotationTest, IsTriedAgainWithTheNextRecord) {
     EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n<time>\tOK\ty\n");
 }
 
-TEST_F(BrokenRotationTest, IsNoneForOtherSignals) {
+TEST_F(AbortedRotationTest, IsNotCausedByOtherSignals) {
     full_file(100, 100);
     raise(SIGUSR1);
     raise(SIGCHLD);
@@ -225,18 +225,18 @@ TEST_F(BrokenRotationTest, IsNoneForOtherSignals) {
     EXPECT_EQ(log(), rotate_header);
 }
 
-TEST_F(BrokenRotationTest, IsTheLastOneAfterTenSeconds) {
-    seconds_a_look = 10;
+TEST_F(AbortedRotationTest, IsNotPossibleAfterTenSeconds) {
+    clock_step_seconds = 10;
     full_file(100, 100);
     logfile_cleanup();
     EXPECT_EQ(log(), rotate_header);
-    seconds_a_look = 11;
+    clock_step_seconds = 11;
     full_file(100, 100);
     logfile_cleanup();
     EXPECT_EQ(log(), std::string(100, 'x') + finished);
 }
 
-// --- a file that is taken away
+// --- a file that is removed
 
 using LostFileTest = LogRotationTest;
 
@@ -263,7 +263,7 @@ TEST_F(LostFileTest, IsFollowedByTheFileThatTookItsPlace) {
     EXPECT_EQ(mask_times(read_file(folder / "moved")), start_header + "<time>\tOK\tx\n");
 }
 
-TEST_F(LostFileTest, IsKeptWhileNoneCanTakeItsPlace) {
+TEST_F(LostFileTest, IsKeptUntilItCanBeReplaced) {
     const std::string sub = folder / "sub";
     const std::string file = sub + "/logfile";
     std::filesystem::create_directory(sub);
@@ -272,7 +272,7 @@ TEST_F(LostFileTest, IsKeptWhileNoneCanTakeItsPlace) {
     std::filesystem::rename(sub, folder / "moved");
     logfile_follow_name();
     lf_print(0, "y", 0);
-    std::filesystem::create_directories(file); // a folder in the place of the file
+    std::filesystem::create_directories(file); // a folder in place of the file
     logfile_follow_name();
     lf_print(0, "z", 0);
     EXPECT_EQ(mask_times(read_file(folder / "moved/logfile")),
@@ -282,7 +282,7 @@ TEST_F(LostFileTest, IsKeptWhileNoneCanTakeItsPlace) {
     EXPECT_EQ(mask_times(read_file(file)), rotate_header);
 }
 
-TEST_F(LostFileTest, IsNotMissedWhileItsNameLeadsToIt) {
+TEST_F(LostFileTest, IsNotReopenedWhileItsNameLeadsToIt) {
     const std::string target = folder.write("target", "");
     std::filesystem::create_symlink(target, path);
     start(path.c_str());
@@ -357,7 +357,7 @@ TEST_F(LostFileTest, DoesNotWaitForRoomInThePipeInItsPlace) {
     const Descriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     ASSERT_GE(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 4096);
     use(path);
-    lf_print(0, std::string(100000, 'y').c_str(), 0); // more than it holds
+    lf_print(0, std::string(100000, 'y').c_str(), 0); // more than the pipe holds
     lf_print(0, "x", 0);
     EXPECT_TRUE(traces.has("lf_print", path + ": No space left on device"));
     EXPECT_TRUE(traces.has("lf_print", path + ": Resource temporarily unavailable"));

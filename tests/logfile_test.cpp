@@ -21,11 +21,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Every time stamp is made by it, and every one of them fails while this is set.
+// Formats every time stamp; fails while this is set.
 namespace {
 bool no_time = false;
-int interruptions = 0; // so many writes are interrupted by a signal
-int empty_writes = 0;  // so many write nothing
+int interruptions = 0; // number of writes that a signal interrupts
+int empty_writes = 0;  // number of writes that write nothing
 } // namespace
 extern "C" std::size_t __real_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
 extern "C" std::size_t __wrap_strftime(char *buffer, std::size_t size, const char *format, const std::tm *time);
@@ -91,7 +91,7 @@ TEST_F(RecordTest, IsWrittenAgainAfterAnInterruption) {
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
 }
 
-TEST_F(RecordTest, OfWhichNothingIsWrittenTakesNothingBack) {
+TEST_F(RecordTest, WithNothingWrittenRemovesNothing) {
     folder.write("logfile", "what stood there\n");
     use(path);
     empty_writes = 2;
@@ -138,7 +138,7 @@ TEST_F(RecordTest, OfAnInvalidValueIsAWarningNaNWhateverTheState) {
                      "<time>\tWARN\tCB21\t0\tNaN\n");
 }
 
-/// The label of a valid record of `state` as it stands in the log; none when it was filtered out.
+/// The label in the log of a valid record of `state`; empty when it was filtered out.
 std::string label_at(const std::string &path, std::int32_t state, std::int32_t loglevel) {
     std::remove(path.c_str());
     logfile_state().logfile_stream.reset();
@@ -227,7 +227,7 @@ TEST_F(RecordTest, IsStampedInTheLocalTimeOfTheMoment) {
         setenv("TZ", each.zone, 1);
         std::remove(path.c_str());
         logfile_state().logfile_stream.reset();
-        logfile_state().stamp_time = -1; // or the stamp of the zone before would do for this second
+        logfile_state().stamp_time = -1; // otherwise the stamp cached in the previous zone is used for this second
         const std::time_t before = std::time(nullptr);
         lf_print(0, "x", 0);
         const std::time_t after = std::time(nullptr);
@@ -237,7 +237,7 @@ TEST_F(RecordTest, IsStampedInTheLocalTimeOfTheMoment) {
     unsetenv("TZ");
 }
 
-TEST_F(RecordTest, IsKeptUnderAStampOfZeroesWhenThereIsNoTime) {
+TEST_F(RecordTest, GetsAStampOfZeroesWhenThereIsNoTime) {
     use(path);
     no_time = true;
     lf_print(0, "x", 0);
@@ -254,7 +254,7 @@ TEST_F(RecordTest, OpensTheStreamEvenWhenItIsFilteredOut) {
     EXPECT_EQ(logfile_state().logfile_is_file, 1);
 }
 
-TEST_F(RecordTest, OfAnyLengthIsWhole) {
+TEST_F(RecordTest, OfAnyLengthIsWrittenWhole) {
     use(path);
     const std::string text(100000, 'y');
     lf_print(0, text.c_str(), 0);
@@ -267,7 +267,7 @@ TEST_F(RecordTest, WithoutATextIsEmpty) {
     EXPECT_EQ(log(), "<time>\tOK\t\n");
 }
 
-TEST_F(RecordTest, TakesNoMemory) {
+TEST_F(RecordTest, AllocatesNothing) {
     use(path);
     Task task = task_of(5, 0, 1);
     logfile_run(&task);
@@ -289,7 +289,7 @@ TEST_F(RecordTest, IsTracedByEachOperationThatItPasses) {
     EXPECT_EQ(traces.all().back().code_file, "CODE_FILE=logfile.c");
 }
 
-// Nobody closes or flushes anything here: the record must have left the process.
+// Nothing is closed or flushed here: the record must have left the process.
 TEST_F(RecordTest, SurvivesTheKillThatFollowsIt) {
     use(path);
     const pid_t child = fork();
@@ -306,7 +306,7 @@ TEST_F(RecordTest, SurvivesTheKillThatFollowsIt) {
     EXPECT_EQ(log(), "<time>\tOK\tCB05\t0\t42\n");
 }
 
-TEST_F(RecordTest, GoesToNoneOfTheProgramsThatTheDaemonStarts) {
+TEST_F(RecordTest, IsNotInheritedByProgramsThatTheDaemonStarts) {
     for (const char *name : {path.c_str(), "stderr", "stdout"}) {
         logfile_state() = {};
         use(name);
@@ -322,7 +322,7 @@ TEST_F(RecordTest, BeforeInitIsWrittenNowhere) {
     gdata_record().logfile = path.c_str();
     Task task = task_of(5, 0, 1);
     EXPECT_EQ(logfile_run(&task), 0);
-    EXPECT_EQ(logfile_cleanup(), 0); // a second daemon, turned away at the start, gets here
+    EXPECT_EQ(logfile_cleanup(), 0); // as in a second daemon that is refused at start
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
@@ -351,11 +351,11 @@ TEST_F(MarkerTest, IsARecordWithAnyOtherMark) {
     EXPECT_EQ(log(), "<time>\tOK\tNOTE\n");
 }
 
-// --- the names that are no files
+// --- names that are not files
 
 using StandardStreamTest = LogfileTest;
 
-/// Starts on `name`, writes a record and the closing block under a limit that every file would pass.
+/// Starts with the log `name`, then writes a record and the closing block with a limit that any file would exceed.
 std::pair<std::string, std::string> outputs_of(const char *name) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
@@ -399,7 +399,7 @@ TEST_F(StandardStreamTest, TheNullDeviceTakesNothing) {
     }
 }
 
-TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
+TEST_F(StandardStreamTest, KeepsItsOrderWithBufferedStdio) {
     use("stdout");
     testing::internal::CaptureStdout();
     std::printf("before\n");
@@ -408,11 +408,11 @@ TEST_F(StandardStreamTest, KeepsItsOrderWithWhatStdioHolds) {
     EXPECT_EQ(mask_times(testing::internal::GetCapturedStdout()), "before\n<time>\tOK\tx\nafter\n");
 }
 
-TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
+TEST_F(StandardStreamTest, UsesNoNumberOfAClosedStandardStream) {
     in_child([] {
         use("stdout");
         close(STDERR_FILENO);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); // takes the number of stderr
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC); // gets the number of stderr
         dup2(null, STDOUT_FILENO);
         close(null);
         lf_print(0, "x", 0);
@@ -420,7 +420,7 @@ TEST_F(StandardStreamTest, TakesNoNumberOfAStandardStreamThatIsClosed) {
     });
 }
 
-TEST_F(StandardStreamTest, IsNotWaitedForWhenItIsAPipeThatNobodyReads) {
+TEST_F(StandardStreamTest, DoesNotBlockOnAPipeThatNobodyReads) {
     const HangGuard guard;
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
@@ -429,7 +429,7 @@ TEST_F(StandardStreamTest, IsNotWaitedForWhenItIsAPipeThatNobodyReads) {
     const std::string page(4096, 'x');
     while (write(theirs.get(), page.data(), page.size()) > 0) {
     }
-    ASSERT_EQ(fcntl(theirs.get(), F_SETFL, 0), 0); // from here on a write would wait
+    ASSERT_EQ(fcntl(theirs.get(), F_SETFL, 0), 0); // writes block from here on
     std::fflush(stdout);
     const Descriptor saved(dup(STDOUT_FILENO));
     ASSERT_EQ(dup2(theirs.get(), STDOUT_FILENO), STDOUT_FILENO);
@@ -450,7 +450,7 @@ TEST_F(StandardStreamTest, IsNotWaitedForWhenItIsAPipeThatNobodyReads) {
 
 TEST_F(StandardStreamTest, GetsEachEntryInOneWrite) {
     std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0); // keeps writes apart
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0); // keeps write boundaries
     const Descriptor ours(ends[0]);
     const Descriptor theirs(ends[1]);
     std::fflush(stdout);

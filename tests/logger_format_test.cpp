@@ -74,7 +74,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Case{"%D %T", -2, nullptr, AMPLE, "below -40"}, Case{"%D %T", -1, nullptr, AMPLE, "below 20"},
                     Case{"%D %T", 0, nullptr, AMPLE, "at normal"}, Case{"%D %T", 1, nullptr, AMPLE, "above 70"},
                     Case{"%D %T", 2, nullptr, AMPLE, "above 80"},
-                    // Every other state stands for the upper failure limit.
+                    // Every other state uses the upper failure limit.
                     Case{"%D %T", 3, nullptr, AMPLE, "above 80"}, Case{"%D %T", 4, nullptr, AMPLE, "above 80"},
                     Case{"%D %T", 7, nullptr, AMPLE, "above 80"}, Case{"%D %T", -3, nullptr, AMPLE, "below 80"}));
 
@@ -92,7 +92,7 @@ INSTANTIATE_TEST_SUITE_P(Fits, LoggerFormatTest,
                                          Case{"%%", 0, nullptr, 2, "%"}, Case{"%%", 0, nullptr, 1, ""}));
 
 INSTANTIATE_TEST_SUITE_P(LeftOutWhole, LoggerFormatTest,
-                         testing::Values(Case{"a%Pb", 0, "/data", 4, "ab"}, // what follows still finds room
+                         testing::Values(Case{"a%Pb", 0, "/data", 4, "ab"}, // what follows still fits
                                          Case{"%P%P", 0, "/data", 8, "/data"},
                                          Case{"%P%P", 0, "/data", 10, "/data"}, // 5 < 10 - 5 does not hold
                                          Case{"%P%P", 0, "/data", 11, "/data/data"},
@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(Percent, LoggerFormatTest,
                                          Case{"a%Xb", 2, nullptr, AMPLE, "ab"}, Case{"%d%t%p", 2, "/data", AMPLE, ""},
                                          Case{"% D", 2, nullptr, AMPLE, "D"}, Case{"%X", 0, nullptr, 1, ""}));
 
-// The terminator is never passed, wherever the lone sign stands.
+// A lone sign never makes it read past the terminator.
 INSTANTIATE_TEST_SUITE_P(LonePercent, LoggerFormatTest,
                          testing::Values(Case{"%", 0, nullptr, AMPLE, ""}, Case{"ab%", 0, nullptr, AMPLE, "ab"},
                                          Case{"ab%%%", 0, nullptr, AMPLE, "ab%"}, Case{"%", 0, nullptr, 1, ""},
@@ -115,7 +115,8 @@ INSTANTIATE_TEST_SUITE_P(LonePercent, LoggerFormatTest,
 
 INSTANTIATE_TEST_SUITE_P(Parameter, LoggerFormatTest,
                          testing::Values(Case{"<%P>", 0, "", AMPLE, "<>"},
-                                         Case{"<%P>", 0, "%D%s%n%", AMPLE, "<%D%s%n%>"}, // a text, never a template
+                                         Case{"<%P>", 0, "%D%s%n%", AMPLE,
+                                              "<%D%s%n%>"}, // a parameter is never a template
                                          Case{"%P", 0, "\xc3\xbc", 3, "\xc3\xbc"}, Case{"%P", 0, "\xc3\xbc", 2, ""}));
 
 TEST(LoggerFormat, LeavesABufferOfSizeZeroAlone) {
@@ -172,7 +173,7 @@ TEST(LoggerFormat, EndsWithTheLastByteThatItWrites) {
     const Ending endings[]{{"%%%D", 1, {" ", "%%", ""}},
                            {"a%%%D%X", 2, {" ", "%%", "a"}},
                            {"ab%D", 2, {" ", "a"}},
-                           {"a%D%X", 2, {" ", "%D", "%X", "a"}}}; // a byte is left
+                           {"a%D%X", 2, {" ", "%D", "%X", "a"}}}; // one byte is left
     for (const Ending &ending : endings) {
         const Task task = task_with(ending.format, 2, nullptr);
         std::array<char, AMPLE> buffer{};

@@ -1,4 +1,4 @@
-// What the logger does before and at its start, which a process has only once.
+// The logger before and at its start, which happens once per process.
 
 #include "logger.h"
 
@@ -53,7 +53,7 @@ void expect_second_start_opens_nothing() {
     EXPECT_THAT(syslog.messages(), ElementsAre(SyslogMessage{3, "[failed] now"}));
 }
 
-// One test, since each step is the next one's condition.
+// One test, since each step depends on the one before.
 TEST(LoggerStart, WritesNothingUntilSyslogIsOpenedOnce) {
     expect_silence_before_start();
     expect_opened_by_first_start();

@@ -26,7 +26,7 @@ constexpr int UNKNOWN = -1;
 
 constexpr std::size_t LONGEST_LINE = 1022; // of a 1023-byte line
 
-/// Syslog open, every severity level passing; the record's own level is put back at the end.
+/// Syslog open, every severity level passing; the configured level is restored at the end.
 class LoggerTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -37,7 +37,7 @@ class LoggerTest : public testing::Test {
     }
     void TearDown() override { set_severity(severity_before); }
 
-    /// Past the setter, which would clamp it.
+    /// Bypasses the setter, which would clamp it.
     static void set_severity(std::int32_t level) { gdata_record().severitylevel = level; }
 
     /// A marked task of CB22[3] with value 91, and limits that no two states share.
@@ -62,7 +62,7 @@ class LoggerTest : public testing::Test {
         return task;
     }
 
-    /// What `operation` writes for `task`; it clears the mark and returns 0 in any case.
+    /// What `operation` logs for `task`; it always clears the mark and returns 0.
     static std::vector<SyslogMessage> written_by(TaskOperation operation, Task task) {
         const CapturedSyslog fresh;
         EXPECT_EQ(operation(&task), 0);
@@ -170,7 +170,7 @@ TEST_F(LoggerTest, NamesTheSeverityLevelByTheStateOfThatNumber) {
                                          {3, 3, "severity_level: warning"},
                                          {4, 4, "severity_level: fail"},
                                          {5, 5, "severity_level: unknown"},
-                                         {1, 4, "severity_level: fail"}, // the setter puts 4 in its place
+                                         {1, 4, "severity_level: fail"}, // the setter stores 4 instead
                                          {6, 4, "severity_level: fail"}}};
     for (const Case &given : cases) {
         set_severity(given.level);
@@ -219,7 +219,7 @@ TEST_F(LoggerTest, CutsTheHeadOfALineAtItsBuffer) {
     EXPECT_THAT(buffer, ElementsAre('\0', '#', '#', '#', '#', '#', '#', '#'));
 }
 
-TEST_F(LoggerTest, BeginsALineThatTellsAValue) {
+TEST_F(LoggerTest, BeginsALineThatShowsAValue) {
     const Task task = marked_task(0);
     std::array<char, 32> buffer{};
     TextBuffer line = logger_value_line(buffer, &task);
@@ -246,7 +246,7 @@ constexpr std::array<SentenceCase, 8> threshold_sentences{{
     {7, UNKNOWN, "[unknown] ID: CB22[3]: value: 91 is above unknown threshold 80"},
 }};
 
-TEST_F(LoggerTest, ThresholdTellsWhereTheValueStands) {
+TEST_F(LoggerTest, ThresholdSaysWhereTheValueIs) {
     for (const SentenceCase &given : threshold_sentences) {
         EXPECT_THAT(written_by(threshold_logger, marked_task(given.state)),
                     ElementsAre(SyslogMessage{given.priority, given.line}));

@@ -1,4 +1,4 @@
-// When the network check reads its files, and how it gets on with the bus.
+// When the network check reads its files, and how it uses the bus.
 
 #include "in_child.h"
 #include "network.h"
@@ -24,18 +24,18 @@ constexpr const char *CHECK = "network_check_daemon";
 
 // --- when the files are read
 
-TEST(NetworkCheck, ReadsTwiceThenNoMoreWhileNetworkdStandsStill) {
+TEST(NetworkCheck, ReadsTwiceThenNoMoreWhileNetworkdIsUnchanged) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("18446744073709551615");
         EXPECT_TRUE(rig.reads());
-        EXPECT_EQ(rig.systemd.total(), 0) << "the first pass does not ask, and stores nothing";
+        EXPECT_EQ(rig.systemd.total(), 0) << "the first pass makes no call and stores nothing";
         EXPECT_TRUE(rig.reads());
         EXPECT_EQ(rig.systemd.count(NETWORKD, CHANGE_TIME), 1);
         EXPECT_FALSE(rig.reads());
         EXPECT_FALSE(rig.reads());
         EXPECT_EQ(rig.systemd.count(NETWORKD, CHANGE_TIME), 3);
-        EXPECT_EQ(rig.systemd.total(), 3) << "and nothing else";
+        EXPECT_EQ(rig.systemd.total(), 3) << "no other call";
         EXPECT_TRUE(network_calls().all_close_on_exec);
     });
 }
@@ -49,7 +49,7 @@ TEST(NetworkCheck, ReadsOnceWhenNetworkdWasNeverStarted) {
     });
 }
 
-TEST(NetworkCheck, ReadsAtAnyOtherTimeStampAnEarlierOneIncluded) {
+TEST(NetworkCheck, ReadsAtAnyOtherTimeStampEvenAnEarlierOne) {
     in_child([] {
         BusStation rig;
         EXPECT_TRUE(rig.reads());
@@ -108,15 +108,15 @@ TEST(NetworkCheck, ReadsInEveryPassWhileThePropertyFails) {
         rig.systemd.fail(NETWORKD, CHANGE_TIME, "System.Error.EACCES", 2);
         EXPECT_TRUE(rig.reads());
         EXPECT_TRUE(rig.reads());
-        EXPECT_FALSE(rig.reads()) << "the time stamp of before still counts";
+        EXPECT_FALSE(rig.reads()) << "the previous time stamp still counts";
         const char *failed = "get_property FAILEd: ret : -13 (Permission denied)";
         EXPECT_THAT(rig.traces.texts_of(CHECK), ElementsAre(" ", " ", " ", failed, " ", failed, " "));
         rig.systemd.obey(std::string("set ") + NETWORKD + " " + CHANGE_TIME + " s 7");
-        EXPECT_TRUE(rig.reads()) << "a text is no number";
+        EXPECT_TRUE(rig.reads()) << "a text is not a number";
     });
 }
 
-TEST(NetworkCheck, GivesUpAQuestionWithoutAnAnswer) {
+TEST(NetworkCheck, GivesUpACallWithoutAReply) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -126,7 +126,7 @@ TEST(NetworkCheck, GivesUpAQuestionWithoutAnAnswer) {
         EXPECT_TRUE(rig.reads());
         EXPECT_TRUE(rig.traces.has(CHECK, "get_property FAILEd: ret : -110 (Connection timed out)"));
         rig.systemd.obey("release");
-        EXPECT_FALSE(rig.reads()) << "the late answer is not taken for this one's";
+        EXPECT_FALSE(rig.reads()) << "the late reply is not used for this call";
     });
 }
 
@@ -171,7 +171,7 @@ TEST(NetworkBus, IsFoundAgainAfterItDied) {
     });
 }
 
-TEST(NetworkBus, MayDieWhileItIsAsked) {
+TEST(NetworkBus, MayDieDuringACall) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -195,7 +195,7 @@ void expect_nothing_unread() {
     sd_bus_unref(bus);
 }
 
-TEST(NetworkBus, KeepsNothingFromPassToPass) {
+TEST(NetworkBus, LeaksNothingBetweenPasses) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -206,7 +206,7 @@ TEST(NetworkBus, KeepsNothingFromPassToPass) {
             ASSERT_FALSE(rig.reads());
         }
         EXPECT_EQ(open_descriptors(), before);
-        // No reference was left behind: the dead connection would else be handed out again.
+        // No reference has leaked: otherwise the library would return the dead connection again.
         rig.bus.stop();
         EXPECT_TRUE(rig.reads());
         rig.bus.start();
@@ -216,7 +216,7 @@ TEST(NetworkBus, KeepsNothingFromPassToPass) {
     });
 }
 
-TEST(NetworkBus, ThrowsAwayWhatNobodyWaitsFor) {
+TEST(NetworkBus, DropsUnrelatedMessages) {
     in_child([] {
         BusStation rig;
         rig.systemd.change_time("7");
@@ -228,7 +228,7 @@ TEST(NetworkBus, ThrowsAwayWhatNobodyWaitsFor) {
     });
 }
 
-/// A socket that takes connections and says nothing.
+/// A socket that accepts connections and never answers.
 class SilentSocket {
   public:
     explicit SilentSocket(const std::string &path) : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -243,7 +243,7 @@ class SilentSocket {
     Descriptor socket_;
 };
 
-TEST(NetworkBus, IsGivenUpWhenItAdmitsNobody) {
+TEST(NetworkBus, IsGivenUpWhenItDoesNotAuthenticate) {
     in_child([] {
         const Station rig;
         const SilentSocket bus(rig.folder / "silent");
@@ -251,7 +251,7 @@ TEST(NetworkBus, IsGivenUpWhenItAdmitsNobody) {
         EXPECT_TRUE(rig.reads());
         EXPECT_TRUE(rig.reads());
         EXPECT_TRUE(rig.traces.has(CHECK, "get_property FAILEd: ret : -110 (Connection timed out)"));
-        EXPECT_LT(network_calls().processed, 100) << "it waits instead of asking on";
+        EXPECT_LT(network_calls().processed, 100) << "it waits instead of polling";
     });
 }
 

@@ -24,7 +24,7 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(Network, IsNotInUseBeforeTheFirstPass) { // no test of this process makes one: they do so in children
+TEST(Network, IsNotInUseBeforeTheFirstPass) { // tests run their passes in child processes
     EXPECT_EQ(lan_available, 0);
     EXPECT_EQ(wifi_available, 0);
     EXPECT_EQ(mobile_available, 0);
@@ -45,7 +45,7 @@ TEST(NetworkDecideLan, FollowsWhatIsSet) {
     }
 }
 
-/// What a daemon that has just started makes of a file.
+/// The flag of a daemon that has just started and reads a file.
 std::int32_t lan_of(const std::string &content) {
     std::int32_t available = -1;
     std::array<int, 2> result{};
@@ -77,11 +77,11 @@ TEST(NetworkLan, TakesTheKnownValuesInAnyCase) {
     }
 }
 
-TEST(NetworkLan, LeavesThingsAsTheyAreAtAnUnknownValue) {
-    // The key before it says 1, so a value taken for "true" or "down" would show, ...
+TEST(NetworkLan, IgnoresAnUnknownValue) {
+    // The key before it is 1, so reading the value as "true" or "down" would show, ...
     for (const char *value : {"1", "0", "on", "off", "", "yes!", "tru", "true1"}) {
         EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=no\nUnmanaged=") + value + "\n"), 1) << value;
-        // ... and here one taken for "false".
+        // ... and so would reading it as "false" here.
         EXPECT_EQ(lan_of(std::string("[Link]\nUnmanaged=") + value + "\n"), 0) << value;
     }
     for (const char *value : {"1", "always", "upward", ""}) {
@@ -90,7 +90,7 @@ TEST(NetworkLan, LeavesThingsAsTheyAreAtAnUnknownValue) {
     }
 }
 
-TEST(NetworkLan, LooksAtItsSectionAndKeysInAnyCase) {
+TEST(NetworkLan, MatchesItsSectionAndKeysInAnyCase) {
     EXPECT_EQ(lan_of("[link]\nunmanaged=no\n"), 1);
     EXPECT_EQ(lan_of("[LINK]\nACTIVATIONPOLICY=up\n"), 1);
     EXPECT_EQ(lan_of("[Network]\nUnmanaged=no\n"), 0);
@@ -105,14 +105,14 @@ TEST(NetworkLan, IsInUseWhenTheFileSaysNothingUsable) {
         const Station rig;
         EXPECT_TRUE(rig.reads()) << "no file";
         EXPECT_EQ(lan_available, 1);
-        EXPECT_EQ(rig.lan_after(""), 0) << "a file without the keys is another thing";
+        EXPECT_EQ(rig.lan_after(""), 0) << "a file without the keys differs from no file";
         EXPECT_EQ(rig.lan_after("[Link\n"), 1);
         EXPECT_EQ(rig.lan_after("[Match]\nName=eth0\n"), 0);
         EXPECT_EQ(rig.lan_after("no separator\n"), 1);
-        // What stands in front of the error counts from then on, not in this pass.
+        // Pairs before the error take effect from the next pass.
         EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=yes\nbroken\n"), 1);
         EXPECT_EQ(rig.lan_after("[Link]\nActivationPolicy=up\n"), 0);
-        // One byte more than a line may have: the second piece has no separator.
+        // One byte longer than the longest line: the second piece has no separator.
         EXPECT_EQ(rig.lan_after("a=" + std::string(4094, 'x') + "\n"), 1);
         EXPECT_EQ(rig.lan_after("a=" + std::string(4093, 'x') + "\n"), 0);
     });
@@ -136,7 +136,7 @@ TEST(NetworkLan, KeepsTheValueOfAKeyThatDisappears) {
     });
 }
 
-TEST(NetworkLanHandler, TracesThePairAndAlwaysGoesOn) {
+TEST(NetworkLanHandler, TracesThePairAndAlwaysContinues) {
     in_child([] {
         const CapturedTraces traces;
         EXPECT_EQ(network_lan_handler("Other", "Unmanaged", "no"), 1);
@@ -172,7 +172,7 @@ TEST(NetworkDecideWifi, IsInUseWithoutAnObject) {
 }
 
 TEST(NetworkDecideWifi, ComparesToTheEndOfTheTextNotOfTheToken) {
-    // The value's text ends where the buffer's does, as the key's has to: the offsets are swapped.
+    // Both texts are compared up to the end of the buffer, so the key must be last here: the offsets are swapped.
     const std::string text("{true\0enabled", 13);
     const std::array<JsonToken, 3> swapped{OBJECT_AT_0, token_at(6), token_at(1)};
     EXPECT_EQ(network_decide_wifi(text.data(), swapped.data(), 3), 1);
@@ -190,13 +190,13 @@ TEST(NetworkDecideWifi, StopsAtTheFirstEqualToken) {
     EXPECT_EQ(network_decide_wifi(text.data(), tokens.data(), 5), 0);
 }
 
-TEST(NetworkDecideWifi, LooksAtNoTokenBehindTheLast) {
+TEST(NetworkDecideWifi, ReadsNoTokenAfterTheLast) {
     const std::string text("{true\0enabled", 13);
     const std::array<JsonToken, 3> tokens{OBJECT_AT_0, token_at(6), token_at(1)};
     EXPECT_EQ(network_decide_wifi(text.data(), tokens.data(), 2), 0);
     const std::array<JsonToken, 2> first{token_at(6), token_at(1)};
     JsonToken object = first[0];
-    object.type = JSON_OBJECT; // the object's own text is no key
+    object.type = JSON_OBJECT; // the object's own text is not a key
     const std::array<JsonToken, 2> own{object, token_at(1)};
     EXPECT_EQ(network_decide_wifi(text.data(), own.data(), 2), 0);
 }
@@ -207,21 +207,21 @@ TEST(NetworkWifi, FollowsTheFile) {
         EXPECT_TRUE(rig.reads());
         EXPECT_EQ(wifi_available, 0) << "no file";
         EXPECT_EQ(rig.wifi_after(""), 1);
-        EXPECT_EQ(rig.wifi_after("{\"enabled\": true}"), 0) << "the quote behind the key is compared too";
+        EXPECT_EQ(rig.wifi_after("{\"enabled\": true}"), 0) << "the quote after the key is compared too";
         EXPECT_EQ(rig.wifi_after("{\"enabled\": \"true\"}"), 0);
         EXPECT_EQ(rig.wifi_after("[\"enabled\"]"), 1);
         EXPECT_EQ(rig.wifi_after("{}"), 0);
         EXPECT_EQ(rig.wifi_after("plain text"), 1);
         EXPECT_EQ(rig.wifi_after("{\"ssid\": \"x\"}"), 0);
         EXPECT_EQ(rig.wifi_after("{\"ssid\": \"x"), 1) << "cut";
-        EXPECT_EQ(rig.wifi_after("true "), 1) << "no object";
+        EXPECT_EQ(rig.wifi_after("true "), 1) << "not an object";
         rig.remove("wifi");
         EXPECT_TRUE(rig.reads());
         EXPECT_EQ(wifi_available, 0);
     });
 }
 
-TEST(NetworkWifi, IsInUseWithADirectoryInTheFilesPlace) {
+TEST(NetworkWifi, IsInUseWithADirectoryInPlaceOfTheFile) {
     in_child([] {
         const Station rig;
         EXPECT_EQ(rig.wifi_after("{}"), 0);
@@ -232,15 +232,15 @@ TEST(NetworkWifi, IsInUseWithADirectoryInTheFilesPlace) {
     });
 }
 
-TEST(NetworkFiles, AreNotWaitedForWhenTheyArePipesThatNobodyFeeds) {
+TEST(NetworkFiles, DoNotBlockWhenTheyArePipesWithoutAWriter) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
         ASSERT_EQ(mkfifo((rig.folder / "lan").c_str(), 0600), 0);
         ASSERT_EQ(mkfifo((rig.folder / "wifi").c_str(), 0600), 0);
         EXPECT_TRUE(rig.reads());
-        EXPECT_EQ(lan_available, 1) << "no regular file";
-        EXPECT_EQ(wifi_available, 1) << "nothing can be read of it";
+        EXPECT_EQ(lan_available, 1) << "not a regular file";
+        EXPECT_EQ(wifi_available, 1) << "it cannot be read";
         const Descriptor feeders[]{Descriptor(open((rig.folder / "lan").c_str(), O_RDWR | O_CLOEXEC)),
                                    Descriptor(open((rig.folder / "wifi").c_str(), O_RDWR | O_CLOEXEC))};
         EXPECT_TRUE(rig.reads());
@@ -249,7 +249,7 @@ TEST(NetworkFiles, AreNotWaitedForWhenTheyArePipesThatNobodyFeeds) {
     });
 }
 
-TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyArePipesThatSomebodyKeepsFull) {
+TEST(NetworkFiles, AreReadUpToALimitWhenTheyAreFullPipes) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
@@ -269,11 +269,11 @@ TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyArePipesThatSomebodyKeepsFull) {
         EXPECT_EQ(ioctl(feeders[0].get(), FIONREAD, &left), 0);
         EXPECT_EQ(static_cast<std::size_t>(left), lan.size());
         EXPECT_EQ(ioctl(feeders[1].get(), FIONREAD, &left), 0);
-        EXPECT_EQ(left, 2048) << "one read of as many";
+        EXPECT_EQ(left, 2048) << "one read of 2048 bytes";
     });
 }
 
-TEST(NetworkFiles, AreNotReadWithoutEndWhenTheyAreEndlessDevices) {
+TEST(NetworkFiles, AreReadUpToALimitWhenTheyAreEndlessDevices) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
@@ -294,11 +294,11 @@ TEST(NetworkFiles, MayBeHuge) {
         std::filesystem::resize_file(rig.folder.write("wifi", "{}\n"), 500'000'000'000);
         EXPECT_TRUE(rig.reads());
         EXPECT_EQ(lan_available, 1);
-        EXPECT_EQ(wifi_available, 0) << "the zero byte behind the object is its end";
+        EXPECT_EQ(wifi_available, 0) << "the zero byte after the object ends the text";
     });
 }
 
-TEST(NetworkLan, IsInUseWithAFolderInTheFilesPlace) {
+TEST(NetworkLan, IsInUseWithAFolderInPlaceOfTheFile) {
     in_child([] {
         const Station rig;
         std::filesystem::create_directory(rig.folder / "lan");
@@ -310,28 +310,28 @@ TEST(NetworkLan, IsInUseWithAFolderInTheFilesPlace) {
 TEST(NetworkLan, IsInUseWhenTheFileCannotBeRead) {
     in_child([] {
         const Station rig;
-        std::filesystem::create_symlink("/proc/self/mem", rig.folder / "lan"); // nothing is at its start
+        std::filesystem::create_symlink("/proc/self/mem", rig.folder / "lan"); // reading at offset 0 fails
         EXPECT_TRUE(rig.reads());
         EXPECT_EQ(lan_available, 1);
     });
 }
 
-TEST(NetworkLan, TakesAFileOf64KiBAndNothingOfALargerOne) {
+TEST(NetworkLan, ReadsAFileOf64KiBAndNothingOfALargerOne) {
     in_child([] {
         const Station rig;
         const std::string pairs = "[Link]\nActivationPolicy=down\n";
         EXPECT_EQ(rig.lan_after(pairs + std::string(65537 - pairs.size(), '\n')), 1);
-        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=no\n"), 1) << "no policy has been taken";
+        EXPECT_EQ(rig.lan_after("[Link]\nUnmanaged=no\n"), 1) << "no policy was applied";
         EXPECT_EQ(rig.lan_after(pairs + std::string(65536 - pairs.size(), '\n')), 0);
     });
 }
 
-TEST(NetworkLan, IsReadUpTo64KiBWhenTheFileTellsNoSize) {
+TEST(NetworkLan, IsReadUpTo64KiBWhenTheFileReportsNoSize) {
     in_child([] {
         const HangGuard guard;
         const Station rig;
         for (int mapping = 0; mapping < 400; ++mapping) {
-            const int protection = mapping % 2 == 0 ? PROT_READ : PROT_NONE; // or neighbours become one
+            const int protection = mapping % 2 == 0 ? PROT_READ : PROT_NONE; // otherwise adjacent mappings merge
             ASSERT_NE(mmap(nullptr, 4096, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), MAP_FAILED);
         }
         const std::string text = read_file("/proc/self/smaps"); // each line has a colon
@@ -348,7 +348,7 @@ TEST(NetworkLan, IsReadUpTo64KiBWhenTheFileTellsNoSize) {
 TEST(NetworkWifi, IsInUseBeyond32Tokens) {
     in_child([] {
         const Station rig;
-        std::string pairs = "{\"a\":1"; // an object and two tokens a pair: 15 pairs are 31 tokens
+        std::string pairs = "{\"a\":1"; // one token for the object and two per pair: 15 pairs are 31 tokens
         for (int pair = 1; pair < 15; ++pair) {
             pairs += ",\"a\":1";
         }
@@ -364,19 +364,19 @@ TEST(NetworkWifi, ReadsAtMost2048Bytes) {
         EXPECT_EQ(rig.wifi_after(std::string(2048 - object.size(), ' ') + object), 0) << "2048";
         EXPECT_EQ(rig.wifi_after(std::string(2049 - object.size(), ' ') + object), 1) << "2049: the brace is cut off";
         EXPECT_EQ(rig.wifi_after(object + std::string(4000, '}')), 1);
-        EXPECT_EQ(rig.wifi_after(object + std::string(2041, ' ') + "}"), 0) << "nothing behind is seen";
+        EXPECT_EQ(rig.wifi_after(object + std::string(2041, ' ') + "}"), 0) << "nothing after it is read";
     });
 }
 
-TEST(NetworkWifi, LeavesTheEndOfALongerFileStanding) {
+TEST(NetworkWifi, KeepsTheEndOfALongerEarlierFileInItsBuffer) {
     in_child([] {
         const Station rig;
-        // A key's text only ends where the buffer's does, so with a quote behind it in the file the byte
-        // behind that has to be the end, and is compared: never equal, whatever an earlier file left.
+        // A key's text is compared up to the end of the buffer, so the quote after it is compared too: never equal,
+        // whatever an earlier file left in the buffer.
         EXPECT_EQ(rig.wifi_after(std::string(64, 'x')), 1);
-        EXPECT_EQ(rig.wifi_after("{\"a\":1}"), 0) << "the x behind it are not parsed";
+        EXPECT_EQ(rig.wifi_after("{\"a\":1}"), 0) << "the x after it are not parsed";
         EXPECT_EQ(rig.wifi_after("{\"enabled\":true}"), 0);
-        // A zero byte ends the text: what stands behind it is neither parsed nor compared.
+        // A zero byte ends the text: what follows is neither parsed nor compared.
         EXPECT_EQ(rig.wifi_after(std::string("{\"a\":1}\0[", 9)), 0);
         EXPECT_EQ(rig.wifi_after(std::string("\0{}", 3)), 1);
     });

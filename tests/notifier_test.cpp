@@ -19,7 +19,7 @@ std::vector<Update> &updates() {
 
 } // namespace
 
-// The linker leads the registry's updates here; the result is one that the notifier must not pass on.
+// Replaces the registry's update at link time; the notifier must not return its result.
 extern "C" int __wrap__Z22d_bus_srv_issue_updateji(std::uint32_t id, std::int32_t state);
 extern "C" int __wrap__Z22d_bus_srv_issue_updateji(std::uint32_t id, std::int32_t state) {
     trace_at(TRACE_TRACE, "notifier_test", __func__, 1, "update");
@@ -50,7 +50,7 @@ TEST_F(NotifierTest, PassesAMarkedChangeOnOnce) {
     EXPECT_EQ(common_notifier(&task), 0);
     EXPECT_EQ(updates(), (std::vector<Update>{{4U, -2}}));
     EXPECT_EQ(int{task.do_notify}, 0);
-    EXPECT_EQ(int{task.do_log}, 1); // the logger's
+    EXPECT_EQ(int{task.do_log}, 1); // left for the logger
     EXPECT_EQ(traces.texts_of("common_notifier"),
               (std::vector<std::string>{" ", "NOTIFY wireless: value: -71 -- state -2", " "}));
 }
@@ -80,7 +80,7 @@ TEST_F(NotifierTest, PassesNothingOnWithoutAMark) {
     EXPECT_EQ(traces.texts_of("common_notifier"), (std::vector<std::string>{" "}));
 }
 
-TEST_F(NotifierTest, TakesBackAMarkThatIsNotOne) {
+TEST_F(NotifierTest, ClearsAMarkThatIsNotOne) {
     task.do_notify = 2;
     EXPECT_EQ(common_notifier(&task), 0);
     EXPECT_TRUE(updates().empty());
@@ -90,7 +90,7 @@ TEST_F(NotifierTest, TakesBackAMarkThatIsNotOne) {
 TEST_F(NotifierTest, PassesAnIdOnUnchanged) {
     task.id = TASK_ID_UNSET;
     common_notifier(&task);
-    task.id = -1; // no row of the registry, whichever way it is read
+    task.id = -1; // no row of the registry, signed or unsigned
     task.do_notify = 1;
     common_notifier(&task);
     EXPECT_EQ(updates(), (std::vector<Update>{{99U, -2}, {4294967295U, -2}}));
@@ -98,11 +98,11 @@ TEST_F(NotifierTest, PassesAnIdOnUnchanged) {
 
 TEST_F(NotifierTest, SkipsWithTheNullNotifier) {
     for (const int mark : {1, 2}) {
-        const CapturedTraces anew;
+        const CapturedTraces second;
         task.do_notify = static_cast<std::uint8_t>(mark);
         EXPECT_EQ(NULL_notifier(&task), 0);
         EXPECT_EQ(int{task.do_notify}, 0);
-        EXPECT_EQ(anew.texts_of("NULL_notifier"),
+        EXPECT_EQ(second.texts_of("NULL_notifier"),
                   (std::vector<std::string>{" ", "skip notification wireless: value: -71 -- state -2"}));
     }
     EXPECT_EQ(NULL_notifier(&task), 0);

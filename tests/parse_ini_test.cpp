@@ -26,14 +26,14 @@ void PrintTo(const Pair &pair, std::ostream *out) {
 using Pairs = std::vector<Pair>;
 
 Pairs taken;
-std::size_t taken_before_refusal; ///< the handler refuses the pair behind so many
+std::size_t accepted_before_refusal; ///< the handler accepts this many pairs and refuses the next
 
 int take(const char *section, const char *name, const char *value) {
     taken.push_back({section, name, value});
-    return taken.size() > taken_before_refusal ? 0 : 1;
+    return taken.size() > accepted_before_refusal ? 0 : 1;
 }
 
-/// A text that is read in lines as fgets reads them.
+/// A text read line by line as with fgets.
 struct TextStream {
     std::string_view rest;
     std::vector<int> sizes;
@@ -63,7 +63,7 @@ class IniTest : public testing::Test {
   protected:
     IniTest() {
         taken.clear();
-        taken_before_refusal = SIZE_MAX;
+        accepted_before_refusal = SIZE_MAX;
     }
 };
 
@@ -77,7 +77,7 @@ void PrintTo(const Case &text, std::ostream *out) { *out << text.text; }
 
 class IniTextTest : public IniTest, public testing::WithParamInterface<Case> {};
 
-TEST_P(IniTextTest, GivesItsPairsAndItsResult) {
+TEST_P(IniTextTest, YieldsItsPairsAndItsResult) {
     EXPECT_EQ(parse(GetParam().text), GetParam().result);
     EXPECT_EQ(taken, GetParam().pairs);
 }
@@ -120,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(Sections, IniTextTest,
                                          Case{"[ s t ]\na=b", {{" s t ", "a", "b"}}}, //
                                          Case{"[]\na=b", {{"", "a", "b"}}},           //
                                          Case{"[s]\n[]\na=b", {{"", "a", "b"}}},      //
-                                         Case{"[s]x=y\na=b", {{"s", "a", "b"}}},      // the rest of the line is lost
+                                         Case{"[s]x=y\na=b", {{"s", "a", "b"}}},      // the rest of the line is ignored
                                          Case{"[s][t]\na=b", {{"s", "a", "b"}}},      //
                                          Case{"[[s]\na=b", {{"[s", "a", "b"}}},       //
                                          Case{"[s;t]\na=b", {{"s;t", "a", "b"}}},     //
@@ -135,8 +135,8 @@ INSTANTIATE_TEST_SUITE_P(Errors, IniTextTest,
                                          Case{"]", {}, -1},  //
                                          Case{"a=1\nbad\nb=2", {{"", "a", "1"}}, -1},
                                          Case{"a=1\n[bad\nb=2", {{"", "a", "1"}}, -1},
-                                         Case{"a=b\n  continued", {{"", "a", "b"}}, -1}, // no such thing
-                                         Case{"\xEF\xBB\xBF[Link]\na=b", {}, -1},        // nor a byte order mark
+                                         Case{"a=b\n  continued", {{"", "a", "b"}}, -1}, // not supported
+                                         Case{"\xEF\xBB\xBF[Link]\na=b", {}, -1}, // a byte order mark is an error
                                          Case{"\xEF\xBB\xBF"
                                               "a=b",
                                               {{"",
@@ -144,8 +144,8 @@ INSTANTIATE_TEST_SUITE_P(Errors, IniTextTest,
                                                 "a",
                                                 "b"}}}));
 
-TEST_F(IniTest, ARefusedPairEndsTheReading) {
-    taken_before_refusal = 1;
+TEST_F(IniTest, ARefusedPairStopsTheParser) {
+    accepted_before_refusal = 1;
     EXPECT_EQ(parse("[s]\na=1\nb=2\nc=3"), -2);
     EXPECT_EQ(taken, (Pairs{{"s", "a", "1"}, {"s", "b", "2"}}));
 }
@@ -165,7 +165,7 @@ TEST_F(IniTest, AsksForLinesOf4096BytesUntilTheReaderEnds) {
 }
 
 TEST_F(IniTest, ALineOf4095BytesIsOneLine) {
-    const std::string value(4093, 'v'); // and two bytes "n="
+    const std::string value(4093, 'v'); // plus two bytes "n="
     EXPECT_EQ(parse("n=" + value), 0);
     EXPECT_EQ(taken, (Pairs{{"", "n", value}}));
 }
@@ -187,7 +187,7 @@ TEST_F(IniTest, AZeroByteEndsItsLine) {
 }
 
 TEST_F(IniTest, TracesSectionsPairsAndRefusals) {
-    taken_before_refusal = 1;
+    accepted_before_refusal = 1;
     const CapturedTraces traces;
     parse("[Link]\na=1\nb=2");
     EXPECT_EQ(traces.texts_of("ini_parse_stream"),
@@ -208,7 +208,7 @@ int look_at_trace(const char * /*section*/, const char * /*name*/, const char * 
     return 1;
 }
 
-TEST_F(IniTest, TracesAPairBeforeItIsTaken) {
+TEST_F(IniTest, TracesAPairBeforeItIsHandled) {
     const CapturedTraces traces;
     watched = &traces;
     TextStream stream{"a=1", {}};
@@ -223,18 +223,18 @@ TEST_F(IniTest, AFileIsReadToItsEnd) {
     EXPECT_EQ(taken, (Pairs{{"Match", "Name", "eth0"}, {"Link", "Unmanaged", "no"}}));
 }
 
-TEST_F(IniTest, AFileGivesTheErrorsOfItsText) {
+TEST_F(IniTest, AFileReportsTheErrorsOfItsText) {
     const ScratchFolder folder;
     EXPECT_EQ(ini_parse_file(folder.write("empty", "").c_str(), take), 0);
     EXPECT_EQ(ini_parse_file(folder.write("bad", "bad").c_str(), take), -1);
-    taken_before_refusal = 0;
+    accepted_before_refusal = 0;
     EXPECT_EQ(ini_parse_file(folder.write("refused", "a=b").c_str(), take), -2);
 }
 
 TEST_F(IniTest, AFileThatCannotBeOpenedOrReadIsAnError) {
     const ScratchFolder folder;
     EXPECT_EQ(ini_parse_file((folder / "missing").c_str(), take), -1);
-    EXPECT_EQ(ini_parse_file(folder.path().c_str(), take), -1); // a folder opens but is not read
+    EXPECT_EQ(ini_parse_file(folder.path().c_str(), take), -1); // a folder opens but cannot be read
     EXPECT_EQ(taken, Pairs{});
 }
 
@@ -278,7 +278,7 @@ TEST(IniHelpers, RstripCutsTheWhiteSpaceOffTheEnd) {
     }
 }
 
-TEST(IniHelpers, RstripLeavesWhatStandsBeforeTheTextAlone) {
+TEST(IniHelpers, RstripLeavesBytesBeforeTheTextAlone) {
     std::string line = "a  ";
     rstrip(line.data() + 2);
     EXPECT_EQ(line, std::string("a \0", 3));
@@ -308,14 +308,14 @@ TEST(IniHelpers, Strncpy0CopiesWhatFitsAndTerminates) {
     struct {
         const char *source;
         std::size_t size;
-        const char *expected; ///< with what stays of "......"
+        const char *expected; ///< with the rest of "......"
     } const cases[] = {{"abc", 6, "abc"}, {"abc", 4, "abc"}, {"abc", 3, "ab"},
                        {"abc", 1, ""},    {"", 6, ""},       {"abc", 0, "......"}};
     for (const auto &copy : cases) {
         std::array<char, 7> buffer{"......"};
         EXPECT_EQ(strncpy0(buffer.data(), copy.source, copy.size), buffer.data());
         EXPECT_STREQ(buffer.data(), copy.expected) << copy.size;
-        EXPECT_EQ(buffer[5], '.'); // nothing is padded
+        EXPECT_EQ(buffer[5], '.'); // no padding
     }
 }
 

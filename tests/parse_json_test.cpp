@@ -25,7 +25,7 @@ using namespace std::string_literals;
 
 constexpr JsonToken UNTOUCHED{99, 99, 99, 99, 99};
 
-/// The array behind the tokens in use, to see that nothing is written there.
+/// Guard tokens after those in use, to detect writes there.
 struct Result {
     int result;
     Tokens tokens;
@@ -33,7 +33,7 @@ struct Result {
 
 Result parse(std::string_view text, std::size_t capacity = 32) {
     Tokens tokens(capacity, UNTOUCHED);
-    const std::vector<char> bytes(text.begin(), text.end()); // of their exact size: ASan sees a read beyond
+    const std::vector<char> bytes(text.begin(), text.end()); // of exact size, so that ASan detects a read past the end
     JsonParser parser{};
     json_init(&parser, tokens.data(), static_cast<std::int32_t>(capacity));
     const int result = json_parse(&parser, bytes.data(), static_cast<std::int32_t>(bytes.size()));
@@ -50,7 +50,7 @@ void PrintTo(const TokensCase &text, std::ostream *out) { *out << text.text; }
 
 class JsonTokensTest : public testing::TestWithParam<TokensCase> {};
 
-TEST_P(JsonTokensTest, LieWhereTheTextHasThem) {
+TEST_P(JsonTokensTest, HaveTheirPlacesInTheText) {
     const Result result = parse(GetParam().text);
     EXPECT_EQ(result.result, static_cast<int>(GetParam().tokens.size()));
     EXPECT_EQ(result.tokens, GetParam().tokens);
@@ -92,12 +92,12 @@ INSTANTIATE_TEST_SUITE_P(
         TokensCase{R"({"a":"b" "c"})", {{1, 0, 13, 1, -1}, {2, 2, 3, 2, 0}, {2, 6, 7, 0, 1}, {2, 10, 11, 0, 1}}},
         TokensCase{R"({"a":1 "c"})", {{1, 0, 11, 1, -1}, {2, 2, 3, 2, 0}, {4, 5, 6, 0, 1}, {2, 8, 9, 0, 1}}},
         TokensCase{R"({"a":1 {}})", {{1, 0, 10, 1, -1}, {2, 2, 3, 2, 0}, {4, 5, 6, 0, 1}, {1, 7, 9, 0, 1}}},
-        // the value becomes the enclosing one
+        // the value becomes the parent
         TokensCase{R"({"a":1:{}})", {{1, 0, 10, 1, -1}, {2, 2, 3, 1, 0}, {4, 5, 6, 1, 1}, {1, 7, 9, 0, 2}}},
         TokensCase{"t:f ", {{4, 0, 1, 1, -1}, {4, 2, 3, 0, 0}}},
-        // only of an object and of a key is asked what they hold already
+        // only objects and keys are checked for earlier children
         TokensCase{"t:f n ", {{4, 0, 1, 2, -1}, {4, 2, 3, 0, 0}, {4, 4, 5, 0, 0}}},
-        // a comma leaves one token, not all up to the object
+        // a comma closes one token, not all up to the object
         TokensCase{R"({"a":1:2,"b":3})",
                    {{1, 0, 15, 1, -1},
                     {2, 2, 3, 2, 0},
@@ -138,7 +138,7 @@ struct ErrorCase {
     int error;
 };
 
-/// Without the bytes themselves: ctest leaves out tests in whose list it finds such.
+/// Prints no raw bytes: ctest drops tests whose list contains such.
 void PrintTo(const ErrorCase &text, std::ostream *out) {
     *out << testing::PrintToString(text.text) << " " << text.error;
 }
@@ -150,7 +150,7 @@ TEST_P(JsonErrorTest, IsReported) { EXPECT_EQ(parse(GetParam().text).result, Get
 INSTANTIATE_TEST_SUITE_P(Arrays, JsonErrorTest,
                          testing::Values(ErrorCase{"[]", -2}, ErrorCase{"[1]", -2}, ErrorCase{"]", -2},
                                          ErrorCase{R"({"a":[]})", -2}, ErrorCase{R"({"a":1]})", -2},
-                                         ErrorCase{"true]", -2})); // it ends the primitive and is wrong itself
+                                         ErrorCase{"true]", -2})); // it ends the primitive and is invalid itself
 
 INSTANTIATE_TEST_SUITE_P(Characters, JsonErrorTest,
                          testing::Values(ErrorCase{"\x01", -2}, ErrorCase{"\x1F", -2}, ErrorCase{"\v", -2},
@@ -201,7 +201,7 @@ std::string object_of(int keys) {
     return text;
 }
 
-TEST(Json, HasRoomForAsManyTokensAsItWasGiven) {
+TEST(Json, UsesAllTheTokensItWasGiven) {
     EXPECT_EQ(parse(object_of(15) + R"("k"})").result, 32); // 1 + 30 + 1
     EXPECT_EQ(parse(object_of(15) + R"("k":1})").result, -1);
     EXPECT_EQ(parse(object_of(15) + R"("k":"s"})").result, -1);
@@ -212,14 +212,14 @@ TEST(Json, HasRoomForAsManyTokensAsItWasGiven) {
     EXPECT_EQ(parse("", 0).result, 0);
 }
 
-TEST(Json, WithoutRoomSaysSoBeforeItLooksAtTheElement) {
-    EXPECT_EQ(parse("{{", 1).result, -1); // no key
-    EXPECT_EQ(parse("{1", 1).result, -1); // no key either
+TEST(Json, ReportsALackOfTokensBeforeItReadsTheElement) {
+    EXPECT_EQ(parse("{{", 1).result, -1); // not a key
+    EXPECT_EQ(parse("{1", 1).result, -1); // not a key either
     EXPECT_EQ(parse("\"", 0).result, -1);
-    EXPECT_EQ(parse("x", 0).result, -2); // begins nothing
+    EXPECT_EQ(parse("x", 0).result, -2); // starts no element
 }
 
-TEST(Json, WritesNothingBehindItsTokens) {
+TEST(Json, WritesNothingAfterItsTokens) {
     std::array<JsonToken, 3> tokens{UNTOUCHED, UNTOUCHED, UNTOUCHED};
     JsonParser parser{};
     json_init(&parser, tokens.data(), 2);
@@ -230,7 +230,7 @@ TEST(Json, WritesNothingBehindItsTokens) {
     EXPECT_EQ(tokens[2], UNTOUCHED);
 }
 
-TEST(Json, ElementsBeginWithTheirCharactersAlone) {
+TEST(Json, ElementsBeginOnlyWithTheirCharacters) {
     const std::string blanks = "\t\n\r ";
     const std::string marks = ":,";
     const std::string primitives = "+-0123456789FNTfnt";
@@ -262,7 +262,7 @@ TEST(Json, ReadsNoFurtherThanItsLength) {
     EXPECT_EQ(parse_bytes(nullptr, 0), 0);
 }
 
-TEST(Json, TakesATextOf2048BytesAndMissesTheLast) {
+TEST(Json, ParsesATextOf2048BytesAndNoneWithoutItsEnd) {
     const std::string text = R"({"k":")" + std::string(2040, 'v') + R"("})"; // 6 + 2040 + 2
     ASSERT_EQ(text.size(), 2048U);
     EXPECT_EQ(parse(text).tokens, (Tokens{{1, 0, 2048, 1, -1}, {2, 2, 3, 1, 0}, {2, 6, 2046, 0, 1}}));
@@ -285,7 +285,7 @@ TEST(Json, InitMakesAParserReadyAgain) {
     EXPECT_EQ(tokens[0], (JsonToken{1, 0, 2, 0, -1}));
 }
 
-TEST(Json, AFreshTokenIsUnset) {
+TEST(Json, ANewTokenIsUnset) {
     std::array<JsonToken, 2> tokens{UNTOUCHED, UNTOUCHED};
     JsonParser parser{};
     json_init(&parser, tokens.data(), 2);
@@ -301,7 +301,7 @@ TEST(Json, AFreshTokenIsUnset) {
     EXPECT_EQ(json_alloc_token(&parser), nullptr);
 }
 
-TEST(Json, HasTheTypeCodesThatItsReadersKnow) {
+TEST(Json, HasTheEstablishedTypeCodes) {
     EXPECT_EQ(int{JSON_UNSET}, 0);
     EXPECT_EQ(int{JSON_OBJECT}, 1);
     EXPECT_EQ(int{JSON_STRING}, 2);

@@ -41,7 +41,7 @@ Task owner(const char *parameter) {
     return task;
 }
 
-/// A child that has ended by the time this returns and is still to be reaped.
+/// A child that has ended, not yet reaped.
 pid_t ended_child() {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -69,7 +69,7 @@ void handle(int signo) {
     sig_child_handler(signo, &info, nullptr);
 }
 
-/// With SIGCHLD held, as in the daemon, and the registry as empty as it was found.
+/// SIGCHLD is blocked, as in the daemon; the registry is empty before and after.
 class ProcessTest : public testing::Test {
   public:
     ProcessTest() {
@@ -100,7 +100,7 @@ TEST_F(ProcessTest, InstallsItsHandlerWithInformationAndWithoutStops) {
     }
 }
 
-TEST_F(ProcessTest, SaysHowItsStartWent) {
+TEST_F(ProcessTest, TracesTheResultOfItsStart) {
     CapturedTraces traces;
     EXPECT_EQ(process_init(), 0);
     EXPECT_EQ(traces.texts_of("process_init"), (Texts{" ", "DONE"}));
@@ -138,7 +138,7 @@ TEST_F(ProcessTest, RegistersAndForgetsAChild) {
     EXPECT_EQ(process_remove(NOBODY), -1); // forgotten
 }
 
-TEST_F(ProcessTest, HangsItsChildrenBehindAHeadOfIdMinusTwo) {
+TEST_F(ProcessTest, LinksItsChildrenAfterAHeadWithIdMinusTwo) {
     Task task = owner("x");
     const CapturedTraces traces;
     process_add(NOBODY, &task);
@@ -147,9 +147,9 @@ TEST_F(ProcessTest, HangsItsChildrenBehindAHeadOfIdMinusTwo) {
     process_remove(NOBODY);
 }
 
-TEST_F(ProcessTest, SaysThatAnUnknownChildIsMissing) {
+TEST_F(ProcessTest, TracesThatAnUnknownChildIsMissing) {
     Task task = owner("x");
-    EXPECT_EQ(process_remove(NOBODY), -1); // nobody registered at all
+    EXPECT_EQ(process_remove(NOBODY), -1); // nothing registered
     process_add(NOBODY, &task);
     const CapturedTraces traces;
     EXPECT_EQ(process_remove(NOBODY - 1), -1);
@@ -165,14 +165,14 @@ TEST_F(ProcessTest, FindsTheNewestFirst) {
         process_add(NOBODY - i, &tasks[static_cast<std::size_t>(i)]);
     }
     const CapturedTraces traces;
-    EXPECT_EQ(process_remove(NOBODY), 0); // the oldest: two others are looked at before
+    EXPECT_EQ(process_remove(NOBODY), 0); // the oldest: the search compares two others first
     EXPECT_EQ(traces.texts_of("process_cmp"),
               (Texts{"val: 2147483630 pid: 2147483632", "val: 2147483631 pid: 2147483632",
                      "val: 2147483632 pid: 2147483632"}));
-    EXPECT_EQ(traces.texts_of("d_list_search").size(), 3U + 1U); // the head is passed over, the last is the match
+    EXPECT_EQ(traces.texts_of("d_list_search").size(), 3U + 1U); // the head is skipped, the last is the match
     EXPECT_EQ(tasks[0].child_pid, 0);
     EXPECT_EQ(tasks[1].child_pid, NOBODY - 1);
-    EXPECT_EQ(process_remove(NOBODY - 1), 0); // from the middle of what is left
+    EXPECT_EQ(process_remove(NOBODY - 1), 0); // from the middle of the list
     EXPECT_EQ(process_remove(NOBODY - 2), 0);
     EXPECT_EQ(process_remove(NOBODY - 2), -1);
 }
@@ -188,7 +188,7 @@ TEST_F(ProcessTest, ComparesTheTasksChildWithThePid) {
     EXPECT_EQ(traces.texts_of("process_cmp"), (Texts{"val: 12 pid: 12", "val: 12 pid: 13"}));
 }
 
-TEST_F(ProcessTest, LeavesTheTaskAloneWhenMemoryIsOut) {
+TEST_F(ProcessTest, LeavesTheTaskAloneWhenOutOfMemory) {
     Task task = owner("x");
     task.child_pid = 5;
     {
@@ -215,7 +215,7 @@ TEST_F(ProcessTest, ReapsAllThatHaveEndedInOneCall) {
         children[i] = ended_child();
         process_add(children[i], &tasks[i]);
     }
-    const pid_t stranger = ended_child(); // is reaped too, though nobody knows it
+    const pid_t stranger = ended_child(); // is reaped too, though not registered
     const CapturedTraces traces;
     handle(SIGCHLD);
     for (const Task &task : tasks) {
@@ -256,7 +256,7 @@ TEST_F(ProcessTest, ReapsNothingOnAFalseEvent) {
     const pid_t child = ended_child();
     process_add(child, &task);
     const CapturedTraces traces;
-    handle(SIGUSR1); // the information speaks of SIGCHLD
+    handle(SIGUSR1); // its siginfo is not for SIGCHLD
     EXPECT_EQ(task.child_pid, child);
     EXPECT_EQ(traces.texts_of("sig_child_handler"),
               (Texts{"signal: 10", "signo: 17 errno: 1 code: 1 pid: 77 uid: 88 status: 3", "false event"}));
@@ -274,12 +274,12 @@ TEST_F(ProcessTest, KeepsErrno) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(ProcessTest, TakesARealChildsEndAtASafePoint) {
+TEST_F(ProcessTest, HandlesTheEndOfARealChildAtASafePoint) {
     Task task = owner("x");
     const pid_t child = ended_child();
     process_add(child, &task);
     const CapturedTraces traces;
-    signals_wait(signals_handled()); // the kernel's SIGCHLD, which may be a moment behind the end itself
+    signals_wait(signals_handled()); // the kernel's SIGCHLD may come slightly after the end
     EXPECT_EQ(task.child_pid, 0);
     EXPECT_TRUE(traces.has("sig_child_handler", "signo: 17 errno: 0 code: 1 pid: " + std::to_string(child) +
                                                     " uid: " + std::to_string(getuid()) + " status: 3"));

@@ -1,9 +1,9 @@
-# Fails when WRITE_REVISION takes the digits of a source revision from the wrong place. FOLDER is for scratch.
+# Fails if WRITE_REVISION reads the digits of a source revision from the wrong place. FOLDER is a scratch folder.
 cmake_minimum_required(VERSION 3.25)
 string(REPEAT "0" 40 zeros)
 string(REPEAT "a" 40 given)
 
-# Fails unless the digits for the sources in `sources`, which the build was given `handed_over` for, are `wanted`.
+# Fails unless the digits for the sources in `sources`, built with `handed_over`, are `wanted`.
 function(expect_digits wanted sources handed_over)
     set(header ${FOLDER}/revision.h)
     execute_process(
@@ -18,7 +18,7 @@ endfunction()
 
 file(REMOVE_RECURSE ${FOLDER})
 file(MAKE_DIRECTORY ${FOLDER}/none ${FOLDER}/top/below ${FOLDER}/empty)
-set(ENV{GIT_CEILING_DIRECTORIES} ${FOLDER}) # not the repository of this project
+set(ENV{GIT_CEILING_DIRECTORIES} ${FOLDER}) # do not find this project's repository
 execute_process(COMMAND git init -q ${FOLDER}/empty COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND git init -q ${FOLDER}/top COMMAND_ERROR_IS_FATAL ANY)
 execute_process(
@@ -32,7 +32,7 @@ file(CREATE_LINK ${FOLDER}/top ${FOLDER}/link SYMBOLIC)
 
 expect_digits(${head} ${FOLDER}/top "")
 expect_digits(${head} ${FOLDER}/link "")
-expect_digits(${head} ${FOLDER}/top 0123) # too few to be a revision
+expect_digits(${head} ${FOLDER}/top 0123) # too short for a revision
 expect_digits(${given} ${FOLDER}/top ${given})
 expect_digits(${zeros} ${FOLDER}/top/below "")
 expect_digits(${given} ${FOLDER}/top/below ${given})

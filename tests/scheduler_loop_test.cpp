@@ -1,5 +1,5 @@
-// The endless loop in a simulated world: a beat each second, passes that take as long as the test
-// says, signals at given milliseconds. The times of the passes are the result.
+// The endless loop with simulated time: a beat each second, passes as long as the test says, signals at given
+// milliseconds. The result is the times of the passes.
 
 #include "scheduler.h"
 
@@ -24,7 +24,7 @@ constexpr std::int64_t NOON = 1700049600; // of 15 November 2023
 
 struct Script {
     const char *name = "";
-    std::vector<std::int64_t> durations; ///< of the passes; the last one stands for the rest too
+    std::vector<std::int64_t> durations; ///< of the passes; the last one is repeated
     std::vector<std::int64_t> reinits;   ///< when SIGUSR1 comes
     bool beat_during_start_up = false;
     const char *outcome = "";
@@ -38,7 +38,7 @@ struct World {
 };
 
 World &world() {
-    static auto &only = *new World; // the process ends while it is in use
+    static auto &only = *new World; // still in use when the process exits
     return only;
 }
 
@@ -50,7 +50,7 @@ std::int64_t next_event_after(std::int64_t then) {
     return next;
 }
 
-/// Lets the time pass; what is due on the way is raised.
+/// Advances the time and raises the signals that become due.
 void advance(std::int64_t until) {
     World &w = world();
     for (std::int64_t event = next_event_after(w.now); event <= until; event = next_event_after(event)) {
@@ -84,7 +84,7 @@ int run_one_pass(Task * /*task*/) {
 
 Task only_task() {
     Task task = sample_task();
-    task.exec = run_one_pass; // its interval is 0: it runs in every pass
+    task.exec = run_one_pass; // interval 0: it runs in every pass
     return task;
 }
 
@@ -120,27 +120,27 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // The first pass at once, the others on the beat.
         Script{"NoSignal", {100}, {}, false, "^pass 0 pass 1000 pass 2000 pass 3000 \n$"},
-        // The beat at 1000 is counted when the pass ends at 1550, but noticed with the one at 2000 only.
+        // The beat at 1000 is counted when the pass ends at 1550, but noticed only with the one at 2000.
         Script{"Overrun", {1550}, {}, false, "^pass 0 pass 2000 pass 4000 pass 6000 \n$"},
-        // Taken when the pass ends at 100; it wakes nothing.
+        // Handled when the pass ends at 100; it wakes nothing.
         Script{"ReinitDuringAPass", {100}, {50}, false, "^pass 0 reinit 100 pass 1000 pass 2000 pass 3000 \n$"},
-        // Nor does it end the wait that follows an overrun, for it is taken before that.
+        // It does not end the wait after an overrun either: it is handled before.
         Script{"ReinitDuringAnOverrun", {1550}, {1200}, false, "^pass 0 reinit 1550 pass 2000 pass 4000 pass 6000 \n$"},
-        // In the wait after an overrun it ends the wait, since a beat is recorded. The next pass lasts
-        // until 3250; of the beats at 2000 and 3000 one is left.
+        // During the wait after an overrun it ends the wait, since a beat is recorded. The next pass lasts until 3250;
+        // one of the beats at 2000 and 3000 is left.
         Script{"ReinitAfterAnOverrun", {1550}, {1700}, false, "^pass 0 reinit 1700 pass 1700 pass 4000 pass 6000 \n$"},
-        // In a wait without a beat it is taken at once, and the wait goes on.
+        // In a wait without a beat it is handled at once, and the wait continues.
         Script{"ReinitDuringTheWait", {100}, {500}, false, "^pass 0 reinit 500 pass 1000 pass 2000 pass 3000 \n$"},
         Script{"Mixed",
                {1550, 100},
                {300, 1800, 2500},
                false,
                "^pass 0 reinit 1550 reinit 1800 pass 1800 pass 2000 reinit 2500 pass 3000 \n$"},
-        // A beat of the start-up counts as recorded, but does not start a second pass.
+        // A beat during startup is recorded, but does not start a second pass.
         Script{"BeatDuringStartUp", {100}, {300}, true, "^pass 0 reinit 300 pass 300 pass 1000 pass 2000 \n$"}),
     name_of);
 
-/// A beat that is about to come while the loop takes its time must not date the pass late.
+/// A beat about to arrive while the loop reads the time must not give the pass a late date.
 [[noreturn]] void time_around_the_block() {
     const HangGuard guard;
     system_calls().clock = [] {
@@ -170,7 +170,7 @@ TEST(SchedulerStartDeathTest, TakesTheTimeBeforeItBlocksTheBeat) {
         _exit(first.function == "scheduler" && first.text == " " && first.line.starts_with("(1) [") ? 0 : 1);
     };
     gdata_set_tasks({.first = &task, .last = &task, .count = 1});
-    static const CapturedTraces anew; // forgets the line above
+    static const CapturedTraces anew; // drops the trace of the line above
     scheduler();
     _exit(2);
 }

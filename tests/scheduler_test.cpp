@@ -20,7 +20,7 @@ void record(const std::string &event) { events().push_back(event); }
 
 constexpr std::int64_t NOON = 1700049600; // of 15 November 2023
 
-/// Operations that record the task's name and fail; the scheduler must not care.
+/// Operations that record the task's name and fail; the scheduler must ignore that.
 Task recording_task(const char *name, std::int32_t interval) {
     Task task = sample_task();
     task.name = name;
@@ -48,7 +48,7 @@ Task recording_task(const char *name, std::int32_t interval) {
     return task;
 }
 
-/// A chain of tasks in place of the built-in ones.
+/// A list of tasks in place of the built-in ones.
 class Station {
   public:
     explicit Station(std::vector<Task> given) : tasks(std::move(given)) {
@@ -82,7 +82,7 @@ bool runs_at(Station &station, std::int64_t now) {
 
 // One pass. --------------------------------------------------------------------------------------
 
-TEST_F(SchedulerTest, WalksFromTheNetworkOverEveryTasksPipelineToTheAnnouncement) {
+TEST_F(SchedulerTest, RunsTheNetworkThenEveryTasksPipelineThenTheAnnouncement) {
     const Station station({recording_task("a", 10), recording_task("b", 60)});
     scheduler_pass(NOON);
     EXPECT_EQ(events(), (Events{"network", "a exec", "a analyze", "a notify", "a logging", "b exec", "b analyze",
@@ -133,7 +133,7 @@ TEST_F(SchedulerTest, ClearsErrorAndValidityBeforeTheProbe) {
     EXPECT_EQ(events()[1], "0 invalid");
     EXPECT_EQ(events()[2], "22");
     EXPECT_EQ(task.error, 22);
-    EXPECT_EQ(task.flags, std::uint32_t{TASK_RUNNABLE} | TASK_REINIT); // nothing else is touched
+    EXPECT_EQ(task.flags, std::uint32_t{TASK_RUNNABLE} | TASK_REINIT); // nothing else changes
 }
 
 TEST_F(SchedulerTest, RunsATaskWithNothingBound) {
@@ -191,7 +191,7 @@ TEST_F(SchedulerTest, AsksARefusedTaskAgainOnEveryBeat) {
         EXPECT_EQ(task.error, 5);
         EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
     }
-    EXPECT_EQ(station.tasks[1].next_run, NOON + 900); // the others go on
+    EXPECT_EQ(station.tasks[1].next_run, NOON + 900); // the others continue
     answer = -1;                                      // anything but 0 lets it run
     EXPECT_TRUE(runs_at(station, NOON + 30));
     EXPECT_EQ(task.next_run, NOON + 900);
@@ -203,10 +203,10 @@ TEST_F(SchedulerTest, AsksARefusedTaskAgainOnEveryBeat) {
 TEST_F(SchedulerTest, AsksOnlyTasksThatHaveAPrecondition) {
     Station station({recording_task("a", 10)});
     Task &task = station.tasks.front();
-    task.precondition = [](Task *) { return 0; }; // the slot without the flag
+    task.precondition = [](Task *) { return 0; }; // slot without flag
     EXPECT_TRUE(runs_at(station, NOON));
     task.flags |= TASK_HAS_PRECONDITION;
-    task.precondition = nullptr; // and the flag without the slot
+    task.precondition = nullptr; // flag without slot
     EXPECT_TRUE(runs_at(station, NOON + 10));
 }
 
@@ -237,11 +237,11 @@ INSTANTIATE_TEST_SUITE_P(
                     // Past the 32-bit seconds: 2147483647 = 2386092 * 900 + 847 and 4294967296 = 4772185 * 900 + 796.
                     NextRun{2147483647, 900, 2147483700}, NextRun{2147483700, 900, 2147484600},
                     NextRun{4294967296, 900, 4294967400},
-                    // An interval beyond half of them: the product does not fit 32 bits.
+                    // An interval beyond 2^31: the product does not fit 32 bits.
                     NextRun{1700000007, 2147483647, 2147483647}, NextRun{2147483647, 2147483647, 4294967294},
-                    // The division truncates towards zero, which before the epoch skips a multiple.
+                    // The division truncates towards zero, which skips a multiple before the epoch.
                     NextRun{-5, 10, 10}, NextRun{-10, 10, 0}, NextRun{-15, 10, 0},
-                    // Without an interval the task is due again on the next beat.
+                    // With interval 0 the task is due again on the next beat.
                     NextRun{1700000007, 0, 1700000007}, NextRun{1700000007, -10, 1700000007},
                     NextRun{1700000007, -2147483647 - 1, 1700000007}));
 
@@ -270,7 +270,7 @@ TEST_F(SchedulerTest, RunsOnceWhenTheClockIsSetForward) {
     EXPECT_EQ(station.tasks.front().next_run, NOON + 86400 + 900);
 }
 
-TEST_F(SchedulerTest, RunsAQuarterHourlyTaskAYearLong) {
+TEST_F(SchedulerTest, RunsAQuarterHourlyTaskForAYear) {
     constexpr std::int64_t year = 365 * std::int64_t{86400};
     constexpr std::int64_t start = NOON + 7; // seven seconds after a quarter
     Station station({recording_task("a", 900)});
@@ -279,14 +279,14 @@ TEST_F(SchedulerTest, RunsAQuarterHourlyTaskAYearLong) {
         const CapturedTraces forgotten;
         runs += runs_at(station, now) ? 1 : 0;
     }
-    // The first at once, then one for each of the 365 * 96 quarters that follow: the last of them
-    // is start + year - 7, the last minute's pass start + year - 60. It sees all but that one.
+    // One run at once, then one for each of the following 365 * 96 quarters except the last: that is start + year - 7,
+    // after the last pass at start + year - 60.
     EXPECT_EQ(runs, 1 + 365 * 96 - 1);
 }
 
 // Signals. ---------------------------------------------------------------------------------------
 
-/// All seven blocked as in the daemon; SIGUSR1 records when it is taken.
+/// All seven blocked as in the daemon; SIGUSR1 records when it is handled.
 class SignalledPass : public SchedulerTest {
   public:
     SignalledPass() {

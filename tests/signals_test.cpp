@@ -16,7 +16,7 @@ namespace {
 
 constexpr int SEVEN[]{SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 
-// What the handlers record. They run as ordinary calls, so they may.
+// What the handlers record. They run as ordinary calls, so they may use the heap.
 std::vector<std::string> &events() {
     static std::vector<std::string> list;
     return list;
@@ -37,7 +37,7 @@ void recording_handler(int signo) {
     errno = EIO;
 }
 
-/// Of a signal that is sent faster than it can be taken.
+/// For a signal that is sent faster than it is handled.
 void flooded_handler(int signo) { raise(signo); }
 
 void informed_handler(int signo, siginfo_t *info, void * /*context*/) {
@@ -65,7 +65,7 @@ bool is_pending(int signo) {
     return sigismember(&pending, signo) == 1;
 }
 
-/// Holds all seven with a recording handler each; gives back mask and dispositions at the end.
+/// Blocks all seven, each with a recording handler; restores mask and dispositions at the end.
 class SignalsTest : public testing::Test {
   public:
     SignalsTest() {
@@ -94,7 +94,7 @@ class SignalsTest : public testing::Test {
 
 using Events = std::vector<std::string>;
 
-TEST_F(SignalsTest, AreSevenOfWhichAllButTheHeartbeatAreHeld) {
+TEST_F(SignalsTest, AreSevenAndAllButTheHeartbeatAreBlocked) {
     const sigset_t all = signals_all();
     const sigset_t held = signals_handled();
     for (int signo = 1; signo < NSIG; ++signo) {
@@ -120,12 +120,12 @@ TEST_F(SignalsTest, AreTakenOneAfterTheOther) {
     signals_safe_point();
     ASSERT_EQ(events().size(), 4U);
     for (std::size_t i = 0; i < 4; i += 2) {
-        EXPECT_EQ(events()[i].substr(6), events()[i + 1].substr(4)); // begin and end of the same
+        EXPECT_EQ(events()[i].substr(6), events()[i + 1].substr(4)); // start and end of the same
     }
 }
 
 TEST_F(SignalsTest, AreNeverTakenInsideAHandler) {
-    signal_to_raise = SIGHUP; // the handler comes past a safe point then
+    signal_to_raise = SIGHUP; // the handler then reaches a safe point
     raise(SIGUSR1);
     signals_safe_point();
     EXPECT_EQ(events(), (Events{"begin USR1", "end USR1", "begin HUP", "end HUP"}));
@@ -164,7 +164,7 @@ TEST_F(SignalsTest, AreTakenByAWaitThatFollowsAnInterruptedCall) {
     EXPECT_EQ(events(), (Events{"begin USR1", "end USR1"}));
 }
 
-/// Until the process sleeps, or has ended.
+/// Waits until the process sleeps or has ended.
 void await_sleep(pid_t pid) {
     const std::string status = "/proc/" + std::to_string(pid) + "/stat";
     for (std::string text; text.find(") S ") == std::string::npos && text.find(") Z ") == std::string::npos;) {
@@ -172,7 +172,7 @@ void await_sleep(pid_t pid) {
     }
 }
 
-TEST_F(SignalsTest, AreWaitedForOnAfterAStop) {
+TEST_F(SignalsTest, AreStillAwaitedAfterAStop) {
     const pid_t waiting = fork();
     if (waiting == 0) {
         signals_wait(signals_all());
@@ -202,7 +202,7 @@ TEST_F(SignalsTest, EndAPauseExceptTheHeartbeat) {
     EXPECT_TRUE(is_pending(SIGALRM));
 }
 
-TEST_F(SignalsTest, LetAPauseEndByItself) {
+TEST_F(SignalsTest, LetAPauseRunToItsEnd) {
     for (const int milliseconds : {100, 1000}) {
         const auto begin = std::chrono::steady_clock::now();
         signals_pause(milliseconds);
@@ -222,7 +222,7 @@ TEST_F(SignalsTest, AreTakenFromTheLowestNumberOn) {
     }
 }
 
-TEST_F(SignalsTest, ThatKeepComingHoldUpNoOther) {
+TEST_F(SignalsTest, ThatKeepComingDelayNoOther) {
     install(SIGUSR1, flooded_handler);
     for (void (*const take)() : {+[] { signals_safe_point(); }, +[] { signals_dispatch(signals_all()); },
                                  +[] { signals_wait(signals_all()); }, +[] { signals_pause(1000); }}) {
@@ -234,7 +234,7 @@ TEST_F(SignalsTest, ThatKeepComingHoldUpNoOther) {
     }
 }
 
-TEST_F(SignalsTest, HandTheirInformationOn) {
+TEST_F(SignalsTest, PassTheirInformationOn) {
     struct sigaction action {};
     action.sa_sigaction = informed_handler;
     action.sa_flags = SA_SIGINFO;
@@ -273,7 +273,7 @@ TEST_F(SignalsTest, ThatAreIgnoredAreDropped) {
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
     raise(SIGUSR1);
-    sigaction(SIGCHLD, &action, nullptr); // the default for it is to do nothing
+    sigaction(SIGCHLD, &action, nullptr); // ignored by default
     raise(SIGCHLD);
     action.sa_handler = SIG_IGN;
     sigaction(SIGHUP, &action, nullptr);
@@ -286,7 +286,7 @@ TEST_F(SignalsTest, ThatAreIgnoredAreDropped) {
 
 using SignalsDeathTest = SignalsTest;
 
-TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcessAsEver) {
+TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcess) {
     const auto end_by_default = [] {
         install(SIGTERM, SIG_DFL);
         raise(SIGTERM);
@@ -295,8 +295,8 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcessAsEver) {
     EXPECT_EXIT(end_by_default(), testing::KilledBySignal(SIGTERM), "");
 }
 
-/// Holding twice, with another mask in between; exits with 0 when the mask before the first is kept.
-[[noreturn]] void hold_twice() {
+/// Blocks twice, with another mask in between; exits with 0 if the mask from before the first block is kept.
+[[noreturn]] void block_twice() {
     const sigset_t none{};
     const sigset_t pipe = set_of(SIGPIPE);
     const sigset_t child = set_of(SIGCHLD);
@@ -317,8 +317,8 @@ TEST_F(SignalsDeathTest, WithoutAHandlerEndTheProcessAsEver) {
     _exit(sigismember(&original, SIGPIPE) == 1 && sigismember(&now, SIGPIPE) == 1 ? 0 : 99);
 }
 
-TEST_F(SignalsDeathTest, AreHeldFromTheMaskThatAChildGetsBack) {
-    EXPECT_EXIT(hold_twice(), testing::ExitedWithCode(0), "");
+TEST_F(SignalsDeathTest, BlockedTwiceKeepTheFirstOriginalMask) {
+    EXPECT_EXIT(block_twice(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// What is written to the socket that NOTIFY_SOCKET names, and that nothing is where it names none.
+// What is written to the socket that NOTIFY_SOCKET names, and that nothing is written without one.
 
 #include "supervision.h"
 
@@ -27,7 +27,7 @@ using testing::SizeIs;
 
 namespace {
 
-/// What the manager listens at: a path, or behind an @ a name of the abstract kind.
+/// The address the manager listens on: a path, or an abstract name after an @.
 class NotifySocket {
   public:
     explicit NotifySocket(const std::string &name) : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
@@ -41,7 +41,7 @@ class NotifySocket {
         EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), size), 0) << name;
     }
 
-    /// The messages that have come.
+    /// The messages received.
     [[nodiscard]] std::vector<std::string> take() const {
         std::vector<std::string> messages;
         std::array<char, 1024> buffer{};
@@ -60,7 +60,7 @@ class Supervision : public testing::Test {
   protected:
     void SetUp() override { ask_at(folder / "notify"); }
     void TearDown() override { unsetenv("NOTIFY_SOCKET"); }
-    /// As a daemon that has told nothing yet.
+    /// As a daemon that has sent nothing yet.
     void start() const {
         supervision_ready();
         static_cast<void>(manager.take());
@@ -81,7 +81,7 @@ TEST_F(Supervision, SaysThatItStops) {
     EXPECT_THAT(manager.take(), ElementsAre("STOPPING=1"));
 }
 
-TEST_F(Supervision, KeepsAliveAfterEachPassAndTellsAStatusWhenItIsNew) {
+TEST_F(Supervision, SendsKeepAliveAfterEachPassAndAStatusThatChanged) {
     start();
     supervision_pass_done({});
     supervision_pass_done({});
@@ -93,7 +93,7 @@ TEST_F(Supervision, KeepsAliveAfterEachPassAndTellsAStatusWhenItIsNew) {
                                             "WATCHDOG=1\nSTATUS=Raised issues: none"));
 }
 
-TEST_F(Supervision, TellsInItsStatusWhatIsWrong) {
+TEST_F(Supervision, ReportsProblemsInItsStatus) {
     start();
     supervision_pass_done({.is_off_bus = true});
     supervision_pass_done({.status_log_error = ENOSPC});
@@ -108,7 +108,7 @@ TEST_F(Supervision, TellsInItsStatusWhatIsWrong) {
                             "Permission denied; traces lost: 13"));
 }
 
-TEST_F(Supervision, HasRoomForAllThatCanBeWrongAtOnce) {
+TEST_F(Supervision, HasRoomForAllProblemsAtOnce) {
     std::string labels = "CBnn";
     for (int id = 32; id >= 0; --id) {
         labels = "CB" + std::to_string(id) + ", " + labels;
@@ -116,14 +116,14 @@ TEST_F(Supervision, HasRoomForAllThatCanBeWrongAtOnce) {
     start();
     supervision_pass_done({.raised_issues = labels.c_str(),
                            .is_off_bus = true,
-                           .status_log_error = EILSEQ, // of the longest texts one
+                           .status_log_error = EILSEQ, // one of the longest texts
                            .lost_traces = 4294967295});
     const std::vector<std::string> messages = manager.take();
     ASSERT_THAT(messages, SizeIs(1));
     EXPECT_THAT(messages[0], testing::EndsWith("traces lost: 4294967295"));
 }
 
-TEST_F(Supervision, TellsAStatusAgainThatTheManagerDidNotTake) {
+TEST_F(Supervision, SendsAgainAStatusThatTheManagerDidNotTake) {
     start();
     const CapturedTraces traces;
     while (traces.all().empty()) {
@@ -141,7 +141,7 @@ TEST_F(Supervision, TellsAStatusAgainThatTheManagerDidNotTake) {
     EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: CB21"));
 }
 
-TEST_F(Supervision, SaysOnceAChangeThatTheBusOrTheStatusLogIsLostOrThereAgain) {
+TEST_F(Supervision, ReportsLossAndReturnOfBusAndStatusLogOnce) {
     start();
     const CapturedTraces traces;
     const auto pass = [](bool is_off_bus, int error) {
@@ -161,7 +161,7 @@ TEST_F(Supervision, SaysOnceAChangeThatTheBusOrTheStatusLogIsLostOrThereAgain) {
     EXPECT_THAT(traces.all(), testing::Each(testing::Field(&CapturedTrace::priority, LOG_INFO)));
 }
 
-TEST_F(Supervision, FindsASocketOfTheAbstractKind) {
+TEST_F(Supervision, UsesAnAbstractSocket) {
     const std::string name = "@vigmond-test-" + std::to_string(getpid());
     const NotifySocket abstract(name);
     ask_at(name);
@@ -170,7 +170,7 @@ TEST_F(Supervision, FindsASocketOfTheAbstractKind) {
     EXPECT_THAT(manager.take(), IsEmpty());
 }
 
-TEST_F(Supervision, FindsTheLongestPathThatASocketCanHave) {
+TEST_F(Supervision, UsesTheLongestPathThatASocketCanHave) {
     const std::filesystem::path path = folder / std::string(106 - folder.path().string().size(), 'n');
     ASSERT_EQ(path.string().size(), 107U);
     const NotifySocket socket(path);
@@ -179,14 +179,14 @@ TEST_F(Supervision, FindsTheLongestPathThatASocketCanHave) {
     EXPECT_THAT(socket.take(), ElementsAre("READY=1"));
 }
 
-TEST_F(Supervision, TriesTheShortestNameThatASocketCanHave) {
+TEST_F(Supervision, UsesTheShortestNameThatASocketCanHave) {
     const CapturedTraces traces;
     ask_at("@v");
     supervision_ready();
     EXPECT_THAT(traces.texts_of("notify"), ElementsAre("FAILED: Connection refused"));
 }
 
-TEST_F(Supervision, IsSilentWhereNobodyAsks) {
+TEST_F(Supervision, IsSilentWithoutASocketName) {
     const CapturedTraces traces;
     unsetenv("NOTIFY_SOCKET");
     supervision_ready();
@@ -196,7 +196,7 @@ TEST_F(Supervision, IsSilentWhereNobodyAsks) {
     EXPECT_THAT(traces.all(), IsEmpty());
 }
 
-TEST_F(Supervision, IsSilentWhereTheNameIsNoSocketsName) {
+TEST_F(Supervision, IsSilentWithAnInvalidSocketName) {
     const CapturedTraces traces;
     for (const std::string &name : {std::string(), std::string("@"), std::string("/"), std::string("notify"),
                                     "/" + std::string(107, 'n'), std::string(5000, '@')}) {
@@ -207,7 +207,7 @@ TEST_F(Supervision, IsSilentWhereTheNameIsNoSocketsName) {
     EXPECT_THAT(manager.take(), IsEmpty());
 }
 
-TEST_F(Supervision, TracesASocketThatIsNotThere) {
+TEST_F(Supervision, TracesAMissingSocket) {
     const CapturedTraces traces;
     ask_at(folder / "nobody");
     supervision_ready();
@@ -224,7 +224,7 @@ TEST_F(Supervision, DoesNotWaitForAManagerThatDoesNotRead) {
     }
     EXPECT_THAT(traces.texts_of("notify"), ElementsAre("FAILED: Resource temporarily unavailable"));
     EXPECT_THAT(manager.take(), SizeIs(static_cast<std::size_t>(sent - 1)));
-    supervision_ready(); // and goes on when it reads again
+    supervision_ready(); // sends again after the manager has read
     EXPECT_THAT(manager.take(), ElementsAre("READY=1"));
 }
 
@@ -233,7 +233,7 @@ std::ptrdiff_t open_descriptors() {
     return std::distance(begin(folder), end(folder));
 }
 
-TEST_F(Supervision, NeitherAllocatesNorKeepsMoreDescriptorsAPass) {
+TEST_F(Supervision, NeitherAllocatesNorLeaksDescriptors) {
     supervision_pass_done({});
     EXPECT_THAT(manager.take(), SizeIs(1));
     const int allocations = allocation_count();

@@ -1,5 +1,4 @@
-// The questions to systemd when the answer is late, when it does not come, and when others flood the connection.
-// Who floods is a process of its own.
+// Calls to systemd with a late reply, with no reply, and while another process floods the connection.
 
 #include "system_bus.h"
 
@@ -75,7 +74,7 @@ NumberAnswer ask_number(const char *property = "Number") {
 
 constexpr const char *LATER_THAN_THE_LIBRARY_WAITS = "delay 200";
 
-TEST(SystemBusLateAnswer, IsTakenLikeAnyOther) {
+TEST(SystemBusLateAnswer, IsHandledLikeAnyOther) {
     in_child([] {
         Rig rig;
         rig.systemd.obey(LATER_THAN_THE_LIBRARY_WAITS);
@@ -89,7 +88,7 @@ TEST(SystemBusLateAnswer, IsTakenLikeAnyOther) {
             EXPECT_GE(number.result, 0);
             EXPECT_EQ(number.number, 7U);
         }
-        EXPECT_EQ(rig.systemd.total(), 4) << "each question is sent once";
+        EXPECT_EQ(rig.systemd.total(), 4) << "each call is sent once";
     });
 }
 
@@ -118,10 +117,10 @@ TEST(SystemBusLateAnswer, IsNotAwaitedFromABusThatDies) {
     });
 }
 
-TEST(SystemBusLateAnswer, DoesNotHoldATerminationUp) {
+TEST(SystemBusLateAnswer, DoesNotDelayATermination) {
     constexpr int taken_while_waiting = 77;
     const int status = run_child([] {
-        signals_block(); // for the rig's threads, too
+        signals_block(); // also for the rig's threads
         Rig rig;
         std::signal(SIGTERM, [](int /*signo*/) { _exit(taken_while_waiting); });
         rig.systemd.obey("hold");
@@ -135,7 +134,7 @@ TEST(SystemBusLateAnswer, DoesNotHoldATerminationUp) {
 
 constexpr const char *SIGNAL_SIZE = "4000";
 #ifdef __SANITIZE_ADDRESS__
-constexpr long MOST_KB = 1'000'000; // what is freed is kept for a while
+constexpr long MOST_KB = 1'000'000; // the sanitizer keeps freed memory for a while
 #else
 constexpr long MOST_KB = 16'000; // the flood brings several times that in a second
 #endif
@@ -178,7 +177,7 @@ struct FloodedRig : Rig {
     long before_kb = 0;
 };
 
-TEST(SystemBusFlood, CostsNoAnswerAndNoMemory) {
+TEST(SystemBusFlood, LosesNoAnswerAndUsesNoMemory) {
     in_child([] {
         FloodedRig rig;
         for (int i = 0; i < 10; ++i) {
@@ -189,14 +188,14 @@ TEST(SystemBusFlood, CostsNoAnswerAndNoMemory) {
     });
 }
 
-TEST(SystemBusFlood, CostsNoMemoryWhileNothingIsAnswered) {
+TEST(SystemBusFlood, UsesNoMemoryWhileNothingIsAnswered) {
     in_child([] {
         FloodedRig rig;
         rig.systemd.obey("hold");
         EXPECT_EQ(ask_text().result, -ETIMEDOUT);
         EXPECT_LT(rig.grown_kb(), MOST_KB);
         rig.systemd.obey("release");
-        EXPECT_EQ(ask_text().text, "active") << "not the answer to the question before";
+        EXPECT_EQ(ask_text().text, "active") << "not the reply to the previous call";
     });
 }
 

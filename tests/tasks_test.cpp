@@ -100,7 +100,7 @@ TaskOperation operation_named(const std::string &name) {
     return nullptr;
 }
 
-/// The tasks by walking the list from its head.
+/// The tasks in list order.
 std::vector<const Task *> walk() {
     std::vector<const Task *> tasks;
     for (const Task *task = builtin_tasks().first; task != nullptr; task = task->next) {

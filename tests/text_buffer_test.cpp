@@ -9,12 +9,12 @@ namespace {
 
 constexpr char UNTOUCHED = '#';
 
-/// An array with a guard behind it.
+/// An array with guard bytes after it.
 class TextBufferTest : public testing::Test {
   protected:
     TextBufferTest() { bytes.fill(UNTOUCHED); }
 
-    [[nodiscard]] std::string behind(std::size_t size) const { return {bytes.begin() + size, bytes.end()}; }
+    [[nodiscard]] std::string bytes_from(std::size_t size) const { return {bytes.begin() + size, bytes.end()}; }
     static std::string untouched(std::size_t count) {
         std::string text(count, UNTOUCHED);
         return text;
@@ -27,7 +27,7 @@ TEST_F(TextBufferTest, StartsWithAnEmptyText) {
     const TextBuffer text(bytes.data(), 8);
     EXPECT_STREQ(text.c_str(), "");
     EXPECT_EQ(text.remaining(), 7U);
-    EXPECT_EQ(behind(1), untouched(15));
+    EXPECT_EQ(bytes_from(1), untouched(15));
 }
 
 TEST_F(TextBufferTest, AppendsWhatFits) {
@@ -36,8 +36,8 @@ TEST_F(TextBufferTest, AppendsWhatFits) {
     EXPECT_TRUE(text.append('-'));
     text.append_format("%d%s", 42, "x");
     EXPECT_STREQ(text.c_str(), "abc-42x");
-    EXPECT_EQ(text.remaining(), 0U);
-    EXPECT_EQ(behind(8), untouched(8));
+    EXPECT_EQ(text.remaining(), 0U); // for the terminator
+    EXPECT_EQ(bytes_from(8), untouched(8));
 }
 
 TEST_F(TextBufferTest, CutsATextThatDoesNotFit) {
@@ -47,7 +47,7 @@ TEST_F(TextBufferTest, CutsATextThatDoesNotFit) {
     EXPECT_STREQ(text.c_str(), "abcde");
     EXPECT_FALSE(text.append('x'));
     EXPECT_STREQ(text.c_str(), "abcde");
-    EXPECT_EQ(behind(6), untouched(10));
+    EXPECT_EQ(bytes_from(6), untouched(10));
 }
 
 TEST_F(TextBufferTest, AppendsAndCutsNumbers) {
@@ -61,7 +61,7 @@ TEST_F(TextBufferTest, AppendsAndCutsNumbers) {
     EXPECT_TRUE(shorter.append("abc"));
     shorter.append_number(-234);
     EXPECT_STREQ(shorter.c_str(), "abc-2");
-    EXPECT_EQ(behind(6), "836487" + std::string(1, '\0') + untouched(3)); // of the longer text
+    EXPECT_EQ(bytes_from(6), "836487" + std::string(1, '\0') + untouched(3)); // rest of the longer text
 }
 
 #define EXPECT_FORMATTED(expected, ...)                                                                                \
@@ -100,7 +100,7 @@ TEST_F(TextBufferTest, CutsAFormattedTextThatDoesNotFit) {
     text.append_format("%s", "");
     EXPECT_STREQ(text.c_str(), "abcde");
     EXPECT_EQ(text.remaining(), 0U);
-    EXPECT_EQ(behind(6), untouched(10));
+    EXPECT_EQ(bytes_from(6), untouched(10));
 }
 
 TEST_F(TextBufferTest, HoldsNothingInOneByte) {
@@ -108,7 +108,7 @@ TEST_F(TextBufferTest, HoldsNothingInOneByte) {
     EXPECT_FALSE(text.append("a"));
     text.append_format("%d", 7);
     EXPECT_STREQ(text.c_str(), "");
-    EXPECT_EQ(behind(1), untouched(15));
+    EXPECT_EQ(bytes_from(1), untouched(15));
 }
 
 TEST_F(TextBufferTest, LeavesAnArrayOfSizeZeroAlone) {
@@ -118,17 +118,17 @@ TEST_F(TextBufferTest, LeavesAnArrayOfSizeZeroAlone) {
     EXPECT_TRUE(text.append(""));
     EXPECT_EQ(text.remaining(), 0U);
     EXPECT_STREQ(text.c_str(), "");
-    EXPECT_EQ(behind(0), untouched(16));
+    EXPECT_EQ(bytes_from(0), untouched(16));
 }
 
-TEST_F(TextBufferTest, TakesNoArrayAsOneOfSizeZero) {
+TEST_F(TextBufferTest, TreatsNullAsAnArrayOfSizeZero) {
     TextBuffer text(nullptr, 0);
     EXPECT_FALSE(text.append("a"));
     text.append_format("%d", 7);
     EXPECT_STREQ(text.c_str(), "");
 }
 
-TEST_F(TextBufferTest, GoesOnBehindATextThatStands) {
+TEST_F(TextBufferTest, ContinuesAfterAnExistingText) {
     std::copy_n("head: ", 7, bytes.begin());
     TextBuffer text = TextBuffer::after(bytes.data(), 12);
     EXPECT_EQ(text.remaining(), 5U); // 12 - 6 - 1
@@ -137,11 +137,11 @@ TEST_F(TextBufferTest, GoesOnBehindATextThatStands) {
     EXPECT_STREQ(text.c_str(), "head: value");
 }
 
-TEST_F(TextBufferTest, CutsAnUnterminatedTextThatStands) {
+TEST_F(TextBufferTest, CutsAnUnterminatedExistingText) {
     TextBuffer text = TextBuffer::after(bytes.data(), 4);
     EXPECT_STREQ(text.c_str(), "###");
     EXPECT_EQ(text.remaining(), 0U);
-    EXPECT_EQ(behind(4), untouched(12));
+    EXPECT_EQ(bytes_from(4), untouched(12));
 }
 
 } // namespace

@@ -172,7 +172,7 @@ TEST_F(TimerTest, FailsWithoutATimer) {
 
 // Blocking and waiting. --------------------------------------------------------------------------
 
-/// With the heartbeat started, but only in the tests' hands.
+/// With the heartbeat started; beats come only from the tests.
 class WaitTest : public TimerTest {
   public:
     WaitTest() { timer_init(); }
@@ -180,7 +180,7 @@ class WaitTest : public TimerTest {
     [[nodiscard]] std::size_t beats() const { return traces.texts_of("sig_alarm_handler").size(); }
 };
 
-TEST_F(WaitTest, HoldsABeatBackUntilItMayCome) {
+TEST_F(WaitTest, KeepsABeatPendingUntilItIsUnblocked) {
     timer_continue();
     EXPECT_FALSE(is_blocked(SIGALRM));
     timer_suspend();
@@ -195,14 +195,14 @@ TEST_F(WaitTest, HoldsABeatBackUntilItMayCome) {
     EXPECT_EQ(traces.texts_of("timer_suspend").back(), " ");
     EXPECT_EQ(traces.texts_of("timer_continue").back(), " ");
     raise(SIGUSR1);
-    runrun_wait(); // takes the beat that is counted
+    runrun_wait(); // consumes the counted beat
 }
 
 TEST_F(WaitTest, TracesEachStepAtItsLevel) {
     const CapturedTraces only_these;
     timer_suspend();
     raise(SIGALRM);
-    timer_continue(); // in which the beat comes
+    timer_continue(); // the beat arrives during this call
     system_calls().before_wait = [](int) { raise(SIGUSR1); };
     runrun_wait();
     Texts steps;
@@ -213,7 +213,7 @@ TEST_F(WaitTest, TracesEachStepAtItsLevel) {
                             "(3) CODE_FILE=timer.c sig_alarm_handler", "(2) CODE_FILE=timer.c runrun_wait"}));
 }
 
-TEST_F(WaitTest, EndsWithABeatAndStartsFromNoneAgain) {
+TEST_F(WaitTest, EndsWithABeatAndRestartsTheCount) {
     raise(SIGALRM);
     runrun_wait();
     EXPECT_EQ(system_calls().waits, 1);
@@ -247,7 +247,7 @@ TEST_F(WaitTest, EndsWithAnyOtherSignalWhenABeatIsRecorded) {
     EXPECT_EQ(beats(), 1U);
 }
 
-TEST_F(WaitTest, GoesOnAfterAnotherSignalAlone) {
+TEST_F(WaitTest, ContinuesAfterAnotherSignalAlone) {
     system_calls().before_wait = [](int number) { pthread_kill(pthread_self(), number <= 5 ? SIGUSR1 : SIGALRM); };
     runrun_wait();
     EXPECT_EQ(system_calls().waits, 6);
@@ -268,13 +268,13 @@ TEST_F(WaitTest, TakesABeatAndAnotherSignalTogether) {
 TEST_F(WaitTest, CountsTwoBeatsOfOnePassAsOne) {
     raise(SIGALRM);
     timer_continue();
-    raise(SIGALRM); // at once, since it is open
+    raise(SIGALRM); // handled at once: not blocked
     EXPECT_EQ(beats(), 2U);
     system_calls().before_wait = [](int number) { raise(number == 2 ? SIGUSR1 : SIGALRM); };
     runrun_wait();
     EXPECT_EQ(system_calls().waits, 1);
     timer_suspend();
-    runrun_wait(); // SIGUSR1 at wait 2 does not end it: nothing is left over
+    runrun_wait(); // SIGUSR1 at wait 2 does not end it: no beat is left
     EXPECT_EQ(system_calls().waits, 3);
 }
 
@@ -287,7 +287,7 @@ TEST_F(WaitTest, IsNotEndedByAnInterruption) {
             raise(SIGUSR1);
         }
     };
-    runrun_wait(); // a beat is recorded, yet only the signal ends it
+    runrun_wait(); // a beat is recorded, but only the signal ends the wait
     EXPECT_EQ(system_calls().waits, 4);
     EXPECT_EQ(reinits, 1);
 }
@@ -305,7 +305,7 @@ void wait_until_idle(pid_t pid) {
     }
 }
 
-TEST_F(WaitTest, GoesOnAfterAStopAndAContinue) {
+TEST_F(WaitTest, ContinuesAfterAStopAndAContinue) {
     const pid_t child = fork();
     if (child == 0) {
         raise(SIGALRM);
@@ -342,7 +342,7 @@ TEST_F(WaitTest, KeepsErrnoInTheHandler) {
     sig_alarm_handler(SIGALRM);
     EXPECT_EQ(errno, ENOENT);
     raise(SIGUSR1);
-    runrun_wait(); // takes the beat that is counted
+    runrun_wait(); // consumes the counted beat
 }
 
 } // namespace

@@ -23,8 +23,7 @@
 #include <unistd.h>
 #include <vector>
 
-// What is made with new passes by the count of allocations too. Inlined, the compiler would take the
-// pairs for mismatched.
+// Also counts allocations with new. If inlined, the compiler would report mismatched pairs.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc)
 [[gnu::noinline]] void *operator new(std::size_t size) {
     void *memory = std::malloc(size == 0 ? 1 : size);
@@ -61,7 +60,7 @@ std::string prefix_at(std::time_t now, int level, const std::string &place) {
            two_digits(now / 60 % 60) + ":" + two_digits(now % 60) + " " + place + " ";
 }
 
-/// Calls `write` until no second has passed during it, and returns that second.
+/// Calls `write` until it finishes within one second, and returns that second.
 template <typename Write> std::time_t in_one_second(Write write) {
     while (true) {
         const std::time_t before = std::time(nullptr);
@@ -145,7 +144,7 @@ TEST(Trace, MapsLevelsToPriorities) {
     }
 }
 
-TEST(Trace, PrefixTellsTheLargestNumbersWhole) {
+TEST(Trace, PrefixHoldsTheLargestNumbers) {
     for (const int level : {INT32_MAX, INT32_MIN}) {
         const CapturedTraces traces;
         const std::time_t now =
@@ -167,7 +166,7 @@ TEST(Trace, ThreadIdIsThatOfTheForkedProcess) {
 }
 
 TEST(Trace, TimeIsUtcWhateverTheTimeZone) {
-    in_child([] { // the zone goes with the child
+    in_child([] { // the zone is set only in the child
         for (const char *zone : {"AAA-5:30", "BBB+11", "UTC0"}) {
             setenv("TZ", zone, 1);
             tzset();
@@ -322,7 +321,7 @@ TEST(Trace, KeepsErrnoOfItsCaller) {
     });
 }
 
-/// A journal that refuses lines until the end of the test.
+/// Makes the journal refuse lines until the end of the test.
 struct RefusingJournal : testing::Test {
     RefusingJournal() { journal_result = -EAGAIN; }
     ~RefusingJournal() override {
@@ -360,7 +359,7 @@ TEST_F(RefusingJournal, GetsTheNumberOfLostTracesFirst) {
     EXPECT_EQ(traces.all().size(), 3U) << "it is told once";
 }
 
-TEST_F(RefusingJournal, KeepsTheNumberUntilItIsTold) {
+TEST_F(RefusingJournal, KeepsTheNumberUntilItIsReported) {
     trace(TRACE_INFO, "lost");
     log_sockets_resume();
     trace(TRACE_INFO, "lost with the number");
@@ -371,8 +370,8 @@ TEST_F(RefusingJournal, KeepsTheNumberUntilItIsTold) {
     EXPECT_EQ(traces.all()[0].text, "2 traces lost");
 }
 
-// It is refused at once while the journal is started again, so that there is no pause.
-TEST_F(RefusingJournal, TellsWhatWasRefusedAtOnceToo) {
+// While the journal restarts it refuses lines at once, so there is no pause.
+TEST_F(RefusingJournal, CountsImmediateRefusalsToo) {
     journal_result = -ECONNREFUSED;
     trace(TRACE_INFO, "lost");
     trace(TRACE_INFO, "lost");
@@ -384,7 +383,7 @@ TEST_F(RefusingJournal, TellsWhatWasRefusedAtOnceToo) {
 }
 
 TEST(Trace, AllocatesNothing) {
-    const TraceMode chosen(TRACE_TRACE); // what stands in for the journal does allocate
+    const TraceMode chosen(TRACE_TRACE); // the fake journal does allocate
     const std::string message(3000, 'z');
     testing::internal::CaptureStderr();
     const int before = allocation_count();
@@ -439,7 +438,7 @@ void trace_from_all_threads() {
     }
 }
 
-/// All lines are whole, each once, each with its own thread's id in brackets.
+/// Each line is complete, appears once, and has its own thread's id in brackets.
 void expect_whole_lines(const std::vector<std::string> &lines) {
     const std::regex shape(R"(\(3\) \[(\d+)\] \d\d:\d\d:\d\d module\.c: work\(5\) (thread \d+ round \d+) id (\d+);)");
     std::set<std::string> ids;

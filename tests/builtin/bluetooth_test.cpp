@@ -36,12 +36,12 @@ TEST_F(BluetoothTest, IsPresentWhateverTheFileSays) {
     for (const char *content : {"active\n", "suspended\n", "unsupported\n", "error\n", "down\n", ""}) {
         expect_presence(folder.write("runtime_status", content), 0);
     }
-    expect_presence(folder.path(), 0); // not even a file to read
+    expect_presence(folder.path(), 0); // a folder
 }
 
 TEST_F(BluetoothTest, IsMissingWithoutTheFile) {
     expect_presence(folder / "runtime_status", 1);
-    expect_presence(folder.write("file", "") + "/runtime_status", 1); // whatever the reason
+    expect_presence(folder.write("file", "") + "/runtime_status", 1); // ENOTDIR
     expect_presence("", 1);
 }
 
@@ -61,7 +61,7 @@ TEST_F(BluetoothTest, TracesThePathAndTheValue) {
     EXPECT_EQ(traces.all()[1].code_file, "CODE_FILE=builtin/bluetooth.c");
 }
 
-// Only two states are passed on, so that a warning too is written as a failure.
+// The logger knows two states: a warning is written as a failure.
 TEST_F(BluetoothTest, LogsWhetherTheHardwareIsAvailable) {
     EXPECT_THAT(
         written_by(bluetooth_logger, ID, 0),

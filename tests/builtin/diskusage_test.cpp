@@ -28,7 +28,7 @@ void expect_shares(const std::vector<Share> &shares) {
 
 } // namespace
 
-TEST(DiskusageParseLine, TakesTheThirdToFifthWord) {
+TEST(DiskusageParseLine, ReadsTheThirdToFifthWord) {
     const std::vector<Line> lines{
         {"fs x 1000 500 250\n", {1000, 500, 250}},
         {"fs x 1000 500 250", {1000, 500, 250}},
@@ -164,7 +164,7 @@ TEST_F(Diskusage, ReadsAtMost1022CharactersOfTheLine) {
     expect_failed(diskusage_exec, file_task(words + std::string(1008, ' ') + "250\n"), EINVAL);
 }
 
-TEST_F(Diskusage, AsksTheFileSystemOfAnythingElse) {
+TEST_F(Diskusage, AsksTheFileSystemForAnythingElse) {
     calls_.file_system(file_system(1000, 500, 250));
     expect_measured(diskusage_exec, folder_task_, 25);
     expect_measured(diskusage_exec, probe_task("/dev/null"), 25);
@@ -240,7 +240,7 @@ TEST_F(Diskusage, MeasuresARealFileSystem) {
     expect_failed(diskusage_exec, probe_task("/proc"), EINVAL); // has no blocks
 }
 
-TEST_F(Diskusage, KeepsNoDescriptor) {
+TEST_F(Diskusage, LeaksNoDescriptor) {
     expect_no_descriptor_kept(diskusage_exec, file_task("fs x 1000 500 250\n"), 0);
     expect_no_descriptor_kept(diskusage_exec, file_task(""), -1);
     expect_no_descriptor_kept(diskusage_exec, folder_task_, 0);

@@ -27,14 +27,14 @@ TEST_F(EthernetTest, InitMarksTheTask) { expect_init_marks(ethernet_init, "ether
 
 // --- the text
 
-TEST(OperstateParse, TakesWhatBeginsWithUpAsUp) {
+TEST(OperstateParse, IsUpIfItBeginsWithUp) {
     for (const char *line : {"up\n", "up", "UP\n", "Up", "uP\r\n", "up and running", "upside"}) {
         EXPECT_EQ(operstate_parse(line).value, 0) << line;
         EXPECT_EQ(operstate_parse(line).error, 0) << line;
     }
 }
 
-TEST(OperstateParse, TakesAnythingElseAsDown) {
+TEST(OperstateParse, IsDownOtherwise) {
     for (const char *line : {"down\n", "unknown\n", "dormant\n", "lowerlayerdown\n", "notpresent\n", "testing\n", " up",
                              "u", "u p", "\n", "", "1"}) {
         EXPECT_EQ(operstate_parse(line).value, 1) << line;
@@ -114,7 +114,7 @@ TEST_F(EthernetTest, AnyOtherIdFailsWith22) {
 
 // --- the path switched off
 
-TEST_F(EthernetTest, StandsStillWhileTheLanIsSwitchedOff) {
+TEST_F(EthernetTest, SkipsItsRunWhileTheLanIsSwitchedOff) {
     const std::string file = folder.write("operstate", "up\n");
     for (const std::int32_t flag : {0, 2, -1}) {
         lan_available = flag;
@@ -129,12 +129,12 @@ TEST_F(EthernetTest, StandsStillWhileTheLanIsSwitchedOff) {
             EXPECT_EQ(task.value, STALE_VALUE);
             EXPECT_FALSE(task_has(&task, TASK_VALUE_VALID));
             EXPECT_EQ(open.count(), 0);
-            EXPECT_THAT(traces.texts_of("ethernet_exec"), ElementsAre(" ")); // the entry alone
+            EXPECT_THAT(traces.texts_of("ethernet_exec"), ElementsAre(" ")); // only the entry
         }
     }
 }
 
-TEST_F(EthernetTest, DoesNotAskForTheWifi) {
+TEST_F(EthernetTest, IgnoresTheWifi) {
     wifi_available = 0;
     const std::string file = folder.write("operstate", "up\n");
     expect_measured(ethernet_exec, link_task(LINK, file.c_str()), 0);

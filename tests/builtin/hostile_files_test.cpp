@@ -1,4 +1,4 @@
-// What the probes make of a file that does not end, is huge or a folder, in the place of the one that they read.
+// The probes with an endless file, a huge file or a folder in place of the one they read.
 
 #include "builtin.h"
 #include "captured_traces.h"
@@ -23,10 +23,10 @@ struct Reader {
     TaskOperation init;
     TaskOperation exec;
     std::int32_t id;
-    const char *path;    ///< which it opens; none when its parameter is the path
-    const char *endless; ///< what comes of a device that gives zero bytes
-    const char *huge;    ///< of 500 GB of zero bytes
-    const char *text;    ///< of 500 GB behind 64 KiB of "a a a a ..."
+    const char *path;    ///< that it opens; null when the task's parameter is the path
+    const char *endless; ///< outcome with a device that yields zero bytes
+    const char *huge;    ///< outcome with 500 GB of zero bytes
+    const char *text;    ///< outcome with 500 GB after 64 KiB of "a a a a ..."
     const char *folder;
 };
 
@@ -47,7 +47,7 @@ constexpr std::array<Reader, 12> readers{{
 
 class HostileFiles : public testing::Test {
   protected:
-    /// What comes of `file` in the place of the reader's own.
+    /// The outcome with `file` in place of the reader's own.
     static std::string outcome(const Reader &reader, const std::string &file) {
         RedirectedOpen open;
         Task task = sample_task();
@@ -65,7 +65,7 @@ class HostileFiles : public testing::Test {
         return is_share ? "a share" : "value " + std::to_string(task.value);
     }
 
-    /// Puts the file in the place of each reader's; `expected` is a column of the table.
+    /// Replaces each reader's file; `expected` is a column of the table.
     static void expect_outcomes(const std::string &file, const char *Reader::*expected) {
         in_child([&] {
             const HangGuard guard;
@@ -84,15 +84,15 @@ constexpr std::uintmax_t HUGE_SIZE = 500'000'000'000;
 
 } // namespace
 
-TEST_F(HostileFiles, ThatDoNotEndHoldNoProbe) { expect_outcomes("/dev/zero", &Reader::endless); }
+TEST_F(HostileFiles, EndlessOnesBlockNoProbe) { expect_outcomes("/dev/zero", &Reader::endless); }
 
-TEST_F(HostileFiles, OfHugeSizeHoldNoProbe) {
+TEST_F(HostileFiles, HugeOnesBlockNoProbe) {
     const std::string file = folder_.write("huge", "");
     std::filesystem::resize_file(file, HUGE_SIZE);
     expect_outcomes(file, &Reader::huge);
 }
 
-TEST_F(HostileFiles, OfOneHugeLineHoldNoProbe) {
+TEST_F(HostileFiles, HugeLinesBlockNoProbe) {
     std::string text;
     while (text.size() < 65536) {
         text += "a ";
@@ -102,10 +102,10 @@ TEST_F(HostileFiles, OfOneHugeLineHoldNoProbe) {
     expect_outcomes(file, &Reader::text);
 }
 
-TEST_F(HostileFiles, ThatAreFoldersHoldNoProbe) { expect_outcomes(folder_.path(), &Reader::folder); }
+TEST_F(HostileFiles, FoldersBlockNoProbe) { expect_outcomes(folder_.path(), &Reader::folder); }
 
-// The wear's device: see its own test. The others' files are the kernel's: only root can put a pipe there.
-TEST_F(HostileFiles, ThatArePipesAreNotOpenedToMeasureADisk) {
+// For the eMMC device see the wearout test. The other files belong to the kernel: only root can put a pipe there.
+TEST_F(HostileFiles, PipesAreNotOpenedToMeasureADisk) {
     in_child([this] {
         const HangGuard guard;
         const std::string pipe = folder_ / "pipe";

@@ -91,14 +91,14 @@ TEST(InternetParseLine, NeedsElevenWordsAndTakesMissingCountersAsZero) {
     EXPECT_EQ(twelve.counters.lost, 321U);
 }
 
-TEST(InternetParseLine, LooksAtSixteenWordsOfALongerLine) {
+TEST(InternetParseLine, ReadsSixteenWordsOfALongerLine) {
     std::string line = "eth0: 7 900 1 20 7 7 7 7 7 100 300 4000 7 7 7 7 8 9 10\n";
     TrafficCounters counters{};
     EXPECT_TRUE(internet_parse_line(line.data(), "eth0", &counters));
     EXPECT_EQ(counters.packets, 1000U);
     EXPECT_EQ(counters.lost, 4321U);
     EXPECT_EQ(line.find(" 7 8 9 10\n"), std::string::npos);        // the 16th word was cut off
-    EXPECT_NE(line.find("7 8 9 10\n"), std::string::npos) << line; // and nothing behind it was
+    EXPECT_NE(line.find("7 8 9 10\n"), std::string::npos) << line; // and nothing after it was
 }
 
 TEST(InternetParseLine, ReadsSigned64BitDecimalNumbers) {
@@ -140,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(Plain, InternetPercentTest,
                                          ShareCase{1000, 100, 11}, // 100 * 119 / 1000
                                          ShareCase{1000, 1000, 101}));
 
-// Without loss it is negative for few packets, and 0 or 1 from 50 on.
+// Without loss it is negative for few packets, and 0 or 1 from 50 packets.
 INSTANTIATE_TEST_SUITE_P(WithoutLoss, InternetPercentTest,
                          testing::Values(ShareCase{1, 0, -100}, // 100 * -1 / 1
                                          ShareCase{3, 0, -33}, ShareCase{49, 0, -2}, ShareCase{50, 0, 0},
@@ -149,7 +149,7 @@ INSTANTIATE_TEST_SUITE_P(WithoutLoss, InternetPercentTest,
                                          ShareCase{150, 0, 1}, // 100 * 2 / 150
                                          ShareCase{1, 1, 0}, ShareCase{1, 2, 100}));
 
-// In 32 bits that wrap.
+// With 32-bit wrap-around.
 INSTANTIATE_TEST_SUITE_P(
     Wrapped, InternetPercentTest,
     testing::Values(
@@ -161,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
         ShareCase{TWO_TO_31, 0, 0},
         // 2^32 - 1 is -1: / 50 = 0; 100 * -1 / -1 = 100
         ShareCase{TWO_TO_32 - 1, 0, 100},
-        // 2^32 + 1000 is 1000
+        // 2^32 + 1000 wraps to 1000
         ShareCase{TWO_TO_32 + 1000, 0, 1}, ShareCase{1000, TWO_TO_32, 1}, ShareCase{1000, UINT64_MAX, 1},
         // -1 packets; 100 * (1610612737 - 1) = 100 * 0x60000000 wraps to -2^31 (0x25 * 2^32 + 0x80000000),
         // divided by -1 it wraps to itself
@@ -196,7 +196,7 @@ TEST_F(InternetTest, MeasuresTheInterfaceOfTheTask) {
     expect_measured(internet_exec, link_task(99, "lo"), 1);
 }
 
-TEST_F(InternetTest, MeasuresTotalsAndNotTheDifferenceToTheRunBefore) {
+TEST_F(InternetTest, MeasuresTotalsAndNotTheChangeSinceTheLastRun) {
     show(table_line("eth0", "900", "100", "100"));
     expect_measured(internet_exec, link_task(LAN, "eth0"), 11);
     expect_measured(internet_exec, link_task(LAN, "eth0"), 11);
@@ -235,7 +235,7 @@ TEST_F(InternetTest, FailsWithTheErrorOfTheOpen) {
     }
 }
 
-TEST_F(InternetTest, TakesAFailedOpenWithoutErrorAsZero) {
+TEST_F(InternetTest, CountsAFailedOpenWithoutErrorNumberAsZero) {
     open.fail(0);
     expect_measured(internet_exec, link_task(LAN, "eth0"), 0);
 }
@@ -259,8 +259,8 @@ TEST_F(InternetTest, TracesAFailureUnderTheIssue) {
 
 // --- the path switched off
 
-/// Only the status log's mark changes: the error stays 0, and so does the mark of an earlier value.
-void expect_standstill(Task task) {
+/// Only the status log's mark changes: the error stays 0 and an earlier value stays valid.
+void expect_skipped_run(Task task) {
     for (const std::uint32_t valid : {0U, static_cast<std::uint32_t>(TASK_VALUE_VALID)}) {
         task.flags = TASK_RUNNABLE | valid;
         task.do_logfile = 1;
@@ -274,21 +274,21 @@ void expect_standstill(Task task) {
     }
 }
 
-TEST_F(InternetTest, StandsStillWhileItsPathIsSwitchedOff) {
+TEST_F(InternetTest, SkipsItsRunWhileItsPathIsSwitchedOff) {
     show(table_line("eth0", "1000", "0"));
     for (const std::int32_t flag : {0, 2, -1}) {
         lan_available = flag;
         wifi_available = 1;
-        expect_standstill(link_task(LAN, "eth0"));
+        expect_skipped_run(link_task(LAN, "eth0"));
         EXPECT_EQ(open.count(), 0);
         lan_available = 1;
         wifi_available = flag;
-        expect_standstill(link_task(WIFI, "eth0"));
+        expect_skipped_run(link_task(WIFI, "eth0"));
         EXPECT_EQ(open.count(), 0);
     }
 }
 
-TEST_F(InternetTest, AsksForItsOwnPathOnly) {
+TEST_F(InternetTest, ChecksOnlyItsOwnPath) {
     show(table_line("eth0", "1000", "0"));
     lan_available = 1;
     wifi_available = 0;

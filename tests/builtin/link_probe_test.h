@@ -1,6 +1,6 @@
 #pragma once
 
-// What the tests of the link probes share.
+// Shared by the tests of the link probes.
 
 #include "builtin.h"
 #include "captured_syslog.h"
@@ -20,7 +20,7 @@ inline constexpr int SWITCHED_OFF = 64;
 inline constexpr int PRIORITY_FAILED = 3;
 inline constexpr int PRIORITY_NOTICE = 5;
 
-/// Both paths switched on, syslog open; put back at the end.
+/// Both paths switched on, syslog open; restored at the end.
 class LinkProbeTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -30,7 +30,7 @@ class LinkProbeTest : public testing::Test {
     }
     void TearDown() override { lan_available = wifi_available = mobile_available = 0; }
 
-    /// A task that has measured before, its mark cleared and its error 0 as before each run.
+    /// A task with an earlier value, prepared as for each run: not valid, error 0.
     static Task link_task(std::int32_t id, const char *parameter) {
         Task task = sample_task();
         task.id = id;
@@ -49,7 +49,7 @@ class LinkProbeTest : public testing::Test {
         EXPECT_EQ(task.do_logfile, 1);
     }
 
-    /// The mark of an earlier value does not outlive the run.
+    /// The run clears the valid mark of an earlier value.
     static void expect_failed(TaskOperation exec, Task task, std::int32_t error) {
         task.do_logfile = 0;
         task.flags |= TASK_VALUE_VALID;
@@ -74,7 +74,7 @@ class LinkProbeTest : public testing::Test {
         }
     }
 
-    /// What the logger writes of a marked task of value 5; the mark is cleared.
+    /// What the logger writes for a marked task with value 5; it clears the mark.
     static std::vector<SyslogMessage> written_by(TaskOperation logger, std::int32_t id, int state) {
         Task task = sample_task();
         task.id = id;
@@ -88,7 +88,7 @@ class LinkProbeTest : public testing::Test {
         return syslog.messages();
     }
 
-    /// Any mark but 1 writes nothing and is left to the dispatcher.
+    /// Any mark but 1 logs nothing and is left to the dispatcher.
     static void expect_silent_unless_marked(TaskOperation logger, std::int32_t id) {
         for (const int mark : {0, 2, 255}) {
             Task task = sample_task();

@@ -54,7 +54,7 @@ TEST(LoadParseLine, NeedsFiveWords) {
     expect_counters(parsed.counters, 1, 3, 4);
 }
 
-TEST(LoadParseLine, DoesNotCareForTheLabel) {
+TEST(LoadParseLine, IgnoresTheLabel) {
     const Parsed parsed = parse("intr 1 2 3 4\n");
     EXPECT_TRUE(parsed.usable);
     expect_counters(parsed.counters, 1, 3, 4);
@@ -76,7 +76,7 @@ TEST(LoadParseLine, TruncatesNumbersModuloTwoTo32) {
     }
 }
 
-TEST(LoadParseLine, CannotUseWhatIsNoCount) {
+TEST(LoadParseLine, RejectsWhatIsNotACount) {
     for (const std::string word : {"inf", "-inf", "nan", "1e300", "-1e300", "9007199254740994"}) {
         EXPECT_FALSE(parse("cpu " + word + " 0 1 1\n").usable) << word;
         EXPECT_FALSE(parse("cpu 1 0 " + word + " 1\n").usable) << word;
@@ -111,7 +111,7 @@ INSTANTIATE_TEST_SUITE_P(Plain, LoadBetweenTest,
                                          Interval{{5, 6, 7}, {105, 6, 7}, {100, 0, 0, 100}},
                                          // of 300: 100/3 = 33, 33, and 99/3 = 33; the load is 100 - 33
                                          Interval{{0, 0, 0}, {100, 100, 100}, {33, 33, 33, 67}},
-                                         // of 1000: 0.9, 0 and 99.1 percent; the load is not user and system
+                                         // of 1000: 0.9, 0 and 99.1 percent; the load is not the sum of user and system
                                          Interval{{0, 0, 0}, {9, 0, 991}, {0, 0, 99, 1}}));
 
 INSTANTIATE_TEST_SUITE_P(PastTheRange, LoadBetweenTest,
@@ -131,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(Backwards, LoadBetweenTest,
                              Interval{{0, 0, 60}, {150, 0, 10}, {150, 0, -50, 150}},
                              // -1 of 200: -0.5 percent truncated towards zero; 201 of 200 is 100.5
                              Interval{{1, 0, 0}, {0, 0, 201}, {0, 0, 100, 0}},
-                             // 1 - 2^31 of 100: 100 + 2^31 - 1 does not fit and wraps
+                             // 1 - 2^31 of 100: 100 + 2^31 - 1 wraps
                              Interval{{0, 0, 0},
                                       {INT32_MAX, 100, -INT32_MAX},
                                       {INT32_MAX, 100, -INT32_MAX, 100U + INT32_MAX - 4294967296}}));
@@ -148,7 +148,7 @@ TEST(LoadBetween, NeedsAHundredTicks) {
     EXPECT_EQ(load.load, 66);
 }
 
-// --- the probe, whose state lasts as long as the process: each test in a process of its own
+// --- the probe; its state lasts as long as the process, so each test forks
 
 class LoadTest : public testing::Test {
   protected:
@@ -255,9 +255,9 @@ TEST_F(LoadTest, RepeatsTheLastLoadUntil100TicksHavePassedAndKeepsTheReading) {
         show(110, 0, 40);
         expect_load(&task, 60); // 50 ticks later
         show(159, 0, 40);
-        expect_load(&task, 60); // 99 since the reading that counts
+        expect_load(&task, 60); // 99 since the last reading that was kept
         show(159, 0, 41);
-        expect_load(&task, 99); // 100, of which 1 was idle
+        expect_load(&task, 99); // 100, 1 of them idle
     });
 }
 
@@ -272,12 +272,12 @@ TEST_F(LoadTest, TheSecondTaskOfAPassRepeatsTheLoadOfTheFirst) {
         expect_load(&warning, 90);
         expect_load(&failure, 90);
         show(80, 10, 110);
-        expect_load(&failure, 0); // counted from the reading of the other
+        expect_load(&failure, 0); // measured from the reading of the other
         expect_load(&warning, 0);
     });
 }
 
-TEST_F(LoadTest, ANegativeLoadMovesTowardsZero) {
+TEST_F(LoadTest, ANegativeLoadIsRoundedTowardsZero) {
     in_child([&] {
         Task task = load_task(WARNING);
         show(10, 0, 0);
@@ -291,14 +291,14 @@ TEST_F(LoadTest, ANegativeLoadMovesTowardsZero) {
     });
 }
 
-TEST_F(LoadTest, MeasuresOnWhenIdlePasses32Bits) {
+TEST_F(LoadTest, KeepsMeasuringWhenIdlePasses32Bits) {
     in_child([&] {
         Task task = load_task(WARNING);
         show("cpu 0 0 0 2147483600\n");
         load_init(&task);
         show("cpu 3 0 0 2147483697\n");
         expect_load(&task, 3);
-        show("cpu 3 0 0 4294967290\n"); // nothing but idle; more than 2^31 - 1 ticks would go backwards
+        show("cpu 3 0 0 4294967290\n"); // only idle; more than 2^31 - 1 ticks would count as negative
         expect_load(&task, 0);
         show("cpu 13 0 0 4294967380\n"); // 10 of 100
         expect_load(&task, 10);
@@ -322,7 +322,7 @@ TEST_F(LoadTest, TracesARun) {
     });
 }
 
-/// A run that cannot read: the old value stays but for its mark, and the reading that counts does, too.
+/// A run that cannot read keeps the old value, without its valid mark, and the last reading.
 void expect_failed_run(Task *task, const char *step) {
     const CapturedTraces traces;
     task->flags |= TASK_VALUE_VALID;
@@ -363,7 +363,7 @@ TEST_F(LoadTest, FailsWithMinusOneWhenTheCountersCannotBeRead) {
     }
 }
 
-TEST_F(LoadTest, ReadsTheFirstLineOnlyAndNoMoreThan1023Characters) {
+TEST_F(LoadTest, ReadsAtMost1023CharactersOfTheFirstLine) {
     show(std::string(1010, ' ') + "cpu 1 2 3 456\n"); // 1010 + 13 characters end in "456"
     std::int32_t user = 0;
     std::int32_t system = 0;
@@ -388,7 +388,7 @@ TEST_F(LoadTest, ReadsTheSystemsOwnCounters) {
     EXPECT_NE(system, 0);
 }
 
-TEST_F(LoadTest, TakesBackTheMarkForRestartEvenWhenTheReadFails) {
+TEST_F(LoadTest, ClearsTheMarkForRestartEvenWhenTheReadFails) {
     in_child([&] {
         Task task = load_task(WARNING);
         show(0, 0, 0);

@@ -19,7 +19,7 @@ struct Line {
 } // namespace
 
 // Every line is read with total 7 and free 3 in place.
-TEST(MemoryusageParseLine, TakesTheSecondWordOfTheTwoLines) {
+TEST(MemoryusageParseLine, ReadsTheSecondWordOfTheTwoLines) {
     const std::vector<Line> lines{
         {"MemTotal:        1024000 kB\n", {1024000, 3}},
         {"MemFree:          512000 kB\n", {7, 512000}},
@@ -28,7 +28,7 @@ TEST(MemoryusageParseLine, TakesTheSecondWordOfTheTwoLines) {
         {"memtotal: 5 kB\n", {5, 3}},
         {"MEMFREE: 6 kB\n", {7, 6}},
         {"mEmFrEe: 6 kB\n", {7, 6}},
-        {"MemTotal:5 6 kB\n", {6, 3}}, // only the beginning is compared
+        {"MemTotal:5 6 kB\n", {6, 3}}, // only the start of the line is compared
         {"MemTotal: 0 kB\n", {0, 3}},
         {"MemFree: +6 kB\n", {7, 6}},
         {"MemFree: 6 a b c d e f g h i j\n", {7, 6}},
@@ -101,7 +101,7 @@ TEST(MemoryusagePercent, RoundsAnExactHalfDown) {
         {200, 1, 0},         // 199: 0.5 %
         {200, 3, 1},         // 399: 1.5 %
         {3, 1, 33},          // 100
-        {3, 2, 66},          // 200: a total of 3 halves to 1, and less 1 leaves nothing
+        {3, 2, 66},          // 200: 3 / 2 - 1 = 0
         {100, 200, 200},     // 20049: more free than there is
         {1, 1, 99},          // 99
     };
@@ -147,7 +147,7 @@ TEST_F(Memoryusage, MeasuresTheFreeShare) {
 }
 
 TEST_F(Memoryusage, CountsMissingLinesAsZero) {
-    meminfo("MemTotal: 150 kB\n"); // of which 1 kB free would be 1 %
+    meminfo("MemTotal: 150 kB\n"); // 1 kB free would be 1 %
     expect_measured(memoryusage_exec, task_, 0);
     meminfo("MemTotal: 1000 kB\nMemAvailable: 900 kB\nMemFree:\n");
     expect_measured(memoryusage_exec, task_, 0);
@@ -223,7 +223,7 @@ TEST_F(Memoryusage, ReadsTheMachinesOwnFile) {
     EXPECT_LE(task.value, 100);
 }
 
-TEST_F(Memoryusage, KeepsNoDescriptor) {
+TEST_F(Memoryusage, LeaksNoDescriptor) {
     expect_no_descriptor_kept(memoryusage_exec, task_, -1);
     meminfo("MemFree: 500 kB\n");
     expect_no_descriptor_kept(memoryusage_exec, task_, -1);

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the tests of all probes ask of the operations in the task's slots.
+// Shared by the tests of all probes: what holds for the operations in a task's slots.
 
 #include "captured_traces.h"
 #include "probe_read.h"
@@ -26,7 +26,7 @@ inline constexpr std::int32_t STALE_VALUE = 77;
 inline constexpr std::int32_t STALE_ERROR = 99;
 inline constexpr std::uint8_t OTHERS_MARK = 7;
 
-/// A task that has measured before.
+/// A task with an earlier value.
 inline Task probe_task(const char *parameter) {
     Task task = sample_task();
     task.parameter = parameter;
@@ -36,7 +36,7 @@ inline Task probe_task(const char *parameter) {
     return task;
 }
 
-/// The marks for those that come after the probe are as `probe_task` set them.
+/// The marks for the later steps are as `probe_task` set them.
 inline void expect_others_marks_untouched(const Task &task) {
     EXPECT_EQ(task.do_notify, OTHERS_MARK);
     EXPECT_EQ(task.do_log, OTHERS_MARK);
@@ -55,7 +55,7 @@ inline void expect_measured(TaskOperation exec, Task task, std::int32_t value) {
     expect_others_marks_untouched(task);
 }
 
-/// The run fails with `error`: the old value stays and loses its mark, and nothing else changes.
+/// The run fails with `error`: the old value stays, no longer valid, and nothing else changes.
 inline void expect_failed(TaskOperation exec, Task task, std::int32_t error) {
     const Task before = task;
     ASSERT_TRUE(task_has(&before, TASK_VALUE_VALID));
@@ -83,7 +83,7 @@ inline void expect_init_marks(TaskOperation init, const char *name) {
     EXPECT_THAT(traces.all().front().line, testing::StartsWith("(1) "));
 }
 
-/// A run's traces are the entry at level 2, then `rest` at level 3, all under the operation's name.
+/// A run traces its entry at level 2, then `rest` at level 3, all under the operation's name.
 inline void expect_traces(const CapturedTraces &traces, const std::string &module,
                           const std::vector<std::string> &rest) {
     std::vector<std::string> expected{" "};
@@ -103,7 +103,7 @@ inline std::ptrdiff_t open_descriptors() {
     return std::distance(begin(folder), end(folder));
 }
 
-/// A thousand runs leave as many descriptors open as there were.
+/// A thousand runs leave no descriptor open.
 inline void expect_no_descriptor_kept(TaskOperation exec, Task task, int result) {
     constexpr int runs = 1000;
     const CapturedTraces traces;

@@ -1,4 +1,4 @@
-// The service probe's init operation: which units come to be watched, and the asking without end.
+// The service probe's init operation: which units are watched, and the endless retry.
 
 #include "builtin.h"
 #include "captured_syslog.h"
@@ -56,7 +56,7 @@ class Start {
         task.index = index;
         return service_init(&task);
     }
-    /// The names that a run of the task asks for, in order.
+    /// The unit names that a run of the task asks systemd about, in order.
     std::vector<std::string> watched() {
         const CapturedTraces run;
         EXPECT_EQ(service_exec(&task), 0);
@@ -127,14 +127,14 @@ TEST(ServiceInit, WatchesTheLoadedUnitsAndReportsTheOthers) {
                     ElementsAre("service: a", "service: a added", "service: 1", "service: 1 added"));
         EXPECT_TRUE(rig.traces.has("logger_syslog", "======= 3: service \"d\" not loaded/installed ======="));
         EXPECT_THAT(rig.watched(), ElementsAre("1", "a"));
-        // Installed later: never looked at again.
+        // Installed later: still not watched.
         rig.systemd.load("d_2eservice");
         EXPECT_THAT(rig.watched(), ElementsAre("1", "a"));
         EXPECT_EQ(rig.systemd.count("d_2eservice", LOAD_STATE), 1);
     });
 }
 
-TEST(ServiceInit, CutsAtEachSingleBlank) {
+TEST(ServiceInit, SplitsAtEachSingleBlank) {
     struct Case {
         const char *parameter;
         std::vector<std::string> watched; ///< the newest first
@@ -155,7 +155,7 @@ TEST(ServiceInit, CutsAtEachSingleBlank) {
     }
 }
 
-TEST(ServiceInit, DecidesTheEmptyNameLikeAnyOther) {
+TEST(ServiceInit, TreatsTheEmptyNameLikeAnyOther) {
     in_child([] {
         Start rig;
         EXPECT_EQ(rig.init("  "), 0);
@@ -167,7 +167,7 @@ TEST(ServiceInit, DecidesTheEmptyNameLikeAnyOther) {
 TEST(ServiceInit, DoesNotAskForAUnitWhosePathIsTooLong) {
     in_child([] {
         Start rig;
-        // 31 characters in front and 10 behind leave 982 of 1023.
+        // 31 characters before and 10 after leave 982 of 1023.
         const std::string fits(982, 'a');
         rig.systemd.load(fits + "_2eservice");
         EXPECT_EQ(rig.init((fits + " a" + fits).c_str()), 0);
@@ -175,12 +175,12 @@ TEST(ServiceInit, DoesNotAskForAUnitWhosePathIsTooLong) {
         EXPECT_THAT(rig.traces.texts_of("service_path"), ElementsAre("FAILED"));
         EXPECT_EQ(service_exec(&rig.task), 0);
         EXPECT_EQ(rig.systemd.total(), 2) << "the first only";
-        // The report takes 9 characters for [service "], then the name's 983, then 22: all of it fits.
+        // The report has 9 characters for [service "], the name's 983 and 22 more: all of it fits.
         EXPECT_THAT(rig.syslog.messages(), ElementsAre(not_loaded("a" + fits)));
     });
 }
 
-TEST(ServiceInit, FailsForAUnitThatCannotBeRememberedAndGoesOn) {
+TEST(ServiceInit, ReportsAUnitThatCannotBeStoredAndContinues) {
     // The copy of the parameter, then for each name: the node, the record, the copy.
     for (const int nth : {2, 3, 4}) {
         in_child([nth] {
@@ -203,7 +203,7 @@ TEST(ServiceInit, FailsForAUnitThatCannotBeRememberedAndGoesOn) {
     }
 }
 
-TEST(ServiceInit, ComesToAnEndWhenMemoryIsOutBefore) {
+TEST(ServiceInit, WatchesNothingWhenTheNamesCannotBeCopied) {
     in_child([] {
         Start rig;
         rig.systemd.load("a_2eservice");
@@ -217,9 +217,9 @@ TEST(ServiceInit, ComesToAnEndWhenMemoryIsOutBefore) {
     });
 }
 
-// --- the asking without end
+// --- the endless retry
 
-TEST(ServiceInit, EndsTheAskingAtAnInvalidArgument) {
+TEST(ServiceInit, StopsAskingAtAnInvalidArgument) {
     in_child([] {
         const HangGuard guard;
         Start rig;
@@ -235,7 +235,7 @@ TEST(ServiceInit, EndsTheAskingAtAnInvalidArgument) {
     });
 }
 
-TEST(ServiceInit, RepeatsAfterAnyOtherError) {
+TEST(ServiceInit, AsksAgainAfterAnyOtherError) {
     for (const char *error : {"EINTR", "EHOSTUNREACH", "ETIMEDOUT", "ENOTCONN", "EACCES", "ENOENT", "EBADR", "ENXIO"}) {
         in_child([error] {
             const HangGuard guard;
@@ -251,13 +251,13 @@ TEST(ServiceInit, RepeatsAfterAnyOtherError) {
     }
 }
 
-TEST(ServiceInit, GoesOnAskingWhenTheBusDiesAndReturns) {
+TEST(ServiceInit, KeepsAskingWhenTheBusDiesAndReturns) {
     in_child([] {
         const HangGuard guard;
         Start rig;
         rig.systemd.load("a_2eservice");
         rig.systemd.strike(rig.bus.pid(), SIGKILL, 1);
-        // The bus returns while the probe asks: another process plays the operator.
+        // Another process restarts the bus while the probe asks.
         const pid_t probe = fork();
         if (probe == 0) {
             const bool good = rig.init("a") == 0 && rig.watched() == std::vector<std::string>{"a"};
@@ -279,8 +279,8 @@ constexpr int ENDED_BY_HANDLER = 77;
 
 void end_in_handler(int /*signo*/) { _exit(ENDED_BY_HANDLER); }
 
-/// A start that gets a signal at its n-th question, and that the signal's handler has to end. It is a
-/// process of its own, so that the rig around it ends as it should.
+/// A start that gets a signal at its n-th call and is ended by the signal's handler. It runs in its own process, so
+/// that the rig's destructors run.
 void expect_end_of_start(const char *parameter, int signo, int nth) {
     in_child([parameter, signo, nth] {
         const HangGuard guard;

@@ -60,7 +60,7 @@ Task service_task(const char *parameter, std::int32_t index = 0) {
     return task;
 }
 
-/// Units on a bus with systemd, watched by tasks.
+/// Units that tasks watch, on a bus with systemd.
 class Services {
   public:
     Services() {
@@ -68,7 +68,7 @@ class Services {
         logger_init();
     }
 
-    /// Loads the units and begins to watch them.
+    /// Loads the units and starts to watch them.
     Task watch(const std::vector<std::string> &units, const char *parameter, std::int32_t index = 0) {
         for (const std::string &unit : units) {
             systemd.load(unit);
@@ -84,7 +84,7 @@ class Services {
     CapturedTraces traces;
 };
 
-/// A run, which never fails; its value.
+/// Runs the task, which never fails; returns its value.
 std::int32_t run(Task &task) {
     task.value = STALE_VALUE;
     task.flags &= ~std::uint32_t{TASK_VALUE_VALID};
@@ -107,7 +107,7 @@ SyslogMessage line_of(Task task, int state) {
 
 // --- pure decisions
 
-TEST(UnitPathEscape, CopiesLettersAndEscapesAllElse) {
+TEST(UnitPathEscape, CopiesLettersAndEscapesTheRest) {
     for (int byte = 1; byte < 256; ++byte) {
         const bool letter = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
         const bool digit = byte >= '0' && byte <= '9';
@@ -132,7 +132,7 @@ TEST(UnitPathEscape, WritesWhatSystemdExpects) {
     EXPECT_EQ(unit_path_escape(nullptr), nullptr);
 }
 
-TEST(UnitPathEscape, IsNoneWhenMemoryIsOut) {
+TEST(UnitPathEscape, IsNullWhenOutOfMemory) {
     const MemoryFault fault(1);
     EXPECT_EQ(unit_path_escape("a"), nullptr);
     EXPECT_TRUE(MemoryFault::happened());
@@ -158,7 +158,7 @@ TEST(ServiceStates, OnlyActivatingAndActiveRun) {
     }
 }
 
-TEST(ServiceRetryPause, GrowsFromTheFourthToASecond) {
+TEST(ServiceRetryPause, GrowsFromTheFourthRetryToOneSecond) {
     const std::vector<int> expected{0, 0, 0, 100, 200, 400, 800, 1000, 1000, 1000};
     for (std::size_t repeat = 0; repeat < expected.size(); ++repeat) {
         EXPECT_EQ(service_retry_pause_ms(static_cast<int>(repeat) + 1), expected[repeat]) << repeat + 1;
@@ -228,7 +228,7 @@ TEST(ServiceExec, AsksForAllUnitsTheNewestFirst) {
     });
 }
 
-TEST(ServiceExec, RepeatsAnInterruptedQuestionOnly) {
+TEST(ServiceExec, RepeatsOnlyAnInterruptedCall) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -250,7 +250,7 @@ TEST(ServiceExec, RepeatsAnInterruptedQuestionOnly) {
     });
 }
 
-TEST(ServiceExec, DoesNotKnowAUnitWithoutATextForItsState) {
+TEST(ServiceExec, TreatsAUnitWithoutAStateTextAsStopped) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -262,7 +262,7 @@ TEST(ServiceExec, DoesNotKnowAUnitWithoutATextForItsState) {
     });
 }
 
-TEST(ServiceInit, DoesNotWatchAUnitWithoutATextForItsState) {
+TEST(ServiceInit, DoesNotWatchAUnitWithoutAStateText) {
     in_child([] {
         Services rig;
         answer_without_text = true;
@@ -296,19 +296,19 @@ TEST(ServiceExec, WatchesTheUnitsOfItsOwnTask) {
     });
 }
 
-constinit bool signal_was_taken = false;
+constinit bool signal_was_handled = false;
 
-void note_signal(int /*signo*/) { signal_was_taken = true; }
+void note_signal(int /*signo*/) { signal_was_handled = true; }
 
 TEST(ServiceExec, TakesASignalBetweenItsUnits) {
     in_child([] {
-        signals_block(); // for the rig's threads, too
+        signals_block(); // also for the rig's threads
         Services rig;
         Task task = rig.watch({"a_2eservice", "b_2eservice"}, "a b");
         std::signal(SIGTERM, note_signal);
         rig.systemd.strike(getpid(), SIGTERM, 1);
         EXPECT_EQ(run(task), 1);
-        EXPECT_TRUE(signal_was_taken); // after the first, before the last
+        EXPECT_TRUE(signal_was_handled); // after the first, before the last
     });
 }
 
@@ -339,7 +339,7 @@ TEST(ServiceExec, RecoversFromABusThatDies) {
     });
 }
 
-TEST(ServiceExec, TracesNoErrorOfTheBusWhereThereIsNoBus) {
+TEST(ServiceExec, TracesNoBusErrorWithoutABus) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -367,7 +367,7 @@ TEST(ServiceExec, AsksOverANewConnectionAtOnceWhenTheBusIsBack) {
     });
 }
 
-TEST(ServiceExec, KeepsNothingFromRunToRun) {
+TEST(ServiceExec, LeaksNothingBetweenRuns) {
     in_child([] {
         Services rig;
         Task task = rig.watch({"a_2eservice"}, "a");
@@ -427,7 +427,7 @@ TEST(ServiceLogger, NamesTheStoppedUnits) {
     });
 }
 
-/// A task that watches stopped units with the names given, in the order of the line.
+/// A task that watches stopped units with these names, in the order of the log line.
 Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
     std::string parameter;
     std::vector<std::string> units;
@@ -442,9 +442,9 @@ Task watch_stopped(Services &rig, const std::vector<std::string> &names) {
     return task;
 }
 
-// "ID: CB23[0]: value: 1 Services:" has 31 characters, each name two more for ", " (the first one for " ").
+// "ID: CB23[0]: value: 1 Services:" has 31 characters; each name adds two for ", ", the first one for " ".
 
-TEST(ServiceLogger, TakesNoFurtherNameFrom2024CharactersOn) {
+TEST(ServiceLogger, AddsNoNameFrom2024CharactersOn) {
     in_child([] {
         Services rig;
         // 31 + (1 + 900) + (2 + 900) = 1834; then 2 + 188 make 2024.
@@ -470,7 +470,7 @@ TEST(ServiceLogger, CutsTheNamesAt2024CharactersAndAlwaysEndsTheSentence) {
     });
 }
 
-TEST(ServiceLogger, TakesTheStartOfAFurtherNameBelow2024Characters) {
+TEST(ServiceLogger, AddsTheStartOfANameBelow2024Characters) {
     in_child([] {
         Services rig;
         // 1834, then 2 + 185 make 2021; 2 + 1 of the last name make 2024.

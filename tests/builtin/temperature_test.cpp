@@ -46,7 +46,7 @@ TEST(TemperatureParse, RoundsWithAnOffsetOf499TowardZero) {
     });
 }
 
-TEST(TemperatureParse, TakesWhateverTheConversionTakes) {
+TEST(TemperatureParse, AcceptsWhateverTheConversionAccepts) {
     expect_readings({
         {"   42999", Reading::of(43)},
         {"\t\v\r42999", Reading::of(43)},
@@ -63,7 +63,7 @@ TEST(TemperatureParse, TakesWhateverTheConversionTakes) {
     });
 }
 
-TEST(TemperatureParse, RejectsWhatIsNoNumber) {
+TEST(TemperatureParse, RejectsWhatIsNotANumber) {
     expect_readings({
         {"", UNUSABLE},
         {"\n", UNUSABLE},
@@ -81,7 +81,7 @@ TEST(TemperatureParse, RejectsWhatIsNoNumber) {
     });
 }
 
-TEST(TemperatureParse, RejectsNumbersThatNoValueHolds) {
+TEST(TemperatureParse, RejectsNumbersOutsideTheRangeOfAValue) {
     expect_readings({
         {"inf", UNUSABLE},
         {"-inf", UNUSABLE},
@@ -182,7 +182,7 @@ TEST_F(Temperature, RecoversFromAFailedRun) {
     EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
 }
 
-TEST_F(Temperature, KeepsNoDescriptor) {
+TEST_F(Temperature, LeaksNoDescriptor) {
     expect_no_descriptor_kept(temperature_exec, probe_task(file("42999\n")), 0);
     expect_no_descriptor_kept(temperature_exec, probe_task(file("")), -1);
     expect_no_descriptor_kept(temperature_exec, probe_task(scratch_.path().c_str()), -1);

@@ -22,7 +22,7 @@ constexpr std::size_t ESTIMATE_A = 268;
 constexpr std::size_t ESTIMATE_B = 269;
 constexpr std::uint8_t WITH_ESTIMATE = 7;
 
-/// `others` stands in every register that does not matter.
+/// Every register that does not matter holds `others`.
 ExtCsd registers(std::uint8_t revision, std::uint8_t a, std::uint8_t b, std::uint8_t others = 0) {
     ExtCsd result{};
     result.fill(others);
@@ -62,7 +62,7 @@ TEST(WearoutDecode, RejectsAnExceededLife) {
     }
 }
 
-TEST(WearoutDecode, LooksAtTheLowFourBitsOnly) {
+TEST(WearoutDecode, ReadsOnlyTheLowFourBits) {
     const std::vector<Estimates> cases{
         {0x1A, 0x00, Reading::of(100)}, {0x1A, 0x21, Reading::of(100)}, // 10 and 1: masked before they are compared
         {0xF1, 0x02, Reading::of(20)},  {0xF0, 0xF0, Reading::of(0)},   {0x10, 0x1B, Reading::failed(EINVAL)},
@@ -157,14 +157,14 @@ TEST_F(Wearout, OpensTheDeviceReadOnlyAndCloseOnExecAndClosesIt) {
     EXPECT_TRUE(calls_.opened_close_on_exec());
 }
 
-TEST_F(Wearout, WaitsForNoPipeInTheDevicesPlace) {
+TEST_F(Wearout, DoesNotBlockOnAPipeInPlaceOfTheDevice) {
     const HangGuard guard;
     const std::string pipe = scratch_ / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     expect_failed(wearout_exec, probe_task(pipe.c_str()), ENOTTY);
 }
 
-/// Whether the thread may send raw commands to devices.
+/// Whether the thread has the capability for raw device commands.
 bool may_send_raw_commands() {
     __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
@@ -205,7 +205,7 @@ TEST_F(Wearout, FailsWithoutAUsableEstimate) {
     expect_failed(wearout_exec, task_, EINVAL);
     device(registers(WITH_ESTIMATE, 0x0B, 0));
     expect_failed(wearout_exec, task_, EINVAL);
-    device(registers(0, 0, 0)); // nothing was written
+    device(registers(0, 0, 0)); // as if the device had written nothing
     expect_failed(wearout_exec, task_, EINVAL);
 }
 
@@ -245,7 +245,7 @@ TEST_F(Wearout, TracesTheFailure) {
     expect_traces(traces, "wearout", {"reading wearout FAILED!"});
 }
 
-TEST_F(Wearout, KeepsNoDescriptor) {
+TEST_F(Wearout, LeaksNoDescriptor) {
     expect_no_descriptor_kept(wearout_exec, task_, -1); // the kernel knows no such command for a file
     device(registers(6, 1, 3));
     expect_no_descriptor_kept(wearout_exec, task_, -1);

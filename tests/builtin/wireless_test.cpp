@@ -76,14 +76,14 @@ TEST(WirelessParseLine, IgnoresTheCaseOfTheName) {
     EXPECT_TRUE(parse(table_line("WLAN0sta", "70.", "-40."), QUALITY_WORD, "wlan0STA").usable);
 }
 
-TEST(WirelessParseLine, LooksAtEightWords) {
+TEST(WirelessParseLine, ReadsOnlyEightWords) {
     std::string line = "wlan0sta: 0000 70. -40. -256 5 6 7 8 9\n";
     double number = 0;
     EXPECT_TRUE(wireless_parse_line(line.data(), "wlan0sta", QUALITY_WORD, &number));
-    EXPECT_NE(line.find("8 9\n"), std::string::npos) << line; // uncut behind the eighth
+    EXPECT_NE(line.find("8 9\n"), std::string::npos) << line; // uncut after the eighth
 }
 
-TEST(WirelessParseLine, ConvertsTheBeginningOfTheWord) {
+TEST(WirelessParseLine, ConvertsTheStartOfTheWord) {
     struct Case {
         const char *word;
         double number;
@@ -97,7 +97,7 @@ TEST(WirelessParseLine, ConvertsTheBeginningOfTheWord) {
     }
 }
 
-TEST(WirelessParseLine, CannotUseWhatIsNoNumberOr32BitsDoNotHold) {
+TEST(WirelessParseLine, RejectsWhatIsNotANumberOrExceeds32Bits) {
     for (const char *word : {"x", "-", ".", "inf", "-inf", "nan", "1e300", "-1e300", "2147483648", "-2147483649"}) {
         EXPECT_FALSE(parse(table_line("wlan0sta", word, "-40."), QUALITY_WORD).usable) << word;
         EXPECT_FALSE(parse(table_line("wlan0sta", "70.", word), LEVEL_WORD).usable) << word;
@@ -127,7 +127,7 @@ TEST(WirelessRound, FailsOutside32Bits) {
 
 // --- records
 
-/// How a record begins.
+/// The start of a record.
 struct RecordKey {
     std::int32_t id;
     std::int32_t index;
@@ -148,7 +148,7 @@ TEST(WirelessCompare, MatchesRecordsOfTheSameIdAndIndex) {
 
 class WirelessTest : public LinkProbeTest {
   protected:
-    /// A task with a record of its own for `parameter`, which must outlive the test's use of it.
+    /// A task with its own record for `parameter`, which must outlive the task.
     static Task wireless_task(std::int32_t id, const char *parameter, std::int32_t index = 3) {
         Task task = link_task(id, parameter);
         task.index = index;
@@ -175,7 +175,7 @@ TEST_F(WirelessTest, InitMarksTheTaskAndInstallsTheRunCondition) {
     }
 }
 
-TEST_F(WirelessTest, NothingHoldsTheTasksBack) {
+TEST_F(WirelessTest, PreconditionIsAlwaysMet) {
     Task task = wireless_task(QUALITY, "wlan0sta");
     for (const std::int32_t flag : {0, 1}) {
         wifi_available = flag;
@@ -199,7 +199,7 @@ TEST_F(WirelessTest, InitRefusesAnyOtherId) {
 }
 
 TEST_F(WirelessTest, InitWithoutMemoryLeavesNothingBehind) {
-    constexpr std::int32_t index = 4711; // of no other test
+    constexpr std::int32_t index = 4711; // used by no other test
     struct Case {
         int allocation;
         const char *text;
@@ -222,7 +222,7 @@ TEST_F(WirelessTest, InitWithoutMemoryLeavesNothingBehind) {
     }
 }
 
-/// The heap after an init whose n-th allocation has failed, no traces kept.
+/// The heap in use after an init whose n-th allocation failed.
 std::size_t heap_after_failed_init(int allocation) {
     Task task = sample_task();
     task.id = LINK;
@@ -235,15 +235,15 @@ std::size_t heap_after_failed_init(int allocation) {
     return heap_in_use();
 }
 
-TEST_F(WirelessTest, InitWithoutMemoryFreesWhatItHad) {
+TEST_F(WirelessTest, InitWithoutMemoryFreesWhatItAllocated) {
     for (const int allocation : {1, 2, 3}) {
-        heap_after_failed_init(allocation); // what is kept for the traces has grown
+        heap_after_failed_init(allocation); // let the test's own trace buffers grow first
         const std::size_t before = heap_after_failed_init(allocation);
         EXPECT_EQ(heap_after_failed_init(allocation), before) << allocation;
     }
 }
 
-TEST_F(WirelessTest, MakesTheFileFromTheInterfaceUnlessTheParameterIsOne) {
+TEST_F(WirelessTest, BuildsThePathFromTheInterfaceUnlessTheParameterIsAPath) {
     struct Case {
         std::int32_t id;
         const char *file;
@@ -276,7 +276,7 @@ TEST_F(WirelessTest, BuildsTheWholePathForANameOfAnyLength) {
     expect_measured(wireless_exec, task, 0);
 }
 
-TEST_F(WirelessTest, TakesTheRecordOfTheTaskInitialisedLast) {
+TEST_F(WirelessTest, UsesTheRecordOfTheTaskInitialisedLast) {
     const std::string up = folder.write("first", "up\n");
     const std::string down = folder.write("second", "down\n");
     const Task first = wireless_task(LINK, up.c_str(), 50);
@@ -305,7 +305,7 @@ TEST_F(WirelessTest, FailsWithoutAnErrorNumberWhenTheRecordIsMissing) {
     EXPECT_EQ(wireless_exec(&task), -1);
     EXPECT_EQ(task.error, 0);
     EXPECT_EQ(task.value, STALE_VALUE);
-    EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID)); // only a found record takes it back
+    EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID)); // only a run with a record clears it
     EXPECT_EQ(task.do_logfile, 1);
     EXPECT_THAT(traces.texts_of("wireless_psearch"), ElementsAre("ID: 4, ID_ndx: 4712", "MISSING"));
     EXPECT_THAT(traces.texts_of("wireless_exec"), ElementsAre(" ", "CB04 4712: FAILED"));
@@ -391,7 +391,7 @@ TEST_F(WirelessTest, APathAsParameterIsTheFileAndTheDeviceOfItsLines) {
     expect_failed(wireless_exec, wireless_task(QUALITY, path.c_str()), 22);
 }
 
-TEST_F(WirelessTest, GoesOnToTheNextLineBehindAnUnusableOne) {
+TEST_F(WirelessTest, ContinuesWithTheNextLineAfterAnUnusableOne) {
     show(table_line("wlan0sta", "x", "1e300") + "wlan0sta: 0000 1. 2.\n" + table_line("wlan0sta", "60.", "-50.") +
          table_line("wlan0sta", "20.", "-20."));
     expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 60);
@@ -431,7 +431,7 @@ TEST_F(WirelessTest, QualityFailsWithTheErrorOfTheOpenAndStrengthWith22) {
     }
 }
 
-TEST_F(WirelessTest, TakesAFailedOpenWithoutErrorAsZero) {
+TEST_F(WirelessTest, CountsAFailedOpenWithoutErrorNumberAsZero) {
     open.fail(0);
     expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 0);
     expect_measured(wireless_exec, wireless_task(STRENGTH, "wlan0sta"), 0);
@@ -461,7 +461,7 @@ TEST_F(WirelessTest, TracesARun) {
 
 // --- the path switched off
 
-TEST_F(WirelessTest, StandsStillWhileTheWifiIsSwitchedOff) {
+TEST_F(WirelessTest, SkipsItsRunWhileTheWifiIsSwitchedOff) {
     show(table_line("wlan0sta", "70.", "-40."));
     for (const std::int32_t id : IDS) {
         Task task = wireless_task(id, "wlan0sta");
@@ -482,7 +482,7 @@ TEST_F(WirelessTest, StandsStillWhileTheWifiIsSwitchedOff) {
     EXPECT_EQ(open.count(), 0);
 }
 
-TEST_F(WirelessTest, DoesNotAskForTheLan) {
+TEST_F(WirelessTest, IgnoresTheLan) {
     lan_available = 0;
     show(table_line("wlan0sta", "70.", "-40."));
     expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 70);
@@ -529,7 +529,7 @@ TEST_F(WirelessTest, LogsNothingUnlessMarked) {
     }
 }
 
-/// What is written of a marked quality task in `state` whose format slot holds `format`.
+/// What a marked quality task in `state` with `format` in its format slot logs.
 std::vector<SyslogMessage> written_with_format(const char *format, bool has_format, std::int8_t state = 1,
                                                std::int32_t id = QUALITY) {
     Task task = sample_task();
@@ -547,18 +547,18 @@ std::vector<SyslogMessage> written_with_format(const char *format, bool has_form
     return syslog.messages();
 }
 
-TEST_F(WirelessTest, EndsInTheInterfaceOfTheFormatSlotWithoutASentence) {
+TEST_F(WirelessTest, LogsTheFormatSlotInPlaceOfTheSentence) {
     EXPECT_THAT(written_with_format("wlan0sta", true),
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB04[0]: value: -7 wlan0sta: "}));
     EXPECT_THAT(written_with_format("wlan0sta", true, 0),
                 ElementsAre(SyslogMessage{PRIORITY_NOTICE, "[notice] ID: CB04[0]: value: -7 wlan0sta: "}));
     EXPECT_THAT(written_with_format("%P %v %s", true), // not a template
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB04[0]: value: -7 %P %v %s: "}));
-    EXPECT_THAT(written_with_format("wlan0sta", true, 1, 3), // for an id without a sentence, too
+    EXPECT_THAT(written_with_format("wlan0sta", true, 1, 3), // also for an id without a sentence
                 ElementsAre(SyslogMessage{PRIORITY_FAILED, "[failed] ID: CB03[0]: value: -7 wlan0sta: "}));
 }
 
-TEST_F(WirelessTest, SpeaksTheSentenceWithoutAFormat) {
+TEST_F(WirelessTest, LogsTheSentenceWithoutAFormat) {
     const SyslogMessage sentence{PRIORITY_FAILED,
                                  "[failed] ID: CB04[0]: value: -7 Wireless Signal quality is insufficiant."};
     EXPECT_THAT(written_with_format("wlan0sta", false), ElementsAre(sentence));

@@ -19,7 +19,7 @@ using std::filesystem::create_symlink;
 using std::filesystem::exists;
 using std::filesystem::is_symlink;
 
-/// How the next stream is opened and what the last one was opened with.
+/// How the next stream opens, and how the last one was opened.
 struct StreamOpening {
     bool fails = false;
     int block_size = 0;
@@ -28,7 +28,7 @@ struct StreamOpening {
     std::vector<int> descriptors_open_over_exec;
 } opening;
 
-/// The byte counts that a closing stream reports, where a test wants others than the true ones.
+/// The byte counts that a closing stream reports instead of the true ones.
 struct {
     bool faked = false;
     unsigned in_low = 0;
@@ -37,16 +37,16 @@ struct {
     unsigned out_high = 0;
 } counts;
 
-/// The close of a stdio stream that fails, counted from 1; 0 for none.
+/// The number of the fclose that fails, from 1; 0 for none.
 int failing_close = 0;
 
-/// The stdio stream that finds no memory, counted from 1; 0 for none.
+/// The number of the fopen that is out of memory, from 1; 0 for none.
 int failing_stream = 0;
 
-/// The bzip2 stream to read that finds no memory, counted from 1; 0 for none.
+/// The number of the bzip2 read stream that is out of memory, from 1; 0 for none.
 int failing_reader = 0;
 
-/// The clock's next readings; without any it stands still.
+/// The clock's next readings; without any it stops.
 std::deque<timeval> clock_readings;
 
 template <typename Time> int read_clock(Time *now) {
@@ -125,7 +125,7 @@ class CompressionTest : public testing::Test {
         clock_readings.clear();
     }
 
-    /// A name behind which every write finds the disk full.
+    /// A name whose writes all fail with a full disk.
     [[nodiscard]] std::string full_disk() const {
         create_symlink("/dev/full", to);
         return to;
@@ -153,13 +153,13 @@ class CompressedTextTest : public CompressionTest, public testing::WithParamInte
     const std::string text = GetParam().make(GetParam().size); // NOLINT(*-non-private-member-variables-in-classes)
 };
 
-TEST_P(CompressedTextTest, ComesBackFromTheToolToTheByte) {
+TEST_P(CompressedTextTest, IsRestoredByTheToolToTheByte) {
     folder.write("log", text);
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
     EXPECT_TRUE(bunzip2(to) == text);
 }
 
-TEST_P(CompressedTextTest, ComesBackFromFileDecompressToTheByte) {
+TEST_P(CompressedTextTest, IsRestoredByFileDecompressToTheByte) {
     folder.write("log", text);
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
     ASSERT_EQ(file_decompress(to.c_str(), back.c_str()), 0);
@@ -167,7 +167,7 @@ TEST_P(CompressedTextTest, ComesBackFromFileDecompressToTheByte) {
     EXPECT_TRUE(read_file(back) == text);
 }
 
-TEST_P(CompressedTextTest, OfTheToolIsReadToTheByte) {
+TEST_P(CompressedTextTest, FromTheToolIsReadToTheByte) {
     folder.write("log.bz2", bzip2(text, "-9"));
     ASSERT_EQ(file_decompress(to.c_str(), back.c_str()), 0);
     EXPECT_TRUE(exists(back));
@@ -203,7 +203,7 @@ TEST_F(CompressionTest, LeavesNoDescriptorOpenAcrossAnExec) {
     EXPECT_EQ(opening.descriptors_open_over_exec, before);
 }
 
-TEST_F(CompressionTest, ReplacesWhatStoodThere) {
+TEST_F(CompressionTest, ReplacesAnExistingFile) {
     folder.write("log", "text");
     folder.write("log.bz2", std::string(1000, 'x'));
     ASSERT_EQ(file_compress(from.c_str(), to.c_str()), 0);
@@ -279,7 +279,7 @@ TEST_P(ElapsedTimeTest, IsTakenFromTheMicrosecondsAlone) {
 
 INSTANTIATE_TEST_SUITE_P(Times, ElapsedTimeTest,
                          testing::Values(TimeCase{{10, 100}, {10, 350}, "250 us"}, //
-                                         TimeCase{{10, 100}, {17, 350}, "250 us"}, // seven seconds unseen
+                                         TimeCase{{10, 100}, {17, 350}, "250 us"}, // seven seconds ignored
                                          TimeCase{{10, 999998}, {11, 3}, "5 us"},  // 3 - 999998 + 1000000
                                          TimeCase{{10, 500}, {10, 501}, "1 us"},
                                          TimeCase{{10, 500}, {10, 500}, "1000000 us"},
@@ -296,13 +296,13 @@ TEST_F(CompressionTest, IntoAMissingFolderFails) {
     EXPECT_EQ(read_file(from), "text");
 }
 
-TEST_F(CompressionTest, TakesAReadErrorForTheEnd) {
-    EXPECT_EQ(file_compress(folder.path().c_str(), to.c_str()), 0); // a folder opens but is not read
+TEST_F(CompressionTest, TreatsAReadErrorAsTheEnd) {
+    EXPECT_EQ(file_compress(folder.path().c_str(), to.c_str()), 0); // a folder opens but cannot be read
     EXPECT_TRUE(exists(to));
     EXPECT_EQ(bunzip2(to), "");
 }
 
-TEST_F(CompressionTest, RemovesTheDestinationWhenTheDiskIsFullOnTheWay) {
+TEST_F(CompressionTest, RemovesTheDestinationWhenTheDiskFillsUpMidway) {
     folder.write("log", noise(350000));
     EXPECT_EQ(file_compress(from.c_str(), full_disk().c_str()), -1);
     EXPECT_FALSE(is_symlink(to));
@@ -314,16 +314,16 @@ TEST_F(CompressionTest, RemovesTheDestinationWhenTheDiskIsFullAtTheEnd) {
     EXPECT_FALSE(is_symlink(to));
 }
 
-TEST_F(CompressionTest, RemovesTheDestinationThatReportsItsErrorAtTheClose) { // as a remote disk does
+TEST_F(CompressionTest, RemovesTheDestinationThatReportsItsErrorAtTheClose) { // like a network file system
     folder.write("log", "text");
-    failing_close = 2; // behind the source's
+    failing_close = 2; // after the source's
     EXPECT_EQ(file_compress(from.c_str(), to.c_str()), -1);
     EXPECT_EQ(failing_close, 0);
     EXPECT_FALSE(exists(to));
 }
 
 TEST_F(CompressionTest, RemovesTheDestinationThatReachedTheLimitOfItsSize) {
-    folder.write("log", noise(350000)); // 350 kB and a little more
+    folder.write("log", noise(350000)); // compresses to slightly more than 350 kB
     for (const rlim_t limit : {0UL, 1UL, 5000UL, 100000UL, 350000UL}) {
         const FileSizeLimit limited(limit);
         EXPECT_EQ(file_compress(from.c_str(), to.c_str()), -1) << limit;
@@ -376,7 +376,7 @@ TEST_F(CompressionTest, WithoutMemoryForAStreamLeavesNoEmptyFile) {
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-/// Every failure there is, once.
+/// Each failure once.
 void fail_in_every_way(const ScratchFolder &folder) {
     const std::string big = folder.write("big", noise(350000));
     const std::string small = folder.write("small", "text");
@@ -395,19 +395,19 @@ void fail_in_every_way(const ScratchFolder &folder) {
     EXPECT_EQ(file_compress(small.c_str(), "stdout"), -1);
 }
 
-TEST_F(CompressionTest, LosesNoMemoryAndNoDescriptorInThirtyFailures) {
-    fail_in_every_way(folder); // what is allocated once is allocated now
+TEST_F(CompressionTest, LeaksNoMemoryAndNoDescriptorInThirtyFailures) {
+    fail_in_every_way(folder); // one-time allocations happen now
     const std::size_t heap = heap_in_use();
     const std::ptrdiff_t descriptors = open_descriptors();
     for (int i = 0; i < 30; ++i) {
         const CapturedTraces forgotten;
         fail_in_every_way(folder);
     }
-    EXPECT_LT(heap_in_use(), heap + 50000); // one lost stream is a megabyte
+    EXPECT_LT(heap_in_use(), heap + 50000); // one leaked stream is a megabyte
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST_F(CompressionTest, GoesFromStdinToStdout) {
+TEST_F(CompressionTest, ReadsStdinAndWritesStdout) {
     const std::string text = log_text(200000);
     folder.write("log", text);
     {
@@ -428,7 +428,7 @@ TEST_F(CompressionTest, GoesFromStdinToStdout) {
     EXPECT_TRUE(read_file(back) == text);
 }
 
-TEST_F(CompressionTest, ComesBehindWhatWasPrintedBefore) {
+TEST_F(CompressionTest, FollowsWhatWasPrintedBefore) {
     folder.write("log.bz2", bzip2("text", ""));
     std::fflush(stdout);
     {
@@ -440,7 +440,7 @@ TEST_F(CompressionTest, ComesBehindWhatWasPrintedBefore) {
     EXPECT_EQ(read_file(back), "printed text");
 }
 
-TEST_F(CompressionTest, TakesStreamNamesInOtherLettersForFiles) {
+TEST_F(CompressionTest, TreatsStreamNamesInAnotherCaseAsFiles) {
     const WorkingFolder here(folder.path());
     folder.write("STDIN", "a file");
     folder.write("Stdin", "another");
@@ -463,7 +463,7 @@ TEST_F(CompressionTest, ToAFullStdoutRemovesNoFileOfThatName) {
 
 class DecompressionTest : public CompressionTest {
   protected:
-    /// The result for a file of these bytes; the destination is looked at by the caller.
+    /// The result for a file of these bytes; the caller checks the destination.
     int decompress(const std::string &bytes) {
         folder.write("log.bz2", bytes);
         folder.write("back", "old");
@@ -471,7 +471,7 @@ class DecompressionTest : public CompressionTest {
     }
 };
 
-TEST_F(DecompressionTest, ReplacesWhatStoodThere) {
+TEST_F(DecompressionTest, ReplacesAnExistingFile) {
     EXPECT_EQ(decompress(bzip2("", "")), 0);
     EXPECT_TRUE(exists(back));
     EXPECT_EQ(read_file(back), "");
@@ -492,7 +492,7 @@ TEST_F(DecompressionTest, RefusesEveryTruncation) {
     EXPECT_EQ(decompress(stream), 0);
 }
 
-TEST_F(DecompressionTest, RefusesWhatIsNoStream) {
+TEST_F(DecompressionTest, RefusesWhatIsNotAStream) {
     for (const std::string &bytes : {std::string("plain text"), std::string("BZh0"), std::string("BZ"), noise(10000)}) {
         EXPECT_EQ(decompress(bytes), -1);
         EXPECT_FALSE(exists(back));
@@ -530,7 +530,7 @@ TEST_F(DecompressionTest, JoinsStreamsThatFollowEachOther) {
     EXPECT_TRUE(read_file(back) == noise(70000) + log_text(70000));
 }
 
-TEST_F(DecompressionTest, IgnoresWhatFollowsTheLastStreamAndIsNone) {
+TEST_F(DecompressionTest, IgnoresWhatFollowsTheLastStream) {
     EXPECT_EQ(decompress(bzip2("text", "") + "\n"), 0);
     EXPECT_EQ(read_file(back), "text");
     EXPECT_EQ(decompress(bzip2("text", "") + noise(20000)), 0);

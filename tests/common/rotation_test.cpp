@@ -23,14 +23,14 @@
 
 namespace {
 
-int trims = 0; ///< how often the heap was given back
+int trims = 0; ///< number of malloc_trim calls
 
 constexpr int KILLED = 7;
 
-int kill_at = 0;                ///< the process ends before this call of those below, counted from 1; 0: never
-bool keeps_calls = false;       ///< whether they are noted
+int kill_at = 0;                ///< the process ends before this call of those below, from 1; 0: never
+bool keeps_calls = false;       ///< whether they are recorded
 std::vector<std::string> calls; ///< "name argument", in file names without their folder
-int sync_error = 0;             ///< with which fdatasync fails
+int sync_error = 0;             ///< fdatasync fails with this errno
 
 std::string name_of(const char *path) { return std::filesystem::path(path).filename(); }
 
@@ -108,8 +108,8 @@ using std::filesystem::create_symlink;
 using std::filesystem::exists;
 using std::filesystem::is_directory;
 
-/// A folder with the log file "log" and whatever generations a test puts beside it. A generation that
-/// was there before holds plain text, so that it can be told wherever it has moved.
+/// A folder with the log file "log" and the generations a test adds. An earlier generation holds plain text, so that it
+/// is recognised after a move.
 class RotationTest : public testing::Test {
   protected:
     RotationTest() { folder.write("log", "log text"); }
@@ -178,7 +178,7 @@ TEST_F(RotationTest, TracesNoRemovalWhereNothingIsRemoved) {
                                                                         "compress " + file + " -> " + generation(0)}));
 }
 
-TEST_F(RotationTest, TracesWhatItIsGivenWhateverItIs) {
+TEST_F(RotationTest, TracesItsArgumentsWhateverTheyAre) {
     const CapturedTraces traces;
     file_rotate("StdErr", 3);
     file_rotate((folder / "missing").c_str(), 0);
@@ -295,7 +295,7 @@ TEST_F(RotationTest, KeepsAnOldestGenerationThatCannotBeRemoved) {
     file_rotate(file.c_str(), 3);
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2", "log.002.bz2"}));
     EXPECT_EQ(bunzip2(generation(0)), "log text");
-    EXPECT_EQ(read_file(generation(1)), "old 0"); // "old 1" had nowhere to go
+    EXPECT_EQ(read_file(generation(1)), "old 0"); // "old 1" could not move
     EXPECT_TRUE(is_directory(generation(2)));
 }
 
@@ -321,7 +321,7 @@ TEST_F(RotationTest, OfAFileWhoseGenerationsHaveNoValidNameRemovesIt) {
     EXPECT_EQ(names(), Names{"log"});
 }
 
-TEST_F(RotationTest, OfAFolderInThePlaceOfTheFileClearsThePlace) {
+TEST_F(RotationTest, RemovesAnEmptyFolderInPlaceOfTheFile) {
     std::filesystem::remove(file);
     std::filesystem::create_directory(file);
     file_rotate(file.c_str(), 3);
@@ -338,7 +338,7 @@ TEST_F(RotationTest, RemovesTheFileAndTheHalfGenerationOnAFullDisk) {
     }
     EXPECT_EQ(names(), Names{"log.001.bz2"});
     folder.write("log", "again");
-    file_rotate(file.c_str(), 3); // into the gap
+    file_rotate(file.c_str(), 3); // shifts into the gap
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
     EXPECT_EQ(bunzip2(generation(0)), "again");
     EXPECT_EQ(read_file(generation(1)), "old 0");
@@ -350,7 +350,7 @@ TEST_F(RotationTest, RemovesTheFileWhenItsCompressionFailsAtTheEnd) {
     EXPECT_EQ(names(), Names{});
 }
 
-TEST_F(RotationTest, RemovesTheFileThatTheDiskDoesNotTake) {
+TEST_F(RotationTest, RemovesTheFileWhenSyncingItsGenerationFails) {
     for (const int error : {EIO, ENOSPC}) {
         folder.write("log", "log text");
         sync_error = error;
@@ -360,7 +360,7 @@ TEST_F(RotationTest, RemovesTheFileThatTheDiskDoesNotTake) {
     }
 }
 
-TEST_F(RotationTest, KeepsAGenerationWhereNothingCanBeSynchronised) {
+TEST_F(RotationTest, KeepsAGenerationWhereSyncingIsUnsupported) {
     for (const int error : {EINVAL, ENOSYS}) {
         folder.write("log", "log text");
         sync_error = error;
@@ -372,7 +372,7 @@ TEST_F(RotationTest, KeepsAGenerationWhereNothingCanBeSynchronised) {
 
 // --- kills and power cuts
 
-TEST_F(RotationTest, HasItsGenerationOnTheDiskUnderItsNameBeforeTheFileGoes) {
+TEST_F(RotationTest, SyncsTheNamedGenerationBeforeItRemovesTheFile) {
     put_generations({0});
     calls.clear();
     keeps_calls = true;
@@ -422,7 +422,7 @@ TEST_F(RotationTest, AfterAKillUsesTheGapAndRemovesWhatWasLeft) {
     EXPECT_EQ(read_file(generation(1)), "old 1");
 }
 
-TEST_F(RotationTest, LeftoverIsRemovedAlone) {
+TEST_F(RotationTest, RemovesALeftoverAndNothingElse) {
     folder.write("log.packing", "BZh1 torn");
     put_generations({0});
     file_rotate_leftover(file.c_str());
@@ -430,9 +430,9 @@ TEST_F(RotationTest, LeftoverIsRemovedAlone) {
     EXPECT_EQ(names(), (Names{"log", "log.000.bz2"}));
 }
 
-// --- breaking off
+// --- aborting
 
-TEST_F(RotationTest, BrokenOffLeavesTheFileAndNoGeneration) {
+TEST_F(RotationTest, WhenAbortedLeavesTheFileAndNoGeneration) {
     put_generations({0});
     const std::string text = noise(350000);
     folder.write("log", text);
@@ -444,14 +444,14 @@ TEST_F(RotationTest, BrokenOffLeavesTheFileAndNoGeneration) {
     EXPECT_TRUE(bunzip2(generation(0)) == text);
 }
 
-TEST_F(RotationTest, OfAFileOfOnePieceIsNotBrokenOff) {
+TEST_F(RotationTest, OfAFileOfOnePieceIsNotAborted) {
     file_rotate(file.c_str(), 3, [] { return true; });
     EXPECT_EQ(names(), Names{"log.000.bz2"});
 }
 
 // --- links
 
-TEST_F(RotationTest, WritesThroughNoLink) {
+TEST_F(RotationTest, DoesNotWriteThroughLinks) {
     const std::string foreign = folder.write("foreign", "what stood there");
     create_symlink(foreign, folder / "log.packing");
     create_symlink(folder / "made", generation(0));
@@ -485,12 +485,12 @@ TEST_F(RotationTest, WithoutMemoryForTheCompressionRemovesTheFile) {
 
 TEST_F(RotationTest, DropsTheOldestGenerationEvenWhenNoneFollows) {
     put_generations({0});
-    const MemoryFault fault(4); // nothing is compressed
+    const MemoryFault fault(4); // the compression fails
     file_rotate(file.c_str(), 1);
     EXPECT_EQ(names(), Names{});
 }
 
-TEST_F(RotationTest, LosesNoMemoryAndNoDescriptorInThirtyRotations) {
+TEST_F(RotationTest, LeaksNoMemoryAndNoDescriptorInThirtyRotations) {
     const auto rotate = [this](rlim_t limit) {
         const CapturedTraces forgotten;
         folder.write("log", noise(350000));
@@ -508,13 +508,13 @@ TEST_F(RotationTest, LosesNoMemoryAndNoDescriptorInThirtyRotations) {
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST_F(RotationTest, GivesTheCompressorsMemoryBack) {
+TEST_F(RotationTest, ReturnsTheCompressorsMemoryToTheSystem) {
     trims = 0;
     file_rotate(file.c_str(), 1);
     EXPECT_EQ(trims, 1);
 }
 
-TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInThePlaceOfTheFile) {
+TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInPlaceOfTheFile) {
     const HangGuard guard;
     std::filesystem::remove(file);
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
@@ -523,10 +523,10 @@ TEST_F(RotationTest, DoesNotWaitForTheWriterOfAPipeInThePlaceOfTheFile) {
     EXPECT_EQ(bunzip2(generation(0)), "");
 }
 
-TEST_F(RotationTest, ReplacesAPipeInThePlaceOfAGeneration) {
+TEST_F(RotationTest, ReplacesAPipeInPlaceOfAGeneration) {
     const HangGuard guard;
     ASSERT_EQ(mkfifo(generation(0).c_str(), 0600), 0);
-    block(1); // so that it cannot be moved
+    block(1); // it cannot be moved
     file_rotate(file.c_str(), 2);
     EXPECT_EQ(names(), (Names{"log.000.bz2", "log.001.bz2"}));
     ASSERT_TRUE(std::filesystem::is_regular_file(generation(0)));
@@ -546,7 +546,7 @@ TEST_P(StreamNameTest, IsNotRotated) {
 
 INSTANTIATE_TEST_SUITE_P(Names, StreamNameTest, testing::Values("stderr", "STDERR", "StdErr", "stdout", "STDOUT"));
 
-TEST_F(RotationTest, OfANameThatOnlyBeginsLikeAStreamsHappens) {
+TEST_F(RotationTest, AcceptsANameThatOnlyStartsLikeAStreams) {
     const WorkingFolder here(folder.path());
     folder.write("stdout.log", "text");
     file_rotate("stdout.log", 1);
@@ -557,7 +557,7 @@ TEST_F(RotationTest, OfANameThatOnlyBeginsLikeAStreamsHappens) {
     EXPECT_EQ(bunzip2("stdin.000.bz2"), "text");
 }
 
-/// Rotates `name` in a process whose root is `root`; returns whether the file is still there.
+/// Rotates `name` in a process with the root `root`; returns whether the file is still there.
 bool stays_below_root(const char *root, const char *name, int count) {
     const pid_t child = fork();
     if (child == 0) {

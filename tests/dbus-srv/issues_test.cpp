@@ -23,7 +23,7 @@ std::vector<std::string> lock_traces;
 
 } // namespace
 
-// The program is linked so that every trace passes by here.
+// Linked in place of the real trace function.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
@@ -32,7 +32,7 @@ int __wrap_sd_journal_print_with_location(int priority, const char *file, const 
                                           const char *format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    const std::string text = va_arg(arguments, const char *); // the format is the one for a whole line
+    const std::string text = va_arg(arguments, const char *); // the format takes a whole line
     va_end(arguments);
     const std::string word = text.substr(text.rfind(' ') + 1);
     if (word == "LOCK" || word == "UNLOCK") {
@@ -45,7 +45,7 @@ int __wrap_sd_journal_print_with_location(int priority, const char *file, const 
     return __real_sd_journal_print_with_location(priority, file, line, function, "%s\n", text.c_str());
 }
 
-// The listing is answered without a bus.
+// The handler builds the listing without a bus.
 dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*unused*/, DBusMessage * /*unused*/,
                                         dbus_uint32_t * /*unused*/) {
     return TRUE;
@@ -102,7 +102,7 @@ std::string raised_labels() {
     return labels.data();
 }
 
-TEST_F(IssuesTest, NamesTheRaisedOnesOnceEach) {
+TEST_F(IssuesTest, NamesEachRaisedOneOnce) {
     EXPECT_EQ(raised_labels(), "");
     d_bus_srv_issue_update(99, -1);
     d_bus_srv_issue_update(5, 1);
@@ -115,16 +115,16 @@ TEST_F(IssuesTest, NamesTheRaisedOnesOnceEach) {
     EXPECT_EQ(lock_traces.size(), 2U * 6U) << "of the reports and the start alone: it is asked in each pass";
 }
 
-TEST_F(IssuesTest, NamesAllInTheRoomThatIsAskedFor) {
+TEST_F(IssuesTest, NamesAllWhenAllAreRaised) {
     for (std::uint32_t id = 0; id <= 32; ++id) {
         d_bus_srv_issue_update(id, 1);
     }
     d_bus_srv_issue_update(99, 1);
-    EXPECT_EQ(raised_labels().size(), 34U * 6U - 2U); // each with a comma and a blank, but the last
+    EXPECT_EQ(raised_labels().size(), 34U * 6U - 2U); // each but the last with a comma and a blank
     EXPECT_EQ(raised_labels().substr(192), "CB32, CBnn");
 }
 
-TEST_F(IssuesTest, StartDatesAllRowsOneSecondBack) {
+TEST_F(IssuesTest, StartDatesAllRowsOneSecondBefore) {
     chosen_time = 5000;
     const CapturedTraces traces;
     d_bus_srv_issue_init();
@@ -137,8 +137,8 @@ TEST_F(IssuesTest, StartDatesAllRowsOneSecondBack) {
 struct Report {
     std::int64_t when;
     std::int32_t state;
-    std::int32_t count;   // expected after it
-    std::int64_t changed; // likewise
+    std::int32_t count;   // expected after the step
+    std::int64_t changed; // expected after the step
 };
 
 struct History {
@@ -157,8 +157,8 @@ TEST_P(IssueHistoryTest, CountsReportsAndDatesRaiseAndClearing) {
     }
 }
 
-// Each row: time, state, expected count, expected date of change. A change from warning to failure is
-// one more report, and the one recovery takes one back: the issue stays raised. Deliberate.
+// Each row: time, state, expected count, expected date of change. A change from warning to failure is one more report,
+// and a recovery removes only one: the issue stays raised. Kept.
 INSTANTIATE_TEST_SUITE_P(
     Histories, IssueHistoryTest,
     testing::Values(History{"raised_and_cleared", {{1010, 2, 1, 1010}, {1020, 0, 0, 1020}}},
@@ -203,7 +203,7 @@ TEST_F(IssuesTest, EveryIdFindsItsOwnRowOrNone) {
 }
 
 TEST_F(IssuesTest, LookupDoesNotWrapAround) {
-    // 36 % 35 is 1: row 0 lies before the start and is not reached, even with that id in it.
+    // 36 % 35 is 1: the search does not reach row 0, even with that id in it.
     issue_registry[0].id = 36;
     EXPECT_EQ(d_bus_srv_ID_is_enabled(36), -1);
     issue_registry[0].id = 0;
@@ -291,7 +291,7 @@ TEST_F(IssuesTest, LockIsTracedBeforeItIsTakenAndUnlockBeforeItIsReleased) {
     EXPECT_EQ(lock_traces, expected);
 }
 
-TEST_F(IssuesTest, DisabledIssuesCountAllTheSame) {
+TEST_F(IssuesTest, DisabledIssuesStillCount) {
     d_bus_srv_ID_set_enabled(5, 0);
     chosen_time = 1010;
     d_bus_srv_issue_update(5, 1);

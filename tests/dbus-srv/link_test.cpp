@@ -1,4 +1,4 @@
-// The bus goes away and comes back.
+// The bus is lost and returns.
 
 #include "dbus-srv/link.h"
 
@@ -19,9 +19,9 @@
 
 namespace {
 
-constinit bool messages_are_out = false;
+constinit bool out_of_messages = false;
 
-/// What the next call gets in the place of an answer; nothing is sent then.
+/// What the next call returns instead of an answer; nothing is sent then.
 constinit const char *own_error = nullptr;
 constinit long bytes_while_waiting = 0;
 constinit long descriptors_while_waiting = 0;
@@ -35,7 +35,7 @@ DBusMessage *__real_dbus_message_new_method_call(const char *destination, const 
 
 DBusMessage *__wrap_dbus_message_new_method_call(const char *destination, const char *path, const char *interface,
                                                  const char *method) {
-    return messages_are_out ? nullptr : __real_dbus_message_new_method_call(destination, path, interface, method);
+    return out_of_messages ? nullptr : __real_dbus_message_new_method_call(destination, path, interface, method);
 }
 
 DBusMessage *__real_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
@@ -79,30 +79,30 @@ TEST(BusLinkTest, IsOffTheBusWhenItWasLostOrNeverThere) {
     bus_link_set(BusLink::starting, nullptr);
 }
 
-/// Gets all that is announced on the bus.
+/// Receives everything announced on the bus.
 struct IssueWatcher : BusClient {
     explicit IssueWatcher(const PrivateBus &bus) : BusClient(bus) {
         watch("type='signal',interface='com.corvana.State2.Issues'");
     }
 };
 
-TEST(BusNameTest, IsNotAnsweredForWhenItCannotBeRequested) {
+TEST(BusNameTest, GetsNoAnswerWhenItCannotBeRequested) {
     BusError error;
-    messages_are_out = true;
+    out_of_messages = true;
     EXPECT_EQ(bus_own_name(BusConnection(), error), NameAnswer::none);
-    messages_are_out = false;
+    out_of_messages = false;
     EXPECT_FALSE(error.is_set());
 }
 
-/// The tests' own connection by way of the code under test. The library takes the bus's address from the
-/// environment once.
+/// The test's own connection, made by the code under test. The library reads the bus's address from the environment
+/// once.
 class OwnConnectionTest : public testing::Test {
   protected:
     OwnConnectionTest() {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.address().c_str(), 1);
         connection_ = bus_connect(error_);
     }
-    /// Or the library would keep the connection for the next test.
+    /// Otherwise the library keeps the connection for the next test.
     ~OwnConnectionTest() override {
         own_error = nullptr;
         bus_.stop();
@@ -110,8 +110,8 @@ class OwnConnectionTest : public testing::Test {
         }
         bus_drop_messages(connection_);
     }
-    /// Reads in all that the connection takes without anything being handled; the number of signals in it.
-    std::size_t taken_in() {
+    /// Reads all that the connection accepts, handling nothing; returns the number of signals queued.
+    std::size_t queued_signals() {
         for (int i = 0; i < 5000; ++i) {
             dbus_connection_read_write(connection_.get(), 0);
         }
@@ -121,19 +121,19 @@ class OwnConnectionTest : public testing::Test {
         }
         return signals;
     }
-    /// Everything that was sent comes, never more than `most` at once.
-    void expect_taken_in(std::size_t count, std::size_t most) {
+    /// Everything that was sent arrives, never more than `most` at once.
+    void expect_read_in_parts(std::size_t count, std::size_t most) {
         ASSERT_NE(client_.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         std::size_t taken = 0;
         while (taken < count && std::chrono::steady_clock::now() < deadline) {
-            const std::size_t at_once = taken_in();
+            const std::size_t at_once = queued_signals();
             EXPECT_LE(at_once, most);
             taken += at_once;
         }
         EXPECT_EQ(taken, count);
     }
-    /// A signal to the connection alone.
+    /// A signal addressed to the connection.
     [[nodiscard]] BusMessage signal() const {
         BusMessage signal(dbus_message_new_signal("/", "a.b", "C"));
         dbus_message_set_destination(signal.get(), dbus_bus_get_unique_name(connection_.get()));
@@ -173,22 +173,22 @@ TEST_F(OwnConnectionTest, OnlyTheBusItselfRefusesTheName) {
     EXPECT_EQ(bus_own_name(connection_, error_), NameAnswer::owner);
 }
 
-TEST_F(OwnConnectionTest, NoMoreIsTakenInThanIsHandledAndNothingIsLost) {
+TEST_F(OwnConnectionTest, NoMoreIsReadThanIsHandledAndNothingIsLost) {
     constexpr std::size_t count = 3000;
     for (std::size_t i = 0; i < count; ++i) {
         send_text(1000);
     }
-    expect_taken_in(count, 1024 * 1024 / 1000);
+    expect_read_in_parts(count, 1024 * 1024 / 1000);
 }
 
-TEST_F(OwnConnectionTest, AMessageAboveTheBoundIsTakenInAlone) {
+TEST_F(OwnConnectionTest, AMessageAboveTheBoundIsReadAlone) {
     send_text(3000000);
     send_text(3000000);
-    expect_taken_in(2, 1);
+    expect_read_in_parts(2, 1);
 }
 
-TEST_F(OwnConnectionTest, DescriptorsAreTakenInByTheMessage) {
-    constexpr int count = 16; // what a bus passes on with one message
+TEST_F(OwnConnectionTest, DescriptorsAreReadOneMessageAtATime) {
+    constexpr int count = 16; // the most that a bus accepts with one message
     for (int i = 0; i < 3; ++i) {
         const BusMessage message = signal();
         for (int passed = 0; passed < count; ++passed) {
@@ -197,11 +197,11 @@ TEST_F(OwnConnectionTest, DescriptorsAreTakenInByTheMessage) {
         }
         client_.send(message);
     }
-    expect_taken_in(3, 1);
+    expect_read_in_parts(3, 1);
 }
 
-// Nothing is handled then, and the answer comes after all that was sent before it.
-TEST_F(OwnConnectionTest, MoreIsTakenInWhileTheNameIsRequested) {
+// Nothing is handled during the request, and the answer comes after everything sent before it.
+TEST_F(OwnConnectionTest, MoreIsReadWhileTheNameIsRequested) {
     EXPECT_EQ(bus_own_name(connection_, error_), NameAnswer::owner);
     EXPECT_EQ(bytes_while_waiting, 64L << 20U);
     EXPECT_EQ(descriptors_while_waiting, 256);
@@ -214,9 +214,9 @@ bool is_listed(BusClient &client) {
     return reply && dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
 }
 
-/// The passes announced by the next `count` signals NewIssues. Each pass announces the other issues as
-/// cleared: once that has come, the sender is done with the first, which it would send again if the
-/// bus went away while it is about it.
+/// The passes announced by the next `count` NewIssues signals. Each pass also announces the other issues as cleared:
+/// once that signal arrives, the sender is done with the first, which it would resend if the bus were lost during the
+/// send.
 std::vector<std::uint32_t> announced(BusClient &client, int count) {
     std::vector<std::uint32_t> passes;
     for (int i = 0; i < count; ++i) {
@@ -233,7 +233,7 @@ std::vector<std::uint32_t> announced(BusClient &client, int count) {
 
 class BusLossTest : public testing::Test {
   protected:
-    /// Both threads are at work: what is lost then is an established bus.
+    /// Both threads are running: the tests lose an established bus.
     BusLossTest() {
         IssueWatcher client(bus_);
         client.wait_for_owner(SERVICE_NAME);
@@ -242,7 +242,7 @@ class BusLossTest : public testing::Test {
         EXPECT_TRUE(daemon_.traced("wait for request"));
     }
 
-    /// One pass, known by its number, that announces CB05.
+    /// One pass with this number, which announces CB05.
     void pass(int number) {
         daemon_.obey("update 5 1");
         daemon_.obey("send " + std::to_string(number));
@@ -257,7 +257,7 @@ class BusLossTest : public testing::Test {
     BusDaemon daemon_{bus_, Traces::to_stderr};
 };
 
-TEST_F(BusLossTest, NameCallsAndWaitingSignalsComeBackInOrder) {
+TEST_F(BusLossTest, RestoresNameCallsAndQueuedSignalsInOrder) {
     lose_the_bus();
     for (int number = 2; number <= 6; ++number) {
         pass(number);
@@ -272,7 +272,7 @@ TEST_F(BusLossTest, NameCallsAndWaitingSignalsComeBackInOrder) {
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{7});
 }
 
-TEST_F(BusLossTest, ASignalThatIsBeingSentIsSentAgain) {
+TEST_F(BusLossTest, ASignalInFlightIsSentAgain) {
     daemon_.obey("lose-bus " + std::to_string(bus_.pid()));
     pass(2);
     EXPECT_TRUE(daemon_.traced("the bus is gone"));
@@ -283,22 +283,22 @@ TEST_F(BusLossTest, ASignalThatIsBeingSentIsSentAgain) {
     EXPECT_EQ(announced(client, 2), (std::vector<std::uint32_t>{2, 3}));
 }
 
-TEST_F(BusLossTest, IsSaidOnceAndDoesNotSpin) {
+TEST_F(BusLossTest, IsReportedOnceAndDoesNotSpin) {
     lose_the_bus();
     const std::size_t waits = daemon_.count_traces("wait for request");
     pass(1);
     bus_.start();
     ASSERT_TRUE(daemon_.traced("the bus is back"));
     EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
-    EXPECT_LE(daemon_.count_traces("wait for request"), waits + 20); // a spin has thousands
+    EXPECT_LE(daemon_.count_traces("wait for request"), waits + 20); // a spin makes thousands
     EXPECT_LE(daemon_.count_traces("check request"), 20U);
 }
 
-TEST_F(BusLossTest, HappensAgainAndAgain) {
+TEST_F(BusLossTest, MayHappenRepeatedly) {
     const std::size_t descriptors = descriptors_of(daemon_.process().pid());
     for (std::uint32_t round = 1; round <= 3; ++round) {
         bus_.stop();
-        pass(static_cast<int>(round)); // the sender may notice the loss before the listener does
+        pass(static_cast<int>(round)); // the sender may notice the loss before the listener
         bus_.start();
         IssueWatcher client(bus_);
         EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{round});
@@ -323,11 +323,11 @@ TEST_F(BusLossTest, WhileAClientFloods) {
     EXPECT_TRUE(is_listed(client));
 }
 
-TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
+TEST_F(BusLossTest, AStoppedBusBlocksNobody) {
     IssueWatcher client(bus_);
     kill(bus_.pid(), SIGSTOP);
     std::vector<std::uint32_t> passes;
-    for (std::uint32_t number = 2; number <= 1000; ++number) { // more than the socket takes
+    for (std::uint32_t number = 2; number <= 1000; ++number) { // more than the socket holds
         pass(static_cast<int>(number));
         passes.push_back(number);
     }
@@ -337,7 +337,7 @@ TEST_F(BusLossTest, ABusThatStandsStillHoldsNobodyUp) {
     EXPECT_EQ(daemon_.count_traces("the bus is gone"), 0U);
 }
 
-TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsAskedForAgain) {
+TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsRequestedAgain) {
     lose_the_bus();
     daemon_.obey("miss-answer");
     bus_.start();
@@ -355,7 +355,7 @@ TEST_F(BusLossTest, ExitDoesNotWaitForTheBus) {
     EXPECT_EQ(daemon_.process().wait(), 1);
 }
 
-/// The daemon's next pause, from line `line` of its stderr on; 0 when none comes.
+/// The daemon's next pause, from line `line` of its stderr; 0 if none comes.
 unsigned next_pause(BusDaemon &daemon, std::size_t &line) {
     const std::string word = "pause ";
     const auto found = daemon.process().errors().wait_for(word, line);
@@ -363,7 +363,7 @@ unsigned next_pause(BusDaemon &daemon, std::size_t &line) {
     return found ? static_cast<unsigned>(std::stoul(daemon.process().errors().line(*found).substr(word.size()))) : 0;
 }
 
-/// A daemon that has come back to a bus on which somebody else has its name.
+/// A daemon back on a bus where somebody else owns its name.
 class NamelessTest : public testing::Test {
   protected:
     NamelessTest() {
@@ -377,7 +377,7 @@ class NamelessTest : public testing::Test {
         owner_->watch("type='signal',interface='com.corvana.State2.Issues'");
         daemon_.obey("go");
     }
-    /// One pass, known by its number, that announces CB05.
+    /// One pass with this number, which announces CB05.
     void pass(int number) {
         daemon_.obey("update 5 1");
         daemon_.obey("send " + std::to_string(number));
@@ -388,7 +388,7 @@ class NamelessTest : public testing::Test {
     std::optional<BusClient> owner_;
 };
 
-TEST_F(NamelessTest, SendsAllTheSameAndRequestsTheNameAgain) {
+TEST_F(NamelessTest, StillSendsAndRequestsTheNameAgain) {
     pass(1);
     EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
     pass(2);
@@ -402,7 +402,7 @@ TEST_F(NamelessTest, SendsAllTheSameAndRequestsTheNameAgain) {
     EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
 }
 
-TEST_F(NamelessTest, ComesBackFromAnotherLossToo) {
+TEST_F(NamelessTest, RecoversFromAnotherLoss) {
     pass(1);
     EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
     owner_.reset();
@@ -410,20 +410,20 @@ TEST_F(NamelessTest, ComesBackFromAnotherLossToo) {
     pass(2);
     bus_.start();
     IssueWatcher client(bus_);
-    daemon_.obey("go"); // the rest of the pause in which the bus was lost
+    daemon_.obey("go"); // ends the pause in which the bus was lost
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
 }
 
-// Or the answer to the next request would come after too much to be reached.
+// Otherwise too much would precede the answer to the next request.
 TEST_F(NamelessTest, DropsWhatIsSentToIt) {
     pass(1);
     const BusMessage announced = owner_->wait_for_signal("NewIssues");
     ASSERT_NE(announced, nullptr);
     const std::string text(1U << 20U, 'x');
     const char *const first = text.c_str();
-    for (int i = 0; i < 80; ++i) { // more than one wait for an answer takes in
+    for (int i = 0; i < 80; ++i) { // more than one wait for an answer reads
         const BusMessage signal(dbus_message_new_signal("/", "a.b", "C"));
         dbus_message_set_destination(signal.get(), dbus_message_get_sender(announced.get()));
         dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, static_cast<const void *>(&first), DBUS_TYPE_INVALID);
@@ -435,7 +435,7 @@ TEST_F(NamelessTest, DropsWhatIsSentToIt) {
     EXPECT_TRUE(is_listed(*owner_));
 }
 
-TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
+TEST(BusLossLongTest, EverythingRecoversInOrderAfterMinutes) {
     PrivateBus bus;
     BusDaemon daemon(bus, Traces::to_stderr, "held-pauses");
     ASSERT_TRUE(daemon.traced("wait for request"));
@@ -444,7 +444,7 @@ TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
     std::size_t line = 0;
     for (const unsigned seconds : {1U, 2U, 4U, 8U, 16U, 32U, 60U, 60U, 60U}) {
         if (!passes.empty()) {
-            daemon.obey("go"); // the pause before is over, and still there is no bus
+            daemon.obey("go"); // ends a pause; there is still no bus
         }
         ASSERT_EQ(next_pause(daemon, line), seconds);
         passes.push_back(static_cast<std::uint32_t>(passes.size() + 1));
@@ -462,9 +462,9 @@ TEST(BusLossLongTest, AfterMinutesAllComesBackInOrder) {
     EXPECT_EQ(daemon.count_traces("the bus is back"), 1U);
 }
 
-// One of the threads looks for the bus much later than the other.
+// One of the threads connects much later than the other.
 
-TEST(LateThreadTest, ASenderThatFindsTheBusLostGoesOnWithTheListener) {
+TEST(LateThreadTest, ASenderThatFindsTheBusLostContinuesWithTheListener) {
     PrivateBus bus;
     BusDaemon daemon(bus, Traces::to_stderr, "hold=sender");
     ASSERT_TRUE(daemon.traced("wait for request"));
@@ -479,7 +479,7 @@ TEST(LateThreadTest, ASenderThatFindsTheBusLostGoesOnWithTheListener) {
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
 }
 
-TEST(LateThreadTest, ASenderThatWasTooEarlyGoesOnWithTheListener) {
+TEST(LateThreadTest, ASenderThatWasTooEarlyContinuesWithTheListener) {
     PrivateBus bus;
     bus.stop();
     BusDaemon daemon(bus, Traces::to_stderr, "hold=listener");
@@ -489,7 +489,7 @@ TEST(LateThreadTest, ASenderThatWasTooEarlyGoesOnWithTheListener) {
     bus.start();
     IssueWatcher client(bus);
     daemon.obey("go");
-    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2}); // queued before anybody served
+    EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2}); // queued before the service started
 }
 
 TEST(LateThreadTest, ASenderThatWasTooEarlyEndsWithAListenerThatFails) {
@@ -503,7 +503,7 @@ TEST(LateThreadTest, ASenderThatWasTooEarlyEndsWithAListenerThatFails) {
     EXPECT_TRUE(daemon.traced("the sender has ended with -1"));
 }
 
-TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedComesBackByItself) {
+TEST(BusLossAloneTest, ASenderWhoseListenerHasEndedReconnectsByItself) {
     PrivateBus bus;
     std::optional<BusClient> owner(std::in_place, bus);
     ASSERT_EQ(number_of(owner->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);

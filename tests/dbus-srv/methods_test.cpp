@@ -18,20 +18,20 @@
 
 namespace {
 
-/// The reply that was sent, and what goes wrong on the way to it.
+/// The reply that was sent, and the failures to inject.
 BusMessage sent;
 int flushes = 0;
 bool return_fails = false;
 bool append_fails = false;
 bool send_fails = false;
-int failing_opening = 0; ///< which container, from 1, cannot be opened
-int failing_element = 0; ///< which element, from 1, cannot be appended
+int failing_opening = 0; ///< number of the container that cannot be opened, from 1
+int failing_element = 0; ///< number of the element that cannot be appended, from 1
 
 bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 
 } // namespace
 
-// The program is linked so that these calls end here: the handlers need no bus.
+// Linked in place of libdbus: the handlers need no bus.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 DBusMessage *__real_dbus_message_new_method_return(DBusMessage *call);
@@ -118,7 +118,7 @@ std::string list() {
     return sent ? body_bytes(sent.get()) : "nothing sent";
 }
 
-TEST_F(MethodsTest, ListingOfNothingHasNoArgumentAtAll) {
+TEST_F(MethodsTest, EmptyListingHasNoArguments) {
     EXPECT_EQ(list(), "");
     ASSERT_NE(sent, nullptr);
     EXPECT_STREQ(dbus_message_get_signature(sent.get()), "");
@@ -128,7 +128,7 @@ TEST_F(MethodsTest, ListingOfNothingHasNoArgumentAtAll) {
 
 TEST_F(MethodsTest, ListingHoldsRaisedIssuesInRowOrder) {
     issue_registry[33] = {99, "CBnn", 1700000000, 3, 1};
-    issue_registry[3] = {3, "CB03", 1600000000, 1, 0}; // disabled, and listed all the same
+    issue_registry[3] = {3, "CB03", 1600000000, 1, 0}; // disabled but still listed
     const CapturedTraces traces;
     // 1600000000 is 0x5F5E1000, 1700000000 is 0x6553F100. Structs start at multiples of 8: the array has
     // 4+4+5 bytes, 3 of padding, 13 bytes.
@@ -162,7 +162,7 @@ TEST_F(MethodsTest, ListingShowsTimesPast2038AsUnsigned) {
 }
 
 // Two structs in an array: three containers, four elements.
-TEST_F(MethodsTest, AListingThatCannotBeBuiltIsAFailureAtWhateverPlace) {
+TEST_F(MethodsTest, AListingFailsWhicheverPartCannotBeBuilt) {
     issue_registry[3].count = issue_registry[4].count = 1;
     for (const auto &[countdown, places] : {std::pair{&failing_opening, 3}, std::pair{&failing_element, 4}}) {
         for (int place = 1; place <= places; ++place) {
@@ -232,7 +232,7 @@ class SwitchTest : public MethodsTest, public testing::WithParamInterface<Switch
 
 TEST_P(SwitchTest, SwitchesTheGroupThatTheWordBeginsWith) {
     const Switch &expected = GetParam();
-    const std::string answer = expected.ids.empty() ? "accepted" : "failed"; // deliberately this way round
+    const std::string answer = expected.ids.empty() ? "accepted" : "failed"; // this way round is kept
     EXPECT_EQ(d_bus_srv_ChangeInterfaceAvailability(nullptr, switch_call(expected.word, FALSE).get()), 0);
     EXPECT_EQ(ids_with(0), expected.ids);
     EXPECT_EQ(body_bytes(sent.get()), wire(answer));
@@ -253,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(Words, SwitchTest,
                                          Switch{"WiF", {}}, Switch{"lan", {}}, Switch{"Bluetooth", {}}, Switch{"", {}},
                                          Switch{" WiFi", {}}));
 
-TEST_F(MethodsTest, EachIdIsSwitchedUnderALockOfItsOwn) {
+TEST_F(MethodsTest, EachIdIsSwitchedUnderItsOwnLock) {
     const CapturedTraces traces;
     d_bus_srv_ChangeInterfaceAvailability(nullptr, switch_call("LAN", TRUE).get());
     EXPECT_THAT(traces.texts_of("d_bus_srv_ID_set_enabled"),
@@ -326,8 +326,8 @@ TEST_P(MethodFailureTest, AReplyThatCannotBeBuiltOrSentIsAFailure) {
     pthread_mutex_unlock(&registry_lock);
 }
 
-// The reply is built all the same, for the traces and the result are those of any other call.
-TEST_P(MethodFailureTest, ACallThatWantsNoReplyIsTreatedAlikeAndGetsNone) {
+// The reply is still built: traces and result are the same as for any other call.
+TEST_P(MethodFailureTest, ACallThatWantsNoReplyIsHandledTheSameAndGetsNone) {
     const auto [name, handler] = GetParam();
     issue_registry[1].count = 1;
     const BusMessage call = switch_call("LAN", FALSE);

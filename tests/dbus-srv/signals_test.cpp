@@ -29,7 +29,7 @@
 namespace {
 
 int wakeups_sent = 0;
-int failing_append = 0; ///< which append, from 1, fails
+int failing_append = 0; ///< number of the append that fails, from 1
 
 bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 
@@ -63,8 +63,7 @@ using testing::ElementsAre;
 constexpr std::int64_t NOW = 1700000000;
 constexpr const char *CREATE = "d_bus_srv_create_signal_messages";
 
-/// The number and the labels as they stand on the wire: a length of the array in bytes, and each text
-/// aligned to four.
+/// The number and the labels on the wire: the array's length in bytes, then each text aligned to four.
 std::string signal_bytes(std::uint32_t now, const std::vector<std::string> &labels) {
     std::string array;
     for (const std::string &label : labels) {
@@ -250,7 +249,7 @@ TEST_F(SignalsTest, AllRowsAreWalkedEnabledOrNot) {
 }
 
 TEST_F(SignalsTest, TheRowWithoutALabelNeverEntersAList) {
-    // As after the clock has stepped back behind the start of the daemon.
+    // As if the clock had been set back before the start of the daemon.
     for (Issue &issue : issue_registry) {
         issue.changed = NOW + 100;
     }
@@ -260,7 +259,7 @@ TEST_F(SignalsTest, TheRowWithoutALabelNeverEntersAList) {
     EXPECT_EQ(d_bus_srv_msg_queue_remove(), nullptr);
 }
 
-TEST_F(SignalsTest, QueueKeepsTheOrderAlsoAfterItWasEmptied) {
+TEST_F(SignalsTest, QueueKeepsTheOrderAfterItWasEmptied) {
     const std::array<const char *, 1> labels{"CB00"};
     for (int round = 0; round < 2; ++round) {
         const CapturedTraces traces;
@@ -288,7 +287,7 @@ TEST_F(SignalsTest, QueueHasNoLimit) {
     EXPECT_EQ(queued, 10000);
 }
 
-TEST_F(SignalsTest, ANodeThatCannotBeHadIsAFailure) {
+TEST_F(SignalsTest, ANodeThatCannotBeAllocatedIsAFailure) {
     const std::array<const char *, 1> labels{"CB00"};
     const CapturedTraces traces;
     BusMessage message = d_bus_create_signals(NOW, "NewIssues", labels.data(), 1);
@@ -344,7 +343,7 @@ TEST_F(SignalsTest, AFailureIsNotRolledBackAndNotAnnouncedLater) {
     EXPECT_EQ(d_bus_srv_create_signal_messages(NOW + 10), 0);
 }
 
-TEST_F(SignalsTest, APassWithChangesWakesTheSenderAlsoWhenItIsNotWaiting) {
+TEST_F(SignalsTest, AWakeUpIsKeptForASenderThatIsNotWaiting) {
     set_row(2, 1);
     EXPECT_EQ(d_bus_srv_send_issues(NOW), 0);
     EXPECT_EQ(wakeups_sent, 1);
@@ -397,7 +396,7 @@ TEST_F(SignalsTest, AWaitingSenderIsWokenByEachPass) {
     sender.join();
 }
 
-TEST_F(SignalsTest, AWakeUpIsTakenOnce) {
+TEST_F(SignalsTest, AWakeUpIsConsumedOnce) {
     d_bus_srv_msg_queue_signal();
     d_bus_srv_msg_queue_wait();
     std::promise<pid_t> number;

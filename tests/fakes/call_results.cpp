@@ -56,7 +56,7 @@ int __wrap_open64(const char *path, int flags, ...) {
     if (fails(Call::open)) {
         return -1;
     }
-    const int fd = openat(AT_FDCWD, path, flags); // none of the probes creates a file
+    const int fd = openat(AT_FDCWD, path, flags); // no probe creates a file
     watch(fd);
     return fd;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// Chooses what the system calls of the code under test answer, and watches over what they open. The
-// test programs are linked so that those calls pass by here; what is not chosen goes through.
+// Sets the results of the system calls of the code under test, and checks what they open. The test programs are linked
+// with --wrap for these calls; those that are not set are passed through.
 
 #include <array>
 #include <cstddef>
@@ -12,10 +12,10 @@
 
 enum class Call { fopen, open, stat, statvfs, ioctl };
 
-/// The choices hold while it lives; one at a time.
+/// The settings hold while the object exists; one object at a time.
 class CallResults {
   public:
-    /// Answers ioctl.
+    /// Replaces ioctl.
     using Command = std::function<int(int fd, unsigned long request, void *argument)>;
 
     CallResults();
@@ -25,21 +25,21 @@ class CallResults {
 
     /// The call fails from now on with errno set to `error`, which may be 0.
     void fail(Call call, int error);
-    /// `to` is opened in place of `from` by fopen.
+    /// fopen opens `to` in place of `from`.
     void redirect(const std::string &from, const std::string &to);
     /// What statvfs reports.
     void file_system(const struct statvfs &counts) { counts_ = counts; }
     /// What ioctl does.
     void command(Command answer);
 
-    /// How often the call was made.
+    /// The number of calls.
     [[nodiscard]] int count(Call call) const { return count_[static_cast<std::size_t>(call)]; }
-    /// Whether all that fopen and open have opened is close-on-exec; false when nothing was.
+    /// Whether everything that fopen and open opened is close-on-exec; false if nothing was opened.
     [[nodiscard]] bool opened_close_on_exec() const { return opened_ > 0 && opened_ == opened_close_on_exec_; }
 
-    // For the calls that pass by.
+    // For the wrapped calls.
 
-    /// Counts the call; true when it is to fail, with errno set.
+    /// Counts the call; sets errno and returns true if it must fail.
     bool fails(Call call);
     void watch(int fd);
     [[nodiscard]] const char *redirected(const char *path) const;

@@ -33,7 +33,7 @@ Rotations &rotations() {
     return noted;
 }
 
-// Linked in place of file_rotate(const char *, std::int32_t, Interrupt).
+// Replaces file_rotate(const char *, std::int32_t, Interrupt).
 extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, Interrupt interrupt);
 extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, Interrupt interrupt) {
     const std::string content = std::filesystem::is_regular_file(file) ? read_file(file) : "";

@@ -1,7 +1,7 @@
 #pragma once
 
-// A status log of the test's own. Programs linked with --wrap for file_rotate see its rotations noted
-// here instead of done.
+// A status log for one test. In programs linked with --wrap for file_rotate its rotations are recorded here instead of
+// done.
 
 #include "captured_traces.h"
 #include "gdata.h"
@@ -15,23 +15,23 @@
 struct Rotation {
     std::string name;
     std::int32_t count;
-    std::string content; ///< of the file when its turn came
+    std::string content; ///< of the file at the rotation
     bool stream_closed;
 };
 
 struct Rotations {
     std::vector<Rotation> calls;
-    bool remove = true;   ///< whether the file goes, as it does when all is well
-    bool is_long = false; ///< whether they ask if they are to be broken off
+    bool remove = true;   ///< whether the file is removed, as after a success
+    bool is_long = false; ///< whether rotations ask if they must abort
 };
 
-/// Those since the start of the test.
+/// The rotations since the start of the test.
 Rotations &rotations();
 
 /// `text` with every time stamp replaced by "<time>".
 std::string mask_times(const std::string &text);
 
-/// Resets the module, the settings and the noted rotations before and after each test.
+/// Resets the module, the settings and the recorded rotations before and after each test.
 class LogfileTest : public testing::Test {
   public:
     LogfileTest();
@@ -40,7 +40,7 @@ class LogfileTest : public testing::Test {
   protected:
     /// Configures `name` and initialises the module.
     static void start(const char *name);
-    /// Makes `name` the log as it stands, without a header.
+    /// Makes `name` the log without writing a header.
     static void use(const std::string &name);
     /// Sets the daemon's command line.
     static void set_commandline(std::vector<std::string> words);

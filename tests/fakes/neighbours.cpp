@@ -3,11 +3,11 @@
 #include <cstdint>
 
 std::vector<std::string> &events() {
-    static auto &list = *new std::vector<std::string>; // exit may still need it
+    static auto &list = *new std::vector<std::string>; // still used during exit
     return list;
 }
 
-// The linker's names; the time is a long on 64-bit targets and a long long on the board.
+// The mangled names; the time is a long on 64-bit targets and a long long on the board.
 #ifdef __LP64__
 #define FAKE_SEND_ISSUES __wrap__Z21d_bus_srv_send_issuesl
 #else
@@ -18,7 +18,7 @@ extern "C" {
 int __wrap__Z20network_check_daemonv();
 int FAKE_SEND_ISSUES(std::int64_t now);
 
-// Both fail, for the scheduler must not care.
+// Both fail: the scheduler must ignore that.
 int __wrap__Z20network_check_daemonv() {
     events().emplace_back("network");
     return -1;

@@ -1,7 +1,7 @@
 #pragma once
 
-// A station whose network files stand in a scratch folder. Programs linked with --wrap for open64 and
-// sd_bus_process see them in the place of the board's.
+// A station whose network files are in a scratch folder. Programs linked with --wrap for open64 and sd_bus_process see
+// them instead of the board's.
 
 #include "captured_traces.h"
 #include "fake_systemd.h"
@@ -15,16 +15,16 @@
 /// Makes `address` that of the system bus.
 void use_system_bus(const std::string &address);
 
-/// What the check has asked of the system since the station was made.
+/// The system calls of the check since the station was created.
 struct NetworkCalls {
     int lan_opened = 0;
     int wifi_opened = 0;
     bool all_close_on_exec = true;
-    int processed = 0; ///< how often the bus was processed
+    int processed = 0; ///< calls of sd_bus_process
 };
 const NetworkCalls &network_calls();
 
-/// The station, without a bus at first. One at a time.
+/// The station, without a bus. One at a time.
 class Station {
   public:
     Station();
@@ -36,9 +36,9 @@ class Station {
     void wifi(const std::string &content) const { folder.write("wifi", content); }
     void remove(const std::string &name) const;
 
-    /// Makes a pass; whether it has read the files.
+    /// Runs a pass; returns whether it read the files.
     bool reads() const; // NOLINT(modernize-use-nodiscard)
-    /// The flag after a pass that reads `content`.
+    /// The flag after a pass that read `content`.
     [[nodiscard]] std::int32_t lan_after(const std::string &content) const;
     [[nodiscard]] std::int32_t wifi_after(const std::string &content) const;
 
@@ -46,7 +46,7 @@ class Station {
     CapturedTraces traces;
 };
 
-/// The same with a bus, and with systemd on it.
+/// The same with systemd on a bus.
 class BusStation : public Station {
   public:
     BusStation() { use_system_bus(bus.address()); }

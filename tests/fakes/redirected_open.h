@@ -1,11 +1,11 @@
 #pragma once
 
-// Lets a test choose what opening a file by fopen gives the probe under test, whose path may be fixed.
+// Redirects the fopen of the probe under test, whose path may be fixed, or makes it fail.
 
 #include <optional>
 #include <string>
 
-/// The choices hold while it lives; one at a time.
+/// The settings hold while the object exists; one object at a time.
 class RedirectedOpen {
   public:
     RedirectedOpen();
@@ -13,14 +13,14 @@ class RedirectedOpen {
     RedirectedOpen(const RedirectedOpen &) = delete;
     RedirectedOpen &operator=(const RedirectedOpen &) = delete;
 
-    /// `to` is opened in place of `from`.
+    /// fopen opens `to` in place of `from`.
     void redirect(const std::string &from, const std::string &to);
-    /// Nothing can be opened from now on; errno is then `error`, which may be 0.
+    /// Every fopen fails from now on with errno `error`, which may be 0.
     void fail(int error) { failure_ = error; }
-    /// How many files the probe has tried to open.
+    /// The number of files that the probe tried to open.
     [[nodiscard]] int count() const { return count_; }
 
-    /// For the call that passes by: the path to open, null, with errno set, when it is to fail.
+    /// For the wrapped call: the path to open, or null with errno set if it must fail.
     const char *path_for(const char *path);
 
   private:

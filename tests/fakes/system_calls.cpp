@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 SystemCalls &system_calls() {
-    static auto &calls = *new SystemCalls; // exit may still need it
+    static auto &calls = *new SystemCalls; // still used during exit
     return calls;
 }
 
@@ -32,7 +32,7 @@ int arm_for_real(int kind, const itimerval &timer) {
 
 } // namespace
 
-// Linked in front of the C library's own.
+// Linked before the C library's own.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the headers' are reserved
 extern "C" {
 

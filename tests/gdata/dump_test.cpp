@@ -18,7 +18,7 @@
 
 namespace {
 
-const std::string SEP = "########################################\n"; // 40 of them
+const std::string SEP = "########################################\n"; // 40 characters
 
 std::string dump() {
     testing::internal::CaptureStdout();
@@ -26,7 +26,7 @@ std::string dump() {
     return testing::internal::GetCapturedStdout();
 }
 
-/// Leaves the settings as it found them.
+/// Restores the settings.
 class DumpTest : public testing::Test {
   public:
     ~DumpTest() override { gdata_record() = saved_; }
@@ -34,7 +34,7 @@ class DumpTest : public testing::Test {
   protected:
     DumpTest() : saved_(gdata_record()) {}
 
-    /// The dump of these tasks, from the line of their count on.
+    /// The dump of these tasks, from the line with their count.
     static std::string dump_tasks(std::vector<Task> tasks) {
         for (std::size_t i = 0; i < tasks.size(); ++i) {
             tasks[i].next = i + 1 < tasks.size() ? &tasks[i + 1] : nullptr;
@@ -135,7 +135,7 @@ TEST_F(DumpTest, NamesTheLevels) {
     }
 }
 
-TEST_F(DumpTest, LeavesOutDefaultHandlersWithoutAName) {
+TEST_F(DumpTest, OmitsDefaultHandlersWithoutAName) {
     GlobalData &data = gdata_record();
     data.analyze = "";
     data.notify = nullptr;
@@ -200,7 +200,7 @@ TEST_F(DumpTest, ShowsTheFirstBuiltInTask) {
                                 "    format:         \"CPU temperature %D %T threshold.\"\n");
 }
 
-TEST_F(DumpTest, LeavesOutWhatATaskDoesNotHave) {
+TEST_F(DumpTest, OmitsWhatATaskDoesNotHave) {
     EXPECT_EQ(dump_task(task_with(0)), "");
     const Task *task = builtin_tasks().first;
     while (std::string_view(task->source) != "memoryusage") {
@@ -219,7 +219,7 @@ TEST_F(DumpTest, LeavesOutWhatATaskDoesNotHave) {
                                 "    format:         \"free memory %D %T threshold.\"\n");
 }
 
-TEST_F(DumpTest, EachFieldStandsUnderItsOwnFlag) {
+TEST_F(DumpTest, EachFieldDependsOnItsOwnFlag) {
     Task task{};
     task.source = "s";
     task.analyze.name = "a";
@@ -325,7 +325,7 @@ TEST_F(DumpTest, NumbersTheTasksFrom1InListOrder) {
 
 using Blocks = std::vector<std::string>;
 
-/// What each flush of stdout wrote meanwhile, as the first line of it.
+/// The first line of each flush of stdout.
 Blocks flushed_by(const std::function<void()> &print) {
     Blocks blocks;
     const auto keep = [](void *all, const char *bytes, std::size_t size) {

@@ -16,7 +16,7 @@ constexpr const char *headings = "##\tname        \t    ID\t    ID\tinter-\t   m
                                  "##\t            \t      \t index\t   val\t  fail\t  warn\t  warn\t  fail\t\n";
 constexpr const char *record_heading = "## date    time    \tstate\tID\tindex\tvalue\n";
 
-/// A header of this moment without tasks.
+/// A header with the current time and no tasks.
 std::string empty_header(const std::string &occasion) {
     return "##\n##\t<time>\t" + occasion + "\tvigmond\n##\n" + headings + record_heading;
 }
@@ -50,7 +50,7 @@ std::string line_of(Task task) {
     return text.substr(before.size(), text.size() - before.size() - after.size());
 }
 
-/// A task with every threshold its own number but the flags `flags` only.
+/// A task with a different number for every threshold but only the flags `flags`.
 Task numbered_task(std::uint32_t flags) {
     Task task = sample_task();
     task.flags = flags;
@@ -139,7 +139,7 @@ TEST_F(HeaderTextTest, IsNoneWithoutMemory) {
 
 using HeaderTest = LogfileTest;
 
-TEST_F(HeaderTest, SaysStartOnceAndRotateEverAfter) {
+TEST_F(HeaderTest, SaysStartOnceAndThenRotate) {
     lf_header(path.c_str());
     EXPECT_EQ(log(), empty_header("START"));
     lf_header(path.c_str());
@@ -158,11 +158,11 @@ TEST_F(HeaderTest, IsWrittenNowhereWhenTheFileCannotBeOpened) {
     lf_header((folder / "missing/logfile").c_str());
     EXPECT_EQ(logfile_state().logfile_header_written, 0);
     EXPECT_FALSE(std::filesystem::exists(folder / "missing"));
-    lf_header(path.c_str()); // and is not the first header then
+    lf_header(path.c_str()); // and then is not the first header
     EXPECT_EQ(log(), empty_header("START"));
 }
 
-TEST_F(HeaderTest, IsLeftOutWithoutMemory) {
+TEST_F(HeaderTest, IsOmittedWithoutMemory) {
     {
         const MemoryFault fault(1);
         lf_header(path.c_str());
@@ -226,7 +226,7 @@ TEST_F(LogfileInitTest, StaysOffWithoutMemoryForTheName) {
     EXPECT_EQ(log(), "");
 }
 
-TEST_F(LogfileInitTest, TakesTheSettingsThroughTheirLimits) {
+TEST_F(LogfileInitTest, ClampsTheSettings) {
     EXPECT_EQ(logfile_state().loglevel, 3);
     EXPECT_EQ(logfile_state().logsize, 1048576);
     EXPECT_EQ(logfile_state().logcount, 10);
@@ -241,7 +241,7 @@ TEST_F(LogfileInitTest, TakesTheSettingsThroughTheirLimits) {
     EXPECT_THAT(traces.texts_of("logfile_init"), ElementsAre(" ", "level: 2 file: stderr size: 10240 count: 0"));
 }
 
-TEST_F(LogfileInitTest, TakesCountSizeAndLevelInThisOrderBehindTheHeader) {
+TEST_F(LogfileInitTest, ReadsCountSizeAndLevelInThisOrderAfterTheHeader) {
     start(path.c_str());
     std::vector<std::string> functions;
     for (const CapturedTrace &trace : traces.all()) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// The bus service in a process of its own (see bus_daemon_main.cpp), as the tests hold it.
+// The bus service in its own process (see bus_daemon_main.cpp), controlled by a test.
 
 #include "child_process.h"
 #include "private_bus.h"
@@ -15,7 +15,7 @@
 
 enum class Traces { none, to_stderr };
 
-/// The program, with the emulator in front of it where there is one; empty words are left out.
+/// The command line: the emulator if there is one, then the program; empty words are dropped.
 inline std::vector<std::string> bus_daemon_command(Traces traces, const std::string &argument) {
     std::vector<std::string> command;
     std::istringstream words(BUS_DAEMON);
@@ -50,7 +50,7 @@ class BusDaemon {
 
     /// Sends one command without waiting for it.
     void tell(const std::string &command) { child_.write(command + "\n"); }
-    /// Sends one command and waits until it was obeyed.
+    /// Sends one command and waits until it was executed.
     bool obey(const std::string &command) {
         tell(command);
         const auto answer = child_.output().wait_for("ok", seen_);
@@ -60,7 +60,7 @@ class BusDaemon {
     ChildProcess &process() { return child_; }
     /// Waits for a trace line with `text`.
     bool traced(const std::string &text) { return child_.errors().wait_for(text).has_value(); }
-    /// Waits for a trace line of `function` with `text`; its number.
+    /// Waits for a trace line of `function` with `text`; returns its number.
     std::optional<std::size_t> find_trace(const std::string &function, const std::string &text) {
         const std::string place = " " + function + "(";
         std::optional<std::size_t> line = child_.errors().wait_for(place);

@@ -1,22 +1,21 @@
-// The bus service alone, in a process of its own since its threads never end. It obeys the lines that
-// it reads and answers each with "ok", so that a test knows that it was done.
+// The bus service alone, in its own process since its threads never end. Executes each line it reads and answers "ok"
+// when done:
 //   update ID STATE   a report to the registry
 //   send NOW          the end of a pass that began at NOW
-//   flood COUNT       that many passes, each raising or clearing CB07
-//   fail-send         the next message that is to be sent fails
-//   miss-answer       the next answer that a thread waits for comes after it has stopped waiting
-//   lose-bus PID      the bus, which is process PID, ends just before the next message is sent
-//   go                the thread that is held goes on
+//   flood COUNT       COUNT passes, each raising or clearing CB07
+//   fail-send         the next send of a message fails
+//   miss-answer       the next answer arrives after the thread has stopped waiting for it
+//   lose-bus PID      the bus (process PID) ends just before the next message is sent
+//   go                the stopped thread continues
 //   exit              exit(1), as at a termination signal
-// With the argument "trace" every trace goes to stderr, otherwise none anywhere. At most one further
-// argument:
+// With the argument "trace" every trace goes to stderr, otherwise traces are dropped. At most one further argument:
 //   interface=NAME    configures the interface
 //   name=NAME         configures the name on the bus
-//   hold=THREAD       "listener" or "sender" is held before it first looks for the bus
-//   held-pauses       each pause of a thread is told on stderr, and lasts until "go"
+//   hold=THREAD       THREAD ("listener" or "sender") stops before it first connects
+//   held-pauses       each pause of a thread is reported on stderr and lasts until "go"
 //   miss-answer       as the command
-//   no-eventfd        there is none to be had
-//   noted-message     it is as if a message had been read in at the start
+//   no-eventfd        eventfd fails
+//   noted-message     starts as if a message had already been read
 
 #include "dbus-srv.h"
 #include "dbus-srv/listener.h"
@@ -50,7 +49,7 @@ constexpr std::string_view NAME = "name=";
 constexpr std::string_view HOLD = "hold=";
 
 std::string_view held_thread;
-std::binary_semaphore held_thread_goes{0};
+std::binary_semaphore held_thread_may_continue{0};
 bool held_pauses = false;
 bool no_eventfd = false;
 bool noted_message = false;
@@ -85,7 +84,7 @@ void obey(const std::string &line) {
     } else if (command == "lose-bus") {
         bus_to_end = static_cast<pid_t>(first);
     } else if (command == "go") {
-        held_thread_goes.release();
+        held_thread_may_continue.release();
     } else if (command == "exit") {
         std::exit(1);
     }
@@ -109,7 +108,7 @@ void configure(std::string_view argument) {
 
 void hold(std::string_view thread) {
     if (thread == held_thread) {
-        held_thread_goes.acquire();
+        held_thread_may_continue.acquire();
     }
 }
 
@@ -118,8 +117,8 @@ void *tell_end(const char *thread, void *status) {
     return status;
 }
 
-/// Ends the bus and waits until its end of the connection is closed. The other thread may close this end
-/// at once, and its number be another file's.
+/// Ends the bus and waits until its end of the connection is closed. The other thread may close this end at once, and
+/// the descriptor number may be reused.
 void end_bus(pid_t bus, DBusConnection *connection) {
     int socket = -1;
     dbus_connection_get_unix_fd(connection, &socket);
@@ -174,7 +173,7 @@ unsigned __wrap_sleep(unsigned seconds) {
         return __real_sleep(seconds);
     }
     std::fprintf(stderr, "pause %u\n", seconds);
-    held_thread_goes.acquire();
+    held_thread_may_continue.acquire();
     return 0;
 }
 
@@ -188,7 +187,7 @@ int __wrap_eventfd(unsigned count, int flags) {
     return __real_eventfd(noted_message ? 1 : count, flags);
 }
 
-// Linked in front of the library's own.
+// Linked before the library's own.
 int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, const char * /*line*/,
                                    const char * /*function*/, const char * /*format*/, ...) {
     return 0;

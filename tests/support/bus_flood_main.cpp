@@ -1,10 +1,10 @@
-// A hostile neighbour on the bus of DBUS_SYSTEM_BUS_ADDRESS: sends signals to every connection of a process, the
-// later ones too, but not to the one that owns the service's name.
-//   bus_flood PID BYTES       signals with so many bytes each, as fast as it can, until it is killed
-//   bus_flood PID descriptor  one signal, with a socket whose last close waits for a minute
+// A hostile neighbour on the bus of DBUS_SYSTEM_BUS_ADDRESS: sends signals to every connection of a process, also later
+// ones, except the owner of the service's name.
+//   bus_flood PID BYTES       signals of BYTES bytes each, as fast as possible, until killed
+//   bus_flood PID descriptor  one signal with a socket whose last close blocks for a minute
 //   bus_flood announce UID    as root: signals of the issues' interface from that user to a listener, "2 heard"
-// Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus begins to refuse them, and
-// "sent to all" when it has done its work once.
+// Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus starts to refuse them, and "sent to all" after
+// the first round.
 
 #include "dbus-srv/bus_handle.h"
 #include "handle.h"
@@ -27,11 +27,11 @@ namespace {
 constexpr const char *SERVICE = "com.corvana.vigmond";
 constexpr std::size_t BURST_BYTES = 200'000;
 constexpr std::size_t MEGABYTES = 1'000'000;
-constexpr std::size_t STEP = 4;       ///< in which it tells of them
-constexpr std::size_t OVERHEAD = 400; ///< of a signal, about
+constexpr std::size_t STEP = 4;       ///< MB between two reports
+constexpr std::size_t OVERHEAD = 400; ///< of a signal, roughly
 
 DBusConnection *connection = nullptr;
-std::map<std::string, std::size_t> targets; ///< the bytes that have been sent to each
+std::map<std::string, std::size_t> targets; ///< bytes sent to each
 std::uint32_t victim = 0;
 bool refused = false;
 
@@ -95,7 +95,7 @@ void follow(DBusMessage *change) {
     }
 }
 
-/// Takes in what the bus tells.
+/// Reads the bus's notices.
 void take_in_news() {
     dbus_connection_read_write(connection, 0);
     while (const BusMessage message{dbus_connection_pop_message(connection)}) {
@@ -132,14 +132,14 @@ void flood(const std::string &content) {
     }
 }
 
-/// A connection to nobody who reads, with unsent data: its last close waits until a minute is over.
+/// A connection to a peer that never reads, with unsent data: its last close blocks for a minute.
 Descriptor lingering_socket() {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto *const any = reinterpret_cast<sockaddr *>(&address);
-    static Descriptor listener; // for as long as the process lives
+    static Descriptor listener; // until the process ends
     listener.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     Descriptor client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (bind(listener.get(), any, size) != 0 || listen(listener.get(), 1) != 0 ||
@@ -155,7 +155,7 @@ Descriptor lingering_socket() {
     return client;
 }
 
-/// Keeps no descriptor that has gone through, so that who reads the signal has the last one.
+/// Keeps no descriptor that was sent, so that the receiver has the last one.
 void send_descriptor() {
     std::vector<Descriptor> sent;
     for (const auto &[name, bytes] : targets) {
@@ -166,9 +166,9 @@ void send_descriptor() {
         dbus_connection_send(connection, signal.get(), nullptr);
         dbus_connection_flush(connection);
     }
-    ask_bus("GetId"); // which the bus answers when it has dealt with all of them
+    ask_bus("GetId"); // the bus answers after it has handled all of them
     take_in_news();
-    while (refused) { // its own close would wait
+    while (refused) { // its own close would block
         pause();
     }
 }
@@ -190,7 +190,7 @@ DBusConnection *connect_as(uid_t user) {
     return connected;
 }
 
-/// Speaks to everybody, and to the listener alone, which is nobody.
+/// Sends to everybody, and to the listener, which must hear neither.
 int announce(uid_t user) {
     constexpr uid_t nobody = 65534;
     DBusConnection *speaker = connect_as(user);
@@ -202,7 +202,7 @@ int announce(uid_t user) {
     dbus_connection_send(speaker, announcement(dbus_bus_get_unique_name(listener)).get(), nullptr);
     for (DBusConnection *each : {speaker, listener}) {
         connection = each;
-        ask_bus("GetId"); // the bus has dealt with both, and what it has sent is here
+        ask_bus("GetId"); // the bus has handled both and delivered what it sent
     }
     int heard = 0;
     while (const BusMessage message{dbus_connection_pop_message(listener)}) {

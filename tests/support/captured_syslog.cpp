@@ -24,8 +24,8 @@ std::vector<SyslogOpening> &captured_openings() {
 
 } // namespace
 
-// Linked in front of the C library's own; the second name is the one that hardened builds call.
-// <syslog.h> stays out, since it defines the first one in such builds.
+// Linked before the C library's own; hardened builds call the second name. <syslog.h> is not included, since it defines
+// the first one in such builds.
 extern "C" {
 void openlog(const char *identity, int options, int facility) {
     captured_openings().push_back({identity, options, facility});

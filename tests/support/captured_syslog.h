@@ -1,6 +1,6 @@
 #pragma once
 
-// Takes the place of syslog in unit tests: what the code under test opens and writes is kept here.
+// Replaces syslog in unit tests and records what the code under test opens and writes.
 
 #include <string>
 #include <vector>
@@ -13,12 +13,12 @@ struct SyslogMessage {
 };
 
 struct SyslogOpening {
-    const char *identity; ///< as given: syslog reads it again with each message
+    const char *identity; ///< the caller's pointer: syslog reads it again with each message
     int options;
     int facility;
 };
 
-/// Collects from its construction on; what came earlier is forgotten.
+/// Collects from its construction; earlier calls are dropped.
 class CapturedSyslog {
   public:
     CapturedSyslog();

@@ -18,8 +18,8 @@ std::vector<CapturedTrace> &captured() {
     return traces;
 }
 
-/// The message starts behind "function(line) " of the prefix.
-std::string text_behind_prefix(const std::string &line, const char *function, const char *code_line) {
+/// The message starts after "function(line) " of the prefix.
+std::string text_after_prefix(const std::string &line, const char *function, const char *code_line) {
     const std::string place = std::string(function) + "(" + (code_line + std::strlen("CODE_LINE=")) + ") ";
     const std::size_t found = line.find(place);
     return found == std::string::npos ? std::string{} : line.substr(found + place.size());
@@ -29,7 +29,7 @@ std::string text_behind_prefix(const std::string &line, const char *function, co
 
 std::atomic<int> journal_result = 0;
 
-// Linked in front of the library's own.
+// Linked before the library's own.
 extern "C" int sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
                                               const char *format, ...) {
     if (journal_result != 0) {
@@ -48,7 +48,7 @@ extern "C" int sd_journal_print_with_location(int priority, const char *file, co
         text.pop_back();
     }
     const std::lock_guard<std::mutex> hold(guard);
-    captured().push_back({priority, file, line, function, text, text_behind_prefix(text, function, line)});
+    captured().push_back({priority, file, line, function, text, text_after_prefix(text, function, line)});
     errno = ENOTCONN; // the library changes it too
     return 0;
 }
@@ -69,7 +69,7 @@ CapturedTraces::~CapturedTraces() {
     }
 }
 
-// One collection serves all objects, but there must be one that has begun it.
+// All objects share one collection, which the first one starts.
 // NOLINTBEGIN(readability-convert-member-functions-to-static)
 const std::vector<CapturedTrace> &CapturedTraces::all() const { return captured(); }
 

@@ -1,13 +1,13 @@
 #pragma once
 
-// Takes the place of the journal in unit tests: every trace that would have gone there is kept here.
+// Replaces the journal in unit tests and records every trace.
 
 #include <atomic>
 #include <string>
 #include <string_view>
 #include <vector>
 
-/// What the journal answers; it takes lines with 0 only.
+/// The journal's result; lines are accepted only with 0.
 extern std::atomic<int> journal_result;
 
 struct CapturedTrace {
@@ -15,11 +15,11 @@ struct CapturedTrace {
     std::string code_file; ///< "CODE_FILE=analyzer.c"
     std::string code_line; ///< "CODE_LINE=90"
     std::string function;
-    std::string line; ///< the whole prefixed line as handed to the journal, without its line end
-    std::string text; ///< the message behind the prefix
+    std::string line; ///< the whole prefixed line passed to the journal, without its line end
+    std::string text; ///< the message after the prefix
 };
 
-/// Collects from its construction on; the earlier ones are forgotten.
+/// Collects from its construction; earlier traces are dropped.
 class CapturedTraces {
   public:
     CapturedTraces();
@@ -31,6 +31,6 @@ class CapturedTraces {
     [[nodiscard]] const std::vector<CapturedTrace> &all() const;
     /// The texts traced by `function`, in order.
     [[nodiscard]] std::vector<std::string> texts_of(std::string_view function) const;
-    /// Whether `function` has traced exactly `text`.
+    /// Whether `function` traced exactly `text`.
     [[nodiscard]] bool has(std::string_view function, std::string_view text) const;
 };

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr std::chrono::seconds PATIENCE{60};
-constexpr int NOT_STARTED = 127; ///< the exit status, as a shell has it
+constexpr int NOT_STARTED = 127; ///< exit status, as in a shell
 
 struct Pipe {
     Descriptor read_end;
@@ -35,7 +35,7 @@ std::vector<char *> pointers(std::vector<std::string> &texts) {
     return list;
 }
 
-/// The test's own environment with `additions` in front, which win.
+/// `additions`, which take precedence, then the test's own environment.
 std::vector<std::string> environment_with(std::vector<std::string> additions) {
     const std::size_t added = additions.size();
     for (char **entry = environ; *entry != nullptr; ++entry) {
@@ -111,7 +111,7 @@ ChildProcess::ChildProcess(const std::vector<std::string> &command, const std::v
     const std::vector<char *> envp = pointers(variables);
     pid_ = fork(); // NOLINT(cppcoreguidelines-prefer-member-initializer): after the pipes are made
     if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // also with a test that is killed
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // also if the test is killed
         dup2(in.read_end.get(), STDIN_FILENO);
         dup2(out.write_end.get(), STDOUT_FILENO);
         dup2(err.write_end.get(), STDERR_FILENO);
@@ -154,6 +154,6 @@ int ChildProcess::wait() {
 CommandResult run_command(const std::vector<std::string> &command) {
     ChildProcess child(command);
     const int status = child.wait();
-    child.output().wait_for("\n"); // never in a line: waits for the end of the stream
+    child.output().wait_for("\n"); // never matches: waits for the end of the stream
     return {status, child.output().lines()};
 }

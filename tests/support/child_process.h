@@ -1,6 +1,6 @@
 #pragma once
 
-// A program that a test starts, ended with it at the latest.
+// A program started by a test and ended with the test at the latest.
 
 #include "handle.h"
 
@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-/// The lines of a stream, collected by a thread of its own so that the writer never has to wait.
+/// The lines of a stream, collected by a thread so that the writer never blocks.
 class LineReader {
   public:
     explicit LineReader(Descriptor stream);
@@ -20,10 +20,10 @@ class LineReader {
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
-    /// Waits for the next line, from line `from` on, that contains `text`; its number, or none when the
-    /// stream ends without it or nothing comes for a minute.
+    /// Waits for the next line, from line `from`, that contains `text`; returns its number, or none if the stream ends
+    /// without it or nothing arrives for a minute.
     std::optional<std::size_t> wait_for(const std::string &text, std::size_t from = 0);
-    /// A line that has come.
+    /// A line received.
     std::string line(std::size_t number);
     /// All lines so far.
     std::vector<std::string> lines();
@@ -52,7 +52,7 @@ class ChildProcess {
     LineReader &output() { return *output_; }
     LineReader &errors() { return *errors_; }
     void kill(int signo) const;
-    /// Waits for the end; the exit status, or minus the signal that ended it.
+    /// Waits for the end; returns the exit status, or minus the signal that ended it.
     int wait();
 
   private:
@@ -62,7 +62,7 @@ class ChildProcess {
     std::optional<LineReader> errors_;
 };
 
-/// Runs `command` to its end: its status and what it wrote to stdout.
+/// Runs `command` to its end; returns its status and what it wrote to stdout.
 struct CommandResult {
     int status;
     std::vector<std::string> output;

@@ -1,7 +1,7 @@
-// Stands in for the load logger: writes how it was started to the file "report" in the folder that the
-// argument behind "-d" names. Where that folder has a pipe "alive", it then writes its process id, a line,
-// into it and lives, the pipe open, until it is killed. A file "stubborn" there makes it ignore SIGTERM, a
-// file "family" have a child that lives alike.
+// Replaces the load logger: writes how it was started to the file "report" in the folder given after "-d". If that
+// folder has a pipe "alive", it then writes a line with its process id into it and runs, with the pipe open, until it
+// is killed. A file "stubborn" there makes it ignore SIGTERM; a file "family" makes it start a child that does the
+// same.
 
 #include <csignal>
 #include <cstring>
@@ -27,7 +27,7 @@ std::vector<std::string> open_descriptors() {
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code error;
         const auto target = std::filesystem::read_symlink(entry.path(), error);
-        if (!error && !target.string().ends_with("/fd")) { // the one that lists them
+        if (!error && !target.string().ends_with("/fd")) { // except the one that lists them
             found.push_back(entry.path().filename());
         }
     }
@@ -57,7 +57,7 @@ bool has(const std::string &folder, const char *name) { return access((folder + 
     if (has(folder, "stubborn")) {
         signal(SIGTERM, SIG_IGN);
     }
-    signal(SIGPIPE, SIG_IGN); // who reads may have gone by then
+    signal(SIGPIPE, SIG_IGN); // the reader may have closed by then
     if (has(folder, "family")) {
         fork();
     }
@@ -71,7 +71,7 @@ bool has(const std::string &folder, const char *name) { return access((folder + 
 } // namespace
 
 int main(int count, char **values) {
-    const std::vector<std::string> descriptors = open_descriptors(); // before the report is one
+    const std::vector<std::string> descriptors = open_descriptors(); // before the report is opened
     const std::vector<std::string> arguments(values, values + count);
     const std::string folder = folder_of(arguments);
     {

@@ -3,6 +3,5 @@
 #include <ctime>
 #include <optional>
 
-/// While it is set, what `time` answers in a test program that is linked so that those calls pass by here;
-/// else they are answered truly.
+/// While set, the result of `time` in test programs linked with --wrap for it; otherwise they get the real time.
 extern std::optional<std::time_t> chosen_time;

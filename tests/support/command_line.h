@@ -1,6 +1,6 @@
 #pragma once
 
-// A command line, what the option parser makes of it, and the warnings that it prints.
+// A command line, the option parser's result for it, and the warnings that it prints.
 
 #include "vigmond/options.h"
 
@@ -32,7 +32,7 @@ struct Parsed {
     std::string printed; ///< on stderr
 };
 
-/// Parses the arguments behind the program's name.
+/// Parses the arguments after the program's name.
 inline Parsed parse(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "/usr/bin/vigmond");
     Arguments all(std::move(arguments));

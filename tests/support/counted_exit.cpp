@@ -1,4 +1,4 @@
-// In builds that count what is run: a process that ends with _exit has its counts written too.
+// In coverage builds, writes the counts of a process that ends with _exit.
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the compiler's and the linker's names
 extern "C" {

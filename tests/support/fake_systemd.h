@@ -1,7 +1,7 @@
 #pragma once
 
-// systemd as the tests want it (see fake_systemd_main.cpp), in a process of its own. Programs that use
-// it are built with FAKE_SYSTEMD, the command line, its words separated by "|".
+// A fake systemd (see fake_systemd_main.cpp) in its own process. Programs that use it are built with FAKE_SYSTEMD, its
+// command line with the words separated by "|".
 
 #include "child_process.h"
 #include "private_bus.h"
@@ -21,9 +21,9 @@ class FakeSystemd {
     /// Is on the bus when constructed.
     explicit FakeSystemd(const PrivateBus &bus) : child_(command(), {bus.variable()}) { connect(); }
 
-    /// Comes (back) to the bus.
+    /// Connects to the bus, again if necessary.
     void connect() { EXPECT_EQ(obey("connect"), 1) << "no connection to the bus"; }
-    /// Sends one command and waits until it was obeyed; the number of the answer, -1 without one.
+    /// Sends one command and waits until it was executed; returns the number in the answer, -1 without one.
     int obey(const std::string &line) {
         child_.write(line + "\n");
         const auto answer = child_.output().wait_for("ok", seen_);
@@ -46,16 +46,16 @@ class FakeSystemd {
     void change_time(const std::string &number) {
         obey(std::string("set ") + NETWORKD + " " + CHANGE_TIME + " t " + number);
     }
-    /// "System.Error.EINTR" makes the asker's call fail with -4, and so on; -1 is for ever.
+    /// "System.Error.EINTR" makes the caller's call fail with -4, and so on; `times` -1 is for ever.
     void fail(const std::string &unit, const std::string &property, const std::string &error, int times = -1) {
         obey("error " + unit + " " + property + " " + error + " " + std::to_string(times));
     }
-    /// Sends a process a signal while the n-th question from now on waits for its answer.
+    /// Sends a process a signal while the n-th call from now waits for its reply.
     void strike(pid_t pid, int signo, int nth) {
         obey("strike " + std::to_string(pid) + " " + std::to_string(signo) + " " + std::to_string(nth));
     }
     int count(const std::string &unit, const std::string &property) { return obey("count " + unit + " " + property); }
-    /// All questions so far.
+    /// The number of calls so far.
     int total() { return obey("total"); }
 
   private:

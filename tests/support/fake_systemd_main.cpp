@@ -1,17 +1,16 @@
-// A stand-in for systemd on the bus of DBUS_SYSTEM_BUS_ADDRESS: it answers questions for the properties
-// of units with what it was told, and a unit it was told nothing of is not installed. It obeys the lines
-// that it reads and answers each with a line that begins with "ok". A UNIT is the last part of its
-// object path.
-//   connect                          (again) to the bus, under systemd's name; "ok 0" when that failed
+// A fake systemd on the bus of DBUS_SYSTEM_BUS_ADDRESS: answers calls for units' properties with the values set by
+// commands; a unit without any is not installed. Executes each line it reads and answers with a line that starts with
+// "ok". A UNIT is the last part of its object path.
+//   connect                          connects (again) to the bus, under systemd's name; "ok 0" on failure
 //   set UNIT PROPERTY s|t VALUE      the property's value from now on
-//   error UNIT PROPERTY NAME TIMES   the bus error of that name instead, so many times; -1 is for ever
-//   hold                             from now on no question is answered
-//   release                          the questions held are answered, late, and so are later ones
-//   delay MS                         each answer waits so long
-//   noise COUNT                      so many signals are sent to the asker in front of each answer
-//   strike PID SIGNAL NTH            that signal is sent to a process at the NTH question from now on
-//   count UNIT PROPERTY              answered "ok N": how often that was asked for
-//   total                            answered "ok N": how often anything was asked for
+//   error UNIT PROPERTY NAME TIMES   this bus error instead, TIMES times; -1 is for ever
+//   hold                             from now on no call is answered
+//   release                          answers the held calls, late, and all later ones
+//   delay MS                         each answer is delayed by MS
+//   noise COUNT                      sends COUNT signals to the caller before each answer
+//   strike PID SIGNAL NTH            sends SIGNAL to process PID at the NTH call from now
+//   count UNIT PROPERTY              answers "ok N": the number of calls for that property
+//   total                            answers "ok N": the number of all calls
 
 #include "dbus-srv/bus_handle.h"
 
@@ -57,7 +56,7 @@ struct Strike {
 };
 
 std::unique_ptr<DBusConnection, CloseConnection> connection;
-std::map<std::string, Property> properties; ///< under "UNIT PROPERTY"
+std::map<std::string, Property> properties; ///< by "UNIT PROPERTY"
 std::vector<BusMessage> held;
 Strike strike;
 bool holding = false;
@@ -65,7 +64,7 @@ int delay_ms = 0;
 int noise = 0;
 int total = 0;
 
-/// What systemd says of a unit that is not installed.
+/// systemd's answer for a unit that is not installed.
 Property property_of_missing_unit(const std::string &name) {
     Property property;
     property.type = name.ends_with("State") ? 's' : 't';
@@ -121,7 +120,7 @@ std::string unit_of(DBusMessage *call) {
     return path.substr(path.rfind('/') + 1);
 }
 
-/// The property that is asked for; none when it is not a unit's.
+/// The requested property; none if it is not a unit's.
 std::string property_asked(DBusMessage *call) {
     const char *interface = "";
     const char *name = "";
@@ -190,7 +189,7 @@ void set(std::istringstream &words) {
     Property &property = find_property(unit, name);
     property.type = type;
     property.errors_left = 0;
-    property.value.clear(); // and so it stays when the line ends here
+    property.value.clear(); // stays empty if the line ends here
     std::getline(words, property.value);
 }
 
@@ -209,7 +208,7 @@ int count_of(std::istringstream &words) {
     return find_property(unit, name).asked;
 }
 
-/// The number behind "ok".
+/// The number after "ok".
 int obey(const std::string &line) {
     std::istringstream words(line);
     std::string command;
@@ -238,7 +237,7 @@ int obey(const std::string &line) {
     return total;
 }
 
-/// Obeys the whole lines of what has come; false at the end of the input.
+/// Executes the complete lines received; false at the end of the input.
 bool read_commands(std::string &pending) {
     std::array<char, 4096> chunk{};
     const ssize_t size = read(STDIN_FILENO, chunk.data(), chunk.size());

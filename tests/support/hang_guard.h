@@ -3,8 +3,8 @@
 #include <csignal>
 #include <ctime>
 
-/// Aborts the test program when it is still there after a minute. For tests that would wait for ever
-/// if the code under test were wrong; SIGALRM is not free for that there.
+/// Aborts the test program if it still runs after a minute. For tests that would hang if the code under test were
+/// wrong; there SIGALRM is in use.
 class HangGuard {
   public:
     HangGuard() {

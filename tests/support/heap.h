@@ -3,12 +3,12 @@
 #include <cstddef>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); // g++ comes without the header that has it
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); // g++ ships without its header
 #else
 #include <malloc.h>
 #endif
 
-/// The bytes that the process has allocated and not freed.
+/// The bytes allocated by the process and not freed.
 inline std::size_t heap_in_use() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return __sanitizer_get_current_allocated_bytes();

@@ -7,13 +7,13 @@
 
 namespace {
 
-/// What the body throws ends the child: it must not go on with the tests of its parent.
+/// An exception in the body ends the child: it must not continue with its parent's tests.
 void run(const std::function<void()> &body) noexcept { body(); }
 
 } // namespace
 
 int run_child(const std::function<void()> &body) {
-    std::fflush(nullptr); // or both processes would write what is buffered now
+    std::fflush(nullptr); // otherwise both processes write what is buffered now
     const pid_t child = fork();
     if (child == 0) {
         run(body);

@@ -9,7 +9,7 @@ namespace {
 int countdown = 0;
 std::atomic<int> allocations{0};
 
-/// Called at each allocation: whether it is the one to fail, errno set then.
+/// Called at each allocation: whether it must fail; sets errno then.
 bool fails_now() {
     ++allocations;
     if (countdown > 0 && --countdown == 0) {

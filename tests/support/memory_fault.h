@@ -1,7 +1,7 @@
 #pragma once
 
-/// While it lives, the n-th allocation (malloc, calloc or strdup) of the code under test fails, once;
-/// n counts from 1. The test programs are linked so that those calls pass by here.
+/// While it exists, the n-th allocation (malloc, calloc or strdup) of the code under test fails, once; n counts from 1.
+/// The test programs are linked with --wrap for these calls.
 class MemoryFault {
   public:
     explicit MemoryFault(int nth);
@@ -12,5 +12,5 @@ class MemoryFault {
     [[nodiscard]] static bool happened();
 };
 
-/// How many such calls there were so far. What the C library allocates inside is not seen.
+/// The number of such calls so far. Allocations inside the C library are not counted.
 int allocation_count();

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-/// The body of a message as it goes over the wire (byte order of this machine).
+/// The body of a message on the wire (byte order of this machine).
 inline std::string body_bytes(DBusMessage *message) {
     char *bytes = nullptr;
     int size = 0;
@@ -22,8 +22,8 @@ inline std::string body_bytes(DBusMessage *message) {
     return text;
 }
 
-/// A number as it goes over the wire.
+/// A number on the wire.
 inline std::string wire(std::uint32_t number) { return {reinterpret_cast<const char *>(&number), sizeof number}; }
 
-/// A text as it goes over the wire: length, text, zero.
+/// A text on the wire: length, text, zero.
 inline std::string wire(const std::string &text) { return wire(static_cast<std::uint32_t>(text.size())) + text + '\0'; }

@@ -1,6 +1,6 @@
 #pragma once
 
-// What /proc tells of a process.
+// Reads /proc for a process.
 
 #include <cstddef>
 #include <filesystem>

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Half of the listener's wait: what comes only with its end comes too late.
+/// Half of the listener's wait, so that what arrives only at its end is too late.
 constexpr std::chrono::seconds PATIENCE{30};
 
 constexpr const char *OPEN_RULES = "  <policy context='default'>\n"
@@ -20,7 +20,7 @@ constexpr const char *OPEN_RULES = "  <policy context='default'>\n"
                                    "  <limit name='max_incoming_unix_fds'>2000</limit>\n"
                                    "  <limit name='max_outgoing_unix_fds'>2000</limit>\n";
 
-// The stock rules, then room for the stand-in for systemd.
+// The stock rules, then room for the fake systemd.
 constexpr const char *SYSTEM_RULES = "  <policy context='default'>\n"
                                      "    <allow user='*'/>\n"
                                      "    <deny own='*'/>\n"
@@ -37,8 +37,8 @@ constexpr const char *SYSTEM_RULES = "  <policy context='default'>\n"
                                      "    <allow send_destination='org.freedesktop.systemd1'/>\n"
                                      "  </policy>\n";
 
-/// The policy of the package. The daemon's user need not exist where the tests run, and the bus does not know
-/// a daemon that is root in its user namespace only: anybody may own the name.
+/// The package's policy, but anybody may own the name: the daemon's user may not exist where the tests run, and the bus
+/// does not know a daemon that is root only in its user namespace.
 std::string package_policy() {
     std::string policy = read_file(BUS_POLICY);
     const std::string user = "<policy user=\"vigmond\">";
@@ -57,7 +57,7 @@ std::string configuration(const std::string &address, BusRules rules) {
            address +
            "</listen>\n"
            "  <auth>EXTERNAL</auth>\n"
-           "  <auth>ANONYMOUS</auth>\n" // for a daemon that is root in its user namespace only
+           "  <auth>ANONYMOUS</auth>\n" // for a daemon that is root only in its user namespace
            "  <allow_anonymous/>\n" +
            (rules == BusRules::open ? OPEN_RULES + std::string("</busconfig>\n") : SYSTEM_RULES + package_policy());
 }

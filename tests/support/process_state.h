@@ -1,6 +1,6 @@
 #pragma once
 
-// What belongs to the whole process, changed for as long as an object lives.
+// Changes to the state of the whole process that last as long as an object.
 
 #include <csignal>
 #include <cstddef>
@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-/// Puts the file `path` in the place of descriptor `fd`.
+/// Replaces descriptor `fd` with the file `path`.
 class RedirectedDescriptor {
   public:
     RedirectedDescriptor(int fd, const std::string &path, int flags) : fd_(fd), saved_(fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
@@ -55,7 +55,7 @@ class WorkingFolder {
     std::filesystem::path saved_;
 };
 
-/// No file grows beyond `bytes`: a write that would fails.
+/// No file grows beyond `bytes`: a write past it fails.
 class FileSizeLimit {
   public:
     explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Tables of samples: what an analyzer makes of each value, row by row.
+// Tables of samples: an analyzer's result for each value, row by row.
 
 #include "sample_task.h"
 
@@ -50,7 +50,7 @@ inline void preset_counters(Task &task, std::uint8_t count) {
     task.counter_minfail = task.counter_minwarn = task.counter_ok = task.counter_maxwarn = task.counter_maxfail = count;
 }
 
-/// One sample and what the task holds after it. The marks are taken back before each sample.
+/// One sample and the task's state after it. The marks are cleared before each sample.
 struct Sample {
     std::int32_t value;
     int state;

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-/// A folder of the test's own, removed with all in it at the end.
+/// A temporary folder for a test, removed with its contents at the end.
 class ScratchFolder {
   public:
     ScratchFolder();

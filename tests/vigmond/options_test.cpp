@@ -24,10 +24,9 @@ namespace {
 
 constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 
-// Settings, trace mode and the count of usage messages only ever grow, so every case has a child of
-// its own that starts with the built-in ones.
+// Settings, trace mode and the count of usage messages last for the process, so every case runs in its own child.
 
-TEST(Options, WithoutAnyTheSettingsStay) {
+TEST(Options, WithoutAnyTheSettingsAreUnchanged) {
     in_child([] {
         const Parsed parsed = parse({});
         EXPECT_EQ(parsed.options.outcome, OptionsOutcome::run);
@@ -42,7 +41,7 @@ TEST(Options, WithoutAnyTheSettingsStay) {
     });
 }
 
-TEST(Options, ProgramIsTheNameBehindTheLastSlash) {
+TEST(Options, ProgramIsTheNameAfterTheLastSlash) {
     struct Case {
         const char *argument, *program;
     };
@@ -70,7 +69,7 @@ TEST(Options, LogcountIsReadAsADecimalNumber) {
         {"129", 128, 128},
         {"500", 128, 128},
         {"-5", 0, 0},
-        {"abc", 0}, // no number is 0, which is valid
+        {"abc", 0}, // not a number: 0, which is valid
         {"12abc", 12},
         {"", 0},
         {" \t7", 7},
@@ -199,7 +198,7 @@ TEST(Options, WarningNamesTheLevelInForce) {
     }
 }
 
-TEST(Options, LogfileIsCreatedAndTaken) {
+TEST(Options, LogfileIsCreatedAndAccepted) {
     const ScratchFolder folder;
     in_child([&] {
         const Parsed parsed = parse({"-L", folder / "log"});
@@ -209,7 +208,7 @@ TEST(Options, LogfileIsCreatedAndTaken) {
     });
 }
 
-TEST(Options, LogfileThatCannotBeOpenedLeavesTheOldOne) {
+TEST(Options, LogfileThatCannotBeOpenedKeepsTheOldOne) {
     const ScratchFolder folder;
     const std::string missing = folder / "missing/log";
     in_child([&] {
@@ -224,7 +223,7 @@ TEST(Options, LogfileThatCannotBeOpenedLeavesTheOldOne) {
     });
 }
 
-TEST(Options, LogfileThatIsTheLockFileLeavesTheOldOne) {
+TEST(Options, LogfileThatIsTheLockFileKeepsTheOldOne) {
     const ScratchFolder folder;
     in_child([&] {
         EXPECT_EQ(parse({"-L", folder / ".lock"}).printed, "vigmond: WARNING: option -L: \"" + folder / ".lock" +
@@ -234,7 +233,7 @@ TEST(Options, LogfileThatIsTheLockFileLeavesTheOldOne) {
     });
 }
 
-TEST(Options, LogfileThatIsAPipeIsTakenIfItHasAReader) {
+TEST(Options, LogfileThatIsAPipeIsAcceptedIfItHasAReader) {
     const ScratchFolder folder;
     const std::string pipe = folder / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -250,7 +249,7 @@ TEST(Options, LogfileThatIsAPipeIsTakenIfItHasAReader) {
     });
 }
 
-TEST(Options, LogfileIsRefusedWhenMemoryIsOut) {
+TEST(Options, LogfileIsRefusedWhenOutOfMemory) {
     const ScratchFolder folder;
     in_child([&] {
         Arguments arguments({"vigmond", "-L", folder / "log"});
@@ -267,7 +266,7 @@ TEST(Options, LogfileIsRefusedWhenMemoryIsOut) {
     });
 }
 
-// Once to try it and once to take it; a watcher of the folder sees both.
+// Once to test it and once to use it; a watcher of the folder sees both.
 TEST(Options, LogfileIsOpenedTwice) {
     const ScratchFolder folder;
     in_child([&] {
@@ -303,7 +302,7 @@ TEST(Options, OutcomeFollowsTheOptions) {
         {{"--help"}, "", helped},
         {{"-d", "-h"}, "", helped, true},
         {{"-x"}, invalid_option('x'), failed},
-        {{"-x", "-h"}, invalid_option('x'), failed}, // the error wins over the help
+        {{"-x", "-h"}, invalid_option('x'), failed}, // the error takes precedence over the help
         {{"-h", "-x"}, invalid_option('x'), failed},
         {{"-h", "-S", "5"}, invalid_value('S', "5", 10), helped}, // all is parsed before the exit
         {{"-xd", "-y"}, invalid_option('x') + invalid_option('y'), failed, true},
@@ -314,8 +313,8 @@ TEST(Options, OutcomeFollowsTheOptions) {
         {{"--logfile"}, invalid_option('L'), failed},
         {{"--help=3"}, invalid_option('h'), failed},
         {{"-C", "-x"}, "", run},                  // "-x" is the argument
-        {{"--", "-x"}, "", run},                  // behind the end of the options
-        {{"file", "-d", "other"}, "", run, true}, // what is no option is ignored
+        {{"--", "-x"}, "", run},                  // after the end of the options
+        {{"file", "-d", "other"}, "", run, true}, // non-options are ignored
         {{"-"}, "", run},
         {{"", ""}, "", run},
     };
@@ -330,7 +329,7 @@ TEST(Options, OutcomeFollowsTheOptions) {
     }
 }
 
-TEST(Options, LongFormsDoAsTheShortOnes) {
+TEST(Options, LongFormsEqualTheShortOnes) {
     const ScratchFolder folder;
     in_child([&] {
         EXPECT_EQ(parse({"--logfile=" + folder / "log", "--logfilesize=200", "--logfilecount", "7", "--loglevel=fail",
@@ -368,7 +367,7 @@ TEST(Options, ArgumentsArePermuted) {
     EXPECT_EQ(after, (std::vector<std::string>{"vigmond", "-d", "-l", "OK", "file"}));
 }
 
-TEST(Options, DebugSendsTheTracesToStderrFromThereOn) {
+TEST(Options, DebugSendsTheTracesToStderrFromThenOn) {
     for (const char *option : {"-D", "--debug"}) {
         in_child([&] {
             const CapturedTraces traces;
@@ -393,7 +392,7 @@ TEST(Options, VersionIsPrintedToStderrAndEndsTheParsing) {
     }
 }
 
-TEST(Options, VersionBehindABadOptionStillEndsWell) {
+TEST(Options, VersionAfterABadOptionStillSucceeds) {
     in_child([] {
         const Parsed parsed = parse({"-x", "-h", "-v"});
         EXPECT_EQ(parsed.options.outcome, OptionsOutcome::version);

@@ -28,8 +28,8 @@
 
 namespace {
 
-int failing_sigaction = 0; ///< the number of the call to fail, from 1; 0: none
-int sigaction_calls = 0;   ///< counted while one is to fail
+int failing_sigaction = 0; ///< number of the call to fail, from 1; 0: none
+int sigaction_calls = 0;   ///< counted while one must fail
 
 } // namespace
 
@@ -78,7 +78,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The number of descriptors open on `path`; `flags` is then that of the last one.
+/// The number of descriptors open on `path`; `flags` gets those of the last one.
 int descriptors_of(const std::string &path, int *flags) {
     int found = 0;
     for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) {
@@ -91,7 +91,7 @@ int descriptors_of(const std::string &path, int *flags) {
     return found;
 }
 
-/// Another daemon: a process that holds the lock of `folder` as long as it lives.
+/// Another daemon: a process that holds the lock of `folder` until it ends.
 class OtherDaemon {
   public:
     explicit OtherDaemon(const ScratchFolder &folder) {
@@ -153,7 +153,7 @@ void expect_refused(const std::vector<std::string> &texts, const std::string &lo
     EXPECT_EQ(traces.all().back().line.substr(0, 4), "(2) ");
 }
 
-TEST(SingleProcess, LeavesItsPidInALockFileBesideTheLogFile) {
+TEST(SingleProcess, LeavesItsPidInALockFileNextToTheLogFile) {
     const ScratchFolder folder;
     in_daemon(folder, [&] {
         const CapturedTraces traces;
@@ -186,7 +186,7 @@ TEST(SingleProcess, LocksTheWholeFileForWriting) {
     struct flock lock {};
     lock.l_type = F_RDLCK;
     lock.l_whence = SEEK_SET;
-    lock.l_start = 1000000; // far behind the pid
+    lock.l_start = 1000000; // far after the pid
     lock.l_len = 1;
     EXPECT_EQ(fcntl(file, F_GETLK, &lock), 0);
     EXPECT_EQ(lock.l_type, F_WRLCK);
@@ -206,7 +206,7 @@ TEST(SingleProcess, SecondCallSucceedsAtOnce) {
     });
 }
 
-// The file is opened before the lock is asked for; deliberate.
+// The file is opened, and emptied, before the lock is requested; kept.
 TEST(SingleProcess, SecondInstanceFailsAndEmptiesTheFileOfTheFirst) {
     const ScratchFolder folder;
     const OtherDaemon other(folder);
@@ -239,7 +239,7 @@ std::string said_on_a_terminal() {
     return text.substr(0, text.size() - end.size());
 }
 
-/// The same when it is none.
+/// The same when stderr is not a terminal.
 std::string said_elsewhere() {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(is_single_proc());
@@ -301,7 +301,7 @@ TEST(SingleProcess, EmptiesAStaleLockFile) {
     });
 }
 
-TEST(SingleProcess, DoesNotFollowALinkInThePlaceOfItsFile) {
+TEST(SingleProcess, DoesNotFollowALinkInPlaceOfItsFile) {
     const ScratchFolder folder;
     const std::string foreign = folder.write("foreign", "what stood there");
     for (const std::string &target : {foreign, folder / "missing"}) {
@@ -313,7 +313,7 @@ TEST(SingleProcess, DoesNotFollowALinkInThePlaceOfItsFile) {
     EXPECT_FALSE(fs::exists(folder / "missing"));
 }
 
-// The lock is what counts: a pid that cannot be written is no failure.
+// Only the lock matters: a pid that cannot be written is not an error.
 TEST(SingleProcess, SucceedsWithoutRoomForItsPid) {
     const ScratchFolder folder;
     in_daemon(folder, [&] {
@@ -399,7 +399,7 @@ std::vector<int> blocked() {
     return members(set);
 }
 
-/// Runs `body` in a child in which no signal is held, ignored or handled, whatever the shell left.
+/// Runs `body` in a child in which no signal is blocked, ignored or handled, whatever the shell left.
 void in_fresh_child(const std::function<void()> &body) {
     in_child([&] {
         for (const int signo : {SIGTERM, SIGQUIT, SIGHUP, SIGINT, SIGUSR1}) {
@@ -412,7 +412,7 @@ void in_fresh_child(const std::function<void()> &body) {
     });
 }
 
-// Those that a caller gives; the C library adds its own.
+// The flags set by the caller; the C library adds its own.
 constexpr unsigned OWN_FLAGS = SA_RESTART | SA_SIGINFO | SA_NODEFER | SA_RESETHAND | SA_NOCLDSTOP | SA_ONSTACK;
 
 TEST(SignalInit, InstallsTheExitHandlerForFourSignals) {
@@ -450,7 +450,7 @@ TEST(SignalInit, LeavesOtherSignalsAlone) {
     });
 }
 
-TEST(SignalInit, HoldsTheDaemonsSignals) {
+TEST(SignalInit, BlocksTheDaemonsSignals) {
     in_fresh_child([] {
         signal_init();
         EXPECT_EQ(blocked(), (std::vector<int>{SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGTERM, SIGCHLD}));
@@ -491,7 +491,7 @@ TEST(SignalInit, FirstFailureIsTracedAndInstallsNothingFurther) {
     }
 }
 
-/// What a child that dies of a signal left on stderr, its traces.
+/// The traces on stderr of a child that a signal killed.
 std::string traces_of_exit(int signo) {
     testing::internal::CaptureStderr();
     const int status = run_child([signo] {

@@ -13,9 +13,9 @@ namespace {
 
 constexpr const char *BUILT_IN_LOGFILE = "/var/lib/evse/vigmond/logfile";
 
-// The count of the calls only ever grows, so every case has a child of its own.
+// The count of the calls only grows, so every case runs in its own child.
 
-// The text of the usage for the program "prog", byte for byte.
+// The exact usage text for the program "prog".
 std::string usage_text(const std::string &logfile, const std::string &size, const std::string &count,
                        const std::string &level, const std::string &severity) {
     return "usage:\n"

@@ -33,13 +33,13 @@
 
 namespace {
 
-/// What the next forks do.
+/// Controls the next forks.
 struct Forking {
-    int error = 0;               ///< fails with it
-    int hold = -1;               ///< the child goes on when the other end of this pipe is closed
-    int hold_other_end = -1;     ///< which the child closes for itself
+    int error = 0;               ///< fork fails with this errno
+    int hold = -1;               ///< the child continues when the other end of this pipe is closed
+    int hold_other_end = -1;     ///< the child closes its copy
     int count = 0;               ///< forks so far
-    bool child_was_held = false; ///< whether SIGCHLD was blocked at the last one
+    bool child_was_held = false; ///< whether SIGCHLD was blocked at the last fork
 };
 
 Forking forking;
@@ -48,7 +48,7 @@ using Kill = std::pair<pid_t, int>;
 
 /// All kills so far.
 std::vector<Kill> kills;
-bool kills_are_carried_out = true;
+bool kills_are_real = true;
 
 bool is_blocked(int signo) {
     sigset_t mask;
@@ -84,7 +84,7 @@ int __real_kill(pid_t pid, int signo) noexcept;
 
 int __wrap_kill(pid_t pid, int signo) noexcept {
     kills.emplace_back(pid, signo);
-    return kills_are_carried_out ? __real_kill(pid, signo) : 0;
+    return kills_are_real ? __real_kill(pid, signo) : 0;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
@@ -131,7 +131,7 @@ class HeldChildren {
     std::array<int, 2> ends_{};
 };
 
-/// The wait status of the child, which has ended.
+/// The wait status of a child that has ended.
 int wait_status_of(pid_t pid) {
     int status = -1;
     EXPECT_EQ(waitpid(pid, &status, 0), pid);
@@ -152,13 +152,12 @@ void expect_terminated(pid_t pid) {
 
 std::uint64_t bit_of(int signo) { return std::uint64_t{1} << (signo - 1); }
 
-/// Each test body runs in a process of its own: the probe's state, the registry and the children's
-/// parent are that process's.
+/// Each test body runs in its own process, with its own probe state, registry and children.
 class LoadChildTest : public testing::Test {
   protected:
     void SetUp() override { logger_init(); }
 
-    /// A marked task in the state 1, whose child is the reporting program with `options`.
+    /// A marked task in state 1 whose child is the reporting program with `options`.
     Task load_task(const std::string &options = "") {
         parameter_ = CHILD_REPORT + (options.empty() ? "" : " " + options);
         Task task = sample_task();
@@ -171,10 +170,10 @@ class LoadChildTest : public testing::Test {
         return task;
     }
 
-    /// The status log lies in the scratch folder.
+    /// Puts the status log into the scratch folder.
     void set_logfile() const { EXPECT_EQ(gdata_set_logfile((folder / "log").c_str()), folder / "log"); }
 
-    /// What the ended child reports under `name`.
+    /// What the ended child reported under `name`.
     [[nodiscard]] Texts reported(const std::string &name, const std::string &file = "report") const {
         std::ifstream report(folder / file);
         Texts found;
@@ -192,7 +191,7 @@ class LoadChildTest : public testing::Test {
         return lines.empty() ? 0 : std::stoull(lines[0], nullptr, 16);
     }
 
-    /// Starts a child of `task` that lives on; its process id.
+    /// Starts a child of `task` that keeps running; returns its process id.
     pid_t start_living(Task *task) const {
         set_logfile();
         const std::string pipe = folder / "alive";
@@ -208,7 +207,7 @@ class LoadChildTest : public testing::Test {
         ASSERT_GT(task->child_pid, 0);
         expect_exit(task->child_pid, status);
     }
-    /// What a child traces that ends with status 1.
+    /// The traces of a child that ends with status 1.
     std::string traces_of_failure(Task *task) const {
         const std::string traces = folder.write("traces", "");
         trace_mode = TRACE_TRACE;
@@ -270,12 +269,12 @@ INSTANTIATE_TEST_SUITE_P(EightWords, LoadCommandTest,
                                          Command{"a b c d e f -t 8", "150", "6", "@"}, // is "-t", without a value
                                          Command{"a b c d e f g -t 8", "150", "6", "@"}));
 
-TEST_F(LoadChildTest, ParsesTheOptionsAnewForEachChild) {
+TEST_F(LoadChildTest, ParsesTheOptionsAgainForEachChild) {
     in_child([&] {
         set_logfile();
         Task first = load_task("a -c 7 b");
         run_to_its_end(&first);
-        load_init(&first); // lets another child start
+        load_init(&first); // allows another child
         Task second = load_task("-t 9");
         run_to_its_end(&second);
         EXPECT_THAT(reported("argument"),
@@ -293,12 +292,12 @@ TEST_F(LoadChildTest, KeepsTheTasksParameter) {
     });
 }
 
-TEST_F(LoadChildTest, IsToldTheWholeIssueWhateverItsNumbers) {
+TEST_F(LoadChildTest, GetsTheWholeIssueWhateverItsNumbers) {
     in_child([&] {
         set_logfile();
         Task task = load_task();
         task.id = -2147483647;
-        task.index = -2147483647; // no issue text is longer
+        task.index = -2147483647; // the longest issue text
         run_to_its_end(&task);
         EXPECT_EQ(reported("argument").back(), "CB-2147483647[-2147483647]");
     });
@@ -317,7 +316,7 @@ TEST_F(LoadChildTest, TheDirectoryIsTheCurrentOneForALogFileWithoutAFolder) {
 TEST_F(LoadChildTest, TheDirectoryIsTheRootForALogFileInIt) {
     in_child([&] {
         const std::string traces = folder.write("traces", "");
-        gdata_record().logfile = "/log"; // the setter would make the file
+        gdata_record().logfile = "/log"; // the setter would create the file
         trace_mode = TRACE_TRACE;
         const RedirectedDescriptor errors(STDERR_FILENO, traces, O_WRONLY | O_APPEND);
         Task task = load_task();
@@ -340,7 +339,7 @@ TEST_F(LoadChildTest, TheEnvironmentHoldsThePathOnly) {
     });
 }
 
-TEST_F(LoadChildTest, LeadsASessionAndGroupOfItsOwn) {
+TEST_F(LoadChildTest, LeadsItsOwnSessionAndGroup) {
     in_child([&] {
         set_logfile();
         Task task = load_task();
@@ -387,7 +386,7 @@ TEST_F(LoadChildTest, GetsTheMaskOfTheStartAndTheDefaultOfEachHandledSignal) {
         }
         Task task = load_task();
         run_to_its_end(&task);
-        EXPECT_EQ(reported_mask("SigBlk:"), bit_of(SIGUSR2)); // neither those of the children and the heartbeat
+        EXPECT_EQ(reported_mask("SigBlk:"), bit_of(SIGUSR2)); // not SIGCHLD, not the heartbeat
         for (const int signo : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT}) {
             EXPECT_EQ(reported_mask("SigIgn:") & bit_of(signo), 0U) << signo;
         }
@@ -409,7 +408,7 @@ TEST_F(LoadChildTest, IgnoresTheFailedWritesThatTheDaemonWasStartedToIgnore) {
     }
 }
 
-/// Becomes a user like the daemon's: not root, with capabilities that programs which it starts inherit.
+/// Becomes a user like the daemon's: not root, with inheritable capabilities.
 void become_user_with_capabilities() {
     __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     constexpr std::uint32_t some = CAP_TO_MASK(CAP_SYS_RAWIO) | CAP_TO_MASK(CAP_DAC_READ_SEARCH);
@@ -441,7 +440,7 @@ TEST_F(LoadChildTest, IsNotSearchedForOnThePath) {
         const WorkingFolder current(folder.path());
         set_logfile();
         Task task = load_task();
-        task.parameter = "true"; // is on every PATH
+        task.parameter = "true"; // on every PATH
         run_to_its_end(&task, 1);
         std::filesystem::create_symlink(CHILD_REPORT, folder / "report_child");
         load_init(&task);
@@ -488,7 +487,7 @@ TEST_F(LoadChildTest, AMissingProgramWithoutOptionsIsTracedAsWell) {
     });
 }
 
-TEST_F(LoadChildTest, AnUnknownOptionIsPassedOverInSilence) {
+TEST_F(LoadChildTest, AnUnknownOptionIsIgnored) {
     in_child([&] {
         set_logfile();
         Task task = load_task();
@@ -520,7 +519,7 @@ TEST_F(LoadChildTest, AParameterWithoutAProgramEndsTheChildWithStatus1) {
     });
 }
 
-TEST_F(LoadChildTest, WhatTheDaemonHasBufferedIsWrittenOnce) {
+TEST_F(LoadChildTest, BufferedOutputOfTheDaemonIsWrittenOnce) {
     in_child([&] {
         const std::string path = folder.write("records", "");
         std::FILE *file = std::fopen(path.c_str(), "ae");
@@ -554,7 +553,7 @@ TEST_F(LoadChildTest, RegistersTheChildAndTracesItsOwnPid) {
         EXPECT_THAT(traces.texts_of("load_logger"), ElementsAre(" ", "fork: parent: pid: " + std::to_string(getpid())));
         EXPECT_THAT(traces.texts_of("process_add"),
                     ElementsAre("pid: " + std::to_string(task.child_pid) + ", task: " + task.parameter));
-        EXPECT_EQ(process_remove(task.child_pid), 0); // known there
+        EXPECT_EQ(process_remove(task.child_pid), 0); // it was registered
     });
 }
 
@@ -589,7 +588,7 @@ TEST_F(LoadChildTest, RegistersTheChildBeforeItsEndCanBeSeen) {
     });
 }
 
-TEST_F(LoadChildTest, LearnsThatTheChildHasEndedAndMayStartAnother) {
+TEST_F(LoadChildTest, NoticesTheEndOfTheChildAndMayStartAnother) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();
@@ -606,7 +605,7 @@ TEST_F(LoadChildTest, LearnsThatTheChildHasEndedAndMayStartAnother) {
         EXPECT_EQ(task.child_pid, 0);
         EXPECT_TRUE(task_has(&task, TASK_REINIT));
         task.do_log = 1;
-        EXPECT_EQ(load_logger(&task), 0); // not before the next run has seen the mark
+        EXPECT_EQ(load_logger(&task), 0); // not before the next run sees the mark
         EXPECT_EQ(forking.count, 1);
         load_exec(&task);
         EXPECT_FALSE(task_has(&task, TASK_REINIT));
@@ -662,7 +661,7 @@ TEST_F(LoadChildTest, StartsNothingWithoutAMarkAParameterOrWithAChild) {
         Task with_child = load_task();
         with_child.child_pid = NOBODY;
         expect_no_child(with_child);
-        EXPECT_THAT(syslog.messages(), SizeIs(3)); // the line is written all the same
+        EXPECT_THAT(syslog.messages(), SizeIs(3)); // the line is still written
     });
 }
 
@@ -676,7 +675,7 @@ TEST_F(LoadChildTest, StartsOneChildForBothTasksUntilEitherIsMarkedForRestart) {
             second.id = 32;
             expect_no_child(second);
             load_exec(&second);
-            expect_no_child(second); // a run alone changes nothing
+            expect_no_child(second); // a run alone starts no child
             Task &marked = first_is_marked ? first : second;
             marked.flags |= TASK_REINIT;
             load_exec(&marked);
@@ -696,7 +695,7 @@ TEST_F(LoadChildTest, AReturnToGoodDoesNotStopTheChild) {
         EXPECT_EQ(load_logger(&task), 0);
         EXPECT_EQ(task.child_pid, child);
         EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
-        kill(child, SIGKILL); // the only signal that it has got
+        kill(child, SIGKILL); // no other signal was sent
         EXPECT_EQ(WTERMSIG(wait_status_of(child)), SIGKILL);
     });
 }
@@ -729,7 +728,7 @@ TEST_F(LoadChildTest, AFailedForkIsTracedAndTriedAgainAtTheNextLine) {
 
 TEST_F(LoadChildTest, AUserWithTooManyProcessesGetsNoChild) {
     in_child([&] {
-        if (geteuid() == 0) { // whom no limit holds
+        if (geteuid() == 0) { // no limit holds root
             EXPECT_EQ(setresuid(NOBODYS_UID, NOBODYS_UID, NOBODYS_UID), 0);
         }
         rlimit limit{};
@@ -750,7 +749,7 @@ TEST_F(LoadChildTest, AUserWithTooManyProcessesGetsNoChild) {
     });
 }
 
-TEST_F(LoadChildTest, ForksNothingWhenMemoryIsOut) {
+TEST_F(LoadChildTest, DoesNotForkWhenOutOfMemory) {
     in_child([&] {
         set_logfile();
         forking.count = 0;
@@ -790,7 +789,7 @@ TEST_F(LoadChildTest, EndsAChildThatCannotBeRegisteredAndForgetsItsPid) {
         EXPECT_EQ(WTERMSIG(status), SIGTERM);
         const int before = forking.count;
         task.do_log = 1;
-        load_logger(&task); // not held for started
+        load_logger(&task); // the task has no child yet
         EXPECT_EQ(forking.count, before + 1);
         load_cleanup(&task);
     });
@@ -804,7 +803,7 @@ TEST_F(LoadChildTest, CleanupEndsTheWholeGroup) {
         Task task = load_task();
         const pid_t child = start_living(&task);
         const CapturedTraces traces;
-        errno = ESRCH; // what an earlier call has left
+        errno = ESRCH; // left by an earlier call
         EXPECT_EQ(load_cleanup(&task), 0);
         EXPECT_EQ(task.child_pid, 0);
         EXPECT_THAT(traces.texts_of("load_cleanup"), ElementsAre("pid: " + std::to_string(child)));
@@ -817,7 +816,7 @@ TEST_F(LoadChildTest, CleanupEndsAChildThatHasNoGroupYet) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();
-        const HeldChildren held; // between fork and its own session
+        const HeldChildren held; // before its setsid
         Task task = load_task();
         load_logger(&task);
         const pid_t child = task.child_pid;
@@ -832,7 +831,7 @@ int handled_in = -1;
 
 void note_process(int /*signo*/) { EXPECT_EQ(write(handled_in, "x", 1), 1); }
 
-TEST_F(LoadChildTest, AHeldChildEndsByTheTerminationWithoutTheDaemonsHandler) {
+TEST_F(LoadChildTest, AHeldChildDiesOfSigtermWithoutTheDaemonsHandler) {
     in_child([&] {
         const HangGuard guard;
         set_logfile();
@@ -848,14 +847,14 @@ TEST_F(LoadChildTest, AHeldChildEndsByTheTerminationWithoutTheDaemonsHandler) {
         held.release();
         expect_terminated(child);
         EXPECT_EQ(read_file(folder / "notes"), "");
-        EXPECT_THAT(reported("argument"), IsEmpty()); // never became the program
+        EXPECT_THAT(reported("argument"), IsEmpty()); // never reached execve
     });
 }
 
-// A kill of 0 would hit the daemon's own group, one of -1 every process, one of 1 init.
+// kill(0) would hit the daemon's own group, kill(-1) every process, kill(1) init.
 TEST_F(LoadChildTest, CleanupSignalsNothingWithoutAChildOfItsOwn) {
     in_child([&] {
-        kills_are_carried_out = false;
+        kills_are_real = false;
         for (const pid_t pid : {0, 1, -1, -2}) {
             Task task = load_task();
             task.child_pid = pid;

@@ -7,7 +7,7 @@ _arguments -s \
     '(- *)'{-v,--version}'[show the version]' \
     '(-D --debug)'{-D,--debug}'[send the traces to standard error]' \
     '(-L --logfile)'{-L+,--logfile=}'[the status log]:file:_files' \
-    '(-S --logfilesize)'{-S+,--logfilesize=}'[its size in KB, 10 to 102400]:KB:' \
-    '(-C --logfilecount)'{-C+,--logfilecount=}'[how many older ones are kept, 0 to 128]:count:' \
-    '(-l --loglevel)'{-l+,--loglevel=}'[which records are written]:level:(fail warning OK)' \
-    '(-s --severitylevel)'{-s+,--severitylevel=}'[which sentences are said]:severity:(critical failed warning OK)'
+    '(-S --logfilesize)'{-S+,--logfilesize=}'[maximum size in KB, 10 to 102400]:KB:' \
+    '(-C --logfilecount)'{-C+,--logfilecount=}'[number of rotated logs to keep, 0 to 128]:count:' \
+    '(-l --loglevel)'{-l+,--loglevel=}'[records to write]:level:(fail warning OK)' \
+    '(-s --severitylevel)'{-s+,--severitylevel=}'[sentences to send]:severity:(critical failed warning OK)'

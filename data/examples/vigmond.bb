@@ -1,4 +1,4 @@
-# Where to start from for a Yocto recipe; nothing in vigmond's own build parses it.
+# A starting point for a Yocto recipe. The build of vigmond does not parse it.
 SUMMARY = "Health monitoring of a charging station's controller"
 LICENSE = "CLOSED"
 SRC_URI = "git://git.example.invalid/vigmond.git;protocol=https;branch=main"

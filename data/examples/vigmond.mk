@@ -1,4 +1,4 @@
-# Where to start from for a Buildroot package; nothing in vigmond's own build parses it. Its Config.in:
+# A starting point for a Buildroot package. The build of vigmond does not parse it. Its Config.in:
 #   config BR2_PACKAGE_VIGMOND
 #       bool "vigmond"
 #       depends on BR2_PACKAGE_SYSTEMD

@@ -1,4 +1,4 @@
-// Prints the raised issues, and then each that is raised or cleared, also when vigmond starts again.
+// Prints the raised issues and then every change, also across restarts of vigmond.
 //   g++ -std=c++20 watch_issues.cpp $(pkg-config --cflags --libs libsystemd) -o watch_issues
 
 #include <cstdint>
@@ -39,7 +39,7 @@ void print_raised(sd_bus *bus) {
     sd_bus_message_unref(reply);
 }
 
-// What was raised before is not any longer.
+// A restart clears all issues without signals: reads the listing again.
 int start_again(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*/) {
     const char *owner = nullptr;
     if (sd_bus_message_read(signal, "sss", nullptr, nullptr, &owner) > 0 && *owner != '\0') {
@@ -50,7 +50,7 @@ int start_again(sd_bus_message *signal, void * /*data*/, sd_bus_error * /*error*
 }
 
 int watch(sd_bus *bus) {
-    // First the signals, then the listing: nothing falls between them.
+    // Signals first, then the listing, so that no change is missed.
     int result = sd_bus_match_signal(bus, nullptr, NAME, PATH, INTERFACE, nullptr, print_change, nullptr);
     if (result >= 0) {
         result = sd_bus_add_match(bus, nullptr, NEW_OWNER, start_again, nullptr);

@@ -123,6 +123,16 @@ bool Output::finish() {
 
 bool Output::is_terminal() const { return path_.empty() && isatty(STDOUT_FILENO) == 1; }
 
+std::string utf8_text(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        result += length == 0 ? "\xEF\xBF\xBD" : std::string(text.substr(0, length));
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return result;
+}
+
 std::string json_text(std::string_view text) {
     std::string result;
     while (!text.empty()) {

@@ -126,9 +126,8 @@ TEST_F(Summary, HoldsLittleInMemory) {
                     : "2024-05-01 10:00:00\tOK\tCB20\t" + std::to_string(line % 32) + "\t" +
                           std::to_string(line * 7919LL % 2000003) + "\n";
     }
-    const std::string packed = bzip2(text, "-9");
     for (const char *name : {"logfile.000.bz2", "logfile.001.bz2", "logfile.002.bz2", "logfile.003.bz2"}) {
-        scratch.write(name, packed);
+        scratch.write(name, bzip2(name + ("\n" + text), "-9")); // no file is the front of another
     }
     for (const char *words : {"--json ", "export --format openmetrics "}) {
         const Ran ran = run(words + ("north=" + scratch.path().string()), "", RESIDENT);

@@ -16,3 +16,12 @@ install(FILES data/com.corvana.State2.Issues.xml data/com.corvana.Config1.Networ
 install(FILES data/vigmond.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES data/vigmond.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vigmond)
 install(DIRECTORY data/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+# vigmond-log, in a package of its own.
+configure_file(data/vigmond-textfile.service.in vigmond-textfile.service @ONLY)
+install(TARGETS vigmond-log DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vigmond-textfile.service data/vigmond-textfile.timer
+        DESTINATION ${VIGMOND_UNIT_DIR} COMPONENT tools)
+install(FILES data/vigmond-log.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES data/vigmond-log.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vigmond-log
+        COMPONENT tools)

@@ -22,3 +22,12 @@ install(FILES data/vigmond.zsh DESTINATION ${VIGMOND_ZSH_DIR} RENAME _vigmond)
 install(FILES CHANGELOG.md docs/integrators.md docs/operators.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY data/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/examples/watch_issues.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+# vigmond-log, in a package of its own.
+configure_file(data/vigmond-textfile.service.in vigmond-textfile.service @ONLY)
+install(TARGETS vigmond-log DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vigmond-textfile.service data/vigmond-textfile.timer
+        DESTINATION ${VIGMOND_UNIT_DIR} COMPONENT tools)
+install(FILES data/vigmond-log.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES data/vigmond-log.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vigmond-log
+        COMPONENT tools)

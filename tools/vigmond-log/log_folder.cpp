@@ -113,11 +113,14 @@ class Arguments {
             is_usage = true;
             return false;
         }
-        if (is_folder(path)) {
-            return add_folder(name, path);
+        if (is_folder(path) ? !add_folder(name, path) : !is_readable(path)) {
+            return false;
         }
-        stations.push_back({.name = name, .paths = {path}});
-        return is_readable(path);
+        if (!is_folder(path)) {
+            stations.push_back({.name = name, .paths = {path}});
+        }
+        stations.back().is_named = true;
+        return true;
     }
 
     std::vector<StationFiles> stations;

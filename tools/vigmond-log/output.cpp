@@ -22,15 +22,27 @@ void remove_and_end(int signo) {
     raise(signo);
 }
 
-/// Tells the handler what to remove: nothing for an empty text.
-void set_unfinished(const std::string &path) {
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    for (const int signo : ENDING_SIGNALS) {
-        sigaddset(&blocked, signo);
+/// Holds back the signals that end the program, so that none comes between a file and what removes it.
+class HeldSignals {
+  public:
+    HeldSignals() {
+        sigset_t held;
+        sigemptyset(&held);
+        for (const int signo : ENDING_SIGNALS) {
+            sigaddset(&held, signo);
+        }
+        pthread_sigmask(SIG_BLOCK, &held, &before_);
     }
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    HeldSignals(const HeldSignals &) = delete;
+    HeldSignals &operator=(const HeldSignals &) = delete;
+
+  private:
+    sigset_t before_{};
+};
+
+/// Tells the handler what to remove: nothing for an empty text. The signals have to be held.
+void set_unfinished(const std::string &path) {
     std::snprintf(unfinished_file.data(), unfinished_file.size(), "%s", path.c_str());
     for (const int signo : ENDING_SIGNALS) {
         struct sigaction action {};
@@ -40,7 +52,6 @@ void set_unfinished(const std::string &path) {
             sigaction(signo, &action, nullptr);
         }
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 /// The length of the UTF-8 character at the front; 0 when there is none.
@@ -77,6 +88,7 @@ Output::Output(std::string path) : path_(std::move(path)) {
     const std::size_t slash = path_.rfind('/');
     const std::size_t name = slash == std::string::npos ? 0 : slash + 1;
     temporary_ = path_.substr(0, name) + "." + path_.substr(name) + ".XXXXXX";
+    const HeldSignals held;
     Descriptor file(mkostemp(temporary_.data(), O_CLOEXEC));
     if (!file) {
         problem_ = path_ + ": " + std::strerror(errno);
@@ -92,6 +104,7 @@ Output::Output(std::string path) : path_(std::move(path)) {
 
 Output::~Output() {
     if (!temporary_.empty()) {
+        const HeldSignals held;
         unlink(temporary_.c_str());
         set_unfinished("");
     }
@@ -115,6 +128,7 @@ bool Output::finish() {
         return false;
     }
     if (!temporary_.empty()) {
+        const HeldSignals held;
         temporary_.clear();
         set_unfinished("");
     }
@@ -122,6 +136,16 @@ bool Output::finish() {
 }
 
 bool Output::is_terminal() const { return path_.empty() && isatty(STDOUT_FILENO) == 1; }
+
+std::string utf8_text(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        result += length == 0 ? "\xEF\xBF\xBD" : std::string(text.substr(0, length));
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return result;
+}
 
 std::string json_text(std::string_view text) {
     std::string result;

@@ -38,6 +38,8 @@ class Output {
 
 /// The text as it stands between the quotes of a JSON string; what is no UTF-8 is replaced.
 std::string json_text(std::string_view text);
+/// The text with what is no UTF-8 replaced.
+std::string utf8_text(std::string_view text);
 /// "1d 2h 3min 4s".
 std::string duration_text(std::int64_t seconds);
 

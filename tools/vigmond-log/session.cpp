@@ -93,12 +93,14 @@ void Session::take_stations() {
     stations_ = *stations;
 }
 
+void Session::note(const std::string &text) { std::fprintf(stderr, "vigmond-log: %s\n", text.c_str()); }
+
 void Session::complain(const std::string &text, int status) {
-    std::fprintf(stderr, "vigmond-log: %s\n", text.c_str());
+    note(text);
     status_ = std::max(status_, status);
 }
 
-std::optional<LogCounts> Session::read(const StationFiles &station, const Visit &visit) {
+void Session::read(const StationFiles &station, const Visit &visit, const AtEnd &at_end) {
     StationLog log(station, threads_to_use(), &progress_->read,
                    [this](const std::string &path, const std::string &problem) { complain(path + ": " + problem); });
     bool is_empty = true;
@@ -115,10 +117,12 @@ std::optional<LogCounts> Session::read(const StationFiles &station, const Visit 
     }
     if (is_empty) {
         complain(station.paths.front() + ": there is nothing of a status log in it");
-        return std::nullopt;
+        return;
     }
     has_read_ = true;
-    return log.counts();
+    if (at_end) {
+        at_end(log);
+    }
 }
 
 /// A file that is there already is not replaced by nothing.
@@ -141,15 +145,22 @@ int run(int argc, char **argv) {
         output.write(arguments->help ? USAGE : "vigmond-log " REVISION_VERSION " " REVISION_GIT_ID "\n");
         return output.finish() ? DONE : UNREADABLE;
     }
-    Session session(*arguments, std::time(nullptr));
+    const Moment now = std::time(nullptr);
+    Session session(*arguments, now);
     if (!session.is_ready()) {
         return session.status();
     }
     switch (arguments->command) {
     case Command::show:
         return show(&session);
-    default:
+    case Command::changes:
         return changes(&session);
+    case Command::plot:
+        return plot(&session);
+    case Command::export_:
+        return arguments->textfile.empty() ? export_records(&session) : export_textfile(&session, now);
+    default:
+        return summary(&session);
     }
 }
 

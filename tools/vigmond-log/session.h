@@ -49,14 +49,24 @@ class Session {
     [[nodiscard]] const Arguments &arguments() const { return arguments_; }
 
     using Visit = std::function<void(const Event &event, const StationLog &log)>;
-    /// Calls `visit` for each event of the station in the range of time that was asked for. What is wrong with the
-    /// files is said. None when the files hold nothing of a status log.
-    std::optional<LogCounts> read(const StationFiles &station, const Visit &visit);
+    using AtEnd = std::function<void(const StationLog &log)>;
+    /// Calls `visit` for each event of the station in the range of time that was asked for, and then `at_end`. What is
+    /// wrong with the files is said. When they hold nothing of a status log, neither is called.
+    void read(const StationFiles &station, const Visit &visit, const AtEnd &at_end = nullptr);
     /// Whether the arguments ask for this check.
     [[nodiscard]] bool is_asked_for(const Definition &check) const {
         return !arguments_.issue || *arguments_.issue == check.check.issue;
     }
 
+    /// Whether they ask for this record.
+    [[nodiscard]] bool is_asked(const Event &event, const StationLog &log) const {
+        return is_asked_for(log.checks()[event.check]) && (!arguments_.state || *arguments_.state == event.state);
+    }
+
+    /// Says something on standard error that is no failure.
+    static void note(const std::string &text);
+    /// Something was read past read().
+    void note_read() { has_read_ = true; }
     /// Says what went wrong on standard error, and keeps the status.
     void complain(const std::string &text, int status = UNREADABLE);
     /// Ends the output and returns the exit status.
@@ -83,5 +93,12 @@ int run(int argc, char **argv);
 
 int show(Session *session);
 int changes(Session *session);
+int summary(Session *session);
+int plot(Session *session);
+int export_records(Session *session);
+int export_textfile(Session *session, Moment now);
+
+/// The labels of a check's series, without the braces; without a station when that is empty.
+std::string label_text(const std::string &station, const Definition &check);
 
 } // namespace vlog

@@ -41,9 +41,7 @@ int show(Session *session) {
     for (const StationFiles &station : session->stations()) {
         Stamp stamp;
         session->read(station, [&](const Event &event, const StationLog &log) {
-            const std::optional<State> state = session->arguments().state;
-            if (event.kind == EventKind::record && session->is_asked_for(log.checks()[event.check]) &&
-                (!state || *state == event.state)) {
+            if (event.kind == EventKind::record && session->is_asked(event, log)) {
                 output.write(is_one ? "" : station.name + "\t");
                 show_record(event, log.checks()[event.check].check, stamp.of(event.time), &output);
             }

@@ -39,6 +39,7 @@ struct Event {
 struct StationFiles {
     std::string name;
     std::vector<std::string> paths;
+    bool is_named = false; ///< by an argument like STATION=FOLDER
 };
 
 /// What was counted while a log was read.

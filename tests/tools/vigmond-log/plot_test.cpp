@@ -1,0 +1,107 @@
+// What plot puts into its page; the page itself is looked at by page_test.py.
+
+#include "plot.h"
+
+#include "bzip2_tool.h"
+#include "program.h"
+
+#include <filesystem>
+#include <random>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using vlog::SpooledRecord;
+
+namespace {
+
+/// The bytes of a text in base64, as the system's tool reads it.
+std::string base64_decoded(const std::string &text) {
+    const ScratchFolder folder;
+    const std::string command = "base64 -d '" + folder.write("in", text) + "' >'" + (folder / "out") + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0); // NOLINT(cert-env33-c): our own command line
+    return read_file(folder / "out");
+}
+
+std::string packed(const std::vector<SpooledRecord> &records) {
+    std::string text;
+    vlog::RecordPacker packer;
+    for (const SpooledRecord &record : records) {
+        packer.add(record, &text);
+    }
+    packer.finish(&text);
+    return base64_decoded(text);
+}
+
+std::vector<vlog::Moment> thinned(const std::vector<SpooledRecord> &records, std::uint64_t group) {
+    std::vector<vlog::Moment> times;
+    vlog::Thinner thinner(group);
+    const auto keep = [&times](const SpooledRecord &record) { times.push_back(record.time); };
+    for (const SpooledRecord &record : records) {
+        thinner.add(record, keep);
+    }
+    thinner.finish(keep);
+    return times;
+}
+
+struct Plot : Program {};
+
+} // namespace
+
+// By hand: the change of the step doubled (odd for less), times 8, and twice the state, and 1 without a value.
+TEST(RecordPacker, HasTwoBytesForAUsualRecord) {
+    EXPECT_EQ(packed({{.time = 1000, .value = 42, .state = 0, .readable = 1},
+                      {.time = 1010, .value = 42, .state = 0, .readable = 1},
+                      {.time = 1020, .value = 41, .state = 1, .readable = 1},
+                      {.time = 1030, .value = 0, .state = 1, .readable = 0},
+                      {.time = 1035, .value = 43, .state = 2, .readable = 1}}),
+              std::string({0, 84, '\xA0', 1, 0, 2, 1, 3, 4 + 9 * 8, 4}));
+}
+
+TEST(RecordPacker, HoldsTheLargestNumbers) {
+    EXPECT_EQ(packed({{.time = 0, .value = INT32_MIN, .state = 0, .readable = 1},
+                      {.time = 4294967296, .value = INT32_MAX, .state = 0, .readable = 1}}),
+              std::string("\x00\xFF\xFF\xFF\xFF\x0F\x80\x80\x80\x80\x80\x02\xFE\xFF\xFF\xFF\x1F", 17));
+}
+
+TEST(Thinner, KeepsWhatStandsOut) {
+    std::vector<SpooledRecord> records;
+    for (int number = 0; number < 30; ++number) {
+        records.push_back({.time = number, .value = 42, .state = 0, .readable = 1});
+    }
+    records[3].value = 99;
+    records[14].value = -7;
+    records[16] = {.time = 16, .value = 0, .state = 2, .readable = 0};
+    records[25].state = 1;
+    EXPECT_THAT(thinned(records, 1), testing::SizeIs(30));
+    EXPECT_THAT(thinned(records, 5), ElementsAre(0, 3, 14, 15, 16));
+    EXPECT_THAT(thinned({records.begin() + 20, records.end()}, 3), ElementsAre(20, 25, 29));
+}
+
+TEST(HtmlText, HasNoElements) {
+    EXPECT_EQ(vlog::html_text("<b a=\"1\">&\n\xff"), "&lt;b a=&quot;1&quot;&gt;&amp;?\xEF\xBF\xBD");
+}
+
+TEST_F(Plot, HasChangesAsTextAndLeavesOutTheUnsetClock) {
+    scratch.write("logfile", header("1970-01-01 00:00:10", "START") + record("1970-01-01 00:00:20", "OK", "CB20", "1") +
+                                 record("2024-05-01 10:00:00", "OK", "CB20", "42") +
+                                 record("2024-05-01 10:00:10", "FAIL", "CB20", "85") +
+                                 record("2024-05-01 10:00:05", "FAIL", "CB20", "85"));
+    const Ran ran = run("plot -o " + (scratch / "page.html") + " north=" + (scratch / "logfile"));
+    EXPECT_EQ(ran.status, 0) << ran.err;
+    EXPECT_THAT(ran.err, HasSubstr("north: 1 records are left out, because the clock was set back"));
+    const std::string page = read_file(scratch / "page.html");
+    EXPECT_THAT(page, HasSubstr("<title>north: 2024-05-01 10:00:00 to 2024-05-01 10:00:10</title>"));
+    EXPECT_THAT(page, HasSubstr("data-time=\"1714557610\" data-strip=\"strip-0-0\">2024-05-01 10:00:10</button></td>"
+                                "<td>CB20[0] temperature</td><td>OK \xE2\x86\x92 FAIL, value 85, after 10s</td>"));
+    EXPECT_THAT(page, HasSubstr("\"begin\":1714557600,\"count\":2}"));
+    EXPECT_THAT(page, Not(HasSubstr("http://")));
+}
+
+TEST_F(Plot, WritesNoPageWithoutRecords) {
+    const std::string log = scratch.write("logfile", header("2024-05-01 10:00:00", "START"));
+    const Ran ran = run("plot -o " + (scratch / "page.html") + " " + log);
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: there are no records to plot\n");
+    EXPECT_FALSE(std::filesystem::exists(scratch / "page.html"));
+}

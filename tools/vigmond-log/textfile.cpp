@@ -1,0 +1,182 @@
+#include "textfile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <sys/stat.h>
+
+namespace vlog {
+
+namespace {
+
+constexpr std::size_t HEADER_SIZE = 16384; // the table has some 3 kB, and stands at the front of every file
+constexpr std::size_t TAIL_SIZE = 131072;  // more than an hour, so that every check is in it
+constexpr std::size_t MOST_BEFORE = 262144;
+constexpr std::int64_t MOST_SILENCE = 60; // six heartbeats
+
+constexpr const char *VALUE = "vigmond_check_value";
+constexpr const char *STATE = "vigmond_check_state";
+constexpr const char *LAST = "vigmond_check_last_record_timestamp_seconds";
+
+/// Up to `size` bytes from a place in the file.
+std::string piece_of(const Descriptor &file, off_t at, std::size_t size) {
+    std::string text(size, '\0');
+    std::size_t count = 0;
+    while (count < size) {
+        const ssize_t more = pread(file.get(), text.data() + count, size - count, at + static_cast<off_t>(count));
+        if (more <= 0) {
+            break;
+        }
+        count += static_cast<std::size_t>(more);
+    }
+    text.resize(count);
+    return text;
+}
+
+class Tail {
+  public:
+    void read(std::string_view text) {
+        TextReader reader;
+        Chunk chunk;
+        for (std::size_t used = 1; used > 0;) {
+            used = reader.read(text, &chunk);
+            text.remove_prefix(used);
+            for (const Item &item : chunk.items) {
+                take(item, chunk);
+            }
+            chunk.clear();
+        }
+    }
+
+    PresentLog finish() {
+        found_.last = before_.value_or(0);
+        std::erase_if(found_.checks, [](const Present &each) { return each.time == 0; });
+        return std::move(found_);
+    }
+
+  private:
+    Present *find(CheckId check) {
+        for (Present &each : found_.checks) {
+            if (each.check.check == check) {
+                return &each;
+            }
+        }
+        if (found_.checks.size() == MOST_CHECKS) {
+            return nullptr;
+        }
+        found_.checks.emplace_back();
+        found_.checks.back().check.check = check;
+        return &found_.checks.back();
+    }
+
+    void take(const Item &item, const Chunk &chunk) {
+        if (item.kind() == ItemKind::definition) {
+            const Definition &definition = chunk.definitions[item.place()];
+            if (Present *present = find(definition.check)) {
+                present->check = definition;
+            }
+        } else if (item.kind() == ItemKind::record) {
+            take_record(item);
+        } else {
+            found_.is_running =
+                item.kind() != ItemKind::finished && (found_.is_running || item.kind() == ItemKind::start);
+        }
+    }
+
+    void take_record(const Item &item) {
+        Present *present = find(item.check());
+        if (present == nullptr || item.local() == NO_TIME) {
+            return;
+        }
+        before_ = clock_.moment_of(item.local(), before_);
+        found_.is_running = true;
+        present->time = *before_;
+        present->value = item.readable() ? std::optional(item.value()) : std::nullopt;
+        present->state = item.readable() ? std::optional(item.state()) : present->state;
+    }
+
+    PresentLog found_;
+    LocalClock clock_;
+    std::optional<Moment> before_;
+};
+
+/// The lines of a family as they were, for checks that are not among these.
+std::string kept_lines(const std::string &before, const std::string &family, const std::set<std::string> &labels) {
+    std::string kept;
+    for (std::size_t at = 0; at < before.size();) {
+        const std::size_t end = std::min(before.find('\n', at), before.size());
+        const std::string line = before.substr(at, end - at);
+        at = end + 1;
+        const std::size_t close = line.rfind("} ");
+        if (line.starts_with(family + "{") && close != std::string::npos &&
+            !labels.contains(line.substr(family.size() + 1, close - family.size() - 1))) {
+            kept += line + "\n";
+        }
+    }
+    return kept;
+}
+
+} // namespace
+
+std::optional<PresentLog> read_present(const std::string &path, std::string *problem) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        *problem = path + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        *problem = path + ": is no file";
+        return std::nullopt;
+    }
+    Tail tail;
+    const off_t begin = std::max<off_t>(status.st_size - static_cast<off_t>(TAIL_SIZE), 0);
+    if (begin > 0) {
+        tail.read(piece_of(file, 0, std::min(HEADER_SIZE, static_cast<std::size_t>(begin))));
+    }
+    const std::string text = piece_of(file, begin, TAIL_SIZE);
+    tail.read(begin == 0 ? text : std::string_view(text).substr(std::min(text.find('\n') + 1, text.size())));
+    return tail.finish();
+}
+
+std::string textfile_text(const PresentLog &log, const std::string &before, Moment now) {
+    std::string values =
+        std::string("# HELP ") + VALUE + " The value of a check, in its own unit.\n# TYPE " + VALUE + " gauge\n";
+    std::string states = std::string("# HELP ") + STATE + " The state of a check: 0 is OK, 1 WARN, 2 FAIL.\n# TYPE " +
+                         STATE + " gauge\n";
+    std::string times = std::string("# HELP ") + LAST + " When a check was last recorded.\n# TYPE " + LAST + " gauge\n";
+    std::set<std::string> labels;
+    for (const Present &present : log.checks) {
+        const std::string label = label_text("", present.check);
+        labels.insert(label);
+        values +=
+            std::string(VALUE) + "{" + label + "} " + (present.value ? std::to_string(*present.value) : "NaN") + "\n";
+        times += std::string(LAST) + "{" + label + "} " + std::to_string(present.time) + "\n";
+        if (present.state) {
+            states += std::string(STATE) + "{" + label + "} " + std::to_string(static_cast<int>(*present.state)) + "\n";
+        }
+    }
+    const bool is_up = log.is_running && (log.level != Level::all || now - log.last <= MOST_SILENCE);
+    return values + kept_lines(before, VALUE, labels) + states + kept_lines(before, STATE, labels) + times +
+           kept_lines(before, LAST, labels) +
+           "# HELP vigmond_up Whether the daemon runs, as far as its log tells.\n# TYPE vigmond_up gauge\nvigmond_up " +
+           (is_up ? "1" : "0") + "\n";
+}
+
+int export_textfile(Session *session, Moment now) {
+    const std::string &path = session->arguments().textfile;
+    std::string problem;
+    const std::optional<PresentLog> log = read_present(session->stations().front().paths.back(), &problem);
+    if (!log) {
+        session->complain(problem);
+        return session->status();
+    }
+    const Descriptor old(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    Output output(path);
+    output.write(textfile_text(*log, old ? piece_of(old, 0, MOST_BEFORE) : "", now));
+    session->note_read();
+    return session->finish(&output);
+}
+
+} // namespace vlog

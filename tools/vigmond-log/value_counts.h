@@ -1,0 +1,93 @@
+#pragma once
+
+// How often each value of a check occurred, for medians and percentiles that are exact and are values that occurred.
+// Checks have few different values. What has more goes to a temporary file, and is counted there in a few passes, so
+// that memory is bounded.
+
+#include "handle.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vlog {
+
+struct ValueCount {
+    std::int32_t value = 0;
+    std::uint32_t check = 0;
+    std::uint64_t count = 0; ///< 0 in an unused place
+};
+
+/// The values that found no room, of all checks of a station, in a file without a name in $TMPDIR.
+class Spill {
+  public:
+    /// False, with errno, when the file cannot be made or written.
+    bool write(const std::vector<ValueCount> &counts);
+
+    /// The value with the given rank, from 1, among all values of a check.
+    struct Request {
+        std::uint32_t check;
+        std::uint64_t rank;
+        std::uint32_t found = 0; ///< the value's upper bits, less the sign, as far as they are known
+    };
+    /// Finds the values of all requests together. False when the file cannot be read.
+    bool find(std::vector<Request> *requests);
+    static std::int32_t value_of(const Request &request);
+
+  private:
+    static constexpr unsigned PASSES = 4;
+    bool pass(unsigned number, std::vector<Request> *requests);
+
+    FileHandle file_;
+};
+
+/// The values of one check.
+class ValueCounts {
+  public:
+    /// Different values that are counted in memory at a time.
+    static constexpr std::size_t MOST_VALUES = 1024;
+
+    /// Counts a value; false when it found no room: `spill` has to take all so far, see drain().
+    bool add(std::int32_t value) {
+        if (last_ != nullptr && last_->value == value) {
+            ++last_->count;
+            ++total_;
+            return true;
+        }
+        return find_and_add(value);
+    }
+    /// Moves all values to the spill; false when that cannot be written.
+    bool drain(std::uint32_t check, Spill *spill);
+
+    [[nodiscard]] std::uint64_t total() const { return total_; }
+    [[nodiscard]] bool is_spilled() const { return is_spilled_; }
+    [[nodiscard]] std::optional<std::int32_t> least() const {
+        return total_ > 0 ? std::optional(least_) : std::nullopt;
+    }
+    [[nodiscard]] std::optional<std::int32_t> greatest() const {
+        return total_ > 0 ? std::optional(greatest_) : std::nullopt;
+    }
+    /// The rank, from 1, of the nearest value to so many percent; 0 when there are no values.
+    [[nodiscard]] std::uint64_t rank(unsigned percent) const { return (total_ * percent + 99) / 100; }
+    /// The value with that rank, of what is in memory.
+    [[nodiscard]] std::optional<std::int32_t> at_rank(std::uint64_t rank) const;
+
+  private:
+    bool find_and_add(std::int32_t value);
+    void grow();
+    [[nodiscard]] std::size_t place_of(std::int32_t value) const;
+    [[nodiscard]] std::vector<ValueCount> used() const;
+
+    std::vector<ValueCount> places_; ///< a hash table, half full at most
+    std::size_t used_ = 0;
+    ValueCount *last_ = nullptr;
+    std::uint64_t total_ = 0;
+    std::int32_t least_ = 0;
+    std::int32_t greatest_ = 0;
+    bool is_spilled_ = false;
+};
+
+} // namespace vlog

@@ -1,5 +1,5 @@
 // The daemon against the model: random lives of the station without a difference between what the model
-// foretells and what the daemon shows.
+// predicts and what the daemon shows.
 //     VIGMOND_SEED=n         that life instead of the usual ones
 //     VIGMOND_HEARTBEATS=n   so long a life
 
@@ -14,7 +14,7 @@
 
 using model::built_in_checks;
 using model::Check;
-using model::Duet;
+using model::DifferentialRun;
 using model::Input;
 using model::removed;
 using model::Script;
@@ -40,18 +40,18 @@ std::uint64_t number_in(const char *variable, std::uint64_t otherwise) {
 /// when there is none.
 std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector<Check> &checks) {
     Script script(seed, STATION_LOAD_LOGGER);
-    Duet duet(script.setup(), script.settings(), checks);
-    duet.start();
-    while (duet.beats_done() < heartbeats && duet.difference().empty()) {
-        live_until(script.next_beat(duet.now()), &script, &duet);
+    DifferentialRun run(script.setup(), script.settings(), checks);
+    run.start();
+    while (run.beats_done() < heartbeats && run.difference().empty()) {
+        live_until(script.next_beat(run.now()), &script, &run);
     }
-    duet.stop();
-    if (duet.difference().empty()) {
+    run.stop();
+    if (run.difference().empty()) {
         return "";
     }
-    return "seed:          " + std::to_string(seed) + "\n" + duet.difference() +
-           "again: VIGMOND_SEED=" + std::to_string(seed) + " VIGMOND_HEARTBEATS=" + std::to_string(duet.beats_done()) +
-           " station_model_test --gtest_filter='*IsAsForetold/0'\n";
+    return "seed:          " + std::to_string(seed) + "\n" + run.difference() +
+           "again: VIGMOND_SEED=" + std::to_string(seed) + " VIGMOND_HEARTBEATS=" + std::to_string(run.beats_done()) +
+           " station_model_test --gtest_filter='*IsAsPredicted/0'\n";
 }
 
 } // namespace
@@ -60,7 +60,7 @@ std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector
 
 class RandomLife : public testing::TestWithParam<std::uint64_t> {};
 
-TEST_P(RandomLife, IsAsForetold) {
+TEST_P(RandomLife, IsAsPredicted) {
     const std::uint64_t seed = number_in("VIGMOND_SEED", GetParam());
     const std::uint64_t heartbeats = number_in("VIGMOND_HEARTBEATS", usual_length());
     std::cout << "VIGMOND_SEED=" << seed << " VIGMOND_HEARTBEATS=" << heartbeats << '\n';
@@ -159,9 +159,9 @@ std::vector<Alteration> alterations() {
 }
 
 /// A model's daemon alone, and what it shows.
-class Foretelling {
+class Prediction {
   public:
-    explicit Foretelling(const Script &script)
+    explicit Prediction(const Script &script)
         : daemon_(script.settings(), built_in_checks(),
                   model::board_after(script.setup().inputs, script.setup().has_bus), script.setup().old_log,
                   script.setup().clock) {}
@@ -192,8 +192,8 @@ class Foretelling {
 /// A random life strikes out the alterations that it shows to be wrong.
 void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
     Script script(seed, STATION_LOAD_LOGGER);
-    Foretelling right(script);
-    std::vector<std::pair<Alteration, Foretelling>> others;
+    Prediction right(script);
+    std::vector<std::pair<Alteration, Prediction>> others;
     for (const Alteration &alteration : *alterations) {
         others.emplace_back(alteration, right).second.believe(alteration.checks);
     }
@@ -248,10 +248,10 @@ TEST(TheModel, FindsADifferenceAgainByItsReport) {
 
 namespace {
 
-void live_till_rotation(Duet *duet) {
-    const unsigned before = duet->rotations();
-    while (duet->rotations() == before && duet->difference().empty()) {
-        duet->beat();
+void live_till_rotation(DifferentialRun *run) {
+    const unsigned before = run->rotations();
+    while (run->rotations() == before && run->difference().empty()) {
+        run->beat();
     }
 }
 
@@ -262,29 +262,29 @@ TEST(TheReport, TellsOfAnOlderLogThatIsNotWhole) {
     for (const Input &secret : {removed(newest), written(newest, "no bzip2")}) {
         model::RigSetup setup = model::healthy_station();
         setup.arguments = model::small_logs().arguments;
-        Duet duet(setup, model::small_logs());
-        duet.start();
-        live_till_rotation(&duet);
-        EXPECT_EQ(duet.difference(), "");
-        duet.put_secretly(secret);
-        live_till_rotation(&duet);
-        EXPECT_THAT(duet.difference(), StartsWith("difference in: older status logs\n"));
+        DifferentialRun run(setup, model::small_logs());
+        run.start();
+        live_till_rotation(&run);
+        EXPECT_EQ(run.difference(), "");
+        run.put_secretly(secret);
+        live_till_rotation(&run);
+        EXPECT_THAT(run.difference(), StartsWith("difference in: older status logs\n"));
     }
 }
 
 TEST(TheReport, TellsOfADifferenceHowItCameAbout) {
     std::vector<Check> checks = built_in_checks();
     checks[0].format = "CPU heat %D %T threshold.";
-    Duet duet(model::healthy_station(), model::Settings(), checks);
-    duet.start();
-    duet.put(removed(model::WIFI_FILE));
-    duet.put(written(TEMPERATURE_FILE, "72000\n"));
-    duet.beats(7);
+    DifferentialRun run(model::healthy_station(), model::Settings(), checks);
+    run.start();
+    run.put(removed(model::WIFI_FILE));
+    run.put(written(TEMPERATURE_FILE, "72000\n"));
+    run.beats(7);
     EXPECT_EQ(
-        duet.difference(),
+        run.difference(),
         "difference in: sentences\n"
         "heartbeat:     #5 at 2024-03-01 13:00:50 (1709294450)\n"
-        "foretold:      4 [warning] ID: CB20[0]: value: 72 CPU heat above 70 threshold.\n"
+        "predicted:     4 [warning] ID: CB20[0]: value: 72 CPU heat above 70 threshold.\n"
         "seen:          4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.\n"
         "started as:    vigmond\n"
         "check:         CB20[0]: state 1, counts: min fail 0, min warn 0, ok 0, max warn 0, max fail 0, value 72, "
@@ -330,13 +330,13 @@ std::vector<Secret> secrets() {
 class SecretChange : public testing::TestWithParam<Secret> {};
 
 TEST_P(SecretChange, IsFound) {
-    Duet duet(model::healthy_station(), model::Settings());
-    duet.start();
+    DifferentialRun run(model::healthy_station(), model::Settings());
+    run.start();
     for (const Input &input : GetParam().inputs) {
-        duet.put_secretly(input);
+        run.put_secretly(input);
     }
-    duet.beat(duet.now() - duet.now() % GetParam().period + GetParam().period);
-    EXPECT_THAT(duet.difference(), HasSubstr(GetParam().seen));
+    run.beat(run.now() - run.now() % GetParam().period + GetParam().period);
+    EXPECT_THAT(run.difference(), HasSubstr(GetParam().seen));
 }
 
 INSTANTIATE_TEST_SUITE_P(OfThe, SecretChange, testing::ValuesIn(secrets()),

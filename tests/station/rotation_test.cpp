@@ -75,7 +75,7 @@ std::string expected_names(std::size_t generations) {
 struct Rotation : testing::Test {
     Rotation() { station.environment = {"TZ=UTC0"}; }
 
-    /// Runs `beats` heartbeats, with the files foretold.
+    /// Runs `beats` heartbeats, with the files predicted.
     Generations run(const std::vector<std::string> &arguments, std::size_t count, int beats) {
         std::string command_line = "vigmond";
         for (const std::string &argument : arguments) {
@@ -84,11 +84,11 @@ struct Rotation : testing::Test {
         const std::string start = stamp_of(1709294407);
         life.start(&station, arguments);
         life.steps(&station, beats);
-        Generations foretold(command_line, count, start);
+        Generations predicted(command_line, count, start);
         for (const std::string &record : life.records()) {
-            foretold.take(record);
+            predicted.take(record);
         }
-        return foretold;
+        return predicted;
     }
 
     Station station{even_board()};
@@ -102,26 +102,26 @@ class RotationCount : public Rotation, public testing::WithParamInterface<std::s
 // Next to its header a file has room for some 240 records, the three to eighteen of each heartbeat.
 TEST_P(RotationCount, KeepsTheNewestGenerationsWhole) {
     const std::size_t count = GetParam();
-    const Generations foretold = run({"-S", "10", "-C", std::to_string(count)}, count, 1000);
-    ASSERT_GT(foretold.rotations(), 6U);
-    ASSERT_EQ(foretold.packed().size(), std::min(count, foretold.rotations()));
-    EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(foretold.packed().size()));
-    for (std::size_t number = 0; number < foretold.packed().size(); ++number) {
-        EXPECT_EQ(bunzip2(generation_path(station, number)), foretold.packed()[number]) << number;
+    const Generations predicted = run({"-S", "10", "-C", std::to_string(count)}, count, 1000);
+    ASSERT_GT(predicted.rotations(), 6U);
+    ASSERT_EQ(predicted.packed().size(), std::min(count, predicted.rotations()));
+    EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(predicted.packed().size()));
+    for (std::size_t number = 0; number < predicted.packed().size(); ++number) {
+        EXPECT_EQ(bunzip2(generation_path(station, number)), predicted.packed()[number]) << number;
     }
-    EXPECT_EQ(station.read(STATUS_LOG), foretold.current());
-    EXPECT_THAT(foretold.current(), HasSubstr("\tROTATE\t"));
+    EXPECT_EQ(station.read(STATUS_LOG), predicted.current());
+    EXPECT_THAT(predicted.current(), HasSubstr("\tROTATE\t"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Counts, RotationCount, testing::Values(0, 1, 3));
 
 // Some five files of which none falls away.
 TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
-    const Generations foretold = run({"-S", "10"}, 20, 300);
-    ASSERT_GT(foretold.rotations(), 2U);
-    ASSERT_LE(foretold.rotations(), 10U);
+    const Generations predicted = run({"-S", "10"}, 20, 300);
+    ASSERT_GT(predicted.rotations(), 2U);
+    ASSERT_LE(predicted.rotations(), 10U);
     std::string all;
-    for (std::size_t number = foretold.packed().size(); number-- > 0;) {
+    for (std::size_t number = predicted.packed().size(); number-- > 0;) {
         all += bunzip2(generation_path(station, number));
     }
     EXPECT_EQ(records_in(all + station.read(STATUS_LOG)), life.records());
@@ -130,9 +130,9 @@ TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
 
 TEST_F(Rotation, LeavesGenerationsAboveAGapAlone) {
     station.files().write(std::string(STATUS_LOG) + ".001.bz2", "of old\n");
-    const Generations foretold = run({"-S", "10", "-C", "3"}, 3, 80);
-    ASSERT_EQ(foretold.rotations(), 1U);
-    EXPECT_EQ(bunzip2(generation_path(station, 0)), foretold.packed()[0]);
+    const Generations predicted = run({"-S", "10", "-C", "3"}, 3, 80);
+    ASSERT_EQ(predicted.rotations(), 1U);
+    EXPECT_EQ(bunzip2(generation_path(station, 0)), predicted.packed()[0]);
     EXPECT_EQ(station.read(std::string(STATUS_LOG) + ".001.bz2"), "of old\n");
 }
 

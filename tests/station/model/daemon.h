@@ -1,6 +1,6 @@
 #pragma once
 
-// The model's daemon: told of the time and the board, it foretells what the real one shows.
+// The model's daemon: told of the time and the board, it predicts what the real one shows.
 
 #include "analyzer.h"
 #include "cpu_load.h"

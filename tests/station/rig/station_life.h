@@ -48,7 +48,7 @@ class StationLife {
     /// Goes on to the next multiple of ten seconds.
     void step(Station *station);
     void steps(Station *station, int count);
-    /// Foretells the records of a pass and leaves out the station itself.
+    /// Predicts the records of a pass and leaves out the station itself.
     void skip(std::int64_t now);
 
     /// The records of all passes so far, a line each.

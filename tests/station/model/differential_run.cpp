@@ -1,4 +1,4 @@
-#include "duet.h"
+#include "differential_run.h"
 
 #include <algorithm>
 #include <sstream>
@@ -56,17 +56,17 @@ std::vector<std::string> targets_of(const Check &check) {
 
 } // namespace
 
-Duet::Duet(RigSetup setup, Settings settings, std::vector<Check> checks)
+DifferentialRun::DifferentialRun(RigSetup setup, Settings settings, std::vector<Check> checks)
     : settings_(std::move(settings)), checks_(std::move(checks)), setup_(std::move(setup)), rig_(setup_),
       now_(setup_.clock) {}
 
-void Duet::start() {
+void DifferentialRun::start() {
     daemon_.emplace(settings_, checks_, board_after(setup_.inputs, setup_.has_bus), setup_.old_log, now_);
     rig_.start();
     compare_pass();
 }
 
-void Duet::put(const Input &input) {
+void DifferentialRun::put(const Input &input) {
     if (!daemon_->can_take(input) || !difference_.empty()) {
         return;
     }
@@ -81,15 +81,15 @@ void Duet::put(const Input &input) {
     daemon_->take(input);
     rig_.apply(input);
     if (input.kind == Input::Kind::bus_back) {
-        const std::vector<std::string> foretold = daemon_->waiting_signals();
-        const std::vector<std::string> seen = rig_.signals(foretold.size());
+        const std::vector<std::string> predicted = daemon_->waiting_signals();
+        const std::vector<std::string> seen = rig_.signals(predicted.size());
         signals_.insert(signals_.end(), seen.begin(), seen.end());
-        compare("signals that waited for the bus", foretold, seen);
+        compare("signals that waited for the bus", predicted, seen);
     }
 }
 
 // A switch of a known group is always said to have failed.
-void Duet::ask(const Input &question) {
+void DifferentialRun::ask(const Input &question) {
     if (question.kind == Input::Kind::ask_listing) {
         compare("listing", daemon_->registry().listing(), rig_.listing());
         return;
@@ -99,7 +99,7 @@ void Duet::ask(const Input &question) {
     compare("reply", {is_known ? "failed" : "accepted"}, {rig_.availability(word, question.text == "1")});
 }
 
-void Duet::beat(std::int64_t now) {
+void DifferentialRun::beat(std::int64_t now) {
     if (difference_.empty()) {
         now_ = now;
         ++beats_;
@@ -108,21 +108,21 @@ void Duet::beat(std::int64_t now) {
     }
 }
 
-void Duet::beat() { beat(now_ - now_ % 10 + 10); }
+void DifferentialRun::beat() { beat(now_ - now_ % 10 + 10); }
 
-void Duet::beats(int count) {
+void DifferentialRun::beats(int count) {
     for (int i = 0; i < count; ++i) {
         beat();
     }
 }
 
-void Duet::forget() {
+void DifferentialRun::forget() {
     sentences_.clear();
     signals_.clear();
     started_.clear();
 }
 
-void Duet::stop() {
+void DifferentialRun::stop() {
     if (!difference_.empty()) {
         return;
     }
@@ -137,44 +137,44 @@ void Duet::stop() {
 
 // --- comparison
 
-void Duet::compare_pass() {
-    const Shown foretold = daemon_->pass(now_);
+void DifferentialRun::compare_pass() {
+    const Shown predicted = daemon_->pass(now_);
     const std::vector<std::string> sentences = rig_.sentences();
-    const std::vector<std::string> started = rig_.started(foretold.started.size());
-    const std::vector<std::string> signals = rig_.signals(foretold.signals.size());
+    const std::vector<std::string> started = rig_.started(predicted.started.size());
+    const std::vector<std::string> signals = rig_.signals(predicted.signals.size());
     sentences_.insert(sentences_.end(), sentences.begin(), sentences.end());
     started_.insert(started_.end(), started.begin(), started.end());
     signals_.insert(signals_.end(), signals.begin(), signals.end());
     compare_log();
-    compare("sentences", foretold.sentences, sentences);
-    compare("starts of the load logger", foretold.started, started);
-    compare("signals", foretold.signals, signals);
+    compare("sentences", predicted.sentences, sentences);
+    compare("starts of the load logger", predicted.started, started);
+    compare("signals", predicted.signals, signals);
 }
 
-void Duet::compare_log() {
+void DifferentialRun::compare_log() {
     const LogFile &log = daemon_->log();
     if (log.rotations() != rotations_) {
         rotations_ = log.rotations();
         log_read_ = 0;
         compare_generations();
     }
-    const std::string foretold = log.text().substr(log_read_);
+    const std::string predicted = log.text().substr(log_read_);
     const std::string seen = rig_.log_from(log_read_);
-    if (foretold != seen) {
-        compare("status log", lines_in(foretold), lines_in(seen));
+    if (predicted != seen) {
+        compare("status log", lines_in(predicted), lines_in(seen));
     }
     log_read_ = log.text().size();
 }
 
-void Duet::compare_generations() {
-    const auto &foretold = daemon_->log().generations();
+void DifferentialRun::compare_generations() {
+    const auto &predicted = daemon_->log().generations();
     const auto seen = rig_.generations();
-    if (foretold == seen) {
+    if (predicted == seen) {
         return;
     }
-    std::vector<std::string> foretold_lines;
+    std::vector<std::string> predicted_lines;
     std::vector<std::string> seen_lines;
-    for (const auto &[lines, generations] : {std::pair{&foretold_lines, &foretold}, std::pair{&seen_lines, &seen}}) {
+    for (const auto &[lines, generations] : {std::pair{&predicted_lines, &predicted}, std::pair{&seen_lines, &seen}}) {
         for (const auto &[number, text] : *generations) {
             lines->push_back("generation " + std::to_string(number));
             for (const std::string &line : lines_in(text)) {
@@ -182,22 +182,22 @@ void Duet::compare_generations() {
             }
         }
     }
-    compare("older status logs", foretold_lines, seen_lines);
+    compare("older status logs", predicted_lines, seen_lines);
 }
 
-void Duet::compare(const std::string &what, const std::vector<std::string> &foretold,
-                   const std::vector<std::string> &seen) {
-    if (foretold == seen || !difference_.empty()) {
+void DifferentialRun::compare(const std::string &what, const std::vector<std::string> &predicted,
+                              const std::vector<std::string> &seen) {
+    if (predicted == seen || !difference_.empty()) {
         return;
     }
     std::size_t first = 0;
-    while (first < foretold.size() && first < seen.size() && foretold[first] == seen[first]) {
+    while (first < predicted.size() && first < seen.size() && predicted[first] == seen[first]) {
         ++first;
     }
-    report(what, at(foretold, first), at(seen, first));
+    report(what, at(predicted, first), at(seen, first));
 }
 
-std::string Duet::inputs_of(const std::string &issue) const {
+std::string DifferentialRun::inputs_of(const std::string &issue) const {
     constexpr std::size_t enough = 40;
     std::vector<std::string> targets;
     for (const Check &check : checks_) {
@@ -221,10 +221,10 @@ std::string Duet::inputs_of(const std::string &issue) const {
     return text;
 }
 
-void Duet::report(const std::string &what, const std::string &foretold, const std::string &seen) {
-    const std::string issue = issue_in(foretold).empty() ? issue_in(seen) : issue_in(foretold);
+void DifferentialRun::report(const std::string &what, const std::string &predicted, const std::string &seen) {
+    const std::string issue = issue_in(predicted).empty() ? issue_in(seen) : issue_in(predicted);
     difference_ = "difference in: " + what + "\nheartbeat:     #" + std::to_string(beats_) + " at " +
-                  local_stamp(now_) + " (" + std::to_string(now_) + ")\nforetold:      " + foretold +
+                  local_stamp(now_) + " (" + std::to_string(now_) + ")\npredicted:     " + predicted +
                   "\nseen:          " + seen + "\nstarted as:    " + command_line_of(settings_) + "\n";
     if (!issue.empty()) {
         difference_ += "check:         " + issue + ": " + daemon_->standing(issue) + "\ninputs of this check:\n" +

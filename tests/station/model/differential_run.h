@@ -9,10 +9,10 @@
 
 namespace model {
 
-class Duet {
+class DifferentialRun {
   public:
     /// `checks` is what the model takes for the built-in table.
-    Duet(RigSetup setup, Settings settings, std::vector<Check> checks = built_in_checks());
+    DifferentialRun(RigSetup setup, Settings settings, std::vector<Check> checks = built_in_checks());
 
     /// Starts both and compares the start and the first pass.
     void start();
@@ -57,9 +57,9 @@ class Duet {
     void compare_pass();
     void compare_log();
     void compare_generations();
-    void compare(const std::string &what, const std::vector<std::string> &foretold,
+    void compare(const std::string &what, const std::vector<std::string> &predicted,
                  const std::vector<std::string> &seen);
-    void report(const std::string &what, const std::string &foretold, const std::string &seen);
+    void report(const std::string &what, const std::string &predicted, const std::string &seen);
     [[nodiscard]] std::string inputs_of(const std::string &issue) const;
     void ask(const Input &question);
 

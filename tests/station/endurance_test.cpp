@@ -1,6 +1,6 @@
-// A long life with random inputs, a heartbeat every ten seconds: no difference from the model, whose predicted
-// log and generations are compared with those of the daemon, and no more held at its end than at its start.
-// STATION_HOURS=n lives so long (8760 is a year), STATION_SEED=n has other inputs.
+// A long run with random inputs, a heartbeat every ten seconds: the log, its generations and all other output
+// match the model, and no resource usage grows.
+// STATION_HOURS=n sets the length (8760 is a year), STATION_SEED=n selects other inputs.
 
 #include "from_environment.h"
 #include "model/life.h"
@@ -21,8 +21,8 @@ constexpr unsigned DEFAULT_HOURS = 3;
 constexpr unsigned USUAL_SEED = 1;
 constexpr unsigned BEATS_AN_HOUR = 360;
 constexpr unsigned A_THOUSAND = 1000;
-constexpr unsigned BEATS_TO_TELL_OF = 50 * A_THOUSAND;
-constexpr unsigned BEATS_WITH_BUS = 10 * A_THOUSAND; // it takes a second of real time to come back
+constexpr unsigned BEATS_PER_REPORT = 50 * A_THOUSAND;
+constexpr unsigned BEATS_WITH_BUS = 10 * A_THOUSAND; // a reconnection takes a second of real time
 
 RigSetup with_bus_and_small_logs(RigSetup setup) {
     setup.has_bus = true;
@@ -30,14 +30,14 @@ RigSetup with_bus_and_small_logs(RigSetup setup) {
     return setup;
 }
 
-/// After a heartbeat with a bus: with all connections of the daemon in place.
+/// Usage after a heartbeat with a bus, when all connections exist.
 ProcessUsage usage_on_the_bus(DifferentialRun *run) {
     run->put({.kind = Input::Kind::bus_back, .target = "", .text = ""});
     run->beat();
     return usage_of(run->pid());
 }
 
-void tell_progress(const DifferentialRun &run) {
+void report_progress(const DifferentialRun &run) {
     std::cout << run.beats_done() << " heartbeats, " << run.rotations() << " rotations, "
               << usage_of(run.pid()).resident_kb << " kB" << std::endl;
 }
@@ -56,12 +56,12 @@ TEST(Endurance, HoldsNoMoreAtItsEndThanAtItsStart) {
         if (run.beats_done() == A_THOUSAND) {
             at_first = usage_on_the_bus(&run);
         }
-        if (run.beats_done() % BEATS_TO_TELL_OF == 0) {
-            tell_progress(run);
+        if (run.beats_done() % BEATS_PER_REPORT == 0) {
+            report_progress(run);
             run.forget();
         }
     }
-    tell_progress(run);
+    report_progress(run);
     ASSERT_EQ(run.difference(), "");
     expect_as_before(usage_on_the_bus(&run), at_first);
     run.stop();

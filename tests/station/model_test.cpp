@@ -1,7 +1,7 @@
-// The daemon against the model: random lives of the station without a difference between what the model
-// predicts and what the daemon shows.
-//     VIGMOND_SEED=n         that life instead of the usual ones
-//     VIGMOND_HEARTBEATS=n   so long a life
+// The daemon compared with the model: random lives of the station without a difference between the prediction and
+// the daemon's output.
+//     VIGMOND_SEED=n         runs that life instead of the usual ones
+//     VIGMOND_HEARTBEATS=n   its length
 
 #include "from_environment.h"
 #include "model/healthy_station.h"
@@ -36,8 +36,8 @@ std::uint64_t number_in(const char *variable, std::uint64_t otherwise) {
     return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
 }
 
-/// A random life of the daemon beside a model with these checks: the report of the first difference, empty
-/// when there is none.
+/// Runs a random life of the daemon and of a model with these checks; the report of the first difference, empty
+/// without one.
 std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector<Check> &checks) {
     Script script(seed, STATION_LOAD_LOGGER);
     DifferentialRun run(script.setup(), script.settings(), checks);
@@ -73,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(Seeds, RandomLife, testing::Range(FIRST_SEED, LAST_SEED
 
 namespace {
 
-/// A table with one figure in it that is not the built-in one.
+/// The built-in table with one figure changed.
 struct Alteration {
     std::string what;
     std::vector<Check> checks;
@@ -118,7 +118,7 @@ void alter_limits(std::size_t row, const Check &check, std::vector<Alteration> *
         row, "hysteresis - 1", [](Check *each) { --each->hysteresis; }, all);
 }
 
-/// The wear comes in steps of ten: a limit in between is the same as the next one.
+/// Wear has steps of ten: a limit in between equals the next step.
 void alter_wear_limits(std::size_t row, std::vector<Alteration> *all) {
     alter(
         row, "max warn + 1", [](Check *each) { ++*each->max_warn; }, all);
@@ -158,7 +158,7 @@ std::vector<Alteration> alterations() {
     return all;
 }
 
-/// A model's daemon alone, and what it shows.
+/// The model's daemon without a real one, and its output.
 class Prediction {
   public:
     explicit Prediction(const Script &script)
@@ -172,7 +172,7 @@ class Prediction {
             daemon_.take(input);
         }
     }
-    /// All that the pass shows.
+    /// The whole output of the pass.
     std::vector<std::string> pass(std::int64_t now) {
         const model::Shown shown = daemon_.pass(now);
         std::vector<std::string> all = shown.sentences;
@@ -189,7 +189,7 @@ class Prediction {
     std::size_t log_read_ = 0;
 };
 
-/// A random life strikes out the alterations that it shows to be wrong.
+/// Removes the alterations that a random life detects.
 void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
     Script script(seed, STATION_LOAD_LOGGER);
     Prediction right(script);
@@ -218,8 +218,8 @@ void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
 
 } // namespace
 
-// What the random lives left out would be no one's to find.
-TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
+// An alteration that no random life detects is a gap of the random lives.
+TEST(TheModel, DetectsAChangeOfEachFigureOfTheTable) {
     std::vector<Alteration> left = alterations();
     ASSERT_GT(left.size(), 150U);
     for (std::uint64_t seed = FIRST_SEED; seed <= LAST_SEED; ++seed) {
@@ -230,7 +230,7 @@ TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
     }
 }
 
-TEST(TheModel, FindsADifferenceAgainByItsReport) {
+TEST(TheModel, ReproducesADifferenceFromItsReport) {
     constexpr std::uint64_t seed = 2;
     std::vector<Check> checks = built_in_checks();
     checks[0].delay = 1;
@@ -244,7 +244,7 @@ TEST(TheModel, FindsADifferenceAgainByItsReport) {
     EXPECT_EQ(live(seed, heartbeats - 1, checks), "");
 }
 
-// --- what the comparison sees
+// --- the comparison
 
 namespace {
 
@@ -257,7 +257,7 @@ void live_till_rotation(DifferentialRun *run) {
 
 } // namespace
 
-TEST(TheReport, TellsOfAnOlderLogThatIsNotWhole) {
+TEST(TheReport, NamesAnIncompleteOlderLog) {
     const std::string newest = std::string(model::LOG) + ".000.bz2";
     for (const Input &secret : {removed(newest), written(newest, "no bzip2")}) {
         model::RigSetup setup = model::healthy_station();
@@ -272,7 +272,7 @@ TEST(TheReport, TellsOfAnOlderLogThatIsNotWhole) {
     }
 }
 
-TEST(TheReport, TellsOfADifferenceHowItCameAbout) {
+TEST(TheReport, ListsTheInputsThatLedToADifference) {
     std::vector<Check> checks = built_in_checks();
     checks[0].format = "CPU heat %D %T threshold.";
     DifferentialRun run(model::healthy_station(), model::Settings(), checks);
@@ -300,7 +300,7 @@ namespace {
 
 struct Secret {
     const char *what;
-    std::vector<Input> inputs; ///< done to the real board only
+    std::vector<Input> inputs; ///< to the real board only
     std::int64_t period;
     const char *seen; ///< in the report
 };

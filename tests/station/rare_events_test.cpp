@@ -1,4 +1,4 @@
-// What a random life of the station rarely brings about: predicted by the model, and told here too.
+// Events that are rare in random lives: compared with the model and with expected values written by hand.
 
 #include "model/differential_run.h"
 #include "model/healthy_station.h"
@@ -38,7 +38,7 @@ struct Rare : testing::Test {
         run.put(written(TEMPERATURE_FILE, millidegrees));
         samples(5, 10);
     }
-    /// So many samples with the CPU busy for so many hundredths of the time.
+    /// Runs `count` samples at a CPU load of `percent`.
     void load(std::int64_t percent, int count = 5) {
         for (int i = 0; i < count; ++i) {
             user += 180 * percent;
@@ -55,7 +55,7 @@ struct Rare : testing::Test {
     void end_load_logger(const std::string &issue) {
         run.put({.kind = Input::Kind::child_ends, .target = issue, .text = ""});
     }
-    /// How many records of the issue there are.
+    /// The number of records of the issue.
     [[nodiscard]] std::size_t records_of(const std::string &issue) const {
         const std::string log = run.log();
         std::size_t count = 0;
@@ -66,7 +66,7 @@ struct Rare : testing::Test {
     }
 
     DifferentialRun run{model::healthy_station(), model::Settings()};
-    std::int64_t user = 1000; // as the healthy board's; it has 1000 of system
+    std::int64_t user = 1000; // as on the healthy board, which also has 1000 of system
     std::int64_t idle = 8000;
 };
 
@@ -77,7 +77,7 @@ const std::string CALL_32 = "load_logger -c 120 -t 10 -d /var/lib/evse/vigmond/ 
 
 } // namespace
 
-// The warning and the failure are two reports; one recovery leaves one of them.
+// The warning and the failure are two reports; the recovery undoes one.
 TEST_F(Rare, AWarningThatBecomesAFailureStaysRaised) {
     heat("72000");
     heat("80000");
@@ -101,7 +101,7 @@ TEST_F(Rare, AFailureAtOnceIsClearedByOneRecovery) {
     EXPECT_THAT(run.signals(), ElementsAre("1709294450 NewIssues CB20", "1709294500 ClearedIssues CB20"));
 }
 
-TEST_F(Rare, NineSamplesAreNoIssueTenAre) {
+TEST_F(Rare, TenSamplesRaiseAnIssueNineDoNot) {
     run.put(removed(model::BLUETOOTH_FILE));
     samples(9, 60);
     run.put(written(model::BLUETOOTH_FILE, ""));
@@ -112,12 +112,12 @@ TEST_F(Rare, NineSamplesAreNoIssueTenAre) {
     EXPECT_THAT(run.listing(), IsEmpty());
     samples(1, 60);
     EXPECT_THAT(run.sentences(), ElementsAre("3 [failed] ID: CB05[0]: value: 1 Bluetooth hardware is not available."));
-    EXPECT_THAT(run.signals(), ElementsAre("1709295600 NewIssues CB05")); // the twentieth minute
-    samples(300, 60);                                                     // a byte that counts has turned over
+    EXPECT_THAT(run.signals(), ElementsAre("1709295600 NewIssues CB05")); // after twenty minutes
+    samples(300, 60);                                                     // more than a byte can count
     EXPECT_THAT(run.sentences(), SizeIs(1));
 }
 
-TEST_F(Rare, TwoUnitsDownForTenSamplesAreNamedTheLastFirst) {
+TEST_F(Rare, TwoUnitsDownForTenSamplesAreNamedLastFirst) {
     run.put({.kind = Input::Kind::active_state, .target = "nginx", .text = "inactive"});
     run.put({.kind = Input::Kind::active_state, .target = "ocppd", .text = "failed"});
     run.beats(9);
@@ -127,7 +127,7 @@ TEST_F(Rare, TwoUnitsDownForTenSamplesAreNamedTheLastFirst) {
                 ElementsAre("3 [failed] ID: CB23[0]: value: 1 Services: ocppd, nginx are not running"));
 }
 
-TEST_F(Rare, APathSwitchedOffInMidFailureKeepsItsIssueAndLeavesNoRecord) {
+TEST_F(Rare, APathSwitchedOffDuringAFailureKeepsItsIssueAndLeavesNoRecord) {
     run.put(written(model::ETHERNET_FILE, "down\n"));
     samples(10, 60);
     EXPECT_THAT(run.listing(), ElementsAre("1709295000 CB12"));
@@ -157,7 +157,7 @@ TEST_F(Rare, AHighLoadStartsOneLoadLoggerForBothChecks) {
     EXPECT_THAT(run.signals(), ElementsAre(EndsWith(" NewIssues CB31 CB32")));
 }
 
-TEST_F(Rare, ALoadLoggerOutlivesTheLoadAndIsFollowedByAnotherAfterItsEnd) {
+TEST_F(Rare, ALoadLoggerOutlivesTheLoadAndCanBeStartedAgainAfterItsEnd) {
     load(80);
     load(20);
     load(80);
@@ -169,7 +169,7 @@ TEST_F(Rare, ALoadLoggerOutlivesTheLoadAndIsFollowedByAnotherAfterItsEnd) {
     EXPECT_THAT(run.started(), ElementsAre(CALL_31, CALL_31));
 }
 
-// Its end is known to its own check only when that runs; the other check's run does not ask for it.
+// A check learns of its load logger's end in its own run only, not in that of the other check.
 TEST_F(Rare, TheSignalLetsTheOtherCheckStartASecondLoadLogger) {
     load(80);
     signal();
@@ -179,7 +179,7 @@ TEST_F(Rare, TheSignalLetsTheOtherCheckStartASecondLoadLogger) {
     end_load_logger("CB32[0]");
 }
 
-// Each check's run clears the way for its own.
+// Each check's run allows its own load logger.
 TEST_F(Rare, AfterTheSignalBothChecksStartALoadLoggerInOnePass) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_THAT(run.started(), IsEmpty());
@@ -189,8 +189,8 @@ TEST_F(Rare, AfterTheSignalBothChecksStartALoadLoggerInOnePass) {
     EXPECT_THAT(run.started(), ElementsAre(CALL_31, CALL_32));
 }
 
-// What was raised and cleared meanwhile waits in its order; a unit that cannot be asked is not named.
-TEST_F(Rare, ABusThatDiesAndReturnsHearsWhatItMissed) {
+// Issues raised and cleared without the bus are queued in order; a unit that cannot be asked is not named.
+TEST_F(Rare, ABusThatReturnsGetsTheQueuedSignals) {
     run.beats(3);
     run.put({.kind = Input::Kind::bus_lost, .target = "", .text = ""});
     heat("80000");
@@ -205,8 +205,8 @@ TEST_F(Rare, ABusThatDiesAndReturnsHearsWhatItMissed) {
     EXPECT_THAT(run.listing(), IsEmpty());
 }
 
-// A pass needs one question to find out.
-TEST_F(Rare, ABusThatDiesAndReturnsBetweenTwoPassesIsNoFailureOfTheUnits) {
+// A pass notices the loss with its first question.
+TEST_F(Rare, ABusThatRestartsBetweenTwoPassesIsNoFailureOfTheUnits) {
     run.beats(3);
     run.put({.kind = Input::Kind::bus_lost, .target = "", .text = ""});
     run.put({.kind = Input::Kind::bus_back, .target = "", .text = ""});

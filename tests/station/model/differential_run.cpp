@@ -23,7 +23,7 @@ std::string at(const std::vector<std::string> &texts, std::size_t number) {
     return number < texts.size() ? texts[number] : NOTHING;
 }
 
-/// The check that a record, a sentence or a call is about: "CB20[0]"; empty when it is about none.
+/// The check named by a record, a sentence or a call, "CB20[0]"; empty without one.
 std::string issue_in(const std::string &text) {
     for (std::size_t i = text.find("CB"); i != std::string::npos; i = text.find("CB", i + 1)) {
         if (i + 5 < text.size() && (text[i + 4] == '[' || text[i + 4] == '\t')) {
@@ -33,7 +33,7 @@ std::string issue_in(const std::string &text) {
     return "";
 }
 
-/// The files, disks and units that a check looks at.
+/// The files, disks and units that a check reads.
 std::vector<std::string> targets_of(const Check &check) {
     const std::string parameter = check.parameter.value_or("");
     switch (check.probe) {
@@ -88,7 +88,7 @@ void DifferentialRun::put(const Input &input) {
     }
 }
 
-// A switch of a known group is always said to have failed.
+// A switch of a known group is always answered with "failed".
 void DifferentialRun::ask(const Input &question) {
     if (question.kind == Input::Kind::ask_listing) {
         compare("listing", daemon_->registry().listing(), rig_.listing());

@@ -1,6 +1,6 @@
 #pragma once
 
-// The real daemon and the model's, given the same inputs in the same order, and compared after each pass.
+// Runs the real daemon and the model on the same inputs and compares them after each pass.
 
 #include "daemon.h"
 #include "rig.h"
@@ -11,40 +11,40 @@ namespace model {
 
 class DifferentialRun {
   public:
-    /// `checks` is what the model takes for the built-in table.
+    /// `checks` is the model's table of checks.
     DifferentialRun(RigSetup setup, Settings settings, std::vector<Check> checks = built_in_checks());
 
     /// Starts both and compares the start and the first pass.
     void start();
-    /// Does it to both; what cannot be done is left out.
+    /// Applies the input to both; ignores an impossible one.
     void put(const Input &input);
-    /// Does it to the real one only.
+    /// Applies the input to the real daemon only.
     void put_secretly(const Input &input) { rig_.apply(input); }
-    /// A heartbeat at that time.
+    /// A heartbeat at `now`.
     void beat(std::int64_t now);
     /// The heartbeat on the next multiple of ten seconds.
     void beat();
     void beats(int count);
-    /// Ends the real one and compares what it leaves.
+    /// Stops the real daemon and compares its files.
     void stop();
 
     [[nodiscard]] std::int64_t now() const { return now_; }
-    /// What is on the bus now, as the real one says.
+    /// The real daemon's current listing on the bus.
     [[nodiscard]] std::vector<std::string> listing() { return rig_.listing(); }
-    /// The real one's status log.
+    /// The real daemon's status log.
     [[nodiscard]] std::string log() const { return rig_.log_from(0); }
-    /// All sentences that the real one has shown.
+    /// All sentences of the real daemon.
     [[nodiscard]] const std::vector<std::string> &sentences() const { return sentences_; }
-    /// All signals and calls of the load logger, likewise.
+    /// All its signals, and all calls of the load logger.
     [[nodiscard]] const std::vector<std::string> &signals() const { return signals_; }
     [[nodiscard]] const std::vector<std::string> &started() const { return started_; }
-    /// Drops these.
+    /// Drops the sentences, signals and calls.
     void forget();
     [[nodiscard]] unsigned beats_done() const { return beats_; }
     [[nodiscard]] unsigned rotations() const { return rotations_; }
     [[nodiscard]] pid_t pid() const { return rig_.pid(); }
 
-    /// The first difference with all that led to it; empty as long as there is none.
+    /// A report of the first difference with the inputs that led to it; empty without one.
     [[nodiscard]] const std::string &difference() const { return difference_; }
 
   private:
@@ -70,7 +70,7 @@ class DifferentialRun {
     std::optional<Daemon> daemon_;
     std::int64_t now_;
     unsigned beats_ = 0;
-    std::size_t log_read_ = 0; ///< what of the log has been compared
+    std::size_t log_read_ = 0; ///< bytes of the log compared so far
     unsigned rotations_ = 0;
     std::deque<Done> done_;
     std::vector<std::string> sentences_;

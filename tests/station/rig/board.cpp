@@ -11,8 +11,8 @@ namespace {
 constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 constexpr std::int64_t MARCH_1_2024_12_00_07 = 1709294407; // 19783 days and 43207 seconds
 
-/// A zone file that knows one zone, UTC: the magic, fifteen bytes kept free, how many of six kinds of entries
-/// follow (one local time, the four bytes of its name), the local time, its name.
+/// A zone file for UTC: the magic, a version and fifteen reserved bytes, six counts (one local time, four bytes
+/// of names), the local time, its name.
 constexpr char zone_of_utc[] = "TZif\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
                                "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\4"
                                "\0\0\0\0\0\0UTC";
@@ -121,7 +121,7 @@ void put_emmc(StationMmc *mmc, std::uint8_t revision, std::uint8_t type_a, std::
     mmc->ext_csd[269] = type_b;
 }
 
-// As in the kernel's, with lines before, between and behind that are not asked for.
+// Like the kernel's, with other lines around the two used.
 std::string meminfo(std::uint64_t total_kb, std::uint64_t free_kb) {
     return "MemTotal:       " + std::to_string(total_kb) + " kB\nMemFree:        " + std::to_string(free_kb) +
            " kB\nMemAvailable:   " + std::to_string(total_kb) + " kB\nBuffers:            1024 kB\n";

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the controller board of a simulated station consists of, told in one expression:
+// The controller board of a simulated station, described in one expression:
 //     Board().temperature(72000).memory(1000, 240).disk("/rw-root", {.blocks = 1000, .available = 100})
 
 #include "preload/station_page.h"
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-/// What statvfs answers for a mount point; -1 with `error` when `fails`.
+/// The result of statvfs for a mount point; -1 with `error` if `fails`.
 struct Disk {
     std::uint64_t blocks = 0;
     std::uint64_t free = 0;
@@ -26,14 +26,14 @@ class Board {
   public:
     Board();
 
-    /// A file with this content; its folders come with it.
+    /// Adds a file with this content and its folders.
     Board &file(const std::string &path, const std::string &content);
     Board &folder(const std::string &path);
-    /// A folder that nobody can write to, root included.
+    /// Adds a folder that not even root can write to.
     Board &read_only_folder(const std::string &path);
-    /// A folder on a disk of this size of its own; what is on it is seen in /proc/<pid>/root only.
+    /// Adds a folder on its own disk of this size; its content is visible in /proc/<pid>/root only.
     Board &small_disk(const std::string &path, std::size_t bytes);
-    /// Without this file.
+    /// Removes this file.
     Board &without(const std::string &path);
 
     Board &temperature(int millidegrees);
@@ -41,7 +41,7 @@ class Board {
     Board &disk(const std::string &path, const Disk &answer);
     /// The EXT_CSD's revision and its two life time estimates.
     Board &emmc(std::uint8_t revision, std::uint8_t type_a, std::uint8_t type_b);
-    /// Its commands fail with this errno.
+    /// Lets the eMMC's commands fail with this errno.
     Board &emmc_fails(int error);
     /// The wall clock at the start, seconds since the epoch.
     Board &clock(std::int64_t seconds);
@@ -50,7 +50,7 @@ class Board {
     [[nodiscard]] const std::set<std::string> &folders() const { return folders_; }
     [[nodiscard]] const std::set<std::string> &read_only_folders() const { return read_only_; }
     [[nodiscard]] const std::map<std::string, std::size_t> &small_disks() const { return small_disks_; }
-    /// Writes its devices and clock into the page.
+    /// Writes the devices and the clock into the page.
     void fill(StationPage *page) const;
 
   private:

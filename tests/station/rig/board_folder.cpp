@@ -102,14 +102,14 @@ bool BoardFolder::has_files_below(const std::string &folder) const {
                        [&folder](const std::string &path) { return path.starts_with(folder + "/"); });
 }
 
-/// A folder in which the board has files of its own is the board's; only the host's other folders in it
-/// are shown.
+/// A folder that contains files of the board belongs to the board; only the host's other folders in it are
+/// mounted.
 // NOLINTNEXTLINE(misc-no-recursion): as deep as the faked paths
 void BoardFolder::show_host_folder(const std::string &folder, std::vector<Mount> *mounts) const {
     std::error_code error;
     const std::string target = root_ + folder;
     if (fs::is_symlink(folder, error)) {
-        fs::copy_symlink(folder, target, error); // fails where a second run finds it made
+        fs::copy_symlink(folder, target, error); // fails in a second run, where it exists
     } else if (!fs::is_directory(folder, error)) {
         return;
     } else if (!has_files_below(folder)) {
@@ -133,7 +133,7 @@ void BoardFolder::show_devices(std::vector<Mount> *mounts) const {
     }
 }
 
-/// Of the host's /etc the board sees only what programs need to be started, and whom numbers of users mean.
+/// Of the host's /etc the board only sees what programs need to start, and the names of users.
 void BoardFolder::show_host_files(std::vector<Mount> *mounts) const {
     for (const char *file : host_files) {
         std::error_code error;
@@ -145,7 +145,7 @@ void BoardFolder::show_host_files(std::vector<Mount> *mounts) const {
     }
 }
 
-/// The host's /proc with the board's files bound over; /proc/net is the process's own folder.
+/// The host's /proc with the board's files mounted over it; /proc/net is the process's own folder.
 void BoardFolder::show_proc(std::vector<Mount> *mounts) const {
     mounts->push_back({.source = "/proc", .target = root_ + "/proc"});
     if (has_files_below("/proc/net")) {

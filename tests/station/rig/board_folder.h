@@ -1,7 +1,6 @@
 #pragma once
 
-// A board laid out in a folder: the root of the daemon's namespace. The test changes files in it while
-// the daemon runs.
+// A board as a folder, the root of the daemon's namespace. Tests change files in it while the daemon runs.
 
 #include "board.h"
 #include "sandbox.h"
@@ -13,21 +12,21 @@
 
 class BoardFolder {
   public:
-    /// Lays the board out below `scratch`, an empty folder, which is seen under its own name inside too.
+    /// Creates the board below `scratch`, an empty folder that has the same path inside the namespace.
     BoardFolder(const Board &board, std::string scratch);
 
-    /// Where a path of the board is on this machine.
+    /// The path on this machine of a path on the board.
     [[nodiscard]] std::string host_path(const std::string &path) const;
-    /// Replaces a file, or makes it; one in /proc has to exist from the start and is rewritten in place.
+    /// Creates or replaces a file; a file in /proc must exist from the start and is rewritten in place.
     void write(const std::string &path, const std::string &content) const;
     void remove(const std::string &path) const;
-    /// Makes a FIFO in a file's place.
+    /// Creates a FIFO in place of a file.
     void make_fifo(const std::string &path) const;
-    /// A folder inside and outside under the same name, for what is given to the daemon as an argument.
+    /// A folder with the same path inside and outside, for paths in the daemon's arguments.
     [[nodiscard]] const std::string &scratch() const { return scratch_; }
 
-    /// The root: the host's programs and libraries, the folders in which `programs` lie, and the board's
-    /// files over the host's. The working directory is "work" in scratch().
+    /// The root: the host's programs and libraries, the folders of `programs`, and the board's files over the
+    /// host's. The working directory is "work" in scratch().
     [[nodiscard]] Sandbox sandbox(const std::vector<std::string> &programs) const;
 
   private:

@@ -1,6 +1,6 @@
 #pragma once
 
-// A station on a bus of its own, with systemd and all watched services on it.
+// A station on a private bus, with a fake systemd and all watched services.
 
 #include "message_bytes.h"
 #include "station_bus.h"
@@ -26,7 +26,7 @@ struct RaisedIssue {
     std::string label;
 };
 
-/// The body of a listing: the length of the array in bytes, and each struct aligned to eight.
+/// The body of a listing: the array's length in bytes, then structs aligned to eight.
 inline std::string listing_bytes(const std::vector<RaisedIssue> &issues) {
     std::string array;
     for (const RaisedIssue &issue : issues) {
@@ -36,7 +36,7 @@ inline std::string listing_bytes(const std::vector<RaisedIssue> &issues) {
     return wire(static_cast<std::uint32_t>(array.size())) + std::string(4, '\0') + array;
 }
 
-/// The body of a signal: the time, the length of the array in bytes, and each text aligned to four.
+/// The body of a signal: the time, the array's length in bytes, then texts aligned to four.
 inline std::string signal_bytes(std::uint32_t now, const std::vector<std::string> &labels) {
     std::string array;
     for (const std::string &label : labels) {
@@ -60,9 +60,9 @@ class BusStation : public testing::Test {
             systemd.activate(unit);
         }
     }
-    /// The journal is nobody's concern: without its socket it goes nowhere, and nobody has to read it.
+    /// Removes the journal's socket, so that no test has to read the traces.
     void silence() { station.files().remove("/run/systemd/journal/socket"); }
-    /// All that the daemon signals from now on.
+    /// Subscribes the client to the daemon's signals.
     void watch_issues(BusClient *client) {
         client->watch(std::string("type='signal',path='") + OBJECT_PATH + "',interface='" + ISSUES + "'");
     }
@@ -79,7 +79,7 @@ inline bool is_return(const BusMessage &message) {
     return message && dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
 }
 
-/// Member and body of the next signal of the daemon's; "none" when there is none.
+/// Member and body of the daemon's next signal; "none" when there is none.
 struct IssueSignal {
     std::string member;
     std::string body;

@@ -17,7 +17,7 @@ namespace {
 constexpr std::int64_t SECONDS_A_BEAT = 180;
 constexpr int HOT_BEATS = 5;
 
-/// Leaves room for the header and the records of some five beats.
+/// Leaves room for the header and the records of about five beats.
 std::string old_records() {
     std::string text;
     for (int i = 0; i < 180; ++i) {
@@ -108,7 +108,7 @@ namespace {
 constexpr const char *ANY_STAMP = "<stamp>";
 constexpr std::size_t STAMP_SIZE = 19;
 
-/// Whether `block`, with any time for its stamp, stands at `at`, which is then moved behind it.
+/// Skips `block`, with any time stamp, at `at`; false, without a change, if it is not there.
 bool skip(const std::string &block, const std::string &text, std::size_t *at) {
     const std::size_t stamp = block.find(ANY_STAMP);
     const std::string tail = block.substr(stamp + std::string(ANY_STAMP).size());

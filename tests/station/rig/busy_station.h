@@ -1,8 +1,7 @@
 #pragma once
 
-// A station on which a start, ten heartbeats and a stop pass through all that the daemon does: questions
-// to systemd, records, a rotation over an older generation, issues raised and cleared on the bus,
-// sentences, and a load logger.
+// A station on which a start, ten heartbeats and a stop exercise everything the daemon does: questions to systemd,
+// records, a rotation over an older generation, issues raised and cleared on the bus, sentences, and a load logger.
 
 #include "private_bus.h"
 #include "station.h"
@@ -13,7 +12,7 @@
 
 class FakeSystemd;
 
-/// The bus and the systemd of many busy stations, one after the other.
+/// The bus and the fake systemd of a sequence of busy stations.
 class BusyWorld {
   public:
     explicit BusyWorld(BusRules rules = BusRules::open);
@@ -30,7 +29,7 @@ class BusyWorld {
     std::unique_ptr<FakeSystemd> systemd_;
 };
 
-/// A board with all that the daemon looks at but WiFi.
+/// A board with everything that the daemon checks except WiFi.
 Board busy_board();
 
 class BusyStation : public Station {
@@ -38,16 +37,16 @@ class BusyStation : public Station {
     static constexpr int BEATS = 10;
 
     explicit BusyStation(const BusyWorld &world, Board board = busy_board());
-    /// Starts the daemon and awaits nothing.
+    /// Starts the daemon without waiting.
     void launch_busy(const std::vector<std::string> &further = {});
-    /// As the blocks of the log show it.
+    /// As in the blocks of the log.
     [[nodiscard]] const std::string &command_line() const { return command_line_; }
     /// Heats and loads the board for the next heartbeat, then cools it again.
     void prepare_beat();
-    /// Three minutes go by, after which most checks are due.
+    /// A heartbeat three minutes later, when most checks are due.
     void beat();
 
-    /// All that the log and its generations hold since the start, in order.
+    /// The content of the log and its generations since the start, in order.
     [[nodiscard]] std::string recorded() const;
     [[nodiscard]] bool is_locked() const;
 
@@ -56,15 +55,15 @@ class BusyStation : public Station {
     int beats_ = 0;
 };
 
-/// What a status log consists of.
+/// The parts of a status log.
 struct LogContent {
     std::vector<std::string> records; ///< time, issue and index of each, "2024-03-01 12:00:07 CB20 0"
     int starts = 0;
     int rotations = 0;
     int closings = 0;
-    bool ends_closed = false; ///< nothing follows the last closing block but the header of a rotation
-    std::string torn;         ///< where something else begins; empty when there is nothing else
+    bool ends_closed = false; ///< only the header of a rotation follows the last closing block
+    std::string torn;         ///< the text from the first unknown byte on; empty when there is none
 };
 
-/// Takes a text apart; `command_line` is that of its blocks.
+/// Parses a log; `command_line` is the one in its blocks.
 LogContent take_apart(const std::string &text, const std::string &command_line);

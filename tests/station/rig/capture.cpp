@@ -17,7 +17,7 @@
 
 namespace {
 
-/// An address has room for 107 characters; a name below an open folder always fits.
+/// An address has room for 107 characters; a name relative to an open folder always fits.
 sockaddr_un short_address(const Descriptor &folder, const std::string &name) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -36,8 +36,8 @@ std::uint64_t little_endian(const char *bytes) {
 
 Descriptor datagram_socket() { return Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
 
-/// A socket with room for all that the daemon writes while the rig does not get to read it. How many messages
-/// wait is set for each network; where no other one is allowed, the socket is one like others.
+/// A socket with room for everything that the daemon writes before the rig reads it. The queue length belongs to
+/// the network namespace; without the right to create one the socket has the usual length.
 Descriptor roomy_socket() {
     Descriptor fd;
     std::thread([&fd] {
@@ -49,7 +49,7 @@ Descriptor roomy_socket() {
     return fd;
 }
 
-/// Puts the socket at `path`: `join` is bind or connect.
+/// Binds or connects the socket at `path`; `join` is bind or connect.
 Descriptor socket_at(const std::string &path, Descriptor fd, int (*join)(int, const sockaddr *, socklen_t)) {
     const std::filesystem::path whole(path);
     const Descriptor folder(open(whole.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -68,7 +68,7 @@ DatagramSocket::DatagramSocket(const std::string &path, Queue queue)
 void fill_socket(const std::string &path) {
     const std::string message = "A=x\n";
     bool has_room = true;
-    while (has_room) { // each sender may leave only so much unread
+    while (has_room) { // each sender has its own limit
         const Descriptor sender = socket_at(path, datagram_socket(), connect);
         has_room = false;
         while (send(sender.get(), message.c_str(), message.size(), 0) > 0) {
@@ -89,7 +89,7 @@ std::vector<std::string> DatagramSocket::take() const {
     }
 }
 
-// A field is "NAME=value\n", or "NAME\n", 64 bits of length, the value and "\n".
+// A field is "NAME=value\n", or "NAME\n", the length in 64 bits, the value and "\n".
 JournalRecord::JournalRecord(const std::string &datagram) {
     constexpr std::size_t length_size = 8;
     std::size_t at = 0;

@@ -1,6 +1,6 @@
 #pragma once
 
-// The sockets behind which the daemon expects the journal and syslog.
+// The sockets that take the place of the journal and syslog.
 
 #include "handle.h"
 
@@ -9,26 +9,26 @@
 #include <sys/types.h>
 #include <vector>
 
-/// A bound datagram socket that is read without waiting.
+/// A bound datagram socket with non-blocking reads.
 class DatagramSocket {
   public:
-    enum class Queue { usual, roomy }; ///< of the messages that nobody has read yet
+    enum class Queue { usual, roomy }; ///< for unread messages
     explicit DatagramSocket(const std::string &path, Queue queue = Queue::usual);
     [[nodiscard]] int fd() const { return fd_.get(); }
-    /// All datagrams that have come.
+    /// Takes all datagrams received so far.
     [[nodiscard]] std::vector<std::string> take() const;
 
   private:
     Descriptor fd_;
 };
 
-/// Sends to the socket at `path` until it has no room.
+/// Sends to the socket at `path` until it is full.
 void fill_socket(const std::string &path);
 
-/// The fields of a record by name; "" for one that it does not have.
+/// The fields of a record by name; "" for a missing field.
 class JournalRecord {
   public:
-    /// Takes the journal's native protocol.
+    /// Parses the journal's native protocol.
     explicit JournalRecord(const std::string &datagram);
     const std::string &operator[](const std::string &field) const;
 
@@ -44,5 +44,5 @@ struct SyslogRecord {
     std::string text;
 };
 
-/// Takes "<28>Mar  1 12:00:07 vigmond[812]: the text".
+/// Parses "<28>Mar  1 12:00:07 vigmond[812]: the text".
 SyslogRecord parse_syslog(const std::string &datagram);

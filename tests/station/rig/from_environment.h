@@ -1,6 +1,6 @@
 #pragma once
 
-// What whoever starts a test decides: how much of it, and with which random numbers.
+// Test parameters from the environment: amounts and random seeds.
 
 #include <cstdlib>
 #include <iostream>
@@ -12,11 +12,11 @@ inline unsigned from_environment(const char *name, unsigned usual) {
     return given == nullptr ? usual : static_cast<unsigned>(std::strtoul(given, nullptr, 10));
 }
 
-/// The daemon to be tested, built with the address sanitizer, in place of the one that is built with the tests:
+/// The path of a daemon built with the address sanitizer, to be tested instead of the one built with the tests:
 /// STATION_SANITIZED_DAEMON, or null.
 inline const char *sanitized_daemon() { return std::getenv("STATION_SANITIZED_DAEMON"); }
 
-/// STATION_SEED, or another seed each time; printed, so that a run can be repeated.
+/// STATION_SEED, or a random seed; printed, so that a run can be repeated.
 inline unsigned seed_of_the_day() {
     const unsigned seed = from_environment("STATION_SEED", std::random_device{}());
     std::cout << "STATION_SEED=" << seed << '\n';

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the status log says of one issue.
+// The records of single issues in the status log.
 
 #include "station.h"
 #include "station_life.h"
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// A record but for its index.
+/// A record without its index.
 struct IssueRecord {
     std::string stamp;
     std::string issue;
@@ -43,7 +43,7 @@ inline std::vector<std::string> records_of(const Station &station, const std::st
     return texts;
 }
 
-/// That of the last pass; empty when there is none.
+/// The issue's record of the last pass; empty without one.
 inline std::string last_record_of(const Station &station, const std::string &issue) {
     const std::string now = stamp_of(station.clock());
     for (const IssueRecord &record : issue_records(station)) {

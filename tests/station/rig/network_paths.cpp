@@ -50,7 +50,7 @@ void samples(Station *station, int count, std::int64_t period) {
     }
 }
 
-// 1000 packets count as 1 without a loss, as 100 * (100 + 20 - 1) / 1000 with 100 lost ones.
+// 1000 packets count as 1 without losses, and as 100 * (100 + 20 - 1) / 1000 with 100 lost ones.
 std::vector<LinkCheck> lan_checks() {
     return {{.issue = "CB10",
              .period = 60,
@@ -84,7 +84,7 @@ std::vector<LinkCheck> lan_checks() {
              .cleared = "5 [notice] ID: CB12[0]: value: 0 Ethernet connection is established."}};
 }
 
-// The wireless checks name the interface instead of speaking a sentence.
+// The wireless checks log the interface's name instead of a sentence.
 std::vector<LinkCheck> wifi_checks() {
     return {{.issue = "CB13",
              .period = 60,

@@ -1,6 +1,6 @@
 #pragma once
 
-// The network paths of a station: a board on which all are in use, and the checks that watch over them.
+// The network paths of a station: a board on which all are in use, and their checks.
 
 #include "station.h"
 
@@ -20,19 +20,19 @@ inline constexpr const char *SIGNAL_FILE = "/proc/net/wireless";
 /// A healthy board with LAN, WiFi and Bluetooth, all switched on.
 Board connected_board();
 
-/// The kernel's table of 1000 packets an interface, of which so many were lost.
+/// The kernel's table for 1000 packets per interface with these losses.
 std::string traffic_table(int lost_on_ethernet, int lost_on_wifi);
-/// The kernel's table with this quality and level, as it writes them: "70.", "-20.".
+/// The kernel's table with this quality and level in its notation: "70.", "-20.".
 std::string signal_table(const std::string &quality, const std::string &level);
 
-/// A file's content; none when it is missing.
+/// A file's content; none for a missing file.
 using Content = std::optional<std::string>;
 void put(const Station &station, const std::string &file, const Content &content);
 
-/// Goes on to the `count` next multiples of `period` seconds.
+/// Runs heartbeats at the next `count` multiples of `period` seconds.
 void samples(Station *station, int count, std::int64_t period);
 
-/// A check of a link or of what goes over it, with an input that is good and one that is not.
+/// A check of a link or of its traffic, with a good and a bad input.
 struct LinkCheck {
     std::string issue; ///< "CB12"
     std::int64_t period;
@@ -42,8 +42,8 @@ struct LinkCheck {
     Content bad;
     std::string good_value;
     std::string bad_value;
-    std::string raised;  ///< priority and text of the sentence when the state turns bad
-    std::string cleared; ///< and when it turns good
+    std::string raised;  ///< priority and text of the sentence for the bad state
+    std::string cleared; ///< and for the good state
 };
 
 inline void PrintTo(const LinkCheck &check, std::ostream *out) { *out << check.issue; }

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a trace tells about the passes.
+// The passes in a trace.
 
 #include "trace_line.h"
 
@@ -19,7 +19,7 @@ inline std::vector<std::string> pass_times(const TraceLog &trace) {
     return times;
 }
 
-/// The times of the passes in which a task with this source ran, once for each such task.
+/// The times at which tasks with this source ran, one for each such task.
 inline std::vector<std::string> run_times(const TraceLog &trace, const std::string &source) {
     const std::string start = "RUN: at ";
     std::vector<std::string> times;

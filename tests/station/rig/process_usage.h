@@ -1,6 +1,6 @@
 #pragma once
 
-// What a process holds: memory, descriptors, threads.
+// A process's resources: memory, descriptors, threads.
 
 #include "from_environment.h"
 
@@ -31,10 +31,10 @@ inline ProcessUsage usage_of(pid_t pid) {
             .threads = number("Threads:")};
 }
 
-/// Memory may move by what the allocator keeps back, and the log is closed between its rotation and the
-/// next record.
+/// Allows for memory kept by the allocator and for the log, which is closed between its rotation and the next
+/// record.
 inline void expect_as_before(const ProcessUsage &now, const ProcessUsage &before) {
-    // A sanitizer keeps for a while what is freed, and tells of leaks at the end.
+    // A sanitizer keeps freed memory for a while and reports leaks at the end.
     const long allocator_kb = sanitized_daemon() != nullptr ? 1'000'000 : 512;
     EXPECT_LE(now.resident_kb, before.resident_kb + allocator_kb);
     EXPECT_LE(now.descriptors, before.descriptors + 1);

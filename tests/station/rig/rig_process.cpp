@@ -42,7 +42,7 @@ StationPage *map_page(const Descriptor &fd) {
     return new (memory) StationPage{};
 }
 
-/// Appends what the pipe holds; `sink` takes a piece.
+/// Passes the content of the pipe to `sink` in pieces.
 template <class Sink> void drain_pipe(const Descriptor &pipe, Sink sink) {
     static std::array<char, 65536> buffer{};
     for (;;) {
@@ -102,7 +102,7 @@ RigProcess::RigProcess(const Launch &launch, const Sandbox &sandbox, const Board
     }
     out_pipe_ = std::move(out.reader);
     err_pipe_ = std::move(err.reader);
-    fcntl(wake_.get(), F_SETFD, FD_CLOEXEC); // not for the next process
+    fcntl(wake_.get(), F_SETFD, FD_CLOEXEC); // not inherited by the next process
     fcntl(page_fd_.get(), F_SETFD, FD_CLOEXEC);
 }
 
@@ -153,7 +153,7 @@ void RigProcess::reap() {
 }
 
 void RigProcess::drain() {
-    reap(); // first: what it wrote before its end is then in the pipes
+    reap(); // first: after its end all its output is in the pipes
     std::uint64_t wakes = 0;
     while (read(wake_.get(), &wakes, sizeof wakes) > 0) {
     }

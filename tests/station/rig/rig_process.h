@@ -1,6 +1,6 @@
 #pragma once
 
-// One program run in a sandbox with the preloaded library, and what comes out of it.
+// One program in a sandbox with the preloaded library, and its output.
 
 #include "board.h"
 #include "handle.h"
@@ -15,14 +15,14 @@
 #include <sys/types.h>
 #include <vector>
 
-/// The exit status of a process that a sanitizer has ended.
+/// The exit status of a process ended by a sanitizer.
 inline constexpr int SANITIZER_STATUS = 99;
 
 struct Launch {
-    std::string program; ///< a path outside and inside alike
+    std::string program; ///< the same path inside and outside
     std::string argv0;
     std::vector<std::string> arguments;
-    std::vector<std::string> environment; ///< "NAME=value", beside what the rig sets
+    std::vector<std::string> environment; ///< "NAME=value", in addition to the rig's own
     mode_t umask;
     rlim_t file_size;
     StationFault fault{};
@@ -35,9 +35,9 @@ struct UnmapPage {
 
 class RigProcess {
   public:
-    /// Starts the program; the page is the process's own.
+    /// Starts the program with its own page.
     RigProcess(const Launch &launch, const Sandbox &sandbox, const Board &board);
-    /// Kills what still runs.
+    /// Kills the process if it still runs.
     ~RigProcess();
     RigProcess(const RigProcess &) = delete;
     RigProcess &operator=(const RigProcess &) = delete;
@@ -46,14 +46,14 @@ class RigProcess {
     [[nodiscard]] StationPage &page() const { return *page_; }
     void send(int signo) const;
 
-    /// Descriptors to poll; one that becomes readable calls for a drain().
+    /// Descriptors to poll; call drain() when one becomes readable.
     [[nodiscard]] std::vector<int> descriptors() const;
-    /// Takes in all that has come, without waiting.
+    /// Reads all output so far without waiting.
     void drain();
 
     [[nodiscard]] const std::string &out() const { return out_; }
     [[nodiscard]] TraceLog &err() { return err_; }
-    /// The exit status, the negative number of the signal that ended it, or none while it runs.
+    /// The exit status or the negative signal number; none while it runs.
     [[nodiscard]] const std::optional<int> &status() const { return status_; }
 
   private:

@@ -17,7 +17,7 @@ void write_own(const char *path, const std::string &text) {
     }
 }
 
-/// In a user namespace the user is its root.
+/// Makes the user root in its user namespace.
 void become_root_of(uid_t uid, gid_t gid) {
     write_own("/proc/self/setgroups", "deny");
     write_own("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");

@@ -176,15 +176,15 @@ void Station::drain() {
 
 void Station::await(const std::string &what, const std::function<bool()> &done) { await(nullptr, what, done); }
 
-void Station::await(RigProcess *beside, const std::string &what, const std::function<bool()> &done) {
-    RigProcess *process = beside != nullptr ? beside : &daemon();
+void Station::await(RigProcess *other, const std::string &what, const std::function<bool()> &done) {
+    RigProcess *process = other != nullptr ? other : &daemon();
     const auto deadline = std::chrono::steady_clock::now() + FAIL_SAFE;
     for (;;) {
         const bool was_running = !process->status();
         process->drain();
         drain();
         if (done()) {
-            process->drain(); // what was written before it became true
+            process->drain(); // output written before it became true
             drain();
             return;
         }
@@ -196,12 +196,12 @@ void Station::await(RigProcess *beside, const std::string &what, const std::func
             give_up(process, "has not come to " + what);
         }
         if (!process->status()) {
-            poll_all(beside, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+            poll_all(other, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count()));
         }
     }
 }
 
-void Station::poll_all(const RigProcess *beside, int milliseconds) const {
+void Station::poll_all(const RigProcess *other, int milliseconds) const {
     std::vector<int> descriptors;
     if (reads_journal) {
         descriptors.push_back(journal_socket_.fd());
@@ -209,7 +209,7 @@ void Station::poll_all(const RigProcess *beside, int milliseconds) const {
     if (reads_syslog) {
         descriptors.push_back(syslog_socket_.fd());
     }
-    for (const RigProcess *process : {beside, static_cast<const RigProcess *>(daemon_.get())}) {
+    for (const RigProcess *process : {other, static_cast<const RigProcess *>(daemon_.get())}) {
         if (process != nullptr) {
             const std::vector<int> own = process->descriptors();
             descriptors.insert(descriptors.end(), own.begin(), own.end());
@@ -244,7 +244,7 @@ HeldFile::HeldFile(const Station &station, std::string path)
 }
 
 void HeldFile::release(const std::string &content) const {
-    files_.write(path_, content); // for a daemon that has not opened the FIFO yet
+    files_.write(path_, content); // in case the daemon has not opened the FIFO yet
     if (::write(fifo_.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
         rig_failure_of("release " + path_);
     }

@@ -1,12 +1,12 @@
 #pragma once
 
-// A station's system bus, with systemd on it.
+// A station's system bus with a fake systemd.
 
 #include "fake_systemd.h"
 #include "private_bus.h"
 #include "station.h"
 
-/// Made before the daemon is started, which then takes it for its own.
+/// Created before the daemon starts, so that the daemon uses it.
 class StationBus {
   public:
     explicit StationBus(Station *station) : bus(station->files().scratch()) {

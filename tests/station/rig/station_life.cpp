@@ -18,7 +18,7 @@ Check even(std::string issue, std::int64_t period, std::string value) {
 
 } // namespace
 
-// 1000 packets without a loss count as 1; no time passes in /proc/stat, so the load stays at its first 0.
+// 1000 packets without losses count as 1; /proc/stat does not change, so the load stays at its initial 0.
 Board even_board() {
     return Board()
         .file("/sys/class/bluetooth/hci0/power/runtime_status", "active\n")
@@ -96,7 +96,7 @@ std::vector<std::string> StationLife::last_records() const {
     return {records_.begin() + static_cast<std::ptrdiff_t>(last_), records_.end()};
 }
 
-/// All in the first pass, then at the multiples of the period.
+/// Due in the first pass and at multiples of the period.
 bool StationLife::is_due(const Course &course, std::int64_t now) const {
     return !started_ || now % course.check.period == 0;
 }

@@ -1,8 +1,7 @@
 #pragma once
 
-// A station's life told in advance: what each check finds for how long, and what the text of a record and
-// of a sentence then has to be. Nothing in it is computed as the daemon computes it; the values, the states
-// that they end in and the sentences are written down, only the delays and periods are counted out.
+// A scripted life of a station: the inputs of each check, their duration, and the expected records and sentences.
+// Values, states and sentences are written by hand, not computed; only delays and periods are counted.
 
 #include "station.h"
 
@@ -11,29 +10,29 @@
 #include <string>
 #include <vector>
 
-/// A stretch of one check's samples that all find the same.
+/// A sequence of equal samples of one check.
 struct Plateau {
     int samples;
-    std::string input;        ///< what is put there for the probe
+    std::string input;        ///< the probe's input
     std::string value;        ///< as recorded: "72", "NaN"
     std::string label = "OK"; ///< the state in which the stretch ends: "OK", "WARN" or "FAIL"
-    std::string sentence{};   ///< priority and text at the change of state; empty when there is none
+    std::string sentence{};   ///< priority and text at the change of state; empty without a change
 };
 
-/// One check; its plateaus follow each other round and round.
+/// One check, which repeats its plateaus.
 struct Check {
-    std::string issue; ///< id and index as recorded: "CB20\t0"
+    std::string issue; ///< id and index as in the record: "CB20\t0"
     std::int64_t period;
-    int delay; ///< the sample of a plateau with which the state changes
+    int delay; ///< the sample of a plateau that changes the state
     std::function<void(Station &, const std::string &)> put;
     std::vector<Plateau> plateaus;
 };
 
-/// A board without WiFi on which every check finds the same at each sample.
+/// A board without WiFi and with constant inputs.
 Board even_board();
-/// The checks that are recorded on it, in the order of their records.
+/// The checks recorded on it, in the order of their records.
 std::vector<Check> even_checks();
-/// Puts `check` in the place of the one with its issue.
+/// Replaces the check with the same issue.
 void replace(std::vector<Check> *checks, Check check);
 
 /// "2024-03-01 12:00:07" in UTC.
@@ -45,13 +44,13 @@ class StationLife {
 
     /// Starts the daemon, whose first pass runs all checks.
     void start(Station *station, const std::vector<std::string> &arguments);
-    /// Goes on to the next multiple of ten seconds.
+    /// Runs a heartbeat at the next multiple of ten seconds.
     void step(Station *station);
     void steps(Station *station, int count);
-    /// Predicts the records of a pass and leaves out the station itself.
+    /// Predicts the records of a pass without running it.
     void skip(std::int64_t now);
 
-    /// The records of all passes so far, a line each.
+    /// The records of all passes so far, one line each.
     [[nodiscard]] const std::vector<std::string> &records() const { return records_; }
     /// The records of the last pass.
     [[nodiscard]] std::vector<std::string> last_records() const;
@@ -62,8 +61,8 @@ class StationLife {
     struct Course {
         Check check;
         std::size_t plateau = 0;
-        int sample = 0;           ///< of the plateau
-        std::string label = "OK"; ///< the state so far
+        int sample = 0;           ///< number in the plateau
+        std::string label = "OK"; ///< the current state
     };
 
     [[nodiscard]] bool is_due(const Course &course, std::int64_t now) const;
@@ -77,5 +76,5 @@ class StationLife {
     bool started_ = false;
 };
 
-/// Priority and text of what has come over the syslog socket.
+/// Priority and text of the records on the syslog socket.
 std::vector<std::string> sentences_of(const Station &station);

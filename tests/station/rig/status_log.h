@@ -1,6 +1,6 @@
 #pragma once
 
-// The status log's text, and the parts of which it has to consist.
+// The text of the status log and of its blocks.
 
 #include "scratch_folder.h"
 
@@ -10,7 +10,7 @@
 
 inline constexpr const char *STATUS_LOG = "/var/lib/evse/vigmond/logfile";
 
-/// The header of the built-in checks, `occasion` being START or ROTATE.
+/// The header of the built-in checks; `occasion` is START or ROTATE.
 inline std::string header_text(const std::string &stamp, const std::string &occasion, const std::string &command_line) {
     const std::string placeholder = "<time>\tSTART\t/usr/bin/vigmond \"-S\" \"200\"";
     std::string text = read_file(STATION_GOLDEN "/../../golden/logfile_header.txt");
@@ -33,7 +33,7 @@ inline std::string text_of(const std::vector<std::string> &lines) {
     return text;
 }
 
-/// The lines that are no comments; what has no line feed behind it is a line of its own.
+/// The lines without comments; a last line may lack its line feed.
 inline std::vector<std::string> records_in(const std::string &text) {
     std::vector<std::string> records;
     std::istringstream lines(text);

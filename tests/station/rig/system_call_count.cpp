@@ -23,7 +23,7 @@ constexpr long WAIT_FOR_SIGNAL = SYS_rt_sigtimedwait_time64;
 constexpr long WAIT_FOR_SIGNAL = SYS_rt_sigtimedwait;
 #endif
 
-/// The call that the stopped process is about to make; nr -1 when it stands elsewhere.
+/// The call that the stopped process is about to make; nr -1 at any other stop.
 __ptrace_syscall_info call_begun(pid_t pid, int status) {
     __ptrace_syscall_info info{};
     if (WSTOPSIG(status) != SYSTEM_CALL_STOP || ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info) <= 0 ||
@@ -37,7 +37,7 @@ bool is_wait_without_end(const __ptrace_syscall_info &info) {
     return static_cast<long>(info.entry.nr) == WAIT_FOR_SIGNAL && info.entry.args[2] == 0;
 }
 
-/// The signal that a stop is about, to be handed on; 0 for the tracer's own stops.
+/// The signal to be delivered after a stop; 0 for the tracer's own stops.
 int signal_of(int status) { return WSTOPSIG(status) == SYSTEM_CALL_STOP || status >> 16 != 0 ? 0 : WSTOPSIG(status); }
 
 void tell(int pipe, long number) {
@@ -46,7 +46,7 @@ void tell(int pipe, long number) {
     }
 }
 
-/// Tells the number of each call, and that of the wait at its beginning and its end.
+/// Writes the number of each call to the pipe, and that of the wait at its start and its end.
 [[noreturn]] void follow(pid_t pid, int pipe) {
     if (ptrace(PTRACE_SEIZE, pid, 0, PTRACE_O_TRACESYSGOOD) != 0 || ptrace(PTRACE_INTERRUPT, pid, 0, 0) != 0) {
         rig_failure_of("following the daemon");
@@ -89,6 +89,6 @@ SystemCalls SystemCallCount::until_next_wait() {
         ++calls[number];
     }
     waitpid(follower_, nullptr, 0);
-    --calls[WAIT_FOR_SIGNAL]; // the one that ends it
+    --calls[WAIT_FOR_SIGNAL]; // the wait that ends the count
     return calls;
 }

@@ -7,16 +7,16 @@
 #include <map>
 #include <sys/types.h>
 
-using SystemCalls = std::map<long, int>; ///< how often, under the number of the call
+using SystemCalls = std::map<long, int>; ///< the count by number of the call
 
 class SystemCallCount {
   public:
-    /// Follows the process, which waits, and returns when it waits again, now under observation.
+    /// Attaches to the waiting process and returns when it waits again.
     explicit SystemCallCount(pid_t pid);
-    /// Follows it to its next wait: the calls between the two.
+    /// Counts the calls up to its next wait.
     SystemCalls until_next_wait();
 
   private:
-    pid_t follower_; ///< a process of its own: its tracee's stops are nobody else's
+    pid_t follower_; ///< a separate process, so that nobody else waits for the tracee's stops
     Descriptor numbers_;
 };

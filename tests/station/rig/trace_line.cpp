@@ -9,7 +9,7 @@ std::optional<TraceLine> parse_trace_line(const std::string &text) {
     std::array<char, 64> file{};
     std::array<char, 64> function{};
     int prefix = 0;
-    // NOLINTNEXTLINE(cert-err34-c): what does not fit is no trace
+    // NOLINTNEXTLINE(cert-err34-c): a mismatch is no trace
     const int fields = std::sscanf(text.c_str(), "(%d) [%u] %8[0-9:] %63[^: ]: %63[^( ](%d)%n", &trace.level,
                                    &trace.thread, time.data(), file.data(), function.data(), &trace.line, &prefix);
     const auto end = static_cast<std::size_t>(prefix);

@@ -1,6 +1,6 @@
 #pragma once
 
-// The daemon's trace lines, taken apart.
+// Parsed trace lines of the daemon.
 
 #include <optional>
 #include <string>
@@ -20,19 +20,19 @@ struct TraceLine {
 
 std::optional<TraceLine> parse_trace_line(const std::string &text);
 
-/// Cuts what comes down a pipe into lines and keeps the traces apart from all other text.
+/// Splits a pipe's output into lines and parses the traces among them.
 class TraceLog {
   public:
     void append(std::string_view bytes);
-    /// Drops what has come so far.
+    /// Drops all output so far.
     void clear();
 
-    /// All bytes as they came.
+    /// The whole output.
     [[nodiscard]] const std::string &text() const { return text_; }
     [[nodiscard]] const std::vector<TraceLine> &lines() const { return lines_; }
     /// The messages of `function`, in order.
     [[nodiscard]] std::vector<std::string> messages_of(std::string_view function) const;
-    /// The messages with `part` in them, in order.
+    /// The messages that contain `part`, in order.
     [[nodiscard]] std::vector<std::string> messages_with(std::string_view part) const;
 
   private:

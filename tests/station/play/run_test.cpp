@@ -134,7 +134,7 @@ TEST_F(Run, EndsWithTheStationsDaemon) {
     types("kill $(cat " + folder() + "/station/board/var/lib/evse/vigmond/.lock)");
     EXPECT_EQ(script->wait(), 0);
     sees("  status log closed");
-    sees("vigmond ended by a termination signal, with status 1 as always.");
+    sees("vigmond ended on a termination signal, with the usual status 1.");
     expect_nothing_left();
 }
 
@@ -165,7 +165,7 @@ TEST_F(Run, RejectsInvalidUse) {
     const std::pair<std::vector<std::string>, std::string> cases[]{
         {{"--station", "--speed", "0"}, "--speed takes a number from 1 to 9999"},
         {{"--station", "--speed"}, "--speed takes a number from 1 to 9999"},
-        {{"--speed", "5"}, "--speed is for --station"},
+        {{"--speed", "5"}, "--speed needs --station"},
         {{"--station"}, "--station needs mount namespaces"},
     };
     for (const auto &[options, refusal] : cases) {

@@ -80,13 +80,13 @@ void expect_within_budget(const SystemCalls &calls) {
 
 } // namespace
 
-TEST(SystemCalls, OfAPassWithEverythingDueAreNoneButTheNecessary) {
+TEST(SystemCalls, OfAPassWithEverythingDueAreMinimal) {
     Station station;
     station.start({});
     expect_within_budget(calls_of_a_pass(station));
 }
 
-TEST(SystemCalls, OfAPassUnderAManagerAreOneMore) {
+TEST(SystemCalls, OfAPassUnderAServiceManagerAreOneMore) {
     Station station{Board().folder("/run")};
     station.environment = {"NOTIFY_SOCKET=/run/notify"};
     const DatagramSocket manager{station.files().host_path("/run/notify")};

@@ -44,7 +44,7 @@ void report_progress(const DifferentialRun &run) {
 
 } // namespace
 
-TEST(Endurance, HoldsNoMoreAtItsEndThanAtItsStart) {
+TEST(Endurance, LeaksNothing) {
     const unsigned beats = from_environment("STATION_HOURS", DEFAULT_HOURS) * BEATS_AN_HOUR;
     Script script(from_environment("STATION_SEED", USUAL_SEED), STATION_LOAD_LOGGER);
     script.lose_bus_every(BEATS_WITH_BUS);

@@ -289,7 +289,7 @@ bool lan_after_start(const Content &content) {
 
 } // namespace
 
-TEST(LanSettings, SayWhetherTheLanIsInUse) {
+TEST(LanSettings, DecideWhetherTheLanIsInUse) {
     using namespace std::string_literals;
     const SettingsCase cases[]{
         {std::nullopt, true},

@@ -213,7 +213,7 @@ struct SmallDisk : testing::Test {
 
 } // namespace
 
-TEST_F(SmallDisk, LosesWholeRecordsWhileItIsFullAndNoOthers) {
+TEST_F(SmallDisk, LosesWholeRecordsOnlyWhileItIsFull) {
     life.start(&station, {"-D"});
     life.steps(&station, 5);
     const std::string before = read_file(seen(STATUS_LOG));

@@ -1,5 +1,5 @@
-// A long life on a bus that is killed, stopped and flooded at random. STATION_BUS_FAULTS=n has n faults,
-// STATION_FLOOD_SECONDS=n floods for so long, STATION_SEED=n repeats the random instants.
+// A long run on a bus that is killed, stopped and flooded at random. STATION_BUS_FAULTS=n sets the number of
+// faults, STATION_FLOOD_SECONDS=n the length of the flood, STATION_SEED=n repeats the random instants.
 
 #include "busy_station.h"
 #include "fake_systemd.h"
@@ -30,7 +30,7 @@ using std::chrono::milliseconds;
 constexpr unsigned DEFAULT_FAULTS = 4;
 constexpr unsigned DEFAULT_FLOOD_SECONDS = 2;
 constexpr int CLIENTS = 50;
-constexpr int SAMPLES = 5; ///< with the fifth the state of the temperature changes
+constexpr int SAMPLES = 5; ///< the fifth changes the state of the temperature
 constexpr const char *PATH = "/com/corvana/Monitoring1";
 constexpr const char *INTERFACE = "com.corvana.State2.Issues";
 
@@ -40,7 +40,7 @@ struct Campaign : testing::Test {
         station.await_wait_after(0);
     }
 
-    /// A heartbeat on the next tenth second.
+    /// The next heartbeat.
     void beat() {
         const unsigned before = station.waits();
         station.step(10 - station.clock() % 10);
@@ -48,7 +48,7 @@ struct Campaign : testing::Test {
         ASSERT_EQ(station.waits(), before + 1);
         take_in_updates();
     }
-    /// So many heartbeats that the temperature's state changes, `fault` striking during the first.
+    /// Runs heartbeats until the temperature's state changes; `fault` strikes during the first.
     void change_state(const std::function<void()> &fault) {
         hot = !hot;
         station.temperature(hot ? 75000 : 42000);
@@ -57,11 +57,11 @@ struct Campaign : testing::Test {
                 beat();
             }
         });
-        fault(); // on this thread: what a thread starts ends with it
+        fault(); // on this thread: a child ends with the thread that started it
         living.wait();
         ASSERT_FALSE(HasFailure());
     }
-    /// What the registry has been told of, from its traces.
+    /// Reads from the traces what was reported to the registry.
     void take_in_updates() {
         for (const std::string &update : station.trace().messages_of("d_bus_srv_issue_update")) {
             if (update.starts_with("ID: ")) {
@@ -81,7 +81,7 @@ struct Campaign : testing::Test {
         }
         return labels;
     }
-    /// The daemon has its name again and tells what its registry holds.
+    /// Expects that the daemon owns its name again and lists what its registry holds.
     void expect_back() {
         BusClient client(world.bus());
         ASSERT_NE(client.wait_for_owner(SERVICE_NAME), "");
@@ -117,7 +117,7 @@ TEST_F(Campaign, SurvivesABusThatDiesAndStallsAtRandom) {
                 kill(world.bus().pid(), SIGSTOP);
                 std::this_thread::sleep_for(duration);
                 kill(world.bus().pid(), SIGCONT);
-            } else { // dies, and is back at once or after a while
+            } else { // dies, and returns at once or later
                 world.bus().stop();
                 std::this_thread::sleep_for(kind == 1 ? milliseconds(0) : duration);
                 world.bus().start();
@@ -127,19 +127,19 @@ TEST_F(Campaign, SurvivesABusThatDiesAndStallsAtRandom) {
             world.systemd().connect();
         }
         ASSERT_NO_FATAL_FAILURE(expect_back());
-        ASSERT_NO_FATAL_FAILURE(beat()); // in which what waited is sent
+        ASSERT_NO_FATAL_FAILURE(beat()); // sends what was pending
         if (fault == 1) {
             before = usage_of(station.pid());
         }
     }
-    EXPECT_EQ(changes["CB20"], static_cast<int>(faults)) << "each change of the temperature's state came through";
+    EXPECT_EQ(changes["CB20"], static_cast<int>(faults)) << "every change of the temperature's state was signalled";
     if (before) {
         expect_as_before(usage_of(station.pid()), *before);
     }
     EXPECT_EQ(station.stop(), 1);
 }
 
-// While somebody else has it and lets go of it, too.
+// Another connection takes the name and releases it.
 TEST_F(Campaign, GetsItsNameBackFromAThief) {
     ASSERT_NO_FATAL_FAILURE(beat());
     world.bus().stop();
@@ -157,7 +157,7 @@ TEST_F(Campaign, GetsItsNameBackFromAThief) {
 
 namespace {
 
-/// Many clients that call all at once, again and again for a time, each time until all is answered.
+/// Many clients that call at once, repeatedly; each round ends when every call is answered.
 class Flood {
   public:
     Flood(const PrivateBus &bus, std::chrono::seconds duration) {
@@ -181,7 +181,7 @@ class Flood {
         constexpr int calls = 20;
         std::vector<dbus_uint32_t> last;
         for (const auto &client : clients_) {
-            for (int call = 1; call < calls; ++call) { // half of them calls that are never answered
+            for (int call = 1; call < calls; ++call) { // half of them get no reply
                 client->send(method_call(PATH, INTERFACE, call % 2 == 0 ? "GetListing" : "Unknown"));
             }
             last.push_back(client->send(method_call(PATH, INTERFACE, "GetListing")));
@@ -225,7 +225,7 @@ TEST_F(Campaign, LosesNoHeartbeatInAFloodOfCalls) {
 
 namespace {
 
-/// Some clients that write one and the same call as fast as the bus takes it, and read nothing.
+/// Clients that write the same call as fast as the bus accepts it, and read nothing.
 class Blast {
   public:
     Blast(const PrivateBus &bus, const BusMessage &call) {
@@ -275,9 +275,9 @@ class Blast {
 
 } // namespace
 
-// With an answer to each, the bus would refuse and log them all, and what the daemon reads in while it waits for
-// the bus to take them would fill its memory. Nobody reads the journal, which would else set the pace.
-TEST(SystemBusCampaign, LeavesAFloodOfCallsThatWantNoReplyWithItsSenders) {
+// If the daemon replied to each, the bus would refuse and log every reply, and the calls read while waiting for
+// the bus would fill the daemon's memory. The journal is not read, because its reader would set the pace.
+TEST(SystemBusCampaign, BoundsMemoryInAFloodOfNoReplyCalls) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::seconds soon(5);
     const std::chrono::seconds duration(from_environment("STATION_FLOOD_SECONDS", DEFAULT_FLOOD_SECONDS));
@@ -315,7 +315,7 @@ TEST(SystemBusCampaign, LeavesAFloodOfCallsThatWantNoReplyWithItsSenders) {
 
 namespace {
 
-/// Signals to the connection over which systemd is asked, as fast as a process of its own can send them.
+/// A process that floods the connection used for questions to systemd with signals.
 class SignalFlood {
   public:
     SignalFlood(const PrivateBus &bus, pid_t daemon, const std::string &size)
@@ -346,6 +346,6 @@ TEST_F(Campaign, LosesNoHeartbeatInAFloodOfSignals) {
     }
     ASSERT_NO_FATAL_FAILURE(expect_back());
     EXPECT_EQ(changes["CB20"], states);
-    EXPECT_FALSE(raised["CB23"]) << "each question was answered";
+    EXPECT_FALSE(raised["CB23"]) << "every question was answered";
     EXPECT_EQ(station.stop(), 1);
 }

@@ -1,5 +1,5 @@
-// The bus is not there, is somebody else's, goes away and comes back; clients misbehave. The daemon goes
-// on monitoring.
+// The bus is missing, the name is taken, the bus is lost and returns; clients misbehave. The daemon keeps
+// monitoring.
 
 #include "bus_station.h"
 #include "from_environment.h"
@@ -17,13 +17,13 @@ using testing::SizeIs;
 
 namespace {
 
-// Under which names the threads trace.
+// The function names in the threads' traces.
 constexpr const char *LISTENER = "d_bus_srv_main";
 constexpr const char *SENDER = "d_bus_srv_msg_sender";
 
 class BusFault : public BusStation {
   protected:
-    /// A client with the daemon's signals, once the daemon is there.
+    /// A client that receives the daemon's signals; waits for the daemon first.
     BusClient &new_client() {
         BusClient &made = client.emplace(bus);
         watch_issues(&made);
@@ -34,7 +34,7 @@ class BusFault : public BusStation {
         station.start(arguments);
         EXPECT_NE(client->wait_for_owner(SERVICE_NAME), "");
     }
-    /// Without traces, which somebody would have to read all the time.
+    /// Without traces, so that nobody has to read them.
     void start_serving_silently() {
         silence();
         start_serving({});
@@ -43,7 +43,7 @@ class BusFault : public BusStation {
         EXPECT_NE(client->wait_for_owner(SERVICE_NAME), "");
         EXPECT_TRUE(is_return(client->call(listing_call())));
     }
-    /// Takes the bus away; goes on when the daemon has noticed.
+    /// Stops the bus and waits until the daemon has noticed.
     void lose_bus() {
         client.reset();
         bus.stop();
@@ -51,7 +51,7 @@ class BusFault : public BusStation {
             return !station.trace().messages_with("the bus is gone, trying to come back").empty();
         });
     }
-    /// Heartbeats, each of which leaves its records.
+    /// Runs heartbeats and expects records from each.
     void expect_monitoring(int heartbeats) {
         for (int i = 0; i < heartbeats; ++i) {
             station.step();
@@ -62,7 +62,7 @@ class BusFault : public BusStation {
             }
         }
     }
-    /// Heartbeats until the daemon has so many threads; a thread tells of its end before it ends.
+    /// Runs heartbeats until the daemon has `count` threads; a thread traces its end before it ends.
     void expect_threads(std::size_t count) {
         for (int i = 0; i < 100 && threads_of(station.pid()) != count; ++i) {
             station.step();
@@ -70,9 +70,9 @@ class BusFault : public BusStation {
         EXPECT_EQ(threads_of(station.pid()), count);
     }
 
-    /// A reply lost at each of ten thousand calls would be a thousand pages; a burst of calls takes a hundred.
+    /// One leaked reply per call would be a thousand pages for ten thousand calls; a burst needs a hundred.
     void expect_same_memory(long pages) {
-        if (sanitized_daemon() == nullptr) { // a sanitizer keeps what was freed
+        if (sanitized_daemon() == nullptr) { // a sanitizer keeps freed memory
             EXPECT_LT(memory_of(station.pid()) - pages, 256);
         }
     }
@@ -94,14 +94,14 @@ TEST_F(BusFault, WithoutABusAtTheStartBothThreadsEnd) {
     expect_threads(1);
     station.temperature(72000);
     expect_monitoring(10);
-    bus.start(); // too late: a bus that was not there at the start is not looked for
+    bus.start(); // too late: after a start without a bus nobody connects again
     new_client();
     expect_monitoring(3);
     EXPECT_EQ(dbus_message_get_type(client->ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR);
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(BusFault, ANameThatSomebodyKeepsEndsTheListenerAlone) {
+TEST_F(BusFault, ANameThatIsTakenEndsTheListenerOnly) {
     new_client();
     ASSERT_EQ(number_of(client->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
     station.start();
@@ -137,7 +137,7 @@ TEST_F(BusFault, ABusThatIsBackAfterASecondIsServedAgain) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(BusFault, WhatWasToBeSignalledWithoutABusComesLaterInOrder) {
+TEST_F(BusFault, SignalsPendingWithoutABusAreSentLaterInOrder) {
     start_serving();
     lose_bus();
     station.temperature(72000);
@@ -154,14 +154,14 @@ TEST_F(BusFault, WhatWasToBeSignalledWithoutABusComesLaterInOrder) {
     expect_served();
 }
 
-TEST_F(BusFault, ABusThatComesAndGoesLeavesNothingBehind) {
+TEST_F(BusFault, ReconnectingLeaksNothing) {
     start_serving();
     std::vector<std::size_t> descriptors;
     std::vector<std::size_t> threads;
     for (int round = 0; round < 3; ++round) {
         station.forget();
         lose_bus();
-        expect_monitoring(30); // five minutes of the station's
+        expect_monitoring(30); // five minutes on the station
         bus.start();
         new_client();
         expect_served();
@@ -185,8 +185,8 @@ TEST_F(BusFault, ATerminationDoesNotWaitForTheBus) {
 
 namespace {
 
-/// Writes bytes to the bus past the library, which reads nothing meanwhile. False when the bus has
-/// closed the connection.
+/// Writes bytes directly to the bus's socket; the library reads nothing. False when the bus has closed the
+/// connection.
 bool write_raw(const BusClient &client, const std::string &bytes) {
     int socket = -1;
     dbus_connection_get_unix_fd(client.connection(), &socket);
@@ -203,7 +203,7 @@ bool write_raw(const BusClient &client, const std::string &bytes) {
     return true;
 }
 
-/// `count` calls of GetListing as they go over the wire.
+/// `count` calls of GetListing in wire format.
 std::string listing_calls(int count) {
     std::string bytes;
     const BusMessage call = listing_call();
@@ -237,7 +237,7 @@ TEST_F(BusFault, ABusThatDiesUnderAFloodOfCallsIsServedAgain) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(BusFault, AClientThatNeverReadsHarmsNobodyElse) {
+TEST_F(BusFault, AClientThatNeverReadsDoesNotAffectOthers) {
     start_serving_silently();
     expect_served();
     const std::size_t descriptors = descriptors_of(station.pid());
@@ -252,7 +252,7 @@ TEST_F(BusFault, AClientThatNeverReadsHarmsNobodyElse) {
     expect_same_memory(memory);
 }
 
-TEST_F(BusFault, BytesThatAreNoMessageConcernTheBusAlone) {
+TEST_F(BusFault, InvalidBytesAreHandledByTheBus) {
     start_serving();
     const BusClient broken(bus);
     ASSERT_TRUE(write_raw(broken, std::string(4096, 'x')));
@@ -303,7 +303,7 @@ BusMessage with(BusMessage call, const std::vector<Argument> &arguments) {
 
 struct WrongCall {
     std::vector<Argument> arguments;
-    std::string answer; ///< of the switch; the other methods do not look at arguments
+    std::string answer; ///< of ChangeInterfaceAvailability; the other methods ignore arguments
 };
 
 } // namespace
@@ -322,9 +322,9 @@ TEST_F(BusFault, CallsWithWrongArgumentsAreAnswered) {
         {{container, flag}, "failed"},
         {{text, container}, "failed"},
         {{long_text}, "failed"},
-        {{long_text, flag}, "accepted"},             // nothing is called so
-        {{text, flag}, "failed"},                    // switched, and answered so on purpose
-        {{text, flag, number, long_text}, "failed"}, // likewise: what follows is not looked at
+        {{long_text, flag}, "accepted"},             // no such name
+        {{text, flag}, "failed"},                    // switched; the answer is kept
+        {{text, flag, number, long_text}, "failed"}, // likewise; further arguments are ignored
         {{long_text, flag, container, text}, "accepted"},
     };
     for (const WrongCall &wrong : calls) {
@@ -338,10 +338,10 @@ TEST_F(BusFault, CallsWithWrongArgumentsAreAnswered) {
     expect_monitoring(1);
 }
 
-TEST_F(BusFault, TenThousandCallsLeaveNothingBehind) {
+TEST_F(BusFault, TenThousandCallsLeakNothing) {
     start_serving_silently();
     station.temperature(72000);
-    expect_monitoring(5); // so that there is something to list
+    expect_monitoring(5); // raises an issue to list
     const auto call_all = [this](int rounds) {
         for (int i = 0; i < rounds; ++i) {
             ASSERT_TRUE(is_return(client->call(listing_call())));

@@ -1,4 +1,4 @@
-// What the station's clients see on the bus: ours to the byte, and those that others wrote.
+// What clients see on the bus: byte for byte, and through common tools.
 
 #include "bus_station.h"
 
@@ -12,7 +12,7 @@ class Issues : public BusStation {
   protected:
     explicit Issues(Board board = even_board()) : BusStation(std::move(board)) {}
 
-    /// The daemon runs, and `client` gets its signals.
+    /// Starts the daemon; `client` receives its signals.
     void start() {
         watch_issues(&client);
         station.start();
@@ -29,7 +29,7 @@ struct IssuesOfAWornBoard : Issues {
 
 } // namespace
 
-TEST_F(Issues, OfAHealthyStationAreNone) {
+TEST_F(Issues, AreNoneOnAHealthyStation) {
     start();
     const BusMessage listing = list();
     ASSERT_TRUE(is_return(listing));
@@ -37,7 +37,7 @@ TEST_F(Issues, OfAHealthyStationAreNone) {
     EXPECT_EQ(body_bytes(listing.get()), "");
 }
 
-// The fifth sample is that of the fifth pass, 50 s behind the first; so is the fifth good one behind that.
+// The fifth sample comes 50 s after the first pass, the fifth good one 50 s after that.
 TEST_F(Issues, AreRaisedAndClearedWithTheFifthSample) {
     start();
     station.temperature(72000);
@@ -53,7 +53,7 @@ TEST_F(Issues, AreRaisedAndClearedWithTheFifthSample) {
     EXPECT_STREQ(dbus_message_get_signature(list().get()), "");
 }
 
-// Not one byte more: 4+5 bytes of one text, behind a time of 0x65E1C379; 13 bytes of one struct.
+// Signal: the time 0x65E1C379, then 4+5 bytes of one text. Listing: 13 bytes of one struct.
 TEST_F(Issues, HaveTheseBytes) {
     start();
     station.temperature(72000);
@@ -71,8 +71,7 @@ TEST_F(Issues, HaveTheseBytes) {
                                                     21));
 }
 
-// A warning that becomes a failure is one more report, which no recovery takes back. Deliberate: the
-// issue stays, and its date with it.
+// A warning that becomes a failure counts twice, a recovery once: the issue stays raised with its date. Kept.
 TEST_F(Issues, StayRaisedAfterAWarningThatBecameAFailure) {
     start();
     station.temperature(72000);
@@ -82,14 +81,14 @@ TEST_F(Issues, StayRaisedAfterAWarningThatBecameAFailure) {
     station.temperature(42000);
     station.heartbeats(10);
     station.files().write(MEMORY_FILE, meminfo(1000, 200));
-    station.heartbeats(5); // 250 s behind the first
+    station.heartbeats(5); // 250 s after the first
     EXPECT_EQ(next_signal(&client), new_issues(FIRST_PASS + 50, {"CB20"}));
-    EXPECT_EQ(next_signal(&client), new_issues(FIRST_PASS + 250, {"CB21"})) << "and nothing in between";
+    EXPECT_EQ(next_signal(&client), new_issues(FIRST_PASS + 250, {"CB21"})) << "nothing in between";
     EXPECT_EQ(body_bytes(list().get()), listing_bytes({{FIRST_PASS + 50, "CB20"}, {FIRST_PASS + 250, "CB21"}}));
     EXPECT_THAT(station.read(STATUS_FOLDER + std::string("/logfile")), HasSubstr("12:04:17\tOK\tCB20\t0\t42\n"));
 }
 
-TEST_F(Issues, OfOnePassShareASignalInTheOrderOfTheirNumbers) {
+TEST_F(Issues, OfOnePassShareASignalSortedByNumber) {
     start();
     station.files().write(MEMORY_FILE, meminfo(1000, 200));
     station.temperature(72000);
@@ -97,7 +96,7 @@ TEST_F(Issues, OfOnePassShareASignalInTheOrderOfTheirNumbers) {
     EXPECT_EQ(next_signal(&client), new_issues(FIRST_PASS + 50, {"CB20", "CB21"}));
 }
 
-TEST_F(Issues, RaisedInAPassAreAnnouncedBeforeThoseThatItCleared) {
+TEST_F(Issues, RaisedAreSignalledBeforeThoseClearedInTheSamePass) {
     start();
     station.temperature(72000);
     station.heartbeats(5);
@@ -109,8 +108,8 @@ TEST_F(Issues, RaisedInAPassAreAnnouncedBeforeThoseThatItCleared) {
     EXPECT_EQ(next_signal(&client), cleared_issues(FIRST_PASS + 100, {"CB20"}));
 }
 
-// The disks are looked at each quarter of an hour: at 13:15, 14:30 and 15:45 for the fifth time.
-TEST_F(Issues, OfTwoTasksWithOneNumberAreOne) {
+// The disks are checked every 15 minutes: each fifth sample falls on 13:15, 14:30 and 15:45.
+TEST_F(Issues, OfTwoTasksWithTheSameNumberAreOne) {
     constexpr Disk low{.blocks = 100, .free = 20, .available = 20};
     constexpr Disk half{.blocks = 100, .free = 50, .available = 50};
     start();
@@ -131,15 +130,14 @@ TEST_F(Issues, OfTwoTasksWithOneNumberAreOne) {
     EXPECT_EQ(next_signal(&client), cleared_issues(FIRST_PASS + 13493, {"CB22"}));
 }
 
-TEST_F(Issues, OfAServiceThatIsDown) {
+TEST_F(Issues, AreRaisedForAServiceThatIsDown) {
     start();
     systemd.activate(NGINX, "failed");
     station.heartbeats(10);
     EXPECT_EQ(next_signal(&client), new_issues(FIRST_PASS + 100, {"CB23"}));
 }
 
-// A worn eMMC is found with the first sample: its signal is made while the threads may still be on their
-// way to the bus, and waits for them.
+// A worn eMMC is reported by the first sample: its signal is queued, as the threads may not be connected yet.
 TEST_F(IssuesOfAWornBoard, AreAnnouncedByTheFirstPass) {
     for (int run = 0; run < 10; ++run) {
         start();
@@ -150,7 +148,7 @@ TEST_F(IssuesOfAWornBoard, AreAnnouncedByTheFirstPass) {
 
 namespace {
 
-/// What a program of others puts out on the station's bus, its status in front of it.
+/// Exit status and output of a foreign program on the station's bus.
 std::string output_of(const PrivateBus &bus, std::vector<std::string> command) {
     command.insert(command.begin(), {"env", bus.variable()});
     const CommandResult result = run_command(command);
@@ -203,7 +201,7 @@ TEST_F(Issues, AreListedByDbusSend) {
               "0\n   array [\n      struct {\n         uint32 1709294457\n         CB20      }\n   ]\n");
 }
 
-TEST_F(Issues, AreDescribedToOthers) {
+TEST_F(Issues, AreDescribedByIntrospection) {
     start();
     const std::string described = output_of(
         bus, {"gdbus", "introspect", "--xml", "--system", "--dest", SERVICE_NAME, "--object-path", OBJECT_PATH});
@@ -221,7 +219,7 @@ TEST_F(Issues, AreDescribedToOthers) {
 
 namespace {
 
-/// A program of others that shows signals as they come.
+/// A foreign program that prints signals as they arrive.
 struct Monitor {
     const char *name;
     std::string command;
@@ -230,7 +228,7 @@ struct Monitor {
 
 void PrintTo(const Monitor &monitor, std::ostream *out) { *out << monitor.name; }
 
-/// Whether somebody asks the bus for all messages, or for those of one sender.
+/// Whether a client subscribes to all messages or to those of one sender.
 bool asks_to_watch(DBusMessage *message) {
     const char *rule = "";
     return dbus_message_is_method_call(message, DBUS_INTERFACE_MONITORING, "BecomeMonitor") != 0 ||
@@ -250,7 +248,7 @@ TEST_P(Monitors, ShowTheSignals) {
     BusClient witness(bus);
     witness.become_monitor();
     ChildProcess process({"sh", "-c", monitor.command + " 2>&1"}, {bus.variable()});
-    ASSERT_TRUE(witness.wait_for(asks_to_watch)); // what the programs say of it comes before it
+    ASSERT_TRUE(witness.wait_for(asks_to_watch)); // the programs announce it first
     station.temperature(72000);
     station.heartbeats(5);
     std::size_t line = 0;

@@ -1,4 +1,4 @@
-// What a heartbeat may cost, as far as that is exact: the system calls of the main thread.
+// The exact part of a heartbeat's cost: the system calls of the main thread.
 
 #include "capture.h"
 #include "station.h"
@@ -38,7 +38,7 @@ constexpr std::array budgets{
     Budget{SYS_access, 1, "Bluetooth"},
     Budget{SYS_fcntl, 1, "the stream of the LAN's settings"},
     Budget{SYS_write, 1, "the rig's own: it tells that the wait is entered"},
-    // A try to reach the bus that is not there.
+    // An attempt to connect to the missing bus.
     Budget{SYS_socket, 1, ""},
     Budget{SYS_connect, 1, ""},
     Budget{SYS_setsockopt, 4, ""},
@@ -80,13 +80,13 @@ void expect_within_budget(const SystemCalls &calls) {
 
 } // namespace
 
-TEST(SystemCalls, OfAPassWithEverythingDueAreNoneButTheNecessary) {
+TEST(SystemCalls, OfAPassWithEverythingDueAreMinimal) {
     Station station;
     station.start({});
     expect_within_budget(calls_of_a_pass(station));
 }
 
-TEST(SystemCalls, OfAPassUnderAManagerAreOneMore) {
+TEST(SystemCalls, OfAPassUnderAServiceManagerAreOneMore) {
     Station station{Board().folder("/run")};
     station.environment = {"NOTIFY_SOCKET=/run/notify"};
     const DatagramSocket manager{station.files().host_path("/run/notify")};

@@ -56,13 +56,13 @@ TEST(Dump, ShowsTheDefaultPathWhenTheLogFileCannotBeOpened) {
     EXPECT_EQ(station.run({"-L", "/missing/status", "-d"}).out, golden());
 }
 
-TEST(Dump, WritesAPathWithQuotesAsItIs) {
+TEST(Dump, WritesAPathWithQuotesUnchanged) {
     Station station;
     EXPECT_EQ(station.run({"-L", "/tmp/a\"b\\c", "-d"}).out,
               with(golden(), "\"/var/lib/evse/vigmond/logfile\"", "\"/tmp/a\"b\\c\""));
 }
 
-TEST(Dump, TakesNoLockAndNeedsNone) {
+TEST(Dump, TakesAndNeedsNoLock) {
     Station station;
     station.start();
     EXPECT_EQ(station.run({"-d"}).status, 0);

@@ -1,6 +1,6 @@
-// A long life with random inputs, a heartbeat every ten seconds: no difference from the model, whose foretold
-// log and generations are compared with those of the daemon, and no more held at its end than at its start.
-// STATION_HOURS=n lives so long (8760 is a year), STATION_SEED=n has other inputs.
+// A long run with random inputs, a heartbeat every ten seconds: the log, its generations and all other output
+// match the model, and no resource usage grows.
+// STATION_HOURS=n sets the length (8760 is a year), STATION_SEED=n selects other inputs.
 
 #include "from_environment.h"
 #include "model/life.h"
@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <iostream>
 
-using model::Duet;
+using model::DifferentialRun;
 using model::Input;
 using model::RigSetup;
 using model::Script;
@@ -21,8 +21,8 @@ constexpr unsigned DEFAULT_HOURS = 3;
 constexpr unsigned USUAL_SEED = 1;
 constexpr unsigned BEATS_AN_HOUR = 360;
 constexpr unsigned A_THOUSAND = 1000;
-constexpr unsigned BEATS_TO_TELL_OF = 50 * A_THOUSAND;
-constexpr unsigned BEATS_WITH_BUS = 10 * A_THOUSAND; // it takes a second of real time to come back
+constexpr unsigned BEATS_PER_REPORT = 50 * A_THOUSAND;
+constexpr unsigned BEATS_WITH_BUS = 10 * A_THOUSAND; // a reconnection takes a second of real time
 
 RigSetup with_bus_and_small_logs(RigSetup setup) {
     setup.has_bus = true;
@@ -30,41 +30,41 @@ RigSetup with_bus_and_small_logs(RigSetup setup) {
     return setup;
 }
 
-/// After a heartbeat with a bus: with all connections of the daemon in place.
-ProcessUsage usage_on_the_bus(Duet *duet) {
-    duet->put({.kind = Input::Kind::bus_back, .target = "", .text = ""});
-    duet->beat();
-    return usage_of(duet->pid());
+/// Usage after a heartbeat with a bus, when all connections exist.
+ProcessUsage usage_on_the_bus(DifferentialRun *run) {
+    run->put({.kind = Input::Kind::bus_back, .target = "", .text = ""});
+    run->beat();
+    return usage_of(run->pid());
 }
 
-void tell_progress(const Duet &duet) {
-    std::cout << duet.beats_done() << " heartbeats, " << duet.rotations() << " rotations, "
-              << usage_of(duet.pid()).resident_kb << " kB" << std::endl;
+void report_progress(const DifferentialRun &run) {
+    std::cout << run.beats_done() << " heartbeats, " << run.rotations() << " rotations, "
+              << usage_of(run.pid()).resident_kb << " kB" << std::endl;
 }
 
 } // namespace
 
-TEST(Endurance, HoldsNoMoreAtItsEndThanAtItsStart) {
+TEST(Endurance, LeaksNothing) {
     const unsigned beats = from_environment("STATION_HOURS", DEFAULT_HOURS) * BEATS_AN_HOUR;
     Script script(from_environment("STATION_SEED", USUAL_SEED), STATION_LOAD_LOGGER);
     script.lose_bus_every(BEATS_WITH_BUS);
-    Duet duet(with_bus_and_small_logs(script.setup()), small_logs());
-    duet.start();
+    DifferentialRun run(with_bus_and_small_logs(script.setup()), small_logs());
+    run.start();
     ProcessUsage at_first{};
-    while (duet.beats_done() < beats && duet.difference().empty()) {
-        live_until(duet.now() - duet.now() % 10 + 10, &script, &duet);
-        if (duet.beats_done() == A_THOUSAND) {
-            at_first = usage_on_the_bus(&duet);
+    while (run.beats_done() < beats && run.difference().empty()) {
+        live_until(run.now() - run.now() % 10 + 10, &script, &run);
+        if (run.beats_done() == A_THOUSAND) {
+            at_first = usage_on_the_bus(&run);
         }
-        if (duet.beats_done() % BEATS_TO_TELL_OF == 0) {
-            tell_progress(duet);
-            duet.forget();
+        if (run.beats_done() % BEATS_PER_REPORT == 0) {
+            report_progress(run);
+            run.forget();
         }
     }
-    tell_progress(duet);
-    ASSERT_EQ(duet.difference(), "");
-    expect_as_before(usage_on_the_bus(&duet), at_first);
-    duet.stop();
-    EXPECT_EQ(duet.difference(), "");
-    EXPECT_GT(duet.rotations(), beats / 100);
+    report_progress(run);
+    ASSERT_EQ(run.difference(), "");
+    expect_as_before(usage_on_the_bus(&run), at_first);
+    run.stop();
+    EXPECT_EQ(run.difference(), "");
+    EXPECT_GT(run.rotations(), beats / 100);
 }

@@ -102,10 +102,10 @@ TEST(TemperatureState, HoldsDownTo65AndLeavesAt64) {
     station.temperature(64000);
     EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNYN");
     station.temperature(69000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNNN") << "OK again, so the limit is 70 again";
+    EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNNN") << "OK again: the limit is 70 again";
 }
 
-TEST(TemperatureState, BecomesFailureFromWarningAndReturns) {
+TEST(TemperatureState, ChangesFromWarningToFailureAndBack) {
     Station station;
     station.start();
     station.temperature(79000);
@@ -115,10 +115,10 @@ TEST(TemperatureState, BecomesFailureFromWarningAndReturns) {
     station.temperature(75000); // 80 - 5 is still a failure
     EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNNN");
     station.temperature(74000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 4), "NNNY") << "the sixth failure counts for the warning too";
+    EXPECT_EQ(changes_in(station, temperature_issue, 4), "NNNY") << "the sixth failure also counts for the warning";
 }
 
-TEST(TemperatureState, IsLeftAloneByFlutter) {
+TEST(TemperatureState, IgnoresFlutter) {
     Station station;
     station.start();
     for (int i = 0; i < 6; ++i) {
@@ -129,7 +129,7 @@ TEST(TemperatureState, IsLeftAloneByFlutter) {
     }
 }
 
-TEST(TemperatureState, CountsOnAfterAFailedRead) {
+TEST(TemperatureState, KeepsCountingAfterAFailedRead) {
     Station station;
     station.start();
     station.temperature(72000);
@@ -138,7 +138,7 @@ TEST(TemperatureState, CountsOnAfterAFailedRead) {
     EXPECT_EQ(changes_in(station, temperature_issue, 3), "NNN");
     EXPECT_EQ(last_of(station, temperature_issue), invalid(72)) << "the stale value is shown";
     station.temperature(72000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 1), "Y") << "four before and one behind the gap";
+    EXPECT_EQ(changes_in(station, temperature_issue, 1), "Y") << "four before the gap and one after it";
 }
 
 TEST(TemperatureState, BelowFreezingWarnsAndFails) {
@@ -165,7 +165,7 @@ TEST_P(MemoryShare, IsRead) {
     EXPECT_EQ(last_of(station, memory_issue), GetParam().evaluation);
 }
 
-// (100 * free + total / 2 - 1) / total, cut.
+// (100 * free + total / 2 - 1) / total, truncated.
 INSTANTIATE_TEST_SUITE_P(
     Content, MemoryShare,
     testing::Values(MemoryContent{meminfo(1000, 500), valid(50)},   // 50499 / 1000
@@ -215,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(Registers, EmmcWear,
                                          Emmc{7, 0x01, 0x0F, invalid(0)}, Emmc{6, 0x01, 0x03, invalid(0)},
                                          Emmc{0, 0, 0, invalid(0)}));
 
-TEST(Emmc, IsAskedOnceForItsExtendedRegister) {
+TEST(Emmc, ReadsTheExtendedRegisterOnce) {
     Station station(Board().emmc(7, 1, 3));
     station.start();
     station.heartbeats(3);
@@ -231,7 +231,7 @@ TEST(Emmc, IsAskedOnceForItsExtendedRegister) {
     EXPECT_THAT(station.trace().messages_of("wearout_exec"), ElementsAre(" ", "/dev/mmcblk1: 30%"));
 }
 
-TEST(Emmc, ThatFailsMakesTheValueInvalid) {
+TEST(Emmc, FailureMakesTheValueInvalid) {
     Station failing(Board().emmc_fails(EIO));
     failing.start();
     EXPECT_EQ(last_of(failing, emmc_issue), invalid(0));
@@ -243,8 +243,8 @@ TEST(Emmc, ThatFailsMakesTheValueInvalid) {
     EXPECT_EQ(missing.emmc().commands, 0U);
 }
 
-// Known: a failure without an error number counts as measured.
-TEST(Emmc, ThatFailsWithoutAnErrorIsUnworn) {
+// A failure without an error number counts as a measurement. Kept.
+TEST(Emmc, FailureWithoutAnErrorNumberReadsAsUnworn) {
     Station station(Board().emmc_fails(0));
     station.start();
     EXPECT_EQ(last_of(station, emmc_issue), valid(0));
@@ -262,23 +262,23 @@ TEST(Disks, AreReadByTheirMountPoint) {
     station.start();
     EXPECT_EQ(last_of(station, "CB22[0]"), valid(91)); // (90500 + 500) / 1000
     EXPECT_EQ(last_of(station, "CB22[1]"), valid(30)); // 30900 / 1000
-    EXPECT_EQ(last_of(station, "CB22[2]"), valid(91)) << "the first one again, deliberately";
+    EXPECT_EQ(last_of(station, "CB22[2]"), valid(91)) << "the first one again; kept";
     EXPECT_EQ(last_of(station, "CB22[3]"), invalid(0)) << "no blocks";
     EXPECT_EQ(last_of(station, "CB22[4]"), invalid(0));
-    EXPECT_EQ(last_of(station, "CB22[5]"), valid(0)) << "a failure without an error number counts as measured";
-    EXPECT_EQ(last_of(station, "CB22[6]"), valid(50)) << "of the largest count, 500";
+    EXPECT_EQ(last_of(station, "CB22[5]"), valid(0)) << "a failure without an error number counts as a measurement";
+    EXPECT_EQ(last_of(station, "CB22[6]"), valid(50)) << "500 of the largest count";
     EXPECT_EQ(last_of(station, "CB22[7]"), valid(0));
     EXPECT_THAT(station.trace().messages_with("FAILED!"), testing::IsSupersetOf({"/tmp FAILED!", "/run FAILED!"}));
 }
 
-// In 32 bits: 100 * 42949673 is 2^32 + 4, and (4 + 25000000) / 50000000 is 0.
-TEST(Disks, WrapWhenTheyAreLargerThanAnyOfAStation) {
+// In 32 bits 100 * 42949673 is 2^32 + 4, and (4 + 25000000) / 50000000 is 0.
+TEST(Disks, WrapWhenTooLargeFor32Bits) {
     Station station(Board().disk("/", {.blocks = 50000000, .free = 42949673, .available = 42949673}));
     station.start();
     EXPECT_EQ(last_of(station, "CB22[1]"), valid(0));
 }
 
-TEST(Disks, WithAFileInTheirPlaceTakeTheCountsFromIt) {
+TEST(Disks, TakeTheCountsFromAFileInPlaceOfTheMountPoint) {
     Station station(Board().file("/var/lib/persistent", "fs x 1000 500 250\n"));
     station.start();
     EXPECT_EQ(last_of(station, "CB22[6]"), valid(25));

@@ -1,5 +1,5 @@
-// One call below the daemon fails, then another, through a start, ten heartbeats with a rotation and a
-// stop. STATION_FAULTS=n tries n instants of each kind, "all" every one, "n-m" those.
+// Fails one system or library call of the daemon per run, through a start, ten heartbeats with a rotation, and a
+// stop. STATION_FAULTS=n tries n calls of each kind, "all" every one, "n-m" those.
 
 #include "busy_station.h"
 #include "from_environment.h"
@@ -24,7 +24,7 @@ constexpr unsigned DEFAULT_INSTANTS = 4;
 enum class Loss : std::uint8_t {
     nothing,
     one_write, ///< a record, or a block
-    a_file,    ///< what was to be rotated, or all when the log could not be opened at the start
+    a_file,    ///< the file to be rotated, or everything when the log could not be opened at the start
 };
 
 struct Kind {
@@ -64,7 +64,7 @@ constexpr std::array<Kind, 25> kinds{{
 
 constexpr unsigned FOR_EVER = std::numeric_limits<unsigned>::max();
 
-/// The sanitizer needs memory of its own to begin a thread, and gives up without.
+/// The sanitizer aborts if it has no memory to start a thread.
 bool spares_threads() { return sanitized_daemon() != nullptr; }
 
 StationFault fault_of(const Kind &kind, unsigned first, unsigned last) {
@@ -84,7 +84,7 @@ struct Life {
     std::string err;
 };
 
-/// At the start systemd is asked again and again until it answers.
+/// Whether the daemon keeps asking systemd at the start, which it does until it gets an answer.
 bool keeps_asking(Station &station) {
     constexpr std::size_t often = 4;
     return station.trace().messages_with("GET PROPERTY FAILED").size() > often;
@@ -95,7 +95,7 @@ std::string last_part(const std::string &text) {
     return text.substr(text.size() - std::min(text.size(), most));
 }
 
-/// A start, ten heartbeats and a stop, whatever fails meanwhile.
+/// A start, ten heartbeats and a stop, whatever fails in between.
 Life live(const BusyWorld &world, const StationFault &fault, const std::vector<std::string> &further = {}) {
     BusyStation station(world);
     station.fault = fault;
@@ -112,14 +112,14 @@ Life live(const BusyWorld &world, const StationFault &fault, const std::vector<s
     life.calls = station.calls();
     life.err = last_part(station.trace().text());
     life.log = take_apart(station.recorded(), station.command_line());
-    if (fault.call == StationCall::memory && !life.log.torn.empty()) { // there was none for the command line
+    if (fault.call == StationCall::memory && !life.log.torn.empty()) { // none was left for the command line
         life.log = take_apart(station.recorded(), "");
     }
     EXPECT_FALSE(station.is_locked());
     return life;
 }
 
-/// Whether all of `some` stand in `all`, in its order.
+/// Whether `all` contains `some` in the same order.
 bool stand_in_order(const std::vector<std::string> &some, const std::vector<std::string> &all) {
     auto at = all.begin();
     for (const std::string &each : some) {
@@ -142,7 +142,7 @@ std::vector<std::string> of_last_pass(const std::vector<std::string> &records) {
     return last;
 }
 
-/// The instants to try: evenly over all, or those that were asked for.
+/// The calls to fail: evenly spread, or those requested.
 std::vector<unsigned> instants(unsigned all) {
     const char *given = std::getenv("STATION_FAULTS");
     const std::string wanted = given == nullptr ? std::to_string(DEFAULT_INSTANTS) : given;
@@ -183,7 +183,7 @@ class Fault : public testing::TestWithParam<Kind> {
             EXPECT_TRUE(log.ends_closed);
             EXPECT_EQ(log.closings, 1);
             break;
-        case Loss::one_write: // without its first header a file may stay too small to be rotated
+        case Loss::one_write: // without its first header the file may stay below the rotation size
             EXPECT_TRUE(stand_in_order(log.records, usual.records));
             EXPECT_GE(log.records.size() + static_cast<std::size_t>(log.closings),
                       usual.records.size() - (log.starts + log.rotations == 2 ? 0 : 1));
@@ -196,7 +196,7 @@ class Fault : public testing::TestWithParam<Kind> {
         }
     }
 
-    /// A file that cannot be removed after its packing stays, and is packed again with the next record.
+    /// A file that cannot be removed after compression is compressed again with the next record.
     [[nodiscard]] std::vector<std::string> without_repetitions(const std::vector<std::string> &records) const {
         std::vector<std::string> result;
         std::copy_if(records.begin(), records.end(), std::back_inserter(result), [&](const std::string &record) {
@@ -242,8 +242,8 @@ INSTANTIATE_TEST_SUITE_P(Of, Fault, testing::ValuesIn(kinds),
                          [](const testing::TestParamInfo<Kind> &kind) { return std::string(kind.param.name); });
 
 // Not for a sanitized daemon; see spares_threads().
-TEST(BusThreads, WithoutMemoryFromAnyCallOnEndNothing) {
-    constexpr unsigned calls = 30; // of the listener, until it is connected
+TEST(BusThreads, OutOfMemoryFromAnyCallOnEndNothing) {
+    constexpr unsigned calls = 30; // the listener's, until it is connected
     const BusyWorld world;
     for (unsigned call = 1; call <= calls; ++call) {
         SCOPED_TRACE("from call " + std::to_string(call) + " on");

@@ -1,4 +1,4 @@
-// When passes come and which tasks run in them. The station starts at 12:00:07 unless told otherwise.
+// When passes run and which tasks run in them. The station starts at 12:00:07 by default.
 
 #include "passes.h"
 #include "station.h"
@@ -17,14 +17,14 @@ using testing::IsEmpty;
 namespace {
 
 constexpr std::int64_t NOON = 1709294400;
-constexpr std::int64_t SECOND = 1'000'000; // of the recorded timer
+constexpr std::int64_t SECOND = 1'000'000; // unit of the recorded timer
 
 std::string clock_text(std::int64_t seconds) {
     const auto two_digits = [](std::int64_t number) { return (number < 10 ? "0" : "") + std::to_string(number); };
     return two_digits(seconds / 3600) + ":" + two_digits(seconds / 60 % 60) + ":" + two_digits(seconds % 60);
 }
 
-/// The start at 12:00:07, then each multiple of `interval` to 13:00:00, each `tasks` times.
+/// 12:00:07, then each multiple of `interval` up to 13:00:00, each `tasks` times.
 std::vector<std::string> runs_in_the_hour(std::int64_t interval, std::size_t tasks) {
     constexpr std::int64_t noon = 12LL * 3600;
     std::vector<std::string> times(tasks, "12:00:07");
@@ -71,7 +71,7 @@ TEST(FirstPass, ComesAtOnceAndRunsEveryTask) {
     }
 }
 
-TEST(Tasks, RunAtTheMultiplesOfTheirIntervalForAnHour) {
+TEST(Tasks, RunAtMultiplesOfTheirIntervalForAnHour) {
     Station station;
     station.start();
     station.step(3);
@@ -106,7 +106,7 @@ TEST(Pass, ChecksTheNetworkBeforeItsFirstTask) {
                                    "d_bus_srv_send_issues", "timer_continue", "runrun_wait"));
 }
 
-// A pass is held where it reads the temperature. It starts at 12:00:10, the second of the station.
+// The second pass of the station, at 12:00:10, is blocked where it reads the temperature.
 class Wait : public testing::Test {
   protected:
     Wait() { station.start(); }
@@ -134,7 +134,7 @@ class Wait : public testing::Test {
         station.signal(signo);
     }
 
-    /// A pass from 12:00:10 to 12:00:25, with the beat of 12:00:20 in it.
+    /// A pass from 12:00:10 to 12:00:25; the beat of 12:00:20 arrives in it.
     void overrun() {
         begin_held_pass();
         beat_during_the_pass();
@@ -154,7 +154,7 @@ TEST_F(Wait, EndsAtEachBeat) {
     EXPECT_THAT(passes(), ElementsAre("12:00:07", "12:00:10", "12:00:20", "12:00:30"));
 }
 
-// Deliberate: the wait pauses before it looks at the beats recorded meanwhile.
+// The wait pauses before it checks the beats recorded so far. Kept.
 TEST_F(Wait, AfterAnOverrunLastsToTheNextBeat) {
     overrun();
     EXPECT_THAT(passes(), ElementsAre("12:00:07", "12:00:10"));
@@ -180,7 +180,7 @@ TEST_F(Wait, IsNotEndedByASignalThatCameDuringThePass) {
     station.advance(2);
     end_held_pass();
     EXPECT_THAT(passes(), ElementsAre("12:00:07", "12:00:10"));
-    EXPECT_EQ(station.trace().messages_of("sig_reinit_handler").size(), 1U) << "it was taken during the pass";
+    EXPECT_EQ(station.trace().messages_of("sig_reinit_handler").size(), 1U) << "it was handled during the pass";
     station.step(8);
     EXPECT_THAT(passes(), ElementsAre("12:00:07", "12:00:10", "12:00:20"));
 }
@@ -197,7 +197,7 @@ TEST_P(WaitAfterOverrun, IsEndedByAnySignal) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, WaitAfterOverrun, testing::Values(SIGUSR1, SIGCHLD));
 
-TEST_F(Wait, WithoutABeatGoesOnAfterASignal) {
+TEST_F(Wait, WithoutABeatContinuesAfterASignal) {
     station.step(3);
     signal_after(2, SIGUSR1);
     signal_after(2, SIGCHLD);
@@ -206,7 +206,7 @@ TEST_F(Wait, WithoutABeatGoesOnAfterASignal) {
     EXPECT_THAT(passes(), ElementsAre("12:00:07", "12:00:10", "12:00:20"));
 }
 
-TEST_F(Wait, HoldsThroughAMixOfThem) {
+TEST_F(Wait, ContinuesThroughAMixOfSignals) {
     begin_held_pass();
     station.send(SIGUSR1);
     beat_during_the_pass();
@@ -253,8 +253,8 @@ TEST(Clock, SetForwardRunsEachTaskOnce) {
     EXPECT_THAT(run_times(station.trace(), "diskusage"), IsEmpty());
 }
 
-// 2^31 seconds are over on 2038-01-19 at 03:14:08.
-TEST(Clock, RunsOnThroughTheSecondOf2038) {
+// 2^31 seconds are reached on 2038-01-19 at 03:14:08.
+TEST(Clock, KeepsRunningPast2To31Seconds) {
     Station station(Board().clock(2147483645)); // 03:14:05
     station.start();
     EXPECT_EQ(station.timer().first, 5 * SECOND);

@@ -1,5 +1,5 @@
-// An hour and a day of a station on which everything changes, at the pace of its heartbeat: the records
-// and sentences are those that were written down for it.
+// An hour and a day of a station on which everything changes, compared with records and sentences written by
+// hand.
 
 #include "station_life.h"
 #include "status_log.h"
@@ -37,10 +37,10 @@ void put_bluetooth(Station &station, const std::string &presence) {
     }
 }
 
-// In the plateaus below a state that is left for a milder one has had a multiple of five samples: then the
-// next state is reached with the fifth sample, too.
+// A state that is left for a milder one lasts a multiple of five samples, so that the fifth sample reaches the
+// next state too.
 
-// Limits -40, -30, 70 and 80, each moved by 5 while its state holds. 240 samples, 40 minutes.
+// Limits -40, -30, 70 and 80, hysteresis 5. 240 samples, 40 minutes.
 Check temperature_check() {
     return {
         .issue = "CB20\t0",
@@ -64,7 +64,7 @@ Check temperature_check() {
         }};
 }
 
-// Limits 10 and 25, each moved by 10. 180 samples, half an hour.
+// Limits 10 and 25, hysteresis 10. 180 samples, half an hour.
 Check memory_check() {
     return {.issue = "CB21\t0",
             .period = 10,
@@ -96,7 +96,7 @@ Check bluetooth_check() {
             }};
 }
 
-// Limits 10 and 25, each moved by 5. 50 samples, twelve and a half hours.
+// Limits 10 and 25, hysteresis 5. 50 samples, twelve and a half hours.
 Check disk_check() {
     return {.issue = "CB22\t3",
             .period = 900,
@@ -112,7 +112,7 @@ Check disk_check() {
             }};
 }
 
-// Limits 50 and 90, with the first sample; 25 samples, the day.
+// Limits 50 and 90, changed by the first sample. 25 samples, a day.
 Check wear_check() {
     return {
         .issue = "CB07\t0",
@@ -136,10 +136,10 @@ std::vector<Check> eventful_checks() {
     return checks;
 }
 
-/// The journal of a day is nobody's concern here: without its socket it goes nowhere.
+/// Removes the journal's socket: nobody reads a day of traces.
 void silence(Station *station) { station->files().remove("/run/systemd/journal/socket"); }
 
-/// The first line in which two texts differ; a day's text is too long to be shown.
+/// The first line in which two texts differ; a day's text is too long to print.
 std::string first_difference(const std::string &actual, const std::string &expected) {
     std::istringstream actual_lines(actual);
     std::istringstream expected_lines(expected);
@@ -170,17 +170,17 @@ struct Life : testing::Test {
 
 } // namespace
 
-// The temperature's curve runs one and a half times, with 7 and 2 sentences, the memory's twice, with 4 each;
-// the Bluetooth file is missing long enough once.
-TEST_F(Life, OfAnHour) {
+// The temperature's curve runs one and a half times (7 and 2 sentences), the memory's twice (4 each); the
+// Bluetooth file is missing long enough once.
+TEST_F(Life, OfAnHourMatches) {
     live(HOUR);
     EXPECT_EQ(life.records().size(), 361U * 3 + 61U * 4 + 21U * 2 + 5U * 8 + 2U);
     EXPECT_EQ(life.sentences().size(), 9U + 2 * 4U + 1U);
 }
 
-// 36 rounds of the temperature, 48 of the memory, 18 of the Bluetooth file, two of the disk but for its last
+// 36 rounds of the temperature, 48 of the memory, 18 of the Bluetooth file, two of the disk except its last
 // samples, one of the wear.
-TEST_F(Life, OfADay) {
+TEST_F(Life, OfADayMatches) {
     live(DAY);
     EXPECT_EQ(life.records().size(), 8641U * 3 + 1441U * 4 + 481U * 2 + 97U * 8 + 25U);
     EXPECT_EQ(life.sentences().size(), 36U * 7 + 48U * 4 + 18U * 2 + 2U * 4 + 2U);

@@ -1,5 +1,5 @@
-// The checks of links and of what goes over them: how many samples it takes, what is said then, and what
-// they make of files that are not as the kernel writes them.
+// The checks of links and of their traffic: number of samples, sentences, and files that the kernel would not
+// write.
 
 #include "issue_records.h"
 #include "network_paths.h"
@@ -39,7 +39,7 @@ std::vector<std::string> joined(const std::vector<std::vector<std::string>> &par
 
 } // namespace
 
-// --- how many samples it takes
+// --- number of samples
 
 class Link : public testing::TestWithParam<LinkCheck> {
   protected:
@@ -57,7 +57,7 @@ class Link : public testing::TestWithParam<LinkCheck> {
     Station station{connected_board()};
 };
 
-TEST_P(Link, RaisesNothingOneSampleTooShort) {
+TEST_P(Link, RaisesNothingOneSampleBeforeTheDelay) {
     for (int round = 0; round < 3; ++round) {
         live(check.bad, check.delay - 1);
         live(check.good, 1);
@@ -92,13 +92,13 @@ TEST_P(Link, IsRaisedOnceAndClearedOnce) {
 INSTANTIATE_TEST_SUITE_P(Checks, Link, testing::ValuesIn(all_checks()),
                          [](const testing::TestParamInfo<LinkCheck> &given) { return given.param.issue; });
 
-// --- what is made of a file
+// --- contents of the files
 
 namespace {
 
 struct FileCase {
     Content content;
-    std::vector<std::string> records; ///< of the issues, in the order in which the test names them
+    std::vector<std::string> records; ///< of the issues, in the order of the test's arguments
 };
 
 struct LinkFiles : testing::Test {
@@ -126,7 +126,7 @@ struct LinkFiles : testing::Test {
         }
     }
 
-    /// A folder where a file is expected: it opens, but cannot be read.
+    /// Puts a folder in place of a file: it opens, but cannot be read.
     void put_folder(const std::string &file) {
         put(station, file, std::nullopt);
         std::filesystem::create_directory(station.files().host_path(file));
@@ -140,7 +140,7 @@ const std::string megabytes(8'000'000, 'u');
 
 } // namespace
 
-TEST_F(LinkFiles, OfTheEthernetStateAreJudgedByTheirBeginning) {
+TEST_F(LinkFiles, OfTheEthernetStateAreParsedByTheirBeginning) {
     using namespace std::string_literals;
     expect_records(ETHERNET_FILE, {"CB11", "CB12"},
                    {{"UP\n", {"OK 0", "OK 0"}},
@@ -155,17 +155,17 @@ TEST_F(LinkFiles, OfTheEthernetStateAreJudgedByTheirBeginning) {
                     {"\xff\xfe\x80", {"OK 0", "OK 1"}},
                     {megabytes, {"OK 0", "OK 1"}},
                     {"up" + megabytes, {"OK 0", "OK 0"}},
-                    {std::nullopt, {"OK 1", "WARN NaN"}}}); // ... without a file nothing is known of it
+                    {std::nullopt, {"OK 1", "WARN NaN"}}}); // ... without a file its state is unknown
     put_folder(ETHERNET_FILE);
     EXPECT_THAT(last_records({"CB11", "CB12"}), ElementsAre("OK 0", "WARN NaN"));
 }
 
-TEST_F(LinkFiles, OfTheWirelessStateAreJudgedByTheirBeginning) {
+TEST_F(LinkFiles, OfTheWirelessStateAreParsedByTheirBeginning) {
     expect_records(WIRELESS_FILE, {"CB01", "CB02"},
                    {{"Up\n", {"OK 0", "OK 0"}},
                     {"down\n", {"OK 0", "OK 1"}},
                     {"unknown\n", {"OK 0", "OK 1"}},
-                    {"", {"OK 0", "WARN NaN"}}, // unlike that of Ethernet
+                    {"", {"OK 0", "WARN NaN"}}, // unlike Ethernet
                     {"\xff\xfe\x80", {"OK 0", "OK 1"}},
                     {megabytes, {"OK 0", "OK 1"}},
                     {"up" + megabytes, {"OK 0", "OK 0"}},
@@ -190,7 +190,7 @@ TEST_F(LinkFiles, OfBluetoothNeedOnlyExist) {
     EXPECT_EQ(last_record_of(station, "CB05"), "OK 0");
 }
 
-TEST_F(LinkFiles, OfTheTrafficAreReadLineByLine) {
+TEST_F(LinkFiles, OfTheTrafficAreParsedLineByLine) {
     using namespace std::string_literals;
     const std::vector<std::string> unknown{"WARN NaN", "WARN NaN"};
     const std::string ethernet = "  eth0: 0 900 100 0 0 0 0 0 0 100 0 0 0 0 0 0\n";
@@ -198,27 +198,27 @@ TEST_F(LinkFiles, OfTheTrafficAreReadLineByLine) {
     expect_records(TRAFFIC_FILE, {"CB10", "CB13"},
                    {{ethernet + wifi, {"OK 11", "OK 1"}},
                     {"ETH0: 0 900 1 1 0 0 0 0 0 100 0 0 0\n" + wifi, {"OK 2", "OK 1"}},
-                    {ethernet, {"OK 11", "WARN NaN"}}, // an interface that is not there
+                    {ethernet, {"OK 11", "WARN NaN"}}, // a missing interface
                     {std::nullopt, unknown},
                     {"", unknown},
                     {"\n\n\n", unknown},
-                    {"  eth0: 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, unknown},                   // no packets
-                    {"  eth0: 0 4294967296 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, unknown},          // none in 32 bits
-                    {"  eth0:0 900 100 0 0 0 0 0 0 100 0 0 0 0 0 0\n"s, unknown},              // glued to the colon
-                    {"  eth0: 0 900 100 0 0 0 0 0 0\n"s, unknown},                             // ten words
-                    {"  eth0: 0 900 100 0 0 0 0 0 0 100\n"s, {"OK 11", "WARN NaN"}},           // eleven
-                    {"  eth0: 0 900 100 0 0 0 0 0 0 100"s, {"OK 11", "WARN NaN"}},             // its end is cut off
-                    {"  eth0: 0 49 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, {"OK -2", "WARN NaN"}},    // 100 * -1 / 49
-                    {"  eth0: 0 x y z 0 0 0 0 0 1 -1 0\n"s, {"OK -200", "WARN NaN"}},          // 100 * (-1 - 1) / 1
-                    {"\xff\xfe\0 garbage\n"s + ethernet + wifi, {"OK 11", "OK 1"}},            //
-                    {megabytes + "\n" + ethernet + wifi, {"OK 11", "OK 1"}},                   //
-                    {megabytes, unknown},                                                      //
+                    {"  eth0: 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, unknown},                // no packets
+                    {"  eth0: 0 4294967296 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, unknown},       // 0 in 32 bits
+                    {"  eth0:0 900 100 0 0 0 0 0 0 100 0 0 0 0 0 0\n"s, unknown},           // no blank after the colon
+                    {"  eth0: 0 900 100 0 0 0 0 0 0\n"s, unknown},                          // ten words
+                    {"  eth0: 0 900 100 0 0 0 0 0 0 100\n"s, {"OK 11", "WARN NaN"}},        // eleven
+                    {"  eth0: 0 900 100 0 0 0 0 0 0 100"s, {"OK 11", "WARN NaN"}},          // no line end
+                    {"  eth0: 0 49 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, {"OK -2", "WARN NaN"}}, // 100 * -1 / 49
+                    {"  eth0: 0 x y z 0 0 0 0 0 1 -1 0\n"s, {"OK -200", "WARN NaN"}},       // 100 * (-1 - 1) / 1
+                    {"\xff\xfe\0 garbage\n"s + ethernet + wifi, {"OK 11", "OK 1"}},         //
+                    {megabytes + "\n" + ethernet + wifi, {"OK 11", "OK 1"}},                //
+                    {megabytes, unknown},                                                   //
                     {std::string(20'000, '\n') + wifi + ethernet + wifi, {"OK 11", "OK 1"}}}); //
     put_folder(TRAFFIC_FILE);
     EXPECT_THAT(last_records({"CB10", "CB13"}), ElementsAreArray(unknown));
 }
 
-TEST_F(LinkFiles, OfTheSignalAreReadLineByLine) {
+TEST_F(LinkFiles, OfTheSignalAreParsedLineByLine) {
     using namespace std::string_literals;
     const std::vector<std::string> unknown{"WARN NaN", "WARN NaN"};
     const std::string good = "wlan0sta: 0000 70. -20. -256 0 0 0 0 45 0\n";
@@ -227,7 +227,7 @@ TEST_F(LinkFiles, OfTheSignalAreReadLineByLine) {
                     {"WLAN0STA: 0 69.9 -20.5 0\n", {"OK 69", "OK -21"}},
                     {"wlan0sta: 0 70 x 0\n", {"OK 70", "WARN NaN"}},
                     {"wlan0sta: 0 nan -20 0\n", {"WARN NaN", "OK -20"}},
-                    {"wlan0sta: 0 1e300 inf 0\n" + good, {"OK 70", "OK -20"}}, // the next line may do
+                    {"wlan0sta: 0 1e300 inf 0\n" + good, {"OK 70", "OK -20"}}, // the next line is used
                     {std::nullopt, unknown},
                     {"", unknown},
                     {"wlan0sta: 0 70 -20\n", unknown}, // four words
@@ -241,13 +241,13 @@ TEST_F(LinkFiles, OfTheSignalAreReadLineByLine) {
     EXPECT_THAT(last_records({"CB04", "CB09"}), ElementsAreArray(unknown));
 }
 
-// --- what is not known changes nothing
+// --- unknown values change nothing
 
 TEST_F(LinkFiles, ThatCannotBeReadNeitherRaiseNorClear) {
     put(station, ETHERNET_FILE, "down\n");
     put(station, SIGNAL_FILE, signal_table("30.", "-70."));
     samples(&station, 5, 60);
-    put(station, ETHERNET_FILE, std::nullopt); // the hardware has gone, too, but not for long enough
+    put(station, ETHERNET_FILE, std::nullopt); // the hardware is gone too, but not for long enough
     put(station, SIGNAL_FILE, "");
     samples(&station, 9, 60);
     const std::string level = "3 [failed] ID: CB09[0]: value: -70 wlan0sta: ";
@@ -262,9 +262,9 @@ TEST_F(LinkFiles, ThatCannotBeReadNeitherRaiseNorClear) {
                             "3 [failed] ID: CB04[0]: value: 30 wlan0sta: "));
 }
 
-// --- a warning of the signal is logged as a failure and recorded as a warning
+// --- a warning of the signal is a failure in syslog and a warning in the status log
 
-TEST_F(LinkFiles, OfAWeakSignalAreToldAsAFailure) {
+TEST_F(LinkFiles, OfAWeakSignalAreReportedAsAFailure) {
     put(station, SIGNAL_FILE, signal_table("50.", "-30."));
     samples(&station, 10, 60);
     EXPECT_EQ(last_record_of(station, "CB04"), "WARN 50");

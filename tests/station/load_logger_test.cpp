@@ -1,5 +1,5 @@
-// The load logger that a station under load starts: how it is started, and that it is ended with the
-// daemon, at whatever instant that is.
+// The load logger that the daemon starts under load: its start, and its end together with the daemon, at any
+// instant.
 
 #include "fake_systemd.h"
 #include "from_environment.h"
@@ -38,7 +38,7 @@ constexpr const char *FAILURE = "3 [failed] ID: CB32[0]: value: 95 is above maxi
 constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 constexpr int A_MINUTE_MS = 60000;
 
-/// A station whose load the test sets, with the reporting program in the load logger's place.
+/// A station whose load the test sets, with the reporting program in place of the load logger.
 class LoadedStation : public Station {
   public:
     LoadedStation() : Station(even_board().file(LOAD_LOGGER, "")) {
@@ -46,7 +46,7 @@ class LoadedStation : public Station {
                                    std::filesystem::copy_options::overwrite_existing);
     }
 
-    /// Goes on to the next measurement, which finds this load.
+    /// Advances to the next measurement, which finds this load.
     void measure(int percent) {
         put(percent);
         step(180 - clock() % 180);
@@ -56,19 +56,19 @@ class LoadedStation : public Station {
             measure(percent);
         }
     }
-    /// The same up to the sending of the heartbeat.
+    /// Like measure(), but returns after sending the heartbeat.
     void begin_to_measure(int percent) {
         put(percent);
         advance(180 - clock() % 180);
         send(SIGALRM);
     }
-    /// Starts the daemon and goes on until the next measurement above the limits starts a load logger.
+    /// Starts the daemon; the next measurement above the limits then starts a load logger.
     void bring_to_the_brink() {
         start();
         measure(95, 4);
     }
 
-    /// The load loggers so far, as the daemon registered them.
+    /// The load loggers that the daemon has registered so far.
     [[nodiscard]] std::vector<pid_t> load_loggers() {
         std::vector<pid_t> pids;
         for (const std::string &message : trace().messages_of("process_add")) {
@@ -77,14 +77,14 @@ class LoadedStation : public Station {
         }
         return pids;
     }
-    /// Awaits that `count` load loggers in all have been reaped.
+    /// Waits until `count` load loggers in all have been reaped.
     void await_reaped(int count) {
         await("the end of a load logger", [this, count] {
             const Texts texts = trace().messages_of("process_remove");
             return std::count(texts.begin(), texts.end(), "FOUND") >= count;
         });
     }
-    /// What the load logger reports under `name`.
+    /// What the load logger reported under `name`.
     [[nodiscard]] Texts reported(const std::string &name) const {
         std::istringstream report(read(std::string(STATUS_FOLDER) + "/report"));
         Texts found;
@@ -109,7 +109,7 @@ class LoadedStation : public Station {
     long idle_ = 0;
 };
 
-/// Load loggers that live; the pipe tells of them until the last of them has ended.
+/// Running load loggers; the pipe hangs up when the last one has ended.
 class LivingLoggers {
   public:
     explicit LivingLoggers(const LoadedStation &station) {
@@ -118,7 +118,7 @@ class LivingLoggers {
         pipe_.reset(open(station.files().host_path(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     }
 
-    /// Awaits `count` more of them, children of theirs included; their process ids.
+    /// Waits for `count` more, their children included; returns their process ids.
     std::vector<pid_t> await(std::size_t count) {
         std::vector<pid_t> pids;
         while (pids.size() < count && await_event(POLLIN)) {
@@ -132,7 +132,7 @@ class LivingLoggers {
         EXPECT_THAT(pids, SizeIs(count));
         return pids;
     }
-    /// Awaits that none lives any more; false when some still do.
+    /// Waits until all have ended; false when some still run.
     [[nodiscard]] bool await_end() const { return await_event(POLLHUP); }
 
   private:
@@ -144,7 +144,7 @@ class LivingLoggers {
     Descriptor pipe_;
 };
 
-/// What the daemon leaves behind becomes the test's own child.
+/// Makes processes that the daemon leaves behind children of the test.
 class Subreaper {
   public:
     Subreaper() { EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
@@ -153,8 +153,7 @@ class Subreaper {
     Subreaper &operator=(const Subreaper &) = delete;
 };
 
-/// The signal that has ended a process left behind; 0 when it ended otherwise, -1 when it lives on,
-/// which ends it.
+/// The signal that ended a process left behind; 0 when it exited, -1 when it still ran and was killed here.
 int signal_that_ended(pid_t pid) {
     const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     pollfd end{.fd = process.get(), .events = POLLIN, .revents = 0};
@@ -180,7 +179,7 @@ std::size_t count_of(const Texts &texts, const std::string &text) {
 
 } // namespace
 
-// --- how it is started
+// --- start
 
 TEST(LoadLogger, IsStartedOnceByTheFifthMeasurementAboveTheLimits) {
     LoadedStation station;
@@ -197,10 +196,10 @@ TEST(LoadLogger, IsStartedOnceByTheFifthMeasurementAboveTheLimits) {
                 Contains("execve(\"/usr/bin/load_logger\", [\"load_logger\", \"-c\", \"120\", \"-t\", \"10\", \"-d\", "
                          "\"/var/lib/evse/vigmond/\", \"-i\", \"CB31[0]\"])"));
     station.measure(95, 6);
-    EXPECT_THAT(station.load_loggers(), SizeIs(1)) << "no further sentence, no further start";
+    EXPECT_THAT(station.load_loggers(), SizeIs(1)) << "no second sentence, no second start";
 }
 
-TEST(LoadLogger, IsGivenItsCommandLineThePathAndNothingOfTheDaemons) {
+TEST(LoadLogger, GetsItsCommandLineAndPathAndNothingOfTheDaemon) {
     LoadedStation station;
     const PrivateBus bus(station.files().scratch());
     const FakeSystemd systemd(bus);
@@ -226,9 +225,9 @@ TEST(LoadLogger, IsGivenItsCommandLineThePathAndNothingOfTheDaemons) {
     EXPECT_EQ(std::set<std::string>(descriptors.begin(), descriptors.end()), expected);
 }
 
-// --- how long it lives
+// --- lifetime
 
-TEST(LoadLogger, LivesOnWhenTheLoadIsGoodAgain) {
+TEST(LoadLogger, KeepsRunningWhenTheLoadIsGoodAgain) {
     LoadedStation station;
     LivingLoggers living(station);
     station.bring_to_the_brink();
@@ -244,7 +243,7 @@ TEST(LoadLogger, LivesOnWhenTheLoadIsGoodAgain) {
     EXPECT_TRUE(living.await_end());
 }
 
-/// A load logger that has ended makes room for another one, which the next change to bad starts.
+/// After a load logger has ended, the next change to bad starts another.
 void expect_another(LoadedStation &station) {
     station.measure(10, 5);
     EXPECT_THAT(station.load_loggers(), SizeIs(1));
@@ -253,7 +252,7 @@ void expect_another(LoadedStation &station) {
     station.await_reaped(2);
 }
 
-TEST(LoadLogger, ThatEndsAtOnceMakesRoomForAnother) {
+TEST(LoadLogger, CanBeStartedAgainWhenItEndsAtOnce) {
     LoadedStation station;
     station.bring_to_the_brink();
     station.measure(95);
@@ -261,7 +260,7 @@ TEST(LoadLogger, ThatEndsAtOnceMakesRoomForAnother) {
     expect_another(station);
 }
 
-TEST(LoadLogger, ThatIsKilledMakesRoomForAnother) {
+TEST(LoadLogger, CanBeStartedAgainWhenItIsKilled) {
     LoadedStation station;
     LivingLoggers living(station);
     station.bring_to_the_brink();
@@ -272,7 +271,7 @@ TEST(LoadLogger, ThatIsKilledMakesRoomForAnother) {
     expect_another(station);
 }
 
-TEST(LoadLogger, ThatIsMissingIsTriedAgainAndNothingIsWrittenTwice) {
+TEST(LoadLogger, IsTriedAgainWhenMissingAndNothingIsWrittenTwice) {
     LoadedStation station;
     station.files().remove(LOAD_LOGGER);
     station.start({"-D", "-L", "stdout"});
@@ -293,18 +292,18 @@ TEST(LoadLogger, ThatIsMissingIsTriedAgainAndNothingIsWrittenTwice) {
     EXPECT_EQ(station.out().find("FINISHED"), station.out().rfind("FINISHED"));
 }
 
-/// Starts the daemon and a load logger for either check.
+/// Starts the daemon and one load logger per check.
 std::vector<pid_t> start_two(LoadedStation &station, LivingLoggers &living) {
     station.start();
-    station.measure(80, 5);  // the warning alone
-    station.signal(SIGUSR1); // allows another one
+    station.measure(80, 5);  // the warning only
+    station.signal(SIGUSR1); // allows another load logger
     station.measure(95, 5);
     const std::vector<pid_t> pids = living.await(2);
     EXPECT_THAT(station.load_loggers(), UnorderedElementsAreArray(pids));
     return pids;
 }
 
-TEST(LoadLoggers, OfBothChecksThatEndTogetherAreReapedInOneGo) {
+TEST(LoadLoggers, OfBothChecksThatEndTogetherAreReapedTogether) {
     LoadedStation station;
     LivingLoggers living(station);
     const std::vector<pid_t> pids = start_two(station, living);
@@ -324,7 +323,7 @@ TEST(LoadLoggers, OfBothChecksThatEndTogetherAreReapedInOneGo) {
     EXPECT_EQ(count_of(station.trace().messages_of("process_remove"), "MISSING"), 0U);
 }
 
-// --- how it is ended with the daemon
+// --- end with the daemon
 
 TEST(LoadLoggers, OfBothChecksAreEndedWithTheDaemon) {
     const Subreaper orphans;
@@ -353,7 +352,7 @@ TEST(LoadLogger, IsEndedWithTheDaemonTogetherWithItsOwnChildren) {
     EXPECT_EQ(signal_that_ended(family.at(0)), SIGTERM);
 }
 
-TEST(LoadLogger, ThatIgnoresTheTerminationHoldsNothingUp) {
+TEST(LoadLogger, DelaysNothingWhenItIgnoresTheTermination) {
     const Subreaper orphans;
     LoadedStation station;
     LivingLoggers living(station);
@@ -369,7 +368,7 @@ TEST(LoadLogger, ThatIgnoresTheTerminationHoldsNothingUp) {
 
 namespace {
 
-/// The traces, the child's included, from the registration of the load logger on.
+/// Counts the traces since the registration of the load logger, the child's included.
 std::size_t traces_since_fork(LoadedStation &station) {
     const auto &lines = station.trace().lines();
     const auto fork =
@@ -377,7 +376,7 @@ std::size_t traces_since_fork(LoadedStation &station) {
     return static_cast<std::size_t>(lines.end() - fork);
 }
 
-/// Lets so much of the processor's time go by, and so the child come a little further.
+/// Spins for that long, during which the child gets a little further.
 void spin(std::chrono::microseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     while (std::chrono::steady_clock::now() < end) {
@@ -386,7 +385,7 @@ void spin(std::chrono::microseconds time) {
 
 } // namespace
 
-// The child is then on its way from the fork to the program.
+// The child is then between fork and exec.
 TEST(LoadLogger, IsEndedByTerminationsAtRandomInstantsAfterTheFork) {
     constexpr int count = 200;
     constexpr std::size_t most_traces = 12;

@@ -1,4 +1,4 @@
-// One daemon a folder of the log file.
+// One daemon per folder of the log file.
 
 #include "station.h"
 
@@ -18,7 +18,7 @@ constexpr const char *running = "vigmond is already running --> terminating\n";
 
 std::string own_line(const Station &station) { return std::to_string(station.pid()) + "\n"; }
 
-/// The flags of the process's descriptor that is open on `path`; 0 when there is none.
+/// The flags of the process's descriptor for `path`; 0 when there is none.
 int open_flags(pid_t pid, const std::string &path) {
     const std::string folder = "/proc/" + std::to_string(pid);
     for (const auto &entry : std::filesystem::directory_iterator(folder + "/fd")) {
@@ -31,7 +31,7 @@ int open_flags(pid_t pid, const std::string &path) {
     return 0;
 }
 
-/// Who holds a write lock on the whole file; 0 when nobody does.
+/// The holder of a write lock on the whole file; 0 when there is none.
 pid_t owner_of_lock(const std::string &path) {
     const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
     struct flock lock {};
@@ -55,7 +55,7 @@ TEST(LockFile, HoldsTheProcessIdUnderAWriteLock) {
     EXPECT_EQ(open_flags(station.pid(), path) & O_ACCMODE, O_RDWR);
 }
 
-TEST(LockFile, IsMadeReadableForAllAndWritableForItsOwner) {
+TEST(LockFile, IsCreatedReadableForAllAndWritableForItsOwner) {
     Station station;
     station.umask = 0;
     station.start();
@@ -64,8 +64,8 @@ TEST(LockFile, IsMadeReadableForAllAndWritableForItsOwner) {
     EXPECT_EQ(status.st_mode & 07777, 0644U);
 }
 
-// Known and relied on: the newcomer empties the file before it learns that it is not alone.
-TEST(SecondDaemon, EmptiesTheFileOfTheFirstAndGivesUp) {
+// The second daemon truncates the file before it finds it locked. Kept.
+TEST(SecondDaemon, TruncatesTheLockFileOfTheFirstAndExits) {
     Station station;
     station.start();
     const std::string status_log = station.read(std::string(STATUS_FOLDER) + "/logfile");
@@ -73,7 +73,7 @@ TEST(SecondDaemon, EmptiesTheFileOfTheFirstAndGivesUp) {
     EXPECT_EQ(second.status, 255);
     EXPECT_THAT(second.err, EndsWith(running));
     EXPECT_EQ(station.read(lock_file), "");
-    EXPECT_EQ(station.read(std::string(STATUS_FOLDER) + "/logfile"), status_log) << "its cleanup leaves no mark";
+    EXPECT_EQ(station.read(std::string(STATUS_FOLDER) + "/logfile"), status_log) << "its cleanup writes nothing";
     EXPECT_EQ(owner_of_lock(station.files().host_path(lock_file)), station.pid());
 
     station.step();
@@ -81,7 +81,7 @@ TEST(SecondDaemon, EmptiesTheFileOfTheFirstAndGivesUp) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST(SecondDaemon, SaysSoAtTheHighestLevelAfterItsCleanup) {
+TEST(SecondDaemon, IsReportedAtTheHighestLevelAfterItsCleanup) {
     Station station;
     station.start();
     TraceLog traces;
@@ -100,14 +100,14 @@ TEST(SecondDaemon, SaysSoAtTheHighestLevelAfterItsCleanup) {
 TEST(SecondDaemon, RunsOnlyWithALogFileInAnotherFolder) {
     Station station(Board().folder("/tmp/other"));
     station.start();
-    const std::string beside_the_first = std::string(STATUS_FOLDER) + "/another";
-    EXPECT_EQ(station.run({"-D", "-L", beside_the_first}).status, 255);
+    const std::string next_to_the_first = std::string(STATUS_FOLDER) + "/another";
+    EXPECT_EQ(station.run({"-D", "-L", next_to_the_first}).status, 255);
     const Outcome second = station.run_one_pass({"-D", "-L", "/tmp/other/log"});
     EXPECT_EQ(second.status, 1) << "terminated";
     EXPECT_THAT(second.err, HasSubstr("runrun_wait"));
 }
 
-TEST(Lock, IsFreeAgainWhenItsOwnerHasEnded) {
+TEST(Lock, IsReleasedWhenItsOwnerEnds) {
     Station station;
     for (const int signo : {SIGTERM, SIGKILL}) {
         station.start();
@@ -136,15 +136,15 @@ TEST(Lock, InAReadOnlyFolderIsReportedAsRunning) {
     EXPECT_THAT(outcome.err, EndsWith(running));
 }
 
-TEST(Lock, LiesBesideTheLogFileHoweverShortItsName) {
+TEST(Lock, IsNextToTheLogFileHoweverShortItsName) {
     Station station;
     station.start({"-D", "-L", "x"});
     EXPECT_EQ(read_file(station.files().scratch() + "/work/.lock"), own_line(station));
     EXPECT_FALSE(std::filesystem::exists(station.files().host_path(lock_file)));
 }
 
-// The names of streams are paths for the lock, and one of them is made a file.
-TEST(Lock, LiesBesideWhatIsNoFileToo) {
+// The lock takes the names of streams as paths.
+TEST(Lock, IsNextToAStreamNameToo) {
     Station to_stream;
     to_stream.start({"-L", "stderr"});
     const std::string folder = to_stream.files().scratch() + "/work";
@@ -156,7 +156,7 @@ TEST(Lock, LiesBesideWhatIsNoFileToo) {
     EXPECT_EQ(to_nothing.read("/dev/.lock"), own_line(to_nothing));
 }
 
-TEST(Lock, LiesInTheRootForALogFileInTheRoot) {
+TEST(Lock, IsInTheRootForALogFileInTheRoot) {
     Station station;
     station.start({"-D", "-L", "/x"});
     EXPECT_EQ(station.read("/.lock"), own_line(station));

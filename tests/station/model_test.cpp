@@ -1,7 +1,7 @@
-// The daemon against the model: random lives of the station without a difference between what the model
-// foretells and what the daemon shows.
-//     VIGMOND_SEED=n         that life instead of the usual ones
-//     VIGMOND_HEARTBEATS=n   so long a life
+// The daemon compared with the model: random lives of the station without a difference between the prediction and
+// the daemon's output.
+//     VIGMOND_SEED=n         runs that life instead of the usual ones
+//     VIGMOND_HEARTBEATS=n   its length
 
 #include "from_environment.h"
 #include "model/healthy_station.h"
@@ -14,7 +14,7 @@
 
 using model::built_in_checks;
 using model::Check;
-using model::Duet;
+using model::DifferentialRun;
 using model::Input;
 using model::removed;
 using model::Script;
@@ -36,22 +36,22 @@ std::uint64_t number_in(const char *variable, std::uint64_t otherwise) {
     return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
 }
 
-/// A random life of the daemon beside a model with these checks: the report of the first difference, empty
-/// when there is none.
+/// Runs a random life of the daemon and of a model with these checks; the report of the first difference, empty
+/// without one.
 std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector<Check> &checks) {
     Script script(seed, STATION_LOAD_LOGGER);
-    Duet duet(script.setup(), script.settings(), checks);
-    duet.start();
-    while (duet.beats_done() < heartbeats && duet.difference().empty()) {
-        live_until(script.next_beat(duet.now()), &script, &duet);
+    DifferentialRun run(script.setup(), script.settings(), checks);
+    run.start();
+    while (run.beats_done() < heartbeats && run.difference().empty()) {
+        live_until(script.next_beat(run.now()), &script, &run);
     }
-    duet.stop();
-    if (duet.difference().empty()) {
+    run.stop();
+    if (run.difference().empty()) {
         return "";
     }
-    return "seed:          " + std::to_string(seed) + "\n" + duet.difference() +
-           "again: VIGMOND_SEED=" + std::to_string(seed) + " VIGMOND_HEARTBEATS=" + std::to_string(duet.beats_done()) +
-           " station_model_test --gtest_filter='*IsAsForetold/0'\n";
+    return "seed:          " + std::to_string(seed) + "\n" + run.difference() +
+           "again: VIGMOND_SEED=" + std::to_string(seed) + " VIGMOND_HEARTBEATS=" + std::to_string(run.beats_done()) +
+           " station_model_test --gtest_filter='*IsAsPredicted/0'\n";
 }
 
 } // namespace
@@ -60,7 +60,7 @@ std::string live(std::uint64_t seed, std::uint64_t heartbeats, const std::vector
 
 class RandomLife : public testing::TestWithParam<std::uint64_t> {};
 
-TEST_P(RandomLife, IsAsForetold) {
+TEST_P(RandomLife, IsAsPredicted) {
     const std::uint64_t seed = number_in("VIGMOND_SEED", GetParam());
     const std::uint64_t heartbeats = number_in("VIGMOND_HEARTBEATS", usual_length());
     std::cout << "VIGMOND_SEED=" << seed << " VIGMOND_HEARTBEATS=" << heartbeats << '\n';
@@ -73,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(Seeds, RandomLife, testing::Range(FIRST_SEED, LAST_SEED
 
 namespace {
 
-/// A table with one figure in it that is not the built-in one.
+/// The built-in table with one figure changed.
 struct Alteration {
     std::string what;
     std::vector<Check> checks;
@@ -118,7 +118,7 @@ void alter_limits(std::size_t row, const Check &check, std::vector<Alteration> *
         row, "hysteresis - 1", [](Check *each) { --each->hysteresis; }, all);
 }
 
-/// The wear comes in steps of ten: a limit in between is the same as the next one.
+/// Wear has steps of ten: a limit in between equals the next step.
 void alter_wear_limits(std::size_t row, std::vector<Alteration> *all) {
     alter(
         row, "max warn + 1", [](Check *each) { ++*each->max_warn; }, all);
@@ -158,10 +158,10 @@ std::vector<Alteration> alterations() {
     return all;
 }
 
-/// A model's daemon alone, and what it shows.
-class Foretelling {
+/// The model's daemon without a real one, and its output.
+class Prediction {
   public:
-    explicit Foretelling(const Script &script)
+    explicit Prediction(const Script &script)
         : daemon_(script.settings(), built_in_checks(),
                   model::board_after(script.setup().inputs, script.setup().has_bus), script.setup().old_log,
                   script.setup().clock) {}
@@ -172,7 +172,7 @@ class Foretelling {
             daemon_.take(input);
         }
     }
-    /// All that the pass shows.
+    /// The whole output of the pass.
     std::vector<std::string> pass(std::int64_t now) {
         const model::Shown shown = daemon_.pass(now);
         std::vector<std::string> all = shown.sentences;
@@ -189,11 +189,11 @@ class Foretelling {
     std::size_t log_read_ = 0;
 };
 
-/// A random life strikes out the alterations that it shows to be wrong.
+/// Removes the alterations that a random life detects.
 void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
     Script script(seed, STATION_LOAD_LOGGER);
-    Foretelling right(script);
-    std::vector<std::pair<Alteration, Foretelling>> others;
+    Prediction right(script);
+    std::vector<std::pair<Alteration, Prediction>> others;
     for (const Alteration &alteration : *alterations) {
         others.emplace_back(alteration, right).second.believe(alteration.checks);
     }
@@ -218,8 +218,8 @@ void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
 
 } // namespace
 
-// What the random lives left out would be no one's to find.
-TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
+// An alteration that no random life detects is a gap of the random lives.
+TEST(TheModel, DetectsAChangeOfEachFigureOfTheTable) {
     std::vector<Alteration> left = alterations();
     ASSERT_GT(left.size(), 150U);
     for (std::uint64_t seed = FIRST_SEED; seed <= LAST_SEED; ++seed) {
@@ -230,7 +230,7 @@ TEST(TheModel, WouldShowEachFigureOfTheTableIfItWereAnother) {
     }
 }
 
-TEST(TheModel, FindsADifferenceAgainByItsReport) {
+TEST(TheModel, ReproducesADifferenceFromItsReport) {
     constexpr std::uint64_t seed = 2;
     std::vector<Check> checks = built_in_checks();
     checks[0].delay = 1;
@@ -244,47 +244,47 @@ TEST(TheModel, FindsADifferenceAgainByItsReport) {
     EXPECT_EQ(live(seed, heartbeats - 1, checks), "");
 }
 
-// --- what the comparison sees
+// --- the comparison
 
 namespace {
 
-void live_till_rotation(Duet *duet) {
-    const unsigned before = duet->rotations();
-    while (duet->rotations() == before && duet->difference().empty()) {
-        duet->beat();
+void live_till_rotation(DifferentialRun *run) {
+    const unsigned before = run->rotations();
+    while (run->rotations() == before && run->difference().empty()) {
+        run->beat();
     }
 }
 
 } // namespace
 
-TEST(TheReport, TellsOfAnOlderLogThatIsNotWhole) {
+TEST(TheReport, NamesAnIncompleteOlderLog) {
     const std::string newest = std::string(model::LOG) + ".000.bz2";
     for (const Input &secret : {removed(newest), written(newest, "no bzip2")}) {
         model::RigSetup setup = model::healthy_station();
         setup.arguments = model::small_logs().arguments;
-        Duet duet(setup, model::small_logs());
-        duet.start();
-        live_till_rotation(&duet);
-        EXPECT_EQ(duet.difference(), "");
-        duet.put_secretly(secret);
-        live_till_rotation(&duet);
-        EXPECT_THAT(duet.difference(), StartsWith("difference in: older status logs\n"));
+        DifferentialRun run(setup, model::small_logs());
+        run.start();
+        live_till_rotation(&run);
+        EXPECT_EQ(run.difference(), "");
+        run.put_secretly(secret);
+        live_till_rotation(&run);
+        EXPECT_THAT(run.difference(), StartsWith("difference in: older status logs\n"));
     }
 }
 
-TEST(TheReport, TellsOfADifferenceHowItCameAbout) {
+TEST(TheReport, ListsTheInputsThatLedToADifference) {
     std::vector<Check> checks = built_in_checks();
     checks[0].format = "CPU heat %D %T threshold.";
-    Duet duet(model::healthy_station(), model::Settings(), checks);
-    duet.start();
-    duet.put(removed(model::WIFI_FILE));
-    duet.put(written(TEMPERATURE_FILE, "72000\n"));
-    duet.beats(7);
+    DifferentialRun run(model::healthy_station(), model::Settings(), checks);
+    run.start();
+    run.put(removed(model::WIFI_FILE));
+    run.put(written(TEMPERATURE_FILE, "72000\n"));
+    run.beats(7);
     EXPECT_EQ(
-        duet.difference(),
+        run.difference(),
         "difference in: sentences\n"
         "heartbeat:     #5 at 2024-03-01 13:00:50 (1709294450)\n"
-        "foretold:      4 [warning] ID: CB20[0]: value: 72 CPU heat above 70 threshold.\n"
+        "predicted:     4 [warning] ID: CB20[0]: value: 72 CPU heat above 70 threshold.\n"
         "seen:          4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.\n"
         "started as:    vigmond\n"
         "check:         CB20[0]: state 1, counts: min fail 0, min warn 0, ok 0, max warn 0, max fail 0, value 72, "
@@ -300,7 +300,7 @@ namespace {
 
 struct Secret {
     const char *what;
-    std::vector<Input> inputs; ///< done to the real board only
+    std::vector<Input> inputs; ///< to the real board only
     std::int64_t period;
     const char *seen; ///< in the report
 };
@@ -330,13 +330,13 @@ std::vector<Secret> secrets() {
 class SecretChange : public testing::TestWithParam<Secret> {};
 
 TEST_P(SecretChange, IsFound) {
-    Duet duet(model::healthy_station(), model::Settings());
-    duet.start();
+    DifferentialRun run(model::healthy_station(), model::Settings());
+    run.start();
     for (const Input &input : GetParam().inputs) {
-        duet.put_secretly(input);
+        run.put_secretly(input);
     }
-    duet.beat(duet.now() - duet.now() % GetParam().period + GetParam().period);
-    EXPECT_THAT(duet.difference(), HasSubstr(GetParam().seen));
+    run.beat(run.now() - run.now() % GetParam().period + GetParam().period);
+    EXPECT_THAT(run.difference(), HasSubstr(GetParam().seen));
 }
 
 INSTANTIATE_TEST_SUITE_P(OfThe, SecretChange, testing::ValuesIn(secrets()),

@@ -1,4 +1,4 @@
-// The command line as a user meets it: texts on stderr, exit statuses. Where the daemon would run on
+// The command line from the user's side: texts on stderr and exit statuses. Where the daemon would keep running
 // after a warning, -d ends it.
 
 #include "station.h"
@@ -94,8 +94,8 @@ TEST(Help, ShowsTheValuesInForceAfterAllOptions) {
     EXPECT_EQ(help.status, 0);
 }
 
-// Deliberate: the default is named "fail" though only "failed" is accepted.
-TEST(Help, NamesTheSeverityFailedFail) {
+// The default is shown as "fail", though only "failed" is accepted. Kept.
+TEST(Help, ShowsTheSeverityFailedAsFail) {
     EXPECT_EQ(run({"-s", "failed", "-h"}).err, usage_text({.severity = "fail"}));
     EXPECT_EQ(run({"-s", "WARNING", "-h"}).err, usage_text({.severity = "warning"}));
     EXPECT_EQ(run({"-l", "Warning", "-h"}).err, usage_text({.loglevel = "warning"}));
@@ -108,9 +108,9 @@ TEST(Help, EndsTheProgramBeforeADump) {
     EXPECT_EQ(both.err, usage_text());
 }
 
-TEST(Help, ComesOnceHoweverOftenItIsAskedFor) { EXPECT_EQ(run({"-h", "-h", "--help"}).err, usage_text()); }
+TEST(Help, IsPrintedOnce) { EXPECT_EQ(run({"-h", "-h", "--help"}).err, usage_text()); }
 
-TEST(ProgramName, IsWhatFollowsTheLastSlash) {
+TEST(ProgramName, IsThePartAfterTheLastSlash) {
     Station station;
     station.argv0 = "./some/where/guard";
     const Outcome help = station.run({"-x"});
@@ -186,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
                R"(-L: "/missing/y": No such file or directory - using "/tmp/x")",
                {.logfile = "/tmp/x"}}));
 
-TEST(Value, ThatIsAcceptedPassesInSilence) {
+TEST(Value, ThatIsValidCausesNoOutput) {
     const Arguments accepted[] = {
         {"-C", "abc"},      {"-C", "0"},       {"-C", "128"},          {"-S", "12abc"}, {"-S", " 10"},
         {"-S", "102400"},   {"-l", "WARNING"}, {"-l", "oK"},           {"-l", "FAIL"},  {"-s", "Failed"},
@@ -200,12 +200,12 @@ TEST(Value, ThatIsAcceptedPassesInSilence) {
     }
 }
 
-TEST(Value, OfTextThatIsNoNumberIsZero) {
+TEST(Value, OfNonNumericTextIsZero) {
     EXPECT_THAT(run({"-C", "abc", "-d"}).out, HasSubstr("logcount:       0\n"));
     EXPECT_THAT(run({"-S", "12abc", "-d"}).out, HasSubstr("logsize:        12K\n"));
 }
 
-TEST(Warnings, AllComeBeforeTheOneUsageText) {
+TEST(Warnings, PrecedeASingleUsageText) {
     const Outcome outcome = run({"-S", "5", "-x", "-l", "all", "-C", "200"});
     EXPECT_EQ(outcome.err, "vigmond: WARNING: option -S: invalid value \"5\" - using \"10\" instead.\n"
                            "vigmond: WARNING: invalid option -x - ignored.\n"
@@ -215,7 +215,7 @@ TEST(Warnings, AllComeBeforeTheOneUsageText) {
     EXPECT_EQ(outcome.status, 255);
 }
 
-// The daemon runs on with the value in force.
+// The daemon keeps running with the value in force.
 TEST(Warnings, DoNotEndTheDaemon) {
     Station station;
     station.start({"-S", "5", "-s", "none"});
@@ -242,7 +242,7 @@ TEST_P(InvalidOption, IsNamedAndEndsTheProgramWith255) {
     EXPECT_EQ(outcome.status, 255);
 }
 
-// An unknown or ambiguous long option has no character and is shown as '?'.
+// An unknown or ambiguous long option has no character and shows as '?'.
 INSTANTIATE_TEST_SUITE_P(All, InvalidOption,
                          testing::Values(Rejected{{"-x"}, 'x'}, Rejected{{"-d", "-x"}, 'x'}, Rejected{{"-S"}, 'S'},
                                          Rejected{{"-L"}, 'L'}, Rejected{{"-C"}, 'C'}, Rejected{{"-l"}, 'l'},
@@ -270,13 +270,13 @@ TEST(Version, AfterAWarningComesWithoutTheUsageText) {
     EXPECT_EQ(version.status, 0);
 }
 
-TEST(LongOption, MayBeShortenedAsLongAsItIsUnique) {
+TEST(LongOption, MayBeAbbreviatedIfUnique) {
     const Outcome outcome = run({"--logfiles=5", "--du"});
     EXPECT_THAT(outcome.err, StartsWith("vigmond: WARNING: option -S: invalid value \"5\" - using \"10\" instead.\n"));
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(NonOptionArguments, AreIgnoredInSilence) {
+TEST(NonOptionArguments, AreIgnoredSilently) {
     const Outcome outcome = run({"some", "-d", "thing", "--", "-x"});
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.status, 0);
@@ -289,7 +289,7 @@ TEST(LogFile, IsCreatedWhenItIsNamed) {
     EXPECT_TRUE(std::filesystem::exists(station.files().scratch() + "/work/x"));
 }
 
-TEST(LogFile, ThatExistsIsKeptAsItIs) {
+TEST(LogFile, ThatExistsIsKept) {
     Station station;
     station.files().write("/tmp/status", "earlier\n");
     EXPECT_EQ(station.run({"-L", "/tmp/status", "-d"}).status, 0);
@@ -304,8 +304,8 @@ struct Copied {
 
 class CommandLine : public testing::TestWithParam<Copied> {};
 
-// In the order in which the parser leaves it: what is no option stands behind the options.
-TEST_P(CommandLine, IsCopiedBehindTheUsageTextAndBeforeTheExit) {
+// In the parser's order: non-options follow the options.
+TEST_P(CommandLine, IsCopiedAfterTheUsageTextAndBeforeTheExit) {
     const Outcome outcome = run(GetParam().arguments);
     const std::size_t copied = outcome.err.find(") gdata_commandline: '" + GetParam().copy + "'\n");
     EXPECT_NE(copied, std::string::npos) << outcome.err;
@@ -324,7 +324,7 @@ TEST(Version, EndsBeforeTheCommandLineIsCopied) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-// Log filters know both places.
+// Log filters use both places.
 TEST(Help, IsTracedBetweenTwoFixedPlaces) {
     const Outcome help = run({"-D", "-h"});
     EXPECT_EQ(occurrences(help.err, "vigmond.c: eat_arguments(276)  \n"), 1);

@@ -1,5 +1,4 @@
-// Hours of a station on whose links and paths everything changes, side by side: the records and sentences
-// are those that were written down for it.
+// Hours of a station on which all links and paths change, compared with records and sentences written by hand.
 
 #include "network_paths.h"
 #include "station_life.h"
@@ -11,7 +10,7 @@
 
 namespace {
 
-/// What the two tables of the kernel say, each line for a check of its own.
+/// The kernel's two tables; each line belongs to one check.
 struct Air {
     int lost_on_ethernet = 0;
     int lost_on_wifi = 0;
@@ -24,8 +23,8 @@ struct Air {
     void put_signal(const Station &station) const { station.files().write(SIGNAL_FILE, signal_table(quality, level)); }
 };
 
-// 100 * (lost + 20 - 1) / 1000: 5 of 40 and 11 of 100. The limits 5 and 10 are each moved by 2. A state that
-// is left for a milder one has had a multiple of ten samples: then the next is reached with the tenth, too.
+// 100 * (lost + 20 - 1) / 1000: 5 for 40 and 11 for 100. Limits 5 and 10, hysteresis 2. A state that is left for
+// a milder one lasts a multiple of ten samples, so that the tenth sample reaches the next state too.
 Check ethernet_traffic_check(Air *air) {
     return {.issue = "CB10\t0",
             .period = 60,
@@ -104,7 +103,7 @@ Check wireless_link_check() {
             }};
 }
 
-// Limits 30 and 50, each moved by 5. Whatever the state, what is not well is logged as a failure.
+// Limits 30 and 50, hysteresis 5. Warnings are logged as failures too.
 Check quality_check(Air *air) {
     return {.issue = "CB04\t0",
             .period = 60,
@@ -125,7 +124,7 @@ Check quality_check(Air *air) {
             }};
 }
 
-// Limits -70 and -30, each moved by 5; every tenth second, and confirmed by the fourth sample.
+// Limits -70 and -30, hysteresis 5; every ten seconds, confirmed by the fourth sample.
 Check level_check(Air *air) {
     return {.issue = "CB09\t0",
             .period = 10,
@@ -170,8 +169,8 @@ std::vector<Check> changing_checks(Air *air) {
 
 } // namespace
 
-// 100, 43, 52 and 37 minutes, 72 minutes and 92 tens of seconds: eight hours see each course in full.
-TEST(PathsLife, OfEightHours) {
+// The courses take 100, 43, 52, 37 and 72 minutes and 920 seconds: eight hours contain each in full.
+TEST(PathsLife, OfEightHoursMatches) {
     Air air;
     Station station(connected_board());
     station.environment = {"TZ=UTC0"};

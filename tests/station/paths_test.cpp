@@ -1,4 +1,4 @@
-// Which network paths are in use: when the two settings files are read, and what is made of them.
+// Which network paths are in use: when the two settings files are read, and how they are parsed.
 
 #include "issue_records.h"
 #include "network_paths.h"
@@ -18,16 +18,16 @@ namespace {
 const std::vector<std::string> lan_issues{"CB10", "CB11", "CB12"};
 const std::vector<std::string> wifi_issues{"CB13", "CB01", "CB02", "CB04", "CB09"};
 
-/// A station with both paths in use; the paths are in use whose checks were recorded in the last pass.
+/// A station with both paths in use. A path is in use if its checks were recorded in the last pass.
 struct PathStation : testing::Test {
     PathStation() { station.environment = {"TZ=UTC0"}; }
 
-    /// Whether a pass has read the two files.
+    /// Runs a pass; whether it read the two files.
     bool reads() {
         station.step();
         return has_read();
     }
-    /// Whether they have been read since the last look.
+    /// Whether they have been read since the last call.
     bool has_read() {
         const std::size_t lan = station.trace().messages_of("network_lan_handler").size();
         const std::size_t wifi = station.trace().messages_of("json_parse").size();
@@ -58,7 +58,7 @@ struct PathStation : testing::Test {
 struct PathsOnABus : PathStation {
     PathsOnABus() { bus.systemd.change_time("7"); }
 
-    /// From here on it takes a change for the files to be read.
+    /// After this the files are read only after a change.
     void settle() {
         station.start();
         EXPECT_TRUE(has_read());
@@ -84,17 +84,17 @@ struct PathsOnABus : PathStation {
 
 // --- when the files are read
 
-TEST_F(PathsOnABus, AreLookedUpTwiceThenOnlyWhenNetworkdHasChanged) {
+TEST_F(PathsOnABus, AreReadTwiceThenOnlyWhenNetworkdHasChanged) {
     station.start();
     EXPECT_TRUE(has_read());
-    EXPECT_EQ(asked(), 0) << "the first pass does not ask, and remembers nothing";
+    EXPECT_EQ(asked(), 0) << "the first pass does not ask and stores nothing";
     EXPECT_TRUE(reads());
     EXPECT_EQ(asked(), 1);
     for (int pass = 0; pass < 10; ++pass) {
         EXPECT_FALSE(reads());
     }
     EXPECT_EQ(asked(), 11);
-    for (const char *time : {"8", "4294967304", "18446744073709551615", "7"}) { // any other, later or not
+    for (const char *time : {"8", "4294967304", "18446744073709551615", "7"}) { // any other time stamp, later or not
         bus.systemd.change_time(time);
         EXPECT_TRUE(reads()) << time;
         EXPECT_FALSE(reads()) << time;
@@ -103,7 +103,7 @@ TEST_F(PathsOnABus, AreLookedUpTwiceThenOnlyWhenNetworkdHasChanged) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(PathsOnABus, AreLookedUpOnceWhenNetworkdHasNeverRun) {
+TEST_F(PathsOnABus, AreReadOnceWhenNetworkdHasNeverRun) {
     bus.systemd.change_time("0");
     station.start();
     EXPECT_TRUE(has_read());
@@ -136,7 +136,7 @@ TEST_F(PathsOnABus, FollowTheFilesOnlyWhenNetworkdHasChanged) {
     EXPECT_TRUE(wifi_in_use());
 }
 
-TEST_F(PathsOnABus, AreSwitchedOffOneWithoutTheOther) {
+TEST_F(PathsOnABus, AreSwitchedOffIndependently) {
     station.start();
     put(station, LAN_SETTINGS, "[Link]\nUnmanaged=yes\n");
     bus.systemd.change_time("8");
@@ -152,18 +152,18 @@ TEST_F(PathsOnABus, AreSwitchedOffOneWithoutTheOther) {
     EXPECT_EQ(last_record_of(station, "CB05"), "OK 0") << "Bluetooth has no switch";
 }
 
-TEST_F(PathsOnABus, AreLookedUpInEveryPassWhileThePropertyFails) {
+TEST_F(PathsOnABus, AreReadInEveryPassWhileThePropertyFails) {
     settle();
     bus.systemd.fail(NETWORKD, CHANGE_TIME, "System.Error.EACCES", 3);
     for (int pass = 0; pass < 3; ++pass) {
         EXPECT_TRUE(reads());
         EXPECT_THAT(checks_traced(), ElementsAre(" ", "get_property FAILEd: ret : -13 (Permission denied)"));
     }
-    EXPECT_FALSE(reads()) << "the time stamp of before still counts";
+    EXPECT_FALSE(reads()) << "the previous time stamp still counts";
     EXPECT_THAT(checks_traced(), ElementsAre(" "));
 }
 
-TEST_F(PathStation, AreLookedUpInEveryPassWithoutSystemdOnTheBus) {
+TEST_F(PathStation, AreReadInEveryPassWithoutSystemdOnTheBus) {
     const PrivateBus bus(station.files().scratch());
     auto systemd = std::make_unique<FakeSystemd>(bus);
     systemd->change_time("7");
@@ -182,7 +182,7 @@ TEST_F(PathStation, AreLookedUpInEveryPassWithoutSystemdOnTheBus) {
     EXPECT_FALSE(reads());
 }
 
-TEST_F(PathsOnABus, AreLookedUpInEveryPassWhileThePropertyIsNoNumber) {
+TEST_F(PathsOnABus, AreReadInEveryPassWhileThePropertyIsNoNumber) {
     settle();
     bus.systemd.obey(std::string("set ") + NETWORKD + " " + CHANGE_TIME + " s 7");
     EXPECT_TRUE(reads());
@@ -192,27 +192,27 @@ TEST_F(PathsOnABus, AreLookedUpInEveryPassWhileThePropertyIsNoNumber) {
     EXPECT_FALSE(reads());
 }
 
-TEST_F(PathsOnABus, AreNotLookedUpForAnAnswerThatTakesItsTime) {
+TEST_F(PathsOnABus, AreNotReadForASlowAnswer) {
     settle();
     bus.systemd.obey("delay 300");
     EXPECT_FALSE(reads());
     EXPECT_FALSE(reads());
 }
 
-// The station's services are not installed here, so that nothing else waits for an answer.
-TEST_F(PathsOnABus, AreLookedUpWithoutAnAnswer) {
+// No service is installed here, so that nothing else waits for an answer.
+TEST_F(PathsOnABus, AreReadWithoutAnAnswer) {
     settle();
     bus.systemd.obey("hold");
     EXPECT_TRUE(reads());
     EXPECT_THAT(checks_traced(), ElementsAre(" ", "get_property FAILEd: ret : -110 (Connection timed out)"));
     bus.systemd.obey("release");
-    EXPECT_FALSE(reads()) << "the late answer is nobody's";
+    EXPECT_FALSE(reads()) << "the late answer is ignored";
     EXPECT_EQ(asked(), 3);
 }
 
-// --- a bus that is not there
+// --- a missing bus
 
-TEST_F(PathStation, AreLookedUpInEveryPassWithoutABus) {
+TEST_F(PathStation, AreReadInEveryPassWithoutABus) {
     station.environment.emplace_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere");
     station.start();
     EXPECT_TRUE(has_read());
@@ -224,7 +224,7 @@ TEST_F(PathStation, AreLookedUpInEveryPassWithoutABus) {
                 Contains("bus_default FAILED: ret : -2 (No such file or directory)").Times(5));
 }
 
-TEST_F(PathsOnABus, AreLookedUpWhileTheBusIsAway) {
+TEST_F(PathsOnABus, AreReadWhileTheBusIsAway) {
     settle();
     bus.bus.stop();
     EXPECT_TRUE(reads());
@@ -235,13 +235,13 @@ TEST_F(PathsOnABus, AreLookedUpWhileTheBusIsAway) {
     }
     bus.bus.start();
     bus.systemd.connect();
-    EXPECT_FALSE(reads()) << "found again, the time stamp is that of before";
+    EXPECT_FALSE(reads()) << "the time stamp has not changed";
     bus.systemd.change_time("8");
     EXPECT_TRUE(reads());
     EXPECT_FALSE(reads());
 }
 
-TEST_F(PathsOnABus, AreLookedUpOnceWhenTheBusIsStartedAnew) {
+TEST_F(PathsOnABus, AreReadOnceWhenTheBusRestarts) {
     settle();
     for (int time = 0; time < 5; ++time) {
         bus.bus.stop();
@@ -252,7 +252,7 @@ TEST_F(PathsOnABus, AreLookedUpOnceWhenTheBusIsStartedAnew) {
     }
 }
 
-TEST_F(PathsOnABus, OutliveABusThatDiesBetweenQuestionAndAnswer) {
+TEST_F(PathsOnABus, SurviveABusThatDiesBetweenQuestionAndAnswer) {
     settle();
     for (int time = 0; time < 3; ++time) {
         bus.systemd.strike(bus.bus.pid(), SIGKILL, 1);
@@ -267,7 +267,7 @@ TEST_F(PathsOnABus, OutliveABusThatDiesBetweenQuestionAndAnswer) {
     EXPECT_TRUE(wifi_in_use());
 }
 
-// --- what is made of the files
+// --- contents of the files
 
 namespace {
 
@@ -278,7 +278,7 @@ struct SettingsCase {
 
 const std::string kilobytes(100'000, 'x');
 
-/// What a station whose first pass finds this makes of it.
+/// Whether the LAN is in use when the first pass finds this file.
 bool lan_after_start(const Content &content) {
     Station station(connected_board().without(LAN_SETTINGS));
     station.environment = {"TZ=UTC0"};
@@ -289,7 +289,7 @@ bool lan_after_start(const Content &content) {
 
 } // namespace
 
-TEST(LanSettings, SayWhetherTheLanIsInUse) {
+TEST(LanSettings, DecideWhetherTheLanIsInUse) {
     using namespace std::string_literals;
     const SettingsCase cases[]{
         {std::nullopt, true},
@@ -310,12 +310,12 @@ TEST(LanSettings, SayWhetherTheLanIsInUse) {
         {"[Link\n", true},
         {"garbage", true},
         {"\xEF\xBB\xBF[Link]\nUnmanaged=yes\n", true},
-        {"\0\0\0\0"s, false}, // lines of nothing
+        {"\0\0\0\0"s, false}, // empty lines
         {"\xff\xfe\x01\x02\n", true},
         {kilobytes, true},
-        {"[Link]\nUnmanaged=yes\nName=" + kilobytes + "\n", true}, // its later pieces have no separator
+        {"[Link]\nUnmanaged=yes\nName=" + kilobytes + "\n", true}, // the later pieces have no separator
         {"[Link]\nUnmanaged=no\n;" + std::string(4000, 'x') + "\n", true},
-        {"[Link]\nUnmanaged=n", false}, // cut off
+        {"[Link]\nUnmanaged=n", false}, // truncated
         {"[" + std::string(60, 'L') + "]\nUnmanaged=no\n", false}};
     for (const SettingsCase &given : cases) {
         EXPECT_EQ(lan_after_start(given.content), given.in_use)
@@ -323,7 +323,7 @@ TEST(LanSettings, SayWhetherTheLanIsInUse) {
     }
 }
 
-TEST_F(PathStation, KeepWhatTheLansFileOnceSaid) {
+TEST_F(PathStation, KeepTheLastValueOfTheLansFile) {
     station.start();
     const SettingsCase cases[]{{"[Link]\nUnmanaged=no\n", true},
                                {"[Link]\n", true},
@@ -331,7 +331,7 @@ TEST_F(PathStation, KeepWhatTheLansFileOnceSaid) {
                                {"[Link]\nActivationPolicy=down\n", false},
                                {"[Link]\nUnmanaged=no\n", false}, // "down" is remembered
                                {"[Link]\nActivationPolicy=up\nUnmanaged=yes\nbroken\n", true},
-                               {"", false}, // and so is what stood in front of the error
+                               {"", false}, // the lines before the error count
                                {std::nullopt, true},
                                {"", false}};
     for (const SettingsCase &given : cases) {
@@ -343,10 +343,10 @@ TEST_F(PathStation, KeepWhatTheLansFileOnceSaid) {
     std::filesystem::remove(station.files().host_path(LAN_SETTINGS));
     std::filesystem::create_directory(station.files().host_path(LAN_SETTINGS));
     samples(&station, 1, 60);
-    EXPECT_FALSE(lan_in_use()) << "a folder opens and is at its end at once: what is remembered counts";
+    EXPECT_FALSE(lan_in_use()) << "a folder opens and reads as empty: the last value is kept";
 }
 
-TEST_F(PathStation, TakeTheWifiForSwitchedOnUnlessItsFileIsAnObject) {
+TEST_F(PathStation, TreatTheWifiAsOnUnlessItsFileIsAnObject) {
     using namespace std::string_literals;
     station.start();
     const SettingsCase cases[]{{std::nullopt, false},
@@ -356,7 +356,7 @@ TEST_F(PathStation, TakeTheWifiForSwitchedOnUnlessItsFileIsAnObject) {
                                {"[]", true},
                                {"[\"enabled\", true]", true},
                                {"{}", false},
-                               {"{\"enabled\":true}", false}, // the quote behind the key is compared, too
+                               {"{\"enabled\":true}", false}, // the quote after the key is compared too
                                {"{\"enabled\": \"true\"}\n", false},
                                {"{\"enabled\":false}", false},
                                {"{\"ssid\":\"station\",\"enabled\":true}", false},
@@ -380,5 +380,5 @@ TEST_F(PathStation, TakeTheWifiForSwitchedOnUnlessItsFileIsAnObject) {
     put(station, WIFI_SETTINGS, std::nullopt);
     std::filesystem::create_directory(station.files().host_path(WIFI_SETTINGS));
     samples(&station, 1, 60);
-    EXPECT_TRUE(wifi_in_use()) << "a folder opens, and nothing can be read of it";
+    EXPECT_TRUE(wifi_in_use()) << "a folder opens, but cannot be read";
 }

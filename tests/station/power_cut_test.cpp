@@ -1,6 +1,6 @@
-// The power fails after a rotation. The status log lies on an ext4 file system in an image; a copy of the
-// image is what a disk holds when the power fails at that instant.
-// STATION_CUTS="0.2 2 7 20" cuts it that many seconds after a rotation, too.
+// The power fails after a rotation. The status log is on an ext4 file system in an image; a copy of the image is
+// the disk's content when the power fails at that instant.
+// STATION_CUTS="0.2 2 7 20" also cuts the power that many seconds after a rotation.
 
 #include "bzip2_tool.h"
 #include "hang_guard.h"
@@ -31,7 +31,7 @@ void run(const std::string &command) {
     ASSERT_EQ(std::system(command.c_str()), 0) << command; // NOLINT(cert-env33-c): our own command line
 }
 
-/// Some 700 KB, each record different.
+/// About 700 KB of distinct records.
 std::string old_records() {
     std::string text;
     for (int i = 0; i < RECORDS; ++i) {
@@ -40,7 +40,7 @@ std::string old_records() {
     return text;
 }
 
-/// A file on the disk, and with it all that the file system has to write down before it.
+/// Syncs a file and with it everything that the file system must write before it.
 void synchronise(const std::string &path) {
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(fsync(file.get()), 0);
@@ -56,7 +56,7 @@ std::vector<double> later_cuts() {
     return cuts;
 }
 
-/// The mounts are seen by this process and its children alone, and end with it.
+/// The mounts are visible to this process and its children only and end with it.
 class PowerCut : public testing::Test {
   protected:
     void SetUp() override {
@@ -70,7 +70,7 @@ class PowerCut : public testing::Test {
     }
     void TearDown() override { umount2(disk.c_str(), MNT_DETACH); }
 
-    /// What a start after the cut would find: the log and the whole generations.
+    /// What a start after the cut finds: the log and the whole generations.
     std::string found_after_cut() {
         const std::string copy = folder / "copy";
         const std::string found = folder / "found";
@@ -101,10 +101,10 @@ class PowerCut : public testing::Test {
 
 } // namespace
 
-// What has a file's name and its removal written down early is anybody who synchronises a file.
+// A sync of any file makes the file system write names and removals early.
 TEST_F(PowerCut, AfterARotationLosesNoRecord) {
     std::ofstream(disk + "/logfile") << old_records();
-    synchronise(disk + "/logfile"); // written in the course of a day
+    synchronise(disk + "/logfile"); // as written in the course of a day
     Station station(even_board());
     station.uses_disk = true;
     station.shown = {{disk, STATUS_FOLDER}};

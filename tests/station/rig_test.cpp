@@ -1,4 +1,4 @@
-// The rig itself, with other programs in the daemon's place.
+// The rig itself, with other programs in place of the daemon.
 
 #include "station.h"
 
@@ -32,7 +32,7 @@ TEST(Rig, CapturesSyslog) {
     EXPECT_EQ(station.syslog()[1].text, "second");
 }
 
-TEST(Rig, TurnsTheClockOfAnyProgram) {
+TEST(Rig, ControlsTheClockOfAnyProgram) {
     Station station(Board().clock(2147483648));
     EXPECT_EQ(run_on(station, "/usr/bin/date", {"-u", "+%F %T"}).out, "2038-01-19 03:14:08\n");
 }
@@ -49,7 +49,7 @@ TEST(Rig, ShowsTheBoardsFiles) {
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST(Rig, LeavesTheHostAsItIs) {
+TEST(Rig, DoesNotChangeTheHost) {
     const bool had_folder = std::filesystem::exists("/var/lib/evse");
     Station station;
     station.start();
@@ -58,7 +58,7 @@ TEST(Rig, LeavesTheHostAsItIs) {
     EXPECT_THAT(read_file("/proc/self/mounts"), Not(HasSubstr("vigmond-test-")));
 }
 
-TEST(Rig, KeepsItselfOutOfTheDaemonsChildren) {
+TEST(Rig, IsNotInheritedByTheDaemonsChildren) {
     Station station;
     station.environment = {"STATION_NAME=north"};
     const Outcome outcome = run_on(station, "/usr/bin/env", {});
@@ -67,7 +67,7 @@ TEST(Rig, KeepsItselfOutOfTheDaemonsChildren) {
     EXPECT_THAT(outcome.out, Not(HasSubstr(STATION_PAGE_VARIABLE)));
 }
 
-TEST(Rig, TellsWhatEndedInsteadOfWaiting) {
+TEST(Rig, ReportsAProcessThatEndedInsteadOfWaiting) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_DEATH(
         {
@@ -77,7 +77,7 @@ TEST(Rig, TellsWhatEndedInsteadOfWaiting) {
         "the process ended with 0 instead of the wait; its stderr:.*Version Data");
 }
 
-TEST(JournalRecord, TakesShortAndLongFields) {
+TEST(JournalRecord, ParsesShortAndLongFields) {
     const JournalRecord record(std::string("PRIORITY=6\nMESSAGE\n\3\0\0\0\0\0\0\0a\nb\nCODE_FUNC=main\n", 46));
     EXPECT_EQ(record["PRIORITY"], "6");
     EXPECT_EQ(record["MESSAGE"], "a\nb");
@@ -85,7 +85,7 @@ TEST(JournalRecord, TakesShortAndLongFields) {
     EXPECT_EQ(record["MISSING"], "");
 }
 
-TEST(TraceLine, IsTakenApart) {
+TEST(TraceLine, IsParsed) {
     const auto trace = parse_trace_line("(2) [812] 14:03:20 builtin/load.c: load_exec(90) 5: a (b) ");
     ASSERT_TRUE(trace);
     EXPECT_EQ(trace->level, 2);

@@ -1,4 +1,4 @@
-// A full status log becomes generations, which together hold what was recorded.
+// A full status log is rotated into generations, which together contain all records.
 
 #include "bzip2_tool.h"
 #include "station_life.h"
@@ -22,13 +22,13 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t LIMIT = 10240; // -S 10
 
-/// What the files have to hold, from the records and their times alone.
+/// The expected files, computed from the records and their times only.
 class Generations {
   public:
     Generations(std::string command_line, std::size_t count, const std::string &start)
         : command_line_(std::move(command_line)), count_(count), current_(header_text(start, "START", command_line_)) {}
 
-    /// A file that has reached the limit with a record is packed at once; the next begins with its header.
+    /// A record that reaches the limit rotates the file at once; the next file begins with its header.
     void take(const std::string &record) {
         current_ += record + "\n";
         if (current_.size() >= LIMIT) {
@@ -75,7 +75,7 @@ std::string expected_names(std::size_t generations) {
 struct Rotation : testing::Test {
     Rotation() { station.environment = {"TZ=UTC0"}; }
 
-    /// Runs `beats` heartbeats, with the files foretold.
+    /// Runs `beats` heartbeats; returns the predicted files.
     Generations run(const std::vector<std::string> &arguments, std::size_t count, int beats) {
         std::string command_line = "vigmond";
         for (const std::string &argument : arguments) {
@@ -84,11 +84,11 @@ struct Rotation : testing::Test {
         const std::string start = stamp_of(1709294407);
         life.start(&station, arguments);
         life.steps(&station, beats);
-        Generations foretold(command_line, count, start);
+        Generations predicted(command_line, count, start);
         for (const std::string &record : life.records()) {
-            foretold.take(record);
+            predicted.take(record);
         }
-        return foretold;
+        return predicted;
     }
 
     Station station{even_board()};
@@ -99,29 +99,29 @@ class RotationCount : public Rotation, public testing::WithParamInterface<std::s
 
 } // namespace
 
-// Next to its header a file has room for some 240 records, the three to eighteen of each heartbeat.
+// After its header a file has room for about 240 records; each heartbeat writes three to eighteen.
 TEST_P(RotationCount, KeepsTheNewestGenerationsWhole) {
     const std::size_t count = GetParam();
-    const Generations foretold = run({"-S", "10", "-C", std::to_string(count)}, count, 1000);
-    ASSERT_GT(foretold.rotations(), 6U);
-    ASSERT_EQ(foretold.packed().size(), std::min(count, foretold.rotations()));
-    EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(foretold.packed().size()));
-    for (std::size_t number = 0; number < foretold.packed().size(); ++number) {
-        EXPECT_EQ(bunzip2(generation_path(station, number)), foretold.packed()[number]) << number;
+    const Generations predicted = run({"-S", "10", "-C", std::to_string(count)}, count, 1000);
+    ASSERT_GT(predicted.rotations(), 6U);
+    ASSERT_EQ(predicted.packed().size(), std::min(count, predicted.rotations()));
+    EXPECT_EQ(names_in(station.files().host_path(STATUS_FOLDER)), expected_names(predicted.packed().size()));
+    for (std::size_t number = 0; number < predicted.packed().size(); ++number) {
+        EXPECT_EQ(bunzip2(generation_path(station, number)), predicted.packed()[number]) << number;
     }
-    EXPECT_EQ(station.read(STATUS_LOG), foretold.current());
-    EXPECT_THAT(foretold.current(), HasSubstr("\tROTATE\t"));
+    EXPECT_EQ(station.read(STATUS_LOG), predicted.current());
+    EXPECT_THAT(predicted.current(), HasSubstr("\tROTATE\t"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Counts, RotationCount, testing::Values(0, 1, 3));
 
-// Some five files of which none falls away.
-TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
-    const Generations foretold = run({"-S", "10"}, 20, 300);
-    ASSERT_GT(foretold.rotations(), 2U);
-    ASSERT_LE(foretold.rotations(), 10U);
+// About five files, none of which is dropped.
+TEST_F(Rotation, LosesNoRecordBelowTheMaximumNumber) {
+    const Generations predicted = run({"-S", "10"}, 20, 300);
+    ASSERT_GT(predicted.rotations(), 2U);
+    ASSERT_LE(predicted.rotations(), 10U);
     std::string all;
-    for (std::size_t number = foretold.packed().size(); number-- > 0;) {
+    for (std::size_t number = predicted.packed().size(); number-- > 0;) {
         all += bunzip2(generation_path(station, number));
     }
     EXPECT_EQ(records_in(all + station.read(STATUS_LOG)), life.records());
@@ -130,13 +130,13 @@ TEST_F(Rotation, LosesNoRecordWhileThereAreNumbers) {
 
 TEST_F(Rotation, LeavesGenerationsAboveAGapAlone) {
     station.files().write(std::string(STATUS_LOG) + ".001.bz2", "of old\n");
-    const Generations foretold = run({"-S", "10", "-C", "3"}, 3, 80);
-    ASSERT_EQ(foretold.rotations(), 1U);
-    EXPECT_EQ(bunzip2(generation_path(station, 0)), foretold.packed()[0]);
+    const Generations predicted = run({"-S", "10", "-C", "3"}, 3, 80);
+    ASSERT_EQ(predicted.rotations(), 1U);
+    EXPECT_EQ(bunzip2(generation_path(station, 0)), predicted.packed()[0]);
     EXPECT_EQ(station.read(std::string(STATUS_LOG) + ".001.bz2"), "of old\n");
 }
 
-TEST_F(Rotation, TakesAFileThatWasTooLargeAtTheStartWithItsFirstRecord) {
+TEST_F(Rotation, RotatesAFileThatWasTooLargeAtTheStartWithTheFirstRecord) {
     const std::string old(LIMIT, '#');
     station.files().write(STATUS_LOG, old);
     station.start({"-S", "10"});
@@ -147,8 +147,8 @@ TEST_F(Rotation, TakesAFileThatWasTooLargeAtTheStartWithItsFirstRecord) {
                                                      "2024-03-01 12:00:07\tOK\tCB05\t0\t0\n"));
 }
 
-// The check of the size does not ask whether the record was written.
-TEST_F(Rotation, IsDueWithARecordThatTheLevelLeavesOut) {
+// The size is checked whether or not the record was written.
+TEST_F(Rotation, HappensEvenIfTheLevelSuppressesTheRecord) {
     const std::string old(LIMIT, '#');
     station.files().write(STATUS_LOG, old);
     station.start({"-S", "10", "-l", "fail"});
@@ -157,10 +157,10 @@ TEST_F(Rotation, IsDueWithARecordThatTheLevelLeavesOut) {
     EXPECT_EQ(station.read(STATUS_LOG), header_text("2024-03-01 12:00:07", "ROTATE", command_line));
 }
 
-TEST_F(Rotation, CanBeDueWithTheLastMark) {
+TEST_F(Rotation, CanHappenAtTheClosingBlock) {
     station.start({"-S", "10", "-l", "fail"});
     const std::string before = station.read(STATUS_LOG);
-    const std::string ballast(LIMIT - 1 - before.size(), '#'); // a byte is left
+    const std::string ballast(LIMIT - 1 - before.size(), '#'); // leaves one byte
     std::ofstream(station.files().host_path(STATUS_LOG), std::ios::app) << ballast;
     station.step(3);
     ASSERT_FALSE(fs::exists(generation_path(station, 0)));
@@ -171,7 +171,7 @@ TEST_F(Rotation, CanBeDueWithTheLastMark) {
     EXPECT_EQ(station.read(STATUS_LOG), header_text("2024-03-01 12:00:10", "ROTATE", command_line));
 }
 
-// Others have made the file so large that its packing takes many seconds.
+// Somebody else has made the file so large that its compression takes many seconds.
 TEST_F(Rotation, IsBrokenOffByATermination) {
     station.files().write(STATUS_LOG, "");
     fs::resize_file(station.files().host_path(STATUS_LOG), 1U << 30U);
@@ -192,14 +192,14 @@ TEST_F(Rotation, IsBrokenOffByATermination) {
 
 namespace {
 
-/// The log on a disk of 64 KiB, which only the daemon's own view of the files shows.
+/// The log on a disk of 64 KiB, visible to the daemon only.
 struct SmallDisk : testing::Test {
     SmallDisk() { station.environment = {"TZ=UTC0"}; }
 
     [[nodiscard]] std::string seen(const std::string &path) const {
         return "/proc/" + std::to_string(station.pid()) + "/root" + path;
     }
-    /// Leaves no free page on the disk.
+    /// Fills the disk to the last page.
     void fill() const {
         std::ofstream ballast(seen("/var/lib/evse/vigmond/ballast"));
         ballast << noise(1U << 20U) << std::flush;
@@ -213,7 +213,7 @@ struct SmallDisk : testing::Test {
 
 } // namespace
 
-TEST_F(SmallDisk, LosesWholeRecordsWhileItIsFullAndNoOthers) {
+TEST_F(SmallDisk, LosesWholeRecordsOnlyWhileItIsFull) {
     life.start(&station, {"-D"});
     life.steps(&station, 5);
     const std::string before = read_file(seen(STATUS_LOG));
@@ -222,7 +222,7 @@ TEST_F(SmallDisk, LosesWholeRecordsWhileItIsFullAndNoOthers) {
     const std::size_t recorded = life.records().size();
     life.steps(&station, 100);
     const std::string full = read_file(seen(STATUS_LOG));
-    EXPECT_LT(full.size(), before.size() + 4096) << "what was left of its last page";
+    EXPECT_LT(full.size(), before.size() + 4096) << "the rest of its last page";
     const std::string all =
         text_of({life.records().begin() + static_cast<std::ptrdiff_t>(recorded), life.records().end()});
     EXPECT_LT(full.size(), before.size() + all.size());
@@ -232,13 +232,13 @@ TEST_F(SmallDisk, LosesWholeRecordsWhileItIsFullAndNoOthers) {
     std::size_t at = 0;
     for (const std::string &record : records_in(full.substr(before.size()))) {
         at = all.find(record + "\n", at);
-        ASSERT_NE(at, std::string::npos) << record << " is torn or out of its order";
+        ASSERT_NE(at, std::string::npos) << record << " is torn or out of order";
         at += record.size();
     }
 }
 
-// Neither the file nor half a generation stays; the pages of the file have room for the next header.
-TEST_F(SmallDisk, LosesTheFileThatItCannotPack) {
+// Neither the file nor a partial generation is left; the freed pages have room for the next header.
+TEST_F(SmallDisk, LosesAFileThatCannotBeCompressed) {
     life.start(&station, {"-S", "10", "-C", "3"});
     while (fs::file_size(seen(STATUS_LOG)) < LIMIT - 100) {
         life.step(&station);

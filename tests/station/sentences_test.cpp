@@ -24,7 +24,7 @@ void samples(Station &station, int count, std::int64_t period) {
     }
 }
 
-/// What a sentence looks like on the socket, in the order of the fields.
+/// Matches a sentence on the socket, in the order of the fields.
 testing::Matcher<const SyslogRecord &> is_record(int priority, const std::string &text) {
     return testing::AllOf(testing::Field(&SyslogRecord::priority, priority), testing::Field(&SyslogRecord::text, text));
 }
@@ -53,7 +53,7 @@ TEST(Sentences, KeepTheirIdentityUnderAnotherName) {
     EXPECT_EQ(station.syslog()[0].identity, "vigmond");
 }
 
-TEST(Sentences, AreNotWrittenByAHealthyStation) {
+TEST(Sentences, AreAbsentOnAHealthyStation) {
     Station station(even_board());
     station.start();
     samples(station, 100, 10);
@@ -81,7 +81,7 @@ TEST(Sentences, ReachTheConsoleWithoutASyslogDaemon) {
                                   "]: [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.\r\n"));
 }
 
-TEST(Sentences, LeaveAStationWithoutSyslogAndConsoleRunning) {
+TEST(Sentences, DoNotStopAStationWithoutSyslogAndConsole) {
     Station station(even_board());
     station.files().remove("/dev/log");
     station.start();
@@ -99,7 +99,7 @@ struct Severity {
 
 class SentencesBySeverity : public testing::TestWithParam<Severity> {};
 
-TEST_P(SentencesBySeverity, LetsItsSentencesPass) {
+TEST_P(SentencesBySeverity, SelectsTheSentences) {
     Station station(even_board());
     station.start(GetParam().options);
     for (const int temperature : {72000, 80000, 42000}) {
@@ -121,7 +121,7 @@ INSTANTIATE_TEST_SUITE_P(Names, SentencesBySeverity,
 
 // --- the checks
 
-TEST(TemperatureSentences, IsToldOnBothSides) {
+TEST(TemperatureSentences, CoverBothLimits) {
     Station station(even_board());
     station.start();
     for (const int temperature : {-30500, -40500, -24000}) { // -30, -40 and -23, above -30 + 5
@@ -134,14 +134,14 @@ TEST(TemperatureSentences, IsToldOnBothSides) {
                             "5 [notice] ID: CB20[0]: value: -23 CPU temperature at normal threshold."));
 }
 
-TEST(TemperatureSentences, ThatCannotBeReadIsNotToldOfHoweverLong) {
+TEST(TemperatureSentences, AreAbsentWhileItCannotBeRead) {
     Station station(even_board().without(TEMPERATURE_FILE));
     station.start();
     samples(station, 30, 10);
     EXPECT_THAT(station.syslog(), IsEmpty());
 }
 
-TEST(MemorySentences, IsToldWhileItRunsOut) {
+TEST(MemorySentences, FollowTheFreeMemory) {
     Station station(even_board());
     station.start();
     for (const std::uint64_t free : {250U, 100U, 360U}) { // of 1000; 36 is above 25 + 10
@@ -154,7 +154,7 @@ TEST(MemorySentences, IsToldWhileItRunsOut) {
                             "5 [notice] ID: CB21[0]: value: 36 free memory at normal threshold."));
 }
 
-TEST(DiskSentences, IsToldByItsMountPoint) {
+TEST(DiskSentences, NameTheMountPoint) {
     Station station(even_board());
     station.start();
     for (const std::uint64_t available : {20U, 5U, 31U}) { // 31 is above 25 + 5
@@ -167,7 +167,7 @@ TEST(DiskSentences, IsToldByItsMountPoint) {
                             "5 [notice] ID: CB22[3]: value: 31 /tmp: free space at normal threshold."));
 }
 
-TEST(DiskSentences, ThatIsListedTwiceIsToldTwice) {
+TEST(DiskSentences, AreWrittenTwiceForADiskListedTwice) {
     Station station(even_board().disk("/rw-root", {.blocks = 100, .free = 20, .available = 20}));
     station.start();
     samples(station, 4, 900);
@@ -176,7 +176,7 @@ TEST(DiskSentences, ThatIsListedTwiceIsToldTwice) {
                             "4 [warning] ID: CB22[2]: value: 20 /rw-root: free space below 25 threshold."));
 }
 
-TEST(WearoutSentences, IsToldWithTheFirstSample) {
+TEST(WearoutSentences, ComeWithTheFirstSample) {
     Station station(even_board().emmc(7, 5, 1));
     station.start();
     EXPECT_THAT(sentences_of(station),
@@ -188,7 +188,7 @@ TEST(WearoutSentences, IsToldWithTheFirstSample) {
                 is_record(LOG_ERR, "[failed] ID: CB07[0]: value: 90 eMMC /dev/mmcblk1: wearout above 90 threshold."));
 }
 
-TEST(BluetoothSentences, IsToldAfterTenSamplesWithoutItsFile) {
+TEST(BluetoothSentences, ComeAfterTenSamplesWithoutItsFile) {
     Station station(even_board().without(bluetooth_file));
     station.start();
     samples(station, 8, 60);
@@ -201,7 +201,7 @@ TEST(BluetoothSentences, IsToldAfterTenSamplesWithoutItsFile) {
                             "5 [notice] ID: CB05[0]: value: 0 Bluetooth hardware is available."));
 }
 
-TEST(EthernetSentences, IsToldAsALinkAndAsHardware) {
+TEST(EthernetSentences, CoverTheLinkAndTheHardware) {
     Station station(even_board());
     station.start();
     station.files().write(operstate_file, "down\n");
@@ -217,8 +217,8 @@ TEST(EthernetSentences, IsToldAsALinkAndAsHardware) {
                             "5 [notice] ID: CB12[0]: value: 0 Ethernet connection is established."));
 }
 
-// 100 * (lost + 20 - 1) / 1000: 5 of 40, 11 of 100; at 2 the limit of 5 - 2 is left.
-TEST(InternetSentences, IsToldByItsLosses) {
+// 100 * (lost + 20 - 1) / 1000: 5 for 40, 11 for 100; 2 is below the limit of 5 - 2.
+TEST(InternetSentences, FollowTheLosses) {
     Station station(even_board());
     station.start();
     for (const char *lost : {"40", "100", "10"}) {
@@ -232,7 +232,7 @@ TEST(InternetSentences, IsToldByItsLosses) {
                             "5 [notice] ID: CB10[0]: value: 2 internet connection via ethernet at normal threshold."));
 }
 
-// Known: instead of a sentence there is the interface's name.
+// The interface's name takes the place of a sentence. Kept.
 TEST(WirelessSentences, NameTheInterfaceOnly) {
     const auto wireless = [](const char *level) {
         return std::string(" wlan0sta: 0000 70. ") + level + " -256 0 0 0 0 0 0\n";
@@ -242,7 +242,7 @@ TEST(WirelessSentences, NameTheInterfaceOnly) {
                         .file("/sys/class/net/wlan0sta/operstate", "up\n")
                         .file("/proc/net/wireless", wireless("-29.")));
     station.start();
-    for (const char *level : {"-80.", "-29.", "-24."}) { // the limits are left 5 above -70 and -30
+    for (const char *level : {"-80.", "-29.", "-24."}) { // the hysteresis ends 5 above -70 and -30
         station.files().write("/proc/net/wireless", wireless(level));
         samples(station, 4, 10);
     }
@@ -251,8 +251,8 @@ TEST(WirelessSentences, NameTheInterfaceOnly) {
                                                    "5 [notice] ID: CB09[0]: value: -24 wlan0sta: "));
 }
 
-// 80 of each further 100 ticks are busy. The limit is shown in words where a check has no template.
-TEST(LoadSentences, IsToldWithItsLimit) {
+// 80 of every 100 further ticks are busy. Without a template the limit is named in words.
+TEST(LoadSentences, NameTheLimit) {
     Station station(even_board());
     station.start();
     for (int sample = 1; sample <= 5; ++sample) {
@@ -264,7 +264,7 @@ TEST(LoadSentences, IsToldWithItsLimit) {
                 ElementsAre("4 [warning] ID: CB31[0]: value: 80 is above maximum warning threshold 75"));
 }
 
-// Who passes both limits at once is told of the failure only.
+// A value beyond both limits causes the failure's sentence only.
 TEST(Sentences, OfOneHeartbeatComeInTheOrderOfTheChecks) {
     Station station(even_board());
     station.start();

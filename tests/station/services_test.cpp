@@ -1,5 +1,5 @@
-// The watched units on a station with systemd: what is said and recorded when they stop, and what a bus
-// that fails in every way does to a pass.
+// The watched units on a station with systemd: sentences and records when they stop, and passes with a failing
+// bus.
 
 #include "station_bus.h"
 #include "station_life.h"
@@ -23,7 +23,7 @@ using Texts = std::vector<std::string>;
 constexpr const char *NGINX = "nginx_2eservice";
 constexpr const char *OCPPD = "ocppd_2eservice";
 
-/// As a run asks for them: the last of the parameter first.
+/// In the order of the questions: the last of the parameter first.
 const Texts units{"corvana_2dportapi_2eservice",
                   "wpa_5fsupplicant_2eservice",
                   "stationd_2eservice",
@@ -32,7 +32,7 @@ const Texts units{"corvana_2dportapi_2eservice",
                   NGINX,
                   "hostapd_2eservice"};
 
-/// A station with a bus of its own, on which all units run.
+/// A station with a private bus on which all units run.
 struct StationWithBus {
     StationWithBus() {
         for (const std::string &unit : units) {
@@ -41,7 +41,7 @@ struct StationWithBus {
         }
     }
 
-    /// The records of the check in this heartbeat and the `count` - 1 after it: "OK 0".
+    /// The check's records in this heartbeat and the next `count` - 1: "OK 0".
     Texts records_of(int count) {
         const std::size_t before = records().size();
         station.heartbeats(count);
@@ -59,7 +59,7 @@ struct StationWithBus {
         }
         return found;
     }
-    /// What has been said of the units, each with its priority.
+    /// The sentences about the units, each with its priority.
     [[nodiscard]] Texts sentences() const {
         Texts found = sentences_of(station);
         std::erase_if(found, [](const std::string &text) {
@@ -102,7 +102,7 @@ TEST(Services, AreNamedInTheTenthHeartbeatAfterTheyStopped) {
     EXPECT_EQ(rig.records_of(10), joined(repeated("OK 1", 9), {"FAIL 1"}));
     EXPECT_THAT(rig.sentences(), ElementsAre(TWO_STOPPED));
     rig.systemd.activate(OCPPD);
-    EXPECT_EQ(rig.records_of(5), repeated("FAIL 1", 5)) << "the other is no change";
+    EXPECT_EQ(rig.records_of(5), repeated("FAIL 1", 5)) << "the second unit causes no change";
     rig.systemd.activate(NGINX, "activating");
     EXPECT_EQ(rig.records_of(10), joined(repeated("FAIL 0", 9), {"OK 0"}));
     rig.systemd.activate(NGINX, "reloading");
@@ -110,7 +110,7 @@ TEST(Services, AreNamedInTheTenthHeartbeatAfterTheyStopped) {
     EXPECT_THAT(rig.sentences(), ElementsAre(TWO_STOPPED, ALL_UP, ONE_STOPPED));
 }
 
-TEST(Services, AreAskedForTheNewestFirstInEachHeartbeat) {
+TEST(Services, AreAskedForNewestFirstInEachHeartbeat) {
     StationWithBus rig;
     rig.station.start();
     rig.station.forget();
@@ -133,7 +133,7 @@ TEST(Services, AreGoodAndSilentWithoutABus) {
     EXPECT_THAT(sentences_of(station), IsEmpty());
 }
 
-TEST(Services, ThatAreNotLoadedAreReportedOnceAndNeverAskedForAgain) {
+TEST(Services, NotLoadedAreReportedOnceAndNeverAskedForAgain) {
     StationWithBus rig;
     rig.systemd.load(NGINX, "not-found");
     rig.station.start();
@@ -145,7 +145,7 @@ TEST(Services, ThatAreNotLoadedAreReportedOnceAndNeverAskedForAgain) {
     EXPECT_EQ(rig.asked(NGINX), 0);
 }
 
-// --- questions that fail
+// --- failing questions
 
 struct Refusal {
     const char *error;
@@ -179,7 +179,7 @@ TEST_P(RefusedQuestion, IsRepeatedAtTheStartUnlessItIsInvalid) {
     EXPECT_EQ(rig.asked(NGINX), is_final ? 0 : 1);
 }
 
-TEST_P(RefusedQuestion, IsRepeatedInAHeartbeatOnlyIfItWasInterrupted) {
+TEST_P(RefusedQuestion, IsRepeatedInAHeartbeatOnlyIfInterrupted) {
     const bool is_repeated = std::string_view(GetParam().error) == interrupted.error;
     StationWithBus rig;
     rig.station.start();
@@ -196,7 +196,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, RefusedQuestion,
 
 class RefusedForEver : public testing::TestWithParam<Refusal> {};
 
-TEST_P(RefusedForEver, IsAFailureThatNamesNobodyUntilItIsAnswered) {
+TEST_P(RefusedForEver, IsAFailureThatNamesNoUnitUntilItIsAnswered) {
     StationWithBus rig;
     rig.station.start();
     rig.systemd.fail(NGINX, ACTIVE_STATE, GetParam().error);
@@ -211,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, RefusedForEver, testing::Values(invalid, unreac
 
 class RefusedStart : public testing::TestWithParam<Refusal> {
   protected:
-    /// Launches the daemon, to whose questions for nginx the answer is the refusal, and awaits a few.
+    /// Starts the daemon, refuses its questions about nginx and waits for a few of them.
     void launch_and_await_questions() {
         rig.systemd.fail(NGINX, LOAD_STATE, GetParam().error);
         rig.station.launch({"-D"});
@@ -224,7 +224,7 @@ class RefusedStart : public testing::TestWithParam<Refusal> {
     StationWithBus rig;
 };
 
-TEST_P(RefusedStart, GoesOnWhenItIsAnswered) {
+TEST_P(RefusedStart, ContinuesWhenItIsAnswered) {
     launch_and_await_questions();
     rig.systemd.load(NGINX);
     rig.station.await_wait_after(0);
@@ -232,7 +232,7 @@ TEST_P(RefusedStart, GoesOnWhenItIsAnswered) {
     EXPECT_EQ(rig.asked(NGINX), 1);
 }
 
-TEST_P(RefusedStart, EndsByATermination) {
+TEST_P(RefusedStart, EndsOnATermination) {
     launch_and_await_questions();
     EXPECT_EQ(rig.station.stop(), 1);
     EXPECT_THAT(rig.station.trace().messages_of("scheduler"), IsEmpty());
@@ -241,7 +241,7 @@ TEST_P(RefusedStart, EndsByATermination) {
 
 INSTANTIATE_TEST_SUITE_P(Errors, RefusedStart, testing::Values(interrupted, unreachable, timed_out, unconnected));
 
-/// Starts the daemon and awaits many questions of its second pass, each of which is interrupted.
+/// Starts the daemon, interrupts the questions of its second pass and waits for many of them.
 void interrupt_for_ever(StationWithBus &rig) {
     rig.station.start();
     rig.systemd.fail(NGINX, ACTIVE_STATE, interrupted.error);
@@ -251,7 +251,7 @@ void interrupt_for_ever(StationWithBus &rig) {
                       [&] { return rig.station.trace().messages_with(interrupted.error).size() > 100; });
 }
 
-TEST(InterruptedForEver, HoldsThePassUntilItIsAnswered) {
+TEST(InterruptedForEver, BlocksThePassUntilItIsAnswered) {
     StationWithBus rig;
     interrupt_for_ever(rig);
     const unsigned before = rig.station.waits();
@@ -260,16 +260,16 @@ TEST(InterruptedForEver, HoldsThePassUntilItIsAnswered) {
     EXPECT_THAT(rig.records(), ElementsAre("OK 0", "OK 0"));
 }
 
-TEST(InterruptedForEver, EndsByATermination) {
+TEST(InterruptedForEver, EndsOnATermination) {
     StationWithBus rig;
     interrupt_for_ever(rig);
     EXPECT_EQ(rig.station.stop(), 1);
     EXPECT_THAT(rig.station.read(STATUS_LOG), EndsWith("\tFINISHED\tvigmond \"-D\"\n##\n"));
 }
 
-// --- a systemd that never answers, and a bus that dies
+// --- a silent systemd and a dying bus
 
-TEST(SilentSystemd, LetsATerminationEndTheStart) {
+TEST(SilentSystemd, DoesNotDelayATerminationOfTheStart) {
     StationWithBus rig;
     rig.systemd.obey("hold");
     rig.station.launch({"-D"});
@@ -279,8 +279,8 @@ TEST(SilentSystemd, LetsATerminationEndTheStart) {
     EXPECT_THAT(rig.station.read(STATUS_LOG), EndsWith("\tFINISHED\tvigmond \"-D\"\n##\n"));
 }
 
-// Each question takes five seconds, so one unit is enough here.
-TEST(SilentSystemd, BoundsThePassAndIsAskedAgainInTheNext) {
+// Each question takes five seconds, so one unit is enough.
+TEST(SilentSystemd, EndsThePassAtATimeoutAndIsAskedAgainInTheNext) {
     StationWithBus rig;
     for (const std::string &unit : units) {
         rig.systemd.load(unit, unit == NGINX ? "loaded" : "masked");
@@ -298,18 +298,18 @@ TEST(DeadBus, FailsTheRestOfThePassAndRecoversWhenItReturns) {
     StationWithBus rig;
     rig.station.start();
     rig.station.forget();
-    rig.systemd.strike(rig.bus.pid(), SIGKILL, 4); // networkd's, then the third unit's question
+    rig.systemd.strike(rig.bus.pid(), SIGKILL, 4); // networkd's question, then the third unit's
     EXPECT_THAT(rig.records_of(1), ElementsAre("OK 1"));
     Texts outcomes = rig.station.trace().messages_of("service_read");
     std::erase_if(outcomes, [](const std::string &text) {
         return !text.starts_with("GET PROPERTY FAILED") && text.find(" running (") == std::string::npos;
     });
-    ASSERT_THAT(outcomes, SizeIs(7)) << "each unit is asked for once";
+    ASSERT_THAT(outcomes, SizeIs(7)) << "one question per unit";
     EXPECT_EQ(outcomes[0], "service: corvana-portapi - running (active)");
     EXPECT_EQ(outcomes[1], "service: wpa_supplicant - running (active)");
     EXPECT_THAT(outcomes[2], StartsWith("GET PROPERTY FAILED: ret : -104 (Connection reset by peer)"));
     EXPECT_THAT(Texts(outcomes.begin() + 3, outcomes.end()), Each(StartsWith("GET PROPERTY FAILED: ret : -")));
-    EXPECT_EQ(rig.records_of(9), joined(repeated("OK 1", 8), {"FAIL 1"})) << "the bus is still away";
+    EXPECT_EQ(rig.records_of(9), joined(repeated("OK 1", 8), {"FAIL 1"})) << "the bus is still down";
     EXPECT_THAT(rig.sentences(), ElementsAre(NONE_NAMED));
     rig.bus.stop();
     rig.bus.start();
@@ -320,7 +320,7 @@ TEST(DeadBus, FailsTheRestOfThePassAndRecoversWhenItReturns) {
 
 TEST(DeadBus, AtTheStartIsAskedUntilItReturns) {
     StationWithBus rig;
-    rig.systemd.strike(rig.bus.pid(), SIGKILL, 3); // the third unit's question: rauc comes after nginx and ocppd
+    rig.systemd.strike(rig.bus.pid(), SIGKILL, 3); // the third unit's question: rauc, after nginx and ocppd
     rig.station.launch({"-D"});
     rig.station.await("questions without a bus", [&] {
         const auto traces = rig.station.trace().messages_of("service_is_loaded");

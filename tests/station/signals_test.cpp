@@ -1,4 +1,4 @@
-// How the daemon takes its signals, and that it always ends when it is told to.
+// How the daemon handles its signals, and that a termination always ends it.
 
 #include "from_environment.h"
 #include "passes.h"
@@ -21,7 +21,7 @@ namespace {
 constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 constexpr std::array handled{SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 
-/// A signal mask of /proc/PID/status.
+/// A signal mask from /proc/PID/status.
 std::uint64_t mask_of(pid_t pid, const std::string &name) {
     const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
     return std::stoull(status.substr(status.find(name + ":") + name.size() + 1), nullptr, 16);
@@ -29,7 +29,7 @@ std::uint64_t mask_of(pid_t pid, const std::string &name) {
 
 bool has_signal(std::uint64_t mask, int signo) { return (mask >> (signo - 1) & 1U) != 0; }
 
-/// The functions that traced in the main thread: the bus threads trace whenever they look for the bus.
+/// The functions that traced in the main thread. The bus threads trace whenever they try to connect.
 std::vector<std::string> functions_of(Station &station) {
     const auto main_thread = static_cast<unsigned>(station.pid());
     std::vector<std::string> functions;
@@ -46,7 +46,7 @@ std::size_t first_line_of(Station &station, const std::string &function) {
     return static_cast<std::size_t>(std::find(functions.begin(), functions.end(), function) - functions.begin());
 }
 
-/// Starts the daemon and holds its second pass, whose traces alone are kept, in its first task.
+/// Starts the daemon and blocks its second pass in the first task; keeps the traces of that pass only.
 HeldFile hold_second_pass(Station &station) {
     station.start();
     HeldFile held(station, TEMPERATURE_FILE);
@@ -78,7 +78,7 @@ TEST_P(Termination, InTheWaitCleansUpAndEndsWithStatus1) {
     EXPECT_EQ(functions_of(station).front(), "sig_exit_handler");
 }
 
-// The probe at work is the longest that a termination waits for.
+// A termination waits for the running probe at most.
 TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
     Station station;
     const HeldFile held = hold_second_pass(station);
@@ -109,7 +109,7 @@ TEST(Reinit, ChangesNothingButItsOwnTraces) {
     EXPECT_EQ(functions_of(station), usual);
 }
 
-/// The daemon's calls of sigaction at its start.
+/// The numbers of the daemon's calls of sigaction at its start.
 enum HandlerCall : std::uint32_t { FOR_SIGTERM = 1, FOR_SIGUSR1 = 5, FOR_SIGALRM = 6, FOR_SIGCHLD = 7 };
 
 StationFault failing(StationCall call, std::uint32_t number) {
@@ -119,12 +119,12 @@ StationFault failing(StationCall call, std::uint32_t number) {
 struct MissedHandler {
     HandlerCall call;
     const char *trace;
-    int status; ///< of the daemon when SIGTERM is sent
+    int status; ///< of the daemon after SIGTERM
 };
 
 class StartWithoutHandler : public testing::TestWithParam<MissedHandler> {};
 
-TEST_P(StartWithoutHandler, GoesOn) {
+TEST_P(StartWithoutHandler, Continues) {
     Station station;
     station.fault = failing(StationCall::handler, GetParam().call);
     station.start();
@@ -169,7 +169,7 @@ TEST(Handlers, AreInstalledForAllSevenSignals) {
     }
 }
 
-TEST(Pass, HoldsAllSevenSignals) {
+TEST(Pass, BlocksAllSevenSignals) {
     Station station;
     const HeldFile held = hold_second_pass(station);
     for (const int signo : handled) {
@@ -180,7 +180,7 @@ TEST(Pass, HoldsAllSevenSignals) {
     station.await_wait_after(before);
 }
 
-TEST(Pass, TakesASignalBeforeItsNextTask) {
+TEST(Pass, HandlesASignalBeforeItsNextTask) {
     Station station;
     const HeldFile held = hold_second_pass(station);
     station.send(SIGUSR1);

@@ -1,4 +1,4 @@
-// Ten thousand heartbeats: what the daemon holds is what it held before.
+// Ten thousand heartbeats without a growth of resources.
 
 #include "from_environment.h"
 #include "network_paths.h"
@@ -12,9 +12,9 @@
 namespace {
 
 constexpr int MANY = 10'000;
-constexpr int FEWER = 2'000; ///< of those that take longer
-constexpr int SETTLED = 500; ///< heartbeats after which each buffer has had its size
-/// In kB: what may still be touched for the first time; a sanitizer keeps for a while what is freed.
+constexpr int FEWER = 2'000; ///< for slower heartbeats
+constexpr int SETTLED = 500; ///< heartbeats after which all buffers have their final size
+/// Allowed growth in kB for pages touched late; a sanitizer keeps freed memory for a while.
 const long PAGES = sanitized_daemon() != nullptr ? 1'000'000 : 64;
 
 std::size_t descriptors_of(pid_t pid) {
@@ -22,7 +22,7 @@ std::size_t descriptors_of(pid_t pid) {
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-/// Memory of its own, in kB.
+/// Private memory in kB.
 long memory_of(pid_t pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/smaps_rollup");
     for (std::string line; std::getline(file, line);) {
@@ -36,10 +36,10 @@ long memory_of(pid_t pid) {
 struct Soak : testing::Test {
     Soak() {
         station.environment = {"TZ=UTC0"};
-        station.files().remove("/run/systemd/journal/socket"); // nobody wants a day's traces
+        station.files().remove("/run/systemd/journal/socket"); // nobody reads a day of traces
     }
 
-    /// Lives through heartbeats of which each is begun by `prepare`.
+    /// Runs heartbeats, each after `prepare`.
     void expect_nothing_kept(
         int heartbeats, const std::function<void(int)> &prepare = [](int) {}) {
         live(SETTLED, prepare);
@@ -75,7 +75,7 @@ struct SoakOnABus : Soak {
         }
     }
 
-    /// A bus that comes back has the daemon's name again before anything is counted.
+    /// Restarts the bus and waits until the daemon owns its name again.
     void restart_bus() {
         bus.bus.stop();
         bus.bus.start();
@@ -95,7 +95,7 @@ TEST_F(SoakOnABus, WhileNothingChanges) {
     EXPECT_EQ(bus.systemd.count(NETWORKD, CHANGE_TIME), SETTLED + MANY);
     EXPECT_EQ(bus.systemd.total(), 7 + (1 + SETTLED + MANY) * 7 + SETTLED + MANY) << "and each service once a pass";
     EXPECT_TRUE(station.syslog().empty());
-    // No reference to the connection was left: a dead one would be handed out again and again.
+    // No reference to the connection was left; libdbus would keep returning the dead connection.
     restart_bus();
     const int before = bus.systemd.total();
     station.step();

@@ -1,4 +1,4 @@
-// The status log file as the running daemon writes it.
+// The status log file of the running daemon.
 
 #include "station_life.h"
 #include "status_log.h"
@@ -69,7 +69,7 @@ TEST_F(StatusLog, IsAppendedToByEveryStart) {
     EXPECT_EQ(log_of(station), before + header_text(start_stamp, "START", "vigmond \"-D\"") + text_of(life.records()));
 }
 
-// In the order of the checks; none of those of the WiFi, which is off.
+// In the order of the checks, without those of the WiFi, which is off.
 TEST_F(StatusLog, HasARecordOfEachCheckAfterTheFirstPass) {
     station.start();
     std::vector<std::string> expected;
@@ -117,7 +117,7 @@ struct Level {
 
 class StatusLogLevel : public testing::TestWithParam<Level> {};
 
-TEST_P(StatusLogLevel, LetsItsLabelsPass) {
+TEST_P(StatusLogLevel, SelectsTheLabels) {
     Station station(even_board());
     station.environment = {"TZ=UTC0"};
     StationLife life(feverish_checks());
@@ -134,7 +134,7 @@ TEST_P(StatusLogLevel, LetsItsLabelsPass) {
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(records_in(log_of(station)), expected);
     station.stop();
-    EXPECT_THAT(log_of(station), HasSubstr("\tFINISHED\t")) << "whatever the level";
+    EXPECT_THAT(log_of(station), HasSubstr("\tFINISHED\t")) << "at any level";
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, StatusLogLevel,
@@ -142,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(Names, StatusLogLevel,
                                          Level{{"-l", "OK"}, {"OK", "WARN", "FAIL"}},
                                          Level{{"-l", "warning"}, {"WARN", "FAIL"}}, Level{{"-l", "fail"}, {"FAIL"}}));
 
-// 72 from 12:00:10 and 80 from 12:01:50 on, nothing from 12:03:30, 42 from 12:04:20; each fifth sample changes.
+// 72 from 12:00:10, 80 from 12:01:50, unreadable from 12:03:30, 42 from 12:04:20; the fifth sample changes each.
 TEST(StatusLogRecords, FollowTheStateAndNotTheValue) {
     Station station(even_board());
     station.environment = {"TZ=UTC0"};
@@ -174,7 +174,7 @@ TEST_P(StatusLogEnd, IsMarkedOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, StatusLogEnd, testing::Values(SIGTERM, SIGQUIT, SIGHUP, SIGINT));
 
-TEST_F(StatusLog, LosesNothingToAKillAfterTheHeartbeat) {
+TEST_F(StatusLog, LosesNothingInAKillAfterTheHeartbeat) {
     life.start(&station, {"-S", "200"});
     life.steps(&station, 7);
     station.send(SIGKILL);
@@ -193,10 +193,10 @@ void limit_file_size(const Station &station, rlim_t bytes) {
 
 } // namespace
 
-TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
+TEST_F(StatusLog, LosesTheRecordsBeyondTheFileSizeLimit) {
     life.start(&station, {"-D"});
     const std::string before = log_of(station);
-    for (const rlim_t room : {rlim_t{20}, rlim_t{0}}) { // at its end a signal would end others
+    for (const rlim_t room : {rlim_t{20}, rlim_t{0}}) { // by default SIGXFSZ would end the process
         limit_file_size(station, before.size() + room);
         life.step(&station);
         EXPECT_EQ(log_of(station), before) << room;
@@ -206,7 +206,7 @@ TEST_F(StatusLog, LosesTheRecordsBeyondTheLimitOfAFilesSize) {
     EXPECT_EQ(log_of(station), before + text_of(life.last_records()));
 }
 
-TEST_F(StatusLog, StaysEmptyWhereNoFileMayGrow) {
+TEST_F(StatusLog, StaysEmptyWithAFileSizeLimitOfZero) {
     station.file_size = 0;
     station.start();
     station.heartbeats(2);
@@ -214,7 +214,7 @@ TEST_F(StatusLog, StaysEmptyWhereNoFileMayGrow) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST(StatusLogLinks, AreRecordedWhileTheyAreInUse) {
+TEST(StatusLogLinks, AreRecordedWhileInUse) {
     const std::string network = "/var/lib/evse/etc/systemd/network/eth0.network";
     Station station(even_board().file(network, "[Link]\nUnmanaged=yes\n"));
     const auto has_link = [&station](const char *id) {
@@ -253,20 +253,20 @@ TEST(StatusLogLinks, OfTheWifiAreRecordedWhenItIsInUse) {
 
 // --- time zones
 
-TEST(StatusLogTime, IsThatOfThePlace) {
+TEST(StatusLogTime, IsLocalTime) {
     Station station(even_board());
     station.environment = {"TZ=NPT-5:45"};
     station.start();
     const std::string log = log_of(station);
     EXPECT_THAT(log, HasSubstr("\n##\t2024-03-01 17:45:07\tSTART\t"));
     EXPECT_THAT(log, HasSubstr("\n2024-03-01 17:45:07\tOK\tCB20\t"));
-    EXPECT_EQ(station.trace().lines().front().time, "12:00:07") << "while the traces keep UTC";
+    EXPECT_EQ(station.trace().lines().front().time, "12:00:07") << "the traces keep UTC";
     station.stop();
     EXPECT_THAT(log_of(station), HasSubstr("\n##\t2024-03-01 17:45:07\tFINISHED\t"));
 }
 
 // On 2024-03-31 at 01:00 UTC, 1711846800 seconds, the clocks go from 2 to 3.
-TEST(StatusLogTime, FollowsTheSummer) {
+TEST(StatusLogTime, FollowsSummerTime) {
     Station station(even_board().clock(1711846790));
     station.environment = {"TZ=CET-1CEST,M3.5.0,M10.5.0/3"};
     station.start();
@@ -274,11 +274,11 @@ TEST(StatusLogTime, FollowsTheSummer) {
     EXPECT_THAT(log_of(station), HasSubstr("2024-03-31 01:59:50\tOK\tCB32\t0\t0\n2024-03-31 03:00:00\tOK\tCB20\t"));
 }
 
-// --- what is no file
+// --- not a file
 
 TEST_F(StatusLog, GoesToStderrWithoutAHeader) {
     life.start(&station, {"-L", "stderr", "-S", "10"});
-    life.steps(&station, 100); // past the least size of a file
+    life.steps(&station, 100); // past the smallest size of a file
     EXPECT_EQ(station.trace().text(), text_of(life.records()));
     EXPECT_GT(station.trace().text().size(), 10240U);
     station.stop();
@@ -288,14 +288,14 @@ TEST_F(StatusLog, GoesToStderrWithoutAHeader) {
     EXPECT_EQ(log_of(station), "");
 }
 
-TEST_F(StatusLog, GoesToStdoutInWhateverCase) {
+TEST_F(StatusLog, GoesToStdoutInAnyCase) {
     life.start(&station, {"-L", "StdOut"});
     life.steps(&station, 3);
     EXPECT_EQ(station.out(), text_of(life.records()));
     EXPECT_EQ(station.trace().text(), "");
 }
 
-TEST_F(StatusLog, GoesNowhereWhenToldSo) {
+TEST_F(StatusLog, IsOffOnRequest) {
     station.start({"-L", "/dev/null"});
     station.heartbeats(3);
     station.stop();
@@ -303,9 +303,9 @@ TEST_F(StatusLog, GoesNowhereWhenToldSo) {
     EXPECT_FALSE(fs::exists(station.files().host_path(STATUS_LOG)));
 }
 
-// --- what befalls the file
+// --- replaced files
 
-TEST_F(StatusLog, StaysOffWhenItsPlaceIsAFolder) {
+TEST_F(StatusLog, StaysOffWhenItsPathIsAFolder) {
     Station barred(even_board().folder(STATUS_LOG));
     barred.start();
     barred.heartbeats(3);
@@ -316,7 +316,7 @@ TEST_F(StatusLog, StaysOffWhenItsPlaceIsAFolder) {
     EXPECT_FALSE(fs::exists(barred.files().host_path(STATUS_LOG)));
 }
 
-TEST_F(StatusLog, IsNotWaitedForWhenItIsAFifoThatNobodyReads) {
+TEST_F(StatusLog, DoesNotBlockOnAFifoWithoutAReader) {
     station.files().make_fifo(STATUS_LOG);
     station.start();
     station.heartbeats(3);
@@ -325,7 +325,7 @@ TEST_F(StatusLog, IsNotWaitedForWhenItIsAFifoThatNobodyReads) {
 
 namespace {
 
-/// What can be read at once, and is no longer there then.
+/// Reads everything that is in the pipe now.
 std::string waiting_in(const Descriptor &pipe) {
     std::array<char, 10240> text{};
     return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(read(pipe.get(), text.data(), text.size()), 0))};
@@ -333,7 +333,7 @@ std::string waiting_in(const Descriptor &pipe) {
 
 } // namespace
 
-TEST_F(StatusLog, OutlivesTheReaderOfAFifoAndFeedsTheNext) {
+TEST_F(StatusLog, SurvivesTheReaderOfAFifoAndFeedsTheNext) {
     const std::string fifo = station.files().host_path(STATUS_LOG);
     station.files().make_fifo(STATUS_LOG);
     Descriptor reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -348,7 +348,7 @@ TEST_F(StatusLog, OutlivesTheReaderOfAFifoAndFeedsTheNext) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(StatusLog, StandsBetweenTheTracesOnStderrInWholeLines) {
+TEST_F(StatusLog, MixesWithTheTracesOnStderrInWholeLines) {
     life.start(&station, {"-D", "-L", "stderr"});
     life.steps(&station, 12);
     std::vector<std::string> records;
@@ -361,7 +361,7 @@ TEST_F(StatusLog, StandsBetweenTheTracesOnStderrInWholeLines) {
     EXPECT_EQ(records, life.records());
 }
 
-/// Steps until the file that is open, wherever it is, has reached its 10240 bytes.
+/// Steps until the open file, wherever it is, has reached its 10240 bytes.
 void fill(Station *station, StationLife *life, const std::string &command_line) {
     const std::size_t header = header_text(start_stamp, "START", command_line).size();
     while (header + text_of(life->records()).size() < 10240) {
@@ -369,11 +369,11 @@ void fill(Station *station, StationLife *life, const std::string &command_line) 
     }
 }
 
-TEST_F(StatusLog, BeginsAgainWithTheNextHeartbeatWhenItWasMoved) {
+TEST_F(StatusLog, RestartsWithTheNextHeartbeatWhenItWasMoved) {
     const std::string file = station.files().host_path(STATUS_LOG);
     life.start(&station, {"-S", "10"});
     life.step(&station);
-    for (const std::string content : {"", "of another\n"}) { // of what has taken its place
+    for (const std::string content : {"", "of another\n"}) { // of the file in its place
         fs::rename(file, file + ".moved");
         if (!content.empty()) {
             station.files().write(STATUS_LOG, content);
@@ -385,7 +385,7 @@ TEST_F(StatusLog, BeginsAgainWithTheNextHeartbeatWhenItWasMoved) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(StatusLog, BeginsAgainWhenItsFolderIsBack) {
+TEST_F(StatusLog, RestartsWhenItsFolderIsBack) {
     const std::string folder = station.files().host_path(STATUS_FOLDER);
     life.start(&station, {"-S", "10"});
     life.steps(&station, 3);
@@ -398,7 +398,7 @@ TEST_F(StatusLog, BeginsAgainWhenItsFolderIsBack) {
               header_text(stamp_of(station.clock()), "ROTATE", "vigmond \"-S\" \"10\"") + text_of(life.last_records()));
 }
 
-TEST_F(StatusLog, IsLeftOutWhileItsFolderIsMissingAtTheLimit) {
+TEST_F(StatusLog, IsSuspendedWhileItsFolderIsMissingAtTheLimit) {
     const std::string folder = station.files().host_path(STATUS_FOLDER);
     life.start(&station, {"-S", "10"});
     fs::remove_all(folder);
@@ -407,11 +407,11 @@ TEST_F(StatusLog, IsLeftOutWhileItsFolderIsMissingAtTheLimit) {
     EXPECT_FALSE(fs::exists(folder));
     fs::create_directory(folder);
     life.step(&station);
-    EXPECT_EQ(log_of(station), text_of(life.last_records())) << "the file of a record has no header";
+    EXPECT_EQ(log_of(station), text_of(life.last_records())) << "a file created by a record has no header";
     EXPECT_EQ(station.stop(), 1);
 }
 
-TEST_F(StatusLog, IsLeftOutWhileAFolderIsInItsPlace) {
+TEST_F(StatusLog, IsSuspendedWhileAFolderIsInItsPlace) {
     const std::string file = station.files().host_path(STATUS_LOG);
     life.start(&station, {"-S", "10"});
     fs::remove(file);

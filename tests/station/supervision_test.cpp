@@ -1,4 +1,4 @@
-// What the service manager hears of the daemon.
+// The daemon's messages to the service manager.
 
 #include "bus_station.h"
 #include "capture.h"
@@ -25,7 +25,7 @@ class Supervision : public BusStation {
     Supervision() : BusStation(even_board().folder("/run")) {
         station.environment.emplace_back("NOTIFY_SOCKET=/run/notify");
     }
-    /// Waits, heartbeat after heartbeat, for a message of the status.
+    /// Runs heartbeats until the status message arrives.
     void expect_status(const std::string &text) {
         std::vector<std::string> messages;
         for (int i = 0; i < 1000 && !std::count(messages.begin(), messages.end(), "WATCHDOG=1\nSTATUS=" + text); ++i) {
@@ -53,11 +53,11 @@ TEST_F(Supervision, NamesTheIssuesRaised) {
     station.step(3);
     station.heartbeats(3);
     static_cast<void>(manager.take());
-    station.step(); // the fifth hot one, with which CB20 is raised
+    station.step(); // the fifth hot sample raises CB20
     EXPECT_THAT(manager.take(), ElementsAre("WATCHDOG=1\nSTATUS=Raised issues: CB20"));
 }
 
-TEST_F(Supervision, TellsThatTheBusIsLostAndThereAgain) {
+TEST_F(Supervision, ReportsThatTheBusIsLostAndBack) {
     station.start();
     BusClient(bus).wait_for_owner(SERVICE_NAME);
     bus.stop();
@@ -69,13 +69,13 @@ TEST_F(Supervision, TellsThatTheBusIsLostAndThereAgain) {
     EXPECT_THAT(station.trace().messages_with("on the bus again"), SizeIs(1));
 }
 
-TEST_F(Supervision, TellsThatThereWasNoBus) {
+TEST_F(Supervision, ReportsAMissingBus) {
     bus.stop();
     station.start();
     expect_status("Raised issues: none; not on the bus");
 }
 
-TEST_F(Supervision, TellsThatTheStatusLogHasNoRoom) {
+TEST_F(Supervision, ReportsThatTheStatusLogCannotBeWritten) {
     station.file_size = 2000; // less than its header
     station.start();
     EXPECT_THAT(manager.take(), Contains("WATCHDOG=1\nSTATUS=Raised issues: none; status log cannot be written: "
@@ -97,22 +97,22 @@ TEST_F(Supervision, IsNotAliveBeforeAPassIsOver) {
     EXPECT_THAT(manager.take(), ElementsAre(ALIVE));
 }
 
-TEST_F(Supervision, SaysThatItStopsWhenASignalEndsIt) {
+TEST_F(Supervision, ReportsThatItStopsWhenASignalEndsIt) {
     station.start();
     static_cast<void>(manager.take());
     EXPECT_EQ(station.stop(), 1);
     EXPECT_THAT(manager.take(), ElementsAre("STOPPING=1"));
 }
 
-TEST_F(Supervision, IsNotReadyWhereItDoesNotRun) {
+TEST_F(Supervision, IsNotReadyWhenTheStartFails) {
     EXPECT_EQ(station.run({"-D", "-h"}).status, 0);
     station.start();
     static_cast<void>(manager.take());
-    EXPECT_EQ(station.run({"-D"}).status, 255); // the second of its kind
+    EXPECT_EQ(station.run({"-D"}).status, 255); // a second daemon
     EXPECT_THAT(manager.take(), IsEmpty());
 }
 
-TEST_F(Supervision, IsSilentWhereNobodyAsks) {
+TEST_F(Supervision, IsSilentWithoutAServiceManager) {
     std::erase(station.environment, "NOTIFY_SOCKET=/run/notify");
     bus.stop();
     station.start();

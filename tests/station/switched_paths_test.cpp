@@ -1,4 +1,4 @@
-// What becomes of the checks of a path that is switched off, and on again.
+// The checks of a path that is switched off and on again.
 
 #include "issue_records.h"
 #include "labels_listed.h"
@@ -37,14 +37,14 @@ std::vector<PathCase> path_cases() {
 
 } // namespace
 
-/// A path is switched as on a station: its file is written, then networkd is started anew.
+/// Switches a path as on a station: writes its file, then restarts networkd.
 class SwitchedPath : public testing::TestWithParam<PathCase> {
   protected:
     SwitchedPath() {
         station.environment.emplace_back("TZ=UTC0");
         station.start();
         client.wait_for_owner(SERVICE_NAME);
-        station.forget(); // that no service is installed
+        station.forget(); // the sentences about missing services
     }
 
     void live(const Content &content, int count) {
@@ -55,7 +55,7 @@ class SwitchedPath : public testing::TestWithParam<PathCase> {
         put(station, GetParam().settings, on ? GetParam().on : GetParam().off);
         bus.systemd.change_time(std::to_string(++change_time_));
     }
-    /// What has been recorded of the check from now on.
+    /// The check's records since the last call.
     std::vector<std::string> new_records() {
         const std::vector<std::string> all = records_of(station, check.issue);
         std::vector<std::string> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end());
@@ -94,7 +94,7 @@ TEST_P(SwitchedPath, KeepsTheCountOfItsFailingSamples) {
     EXPECT_THAT(new_records(), ElementsAreArray(expected));
 }
 
-TEST_P(SwitchedPath, KeepsItsIssueUntilItIsSeenWell) {
+TEST_P(SwitchedPath, KeepsItsIssueUntilItIsSeenHealthy) {
     live(check.bad, check.delay);
     EXPECT_THAT(labels_listed(client), ElementsAre(check.issue));
     live(check.good, check.delay / 2);

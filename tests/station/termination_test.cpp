@@ -1,5 +1,5 @@
-// The daemon is ended at random instants of a busy life: start-up, passes, a rotation, questions to
-// systemd, the fork of the load logger. STATION_TERMINATIONS=n does it n times, STATION_SEED=n again.
+// Terminates the daemon at random instants of a busy life: start-up, passes, a rotation, questions to systemd,
+// the fork of the load logger. STATION_TERMINATIONS=n sets their number, STATION_SEED=n repeats a run.
 
 #include "busy_station.h"
 #include "fake_systemd.h"
@@ -33,7 +33,7 @@ constexpr unsigned PASSES = 8; // the load logger is forked in the sixth
 constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 constexpr std::chrono::seconds LONGEST{5};
 
-/// This process's children, those that lost their parents included.
+/// This process's children, adopted orphans included.
 std::set<pid_t> children() {
     std::set<pid_t> result;
     for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -45,7 +45,7 @@ std::set<pid_t> children() {
     return result;
 }
 
-/// Awaits the end of all children but those that are `known`; how each ended.
+/// Waits for the end of all children except `known`; returns their wait statuses.
 std::vector<int> reap_others(const std::set<pid_t> &known) {
     const HangGuard guard;
     std::vector<int> statuses;
@@ -58,7 +58,7 @@ std::vector<int> reap_others(const std::set<pid_t> &known) {
     return statuses;
 }
 
-/// Lives on, a heartbeat as soon as the last is over, until `done` or the end.
+/// Runs heartbeats without a pause until `done` or the daemon's end.
 void live_until(BusyStation &station, const std::function<bool()> &done) {
     unsigned seen = 0;
     station.await("its instant", [&] {
@@ -83,7 +83,7 @@ std::vector<std::string> functions_of(const TraceLog &trace) {
     return functions;
 }
 
-/// The bus threads may trace until the very end.
+/// Without the bus threads, which may trace until the end.
 std::vector<TraceLine> lines_of_main_thread(Station &station) {
     const auto main_thread = static_cast<unsigned>(station.pid());
     std::vector<TraceLine> lines = station.trace().lines();
@@ -91,9 +91,9 @@ std::vector<TraceLine> lines_of_main_thread(Station &station) {
     return lines;
 }
 
-/// What a life of PASSES passes consists of.
+/// The traces and questions of a life of PASSES passes.
 struct Rehearsal {
-    std::size_t handlers_installed = 0; ///< traces until then
+    std::size_t handlers_installed = 0; ///< traces before that
     std::size_t traces = 0;
     int questions = 0;
 };
@@ -152,7 +152,7 @@ class Terminations : public testing::Test {
 
 } // namespace
 
-// From the installed handlers on: what comes before ends the process as signals do.
+// Starts when the handlers are installed; before that a signal has its default action.
 TEST_F(Terminations, AtRandomInstantsAllEndWithStatus1) {
     const Rehearsal rehearsal = rehearse();
     ASSERT_LT(rehearsal.handlers_installed, rehearsal.traces);
@@ -183,7 +183,7 @@ TEST_F(Terminations, WhileSystemdIsAskedAllEndWithStatus1) {
         station.launch_busy({"-D"});
         world.systemd().strike(station.pid(), signo, question);
         live_until(station, [&station] { return station.waits() >= PASSES; });
-        if (station.is_running()) { // some questions had been asked before the strike was arranged
+        if (station.is_running()) { // some questions were asked before the strike was set up
             station.send(signo);
         }
         ASSERT_NO_FATAL_FAILURE(expect_proper_end(station));

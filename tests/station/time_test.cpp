@@ -1,4 +1,4 @@
-// The wall clock leaps, and passes the ends of the numbers in which times were once kept.
+// The wall clock jumps and passes the limits of 31 and 32 bits.
 
 #include "busy_station.h"
 #include "passes.h"
@@ -73,7 +73,7 @@ struct Time : testing::Test {
     BusMessage listing() {
         return client.call(method_call("/com/corvana/Monitoring1", "com.corvana.State2.Issues", "GetListing"));
     }
-    /// Sends the heartbeat of that second.
+    /// Sends the heartbeat at that second.
     void beat_at(std::int64_t seconds) {
         station().set_clock(seconds);
         station().step(0);
@@ -86,7 +86,7 @@ struct Time : testing::Test {
     std::optional<BusyStation> place;
 };
 
-/// Starts five heartbeats' samples before a limit of the time: with the fifth the CPU is too hot.
+/// Starts five samples before a limit of the time; the fifth reports an overheated CPU.
 struct Limit {
     const char *name;
     std::int64_t limit;
@@ -124,9 +124,8 @@ INSTANTIATE_TEST_SUITE_P(Limits, TimeLimit,
                                          Limit{"2106", 4294967295, 4294967277, 4294967310, 14U, "2106-02-07 06:28:30"}),
                          [](const testing::TestParamInfo<Limit> &limit) { return std::string(limit.param.name); });
 
-// A task waits for the time that was set for it. What was set to a time that lies ahead again counts as
-// changed in every pass until then.
-TEST_F(Time, SetBackAnHourLetsThePassesGoOn) {
+// A task waits for its scheduled time. A change dated in the future counts as new in every pass until then.
+TEST_F(Time, SetBackAnHourDoesNotStopThePasses) {
     start_at(NOON + 7);
     beat_at(NOON + 10);
     const std::size_t records = records_in(station().recorded()).size();
@@ -145,12 +144,12 @@ TEST_F(Time, SetBackAnHourLetsThePassesGoOn) {
         beat_at(NOON + 10 * beat);
     }
     const Announcement raised = next_announcement();
-    EXPECT_EQ(raised.member, "NewIssues") << "nothing was announced in between";
+    EXPECT_EQ(raised.member, "NewIssues") << "no signal in between";
     EXPECT_EQ(raised.time, NOON + 40);
     EXPECT_EQ(station().stop(), 1);
 }
 
-TEST_F(Time, SetOnAYearRunsEachTaskOnce) {
+TEST_F(Time, SetForwardAYearRunsEachTaskOnce) {
     start_at(NOON + 7);
     station().forget();
     beat_at(NOON + 10 + YEAR);

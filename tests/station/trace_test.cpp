@@ -1,4 +1,4 @@
-// Where the trace goes and what its lines look like.
+// The destinations of the trace and the format of its lines.
 
 #include "passes.h"
 #include "station.h"
@@ -49,7 +49,7 @@ TEST(DebugMode, SendsNothingToTheJournal) {
     EXPECT_THAT(station.trace().messages_of("cleanup"), Contains("DONE"));
 }
 
-TEST(DebugMode, BeginsWhereTheOptionStands) {
+TEST(DebugMode, StartsAtTheOption) {
     Station station;
     station.start({"-S", "200", "-D", "-C", "3"});
     const std::vector<std::string> before = functions_of(station.journal());
@@ -70,7 +70,7 @@ TEST(JournalMode, WritesNothingToStderr) {
 }
 
 // The journal drops white space from the end of a message.
-TEST(JournalMode, GivesTheWholeLineWithItsPlaceAndPriority) {
+TEST(JournalMode, SendsTheWholeLineWithItsPlaceAndPriority) {
     Station station;
     station.start({});
     ASSERT_FALSE(station.journal().empty());
@@ -90,7 +90,7 @@ TEST(JournalMode, GivesTheWholeLineWithItsPlaceAndPriority) {
     EXPECT_THAT(levels, ElementsAre(1, 2, 3));
 }
 
-TEST(JournalMode, GivesTheHighestLevelAsANotice) {
+TEST(JournalMode, SendsTheHighestLevelAsANotice) {
     Station station;
     station.start({});
     station.forget();
@@ -113,7 +113,7 @@ TEST(JournalMode, NamesTheAnalyzersPlace) {
                 MatchesRegex("\\(2\\) \\[[0-9]+\\] 12:00:07 analyzer\\.c: threshold_analyzer\\(90\\)"));
 }
 
-TEST(StartUp, GoesThroughItsStepsInTheirOrder) {
+TEST(StartUp, RunsItsStepsInOrder) {
     Station station;
     station.start({});
     const JournalRecord &first = station.journal().front();
@@ -134,7 +134,7 @@ TEST(StartUp, GoesThroughItsStepsInTheirOrder) {
                                    "timer_init", "process_init", "init", "scheduler"));
 }
 
-TEST(TraceMode, IsNamedAtTheStart) {
+TEST(TraceMode, IsTracedAtTheStart) {
     Station debug;
     debug.start({"-D"});
     EXPECT_THAT(debug.trace().messages_of("main"), ElementsAre("DBG TRACE"));
@@ -147,7 +147,7 @@ TEST(TraceMode, IsNamedAtTheStart) {
     }));
 }
 
-TEST(TraceLines, AllHaveTheirShapeButTheEmptyOneOfTheWait) {
+TEST(TraceLines, AllHaveTheFormatExceptTheEmptyOneOfTheWait) {
     Station station;
     station.start();
     station.step(3);
@@ -156,7 +156,8 @@ TEST(TraceLines, AllHaveTheirShapeButTheEmptyOneOfTheWait) {
     for (std::size_t i = 0; i < lines.size(); ++i) {
         if (lines[i].empty()) {
             ASSERT_GT(i, 0U);
-            if (lines[i - 1].find("Connection Error (") == std::string::npos) { // which ends alike, without a bus
+            if (lines[i - 1].find("Connection Error (") ==
+                std::string::npos) { // ends in a line feed too, without a bus
                 EXPECT_THAT(lines[i - 1], MatchesRegex(".*timer\\.c: runrun_wait\\([0-9]+\\) "));
                 ++empty;
             }
@@ -166,7 +167,7 @@ TEST(TraceLines, AllHaveTheirShapeButTheEmptyOneOfTheWait) {
                                      "|.*runrun_wait\\([0-9]+\\) "));
         }
     }
-    EXPECT_EQ(empty, 2U) << "one a pass";
+    EXPECT_EQ(empty, 2U) << "one per pass";
 }
 
 TEST(TraceLines, OfAnEntryEndWithTheBlankMessage) {
@@ -180,7 +181,7 @@ TEST(TraceLines, OfAnEntryEndWithTheBlankMessage) {
             return line.find(std::string(" ") + place + "(") != std::string::npos;
         });
         ASSERT_NE(entry, lines.end()) << place;
-        EXPECT_THAT(*entry, EndsWith(")  ")) << "the prefix's blank and the message";
+        EXPECT_THAT(*entry, EndsWith(")  ")) << "the blank of the prefix and the message";
         EXPECT_THAT(entry->substr(4), StartsWith(thread)) << "the main thread has the process id";
     }
 }
@@ -203,7 +204,7 @@ TEST(TraceLines, AreCutAt1023Characters) {
     EXPECT_THAT(*longest, MatchesRegex(".*gdata_commandline: 'vigmond \"-D\" \"x+"));
 }
 
-TEST(TraceLines, NameTheModulesThatLogFiltersKnow) {
+TEST(TraceLines, NameTheModulesUsedByLogFilters) {
     Station station;
     station.start();
     station.stop();

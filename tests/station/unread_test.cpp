@@ -1,4 +1,4 @@
-// A journal or a syslog daemon that has stopped reading stops no heartbeat, and what it misses is told.
+// A journal or syslog daemon that has stopped reading stops no heartbeat, and the lost messages are reported.
 
 #include "passes.h"
 #include "station.h"
@@ -21,13 +21,13 @@ using testing::SizeIs;
 
 namespace {
 
-/// Messages that the kernel keeps for a reader.
+/// The number of unread messages that the kernel keeps.
 std::size_t room_in_a_socket() { return std::stoul(read_file("/proc/sys/net/unix/max_dgram_qlen")) + 1; }
 
 struct Unread : testing::Test {
     Unread() { station.environment = {"TZ=UTC0"}; }
 
-    /// Lives three minutes and ends, without a record lost.
+    /// Runs three minutes and ends without losing a record.
     void live_on() {
         life.steps(&station, 18);
         EXPECT_EQ(station.stop(), 1);
@@ -40,7 +40,7 @@ struct Unread : testing::Test {
         fill_socket(station.files().host_path("/run/systemd/journal/socket"));
     }
 
-    /// Takes in what the sockets hold.
+    /// Reads the sockets empty.
     void read_all() {
         station.reads_journal = true;
         station.reads_syslog = true;
@@ -56,7 +56,7 @@ struct Unread : testing::Test {
         return messages;
     }
 
-    /// Whether a trace of level 0 has the number.
+    /// Whether a trace of level 0 reports the number of lost traces.
     [[nodiscard]] bool tells_lost_traces() const {
         const std::regex shape(R"(\(0\) \[\d+\] \S+ trace\.c: trace_write\(\d+\) [1-9]\d* traces lost)");
         const std::vector<std::string> messages = journal_messages();
@@ -64,7 +64,7 @@ struct Unread : testing::Test {
                            [&shape](const std::string &message) { return std::regex_match(message, shape); });
     }
 
-    /// Says one sentence.
+    /// Causes one sentence.
     void change_temperature() {
         hot = !hot;
         station.temperature(hot ? 99000 : 42000);
@@ -113,7 +113,7 @@ TEST_F(Unread, JournalThatIsFullAtTheStartStopsNoStart) {
     EXPECT_TRUE(tells_lost_traces());
 }
 
-// The library waits, and cannot try again without a descriptor.
+// The library blocks and cannot try again without a descriptor.
 TEST_F(Unread, JournalIsTriedOnceAHeartbeatThoughNoDescriptorIsLeft) {
     station.start({});
     constexpr rlimit none_more{.rlim_cur = 3, .rlim_max = 3};
@@ -121,7 +121,7 @@ TEST_F(Unread, JournalIsTriedOnceAHeartbeatThoughNoDescriptorIsLeft) {
     fill_journal();
     SystemCallCount count(station.pid());
     station.step();
-    EXPECT_LE(count.until_next_wait()[SYS_sendmsg], 2) << "once by what precedes the heartbeat";
+    EXPECT_LE(count.until_next_wait()[SYS_sendmsg], 2) << "one of them before the heartbeat";
 }
 
 TEST_F(Unread, SyslogStopsNoHeartbeatAndIsWrittenToAgain) {

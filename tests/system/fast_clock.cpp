@@ -1,7 +1,6 @@
-// Preloaded into the installed daemon by the tests of the booted system, so that the confirmation of an
-// issue, minutes of real time, takes seconds: its wall clock runs FAST_CLOCK times as fast from its start
-// on, and its heartbeat comes as much sooner. The clock starts at FAST_CLOCK_START, if that is given, and
-// leaps by the seconds that the file FAST_CLOCK_LEAP names.
+// Preloaded into the installed daemon by the tests on a booted system, so that confirming an issue takes seconds
+// instead of minutes: wall clock and heartbeat run FAST_CLOCK times as fast from the start on. The clock starts at
+// FAST_CLOCK_START, if given, and jumps by the number of seconds in the file FAST_CLOCK_LEAP.
 
 #include <cstdint>
 #include <cstdio>
@@ -45,7 +44,7 @@ timeval divided(const timeval &time) {
 
 } // namespace
 
-// With 64-bit times on a 32-bit board the headers give these their __..64 names, as they do in the daemon.
+// With 64-bit times on a 32-bit board the headers rename these to __..64, as in the daemon.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 extern "C" {
 

@@ -1,4 +1,4 @@
-// Runs in the load logger's place until it is ended.
+// Takes the place of the load logger and runs until it is killed.
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// In the load logger's place: tells in the pipe "calls", in the folder behind "-d", how it was called, and
-// lives until it is killed or nobody reads there any more.
+// Takes the place of the load logger: writes its command line to the pipe "calls" in the folder given by "-d"
+// and runs until it is killed or the pipe has no reader.
 
 #include <fcntl.h>
 #include <poll.h>

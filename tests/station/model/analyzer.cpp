@@ -11,7 +11,7 @@ struct Limits {
     std::int64_t max_fail;
 };
 
-/// The limits that hold the state are moved, so that it is not left by a hair.
+/// The limits with hysteresis applied to those that hold the current state.
 Limits limits_in(int state, const Check &check) {
     const int h = check.hysteresis;
     Limits limits{check.min_fail.value_or(0), check.min_warn.value_or(0), check.max_warn.value_or(0),
@@ -53,7 +53,7 @@ int class_of(std::int64_t value, const Limits &limits, const Check &check) {
     return 0;
 }
 
-/// A failure confirms the warning on its side too; everything else starts anew.
+/// A failure also confirms the warning on its side; all other counts restart.
 Counts confirm(Counts old, int value_class) {
     Counts counts;
     switch (value_class) {
@@ -78,7 +78,7 @@ Counts confirm(Counts old, int value_class) {
     return counts;
 }
 
-/// The count that decides in a class.
+/// The count that confirms a class.
 int deciding(const Counts &counts, int value_class) {
     switch (value_class) {
     case -2:
@@ -106,7 +106,7 @@ bool judge_threshold(const Check &check, std::int32_t value, Judgement *judgemen
     if (deciding(judgement->counts, value_class) < check.delay) {
         return false;
     }
-    judgement->counts = {}; // what decides is forgotten; the others stand at 0 already
+    judgement->counts = {}; // resets the deciding count; the others are 0 already
     return enter(value_class, judgement);
 }
 

@@ -6,7 +6,7 @@
 
 namespace model {
 
-/// How far each class of values has been confirmed; the counts wrap as bytes do.
+/// The samples of each class of values in a row; the counts wrap like bytes.
 struct Counts {
     std::uint8_t min_fail = 0;
     std::uint8_t min_warn = 0;
@@ -20,7 +20,7 @@ struct Judgement {
     Counts counts;
 };
 
-/// Takes in a value; true when the state has changed.
+/// Evaluates a value; true when the state has changed.
 bool judge(const Check &check, std::int32_t value, Judgement *judgement);
 
 } // namespace model

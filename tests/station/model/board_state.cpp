@@ -123,7 +123,7 @@ void BoardState::take(const Input &input) {
     case Kind::bus_back:
         bus = Bus::up;
         break;
-    default: // not to the board
+    default: // does not affect the board
         break;
     }
 }

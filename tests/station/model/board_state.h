@@ -1,6 +1,6 @@
 #pragma once
 
-// The inputs that a script gives, and the board as they have left it.
+// The inputs of a script and the board state that results from them.
 
 #include "board.h"
 
@@ -11,12 +11,12 @@
 
 namespace model {
 
-/// One thing done to the station; "target" is the file, disk, unit or issue that it is done to.
+/// One change of the station; `target` is the file, disk, unit or issue that it concerns.
 struct Input {
     enum class Kind {
         write,         ///< a file's content
         remove,        ///< a file, or an empty folder
-        folder,        ///< in a file's place
+        folder,        ///< in place of a file
         disk,          ///< "blocks free available"
         disk_error,    ///< errno
         emmc,          ///< "revision type_a type_b"
@@ -25,13 +25,13 @@ struct Input {
         load_error,    ///< "error times", before the start
         active_state,  ///< of a unit
         active_error,  ///< "error times"
-        networkd_time, ///< its last change of state
+        networkd_time, ///< of its last state change
         networkd_error,
         bus_lost,
         bus_back,
-        generation_lost, ///< a compressed status log is removed; its number
+        generation_lost, ///< removes the compressed status log with this number
         sigusr1,
-        child_ends, ///< the load logger of that issue, if it has one
+        child_ends, ///< the load logger of that issue, if there is one
         ask_listing,
         ask_availability, ///< the word; "1" or "0"
     };
@@ -40,7 +40,7 @@ struct Input {
     std::string text;
 };
 
-/// On one line, control characters escaped and long texts cut.
+/// The input on one line, control characters escaped and long texts truncated.
 std::string text_of(const Input &input);
 
 struct File {
@@ -53,10 +53,10 @@ struct Emmc {
     int revision = 7;
     int type_a = 1;
     int type_b = 1;
-    int error = 0; ///< its commands fail with this errno
+    int error = 0; ///< of its commands; 0: none fails
 };
 
-/// An answer of systemd's: a value, after so many errors; -1 is for ever.
+/// An answer of systemd: a value after `errors_left` errors; -1 means errors only.
 struct Property {
     std::string value;
     std::string error{};
@@ -68,12 +68,12 @@ struct Unit {
     Property active_state{.value = "inactive"};
 };
 
-/// The number at the front of a text.
+/// The number at the beginning of a text.
 int number_in(const std::string &text);
-/// What stands between blanks.
+/// The words between blanks.
 std::vector<std::string> words_of(const std::string &text);
 
-/// The board by the inputs so far. What is asked for changes it: answers that fail a number of times.
+/// The board after the inputs so far. Questions change it: they use up the failing answers.
 struct BoardState {
     std::map<std::string, File> files;
     std::map<std::string, Disk> disks;
@@ -82,15 +82,15 @@ struct BoardState {
     Property networkd{.value = "0"};
     enum class Bus { none, up, lost };
     Bus bus = Bus::up;
-    bool connection_is_dead = false; ///< to a bus that was lost; the first question finds out
+    bool connection_is_dead = false; ///< to a bus that was lost; the first question notices
 
-    /// What is not done to the board is passed over.
+    /// Ignores inputs that do not affect the board.
     void take(const Input &input);
     [[nodiscard]] bool has_bus() const { return bus == Bus::up; }
     [[nodiscard]] const File &file(const std::string &path) const;
 };
 
-/// The board that these leave, with a bus or without.
+/// The board after these inputs, with or without a bus.
 BoardState board_after(const std::vector<Input> &inputs, bool has_bus);
 
 /// The next answer to a question for the property: its value, or the error with its name in `error`.
@@ -104,7 +104,7 @@ inline constexpr const char *WIRELESS_FILE = "/proc/net/wireless";
 inline constexpr const char *CPU_FILE = "/proc/stat";
 inline constexpr const char *LAN_CONFIGURATION = "/var/lib/evse/etc/systemd/network/eth0.network";
 inline constexpr const char *WIFI_CONFIGURATION = "/var/lib/evse/portapi/wifi.conf";
-/// What asks a call again at once at run time, and what says at the start that a unit is not there.
+/// The error that repeats a call at once at run time, and the one that means a missing unit at the start.
 inline constexpr const char *INTERRUPTED = "System.Error.EINTR";
 inline constexpr const char *INVALID = "System.Error.EINVAL";
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// The 23 checks as the model knows them, and the settings that its daemon is started with. The whole
-// model knows nothing of the daemon's code: it is a second account of the same behaviour.
+// The model's own table of the 23 checks, and the settings of its daemon. The model shares no code with the
+// daemon: it is an independent implementation of the same behaviour.
 
 #include <cstdint>
 #include <optional>
@@ -39,10 +39,10 @@ struct Check {
     int hysteresis;
     int delay;
     std::optional<std::string> parameter;
-    std::string format; ///< empty when there is none
+    std::string format; ///< empty: none
 };
 
-/// The table that is built into the daemon, in its order.
+/// The table built into the daemon, in its order.
 std::vector<Check> built_in_checks();
 
 /// "CB20"
@@ -58,7 +58,7 @@ struct Settings {
     int severity = 5;
 };
 
-/// "vigmond "-S" "10"", as it stands in the status log.
+/// "vigmond "-S" "10"", as in the status log.
 std::string command_line_of(const Settings &settings);
 
 } // namespace model

@@ -11,7 +11,7 @@ using Kind = Input::Kind;
 
 std::string text(std::int64_t number) { return std::to_string(number); }
 
-/// The number in one of the forms in which a number may stand in a text.
+/// The number in one of the notations that a text may use.
 std::string spelled(Random *random, std::int64_t number) {
     switch (random->below(12)) {
     case 0:
@@ -68,7 +68,7 @@ std::vector<std::string> units() {
     return {"hostapd", "nginx", "ocppd", "rauc", "stationd", "wpa_supplicant", "corvana-portapi"};
 }
 
-// 1000 packets without a loss count as 1.
+// 1000 packets without losses count as 1.
 std::vector<Input> healthy_board() {
     std::vector<Input> inputs{
         written(TEMPERATURE_FILE, "42000\n"),
@@ -96,7 +96,7 @@ std::vector<Input> healthy_board() {
     return inputs;
 }
 
-// The step from one degree to the next is at 499 thousandths, and truncated towards 0.
+// A degree steps at 499 thousandths, truncated towards 0.
 Input any_temperature(Random *random) {
     if (random->once_in(12)) {
         switch (random->below(4)) {
@@ -139,7 +139,7 @@ Input any_memory(Random *random) {
                        random->text_of({"", "\n", "MemTotal:\nMemFree:\n", "MemTotal: 0 kB\nMemFree: 0 kB\n",
                                         "MemTotal: many kB\nMemFree: 5 kB\n", "no such thing"}));
     case 5:
-        return written(MEMORY_FILE, "MemTotal:1 kB\n" + part + whole + "MemFree:" + text(free) + " kB\n"); // glued
+        return written(MEMORY_FILE, "MemTotal:1 kB\n" + part + whole + "MemFree:" + text(free) + " kB\n"); // no blanks
     case 6:
         return written(MEMORY_FILE, "MemTotal: 5 kB\nMemFree: 5 kB\n" + whole + part); // the later ones count
     case 7:
@@ -259,7 +259,7 @@ Input any_cpu(Random *random, std::int64_t load, std::int64_t *counters) {
     case 1:
         return written(CPU_FILE, "cpu  " + line);
     case 2:
-        return written(CPU_FILE, "cpu x y z w\n"); // no digits count as 0
+        return written(CPU_FILE, "cpu x y z w\n"); // words count as 0
     default:
         return written(CPU_FILE, "cpu  " + line + " 12 0 3 0 0 0\ncpu0 1 2 3 4\n");
     }

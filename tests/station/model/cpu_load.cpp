@@ -52,7 +52,7 @@ Reading CpuLoad::read(const File &stat) {
     const std::int64_t total = difference(now.user, before_.user) + difference(now.system, before_.system) + idle;
     if (total > TOO_FEW_TICKS) {
         const std::int64_t load = 100 - 100 * idle / total;
-        last_ = static_cast<std::int32_t>(std::trunc(static_cast<double>(load) + 0.5)); // upwards, below 0
+        last_ = static_cast<std::int32_t>(std::trunc(static_cast<double>(load) + 0.5)); // rounds up, also below 0
         before_ = now;
     }
     return last_;

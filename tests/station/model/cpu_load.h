@@ -1,6 +1,6 @@
 #pragma once
 
-// The CPU's load, and the load logger that a high one starts.
+// The CPU load and the load logger started by a high one.
 
 #include "readings.h"
 
@@ -8,10 +8,10 @@
 
 namespace model {
 
-/// What both load checks share.
+/// The measurement that both load checks share.
 class CpuLoad {
   public:
-    /// At the start of the daemon.
+    /// Reads the counters at the start of the daemon.
     void note_counters(const File &stat);
     Reading read(const File &stat);
 
@@ -27,26 +27,26 @@ class CpuLoad {
     std::int32_t last_ = 0;
 };
 
-/// The load loggers of both checks, by their issues.
+/// The load loggers of both checks, by issue.
 class LoadLoggers {
   public:
-    /// Marks the issue's check for a new beginning, which it takes when it runs.
+    /// Lets the issue's check start a load logger again from its next run on.
     void mark(const std::string &issue) { marked_.insert(issue); }
     void begin_run(const std::string &issue);
-    /// Whether a sentence about a high load starts one; it then runs.
+    /// Whether a sentence about a high load starts one, which then runs.
     bool start(const std::string &issue);
-    /// Its end marks its check.
+    /// Ends the issue's load logger and marks its check.
     void end(const std::string &issue);
     [[nodiscard]] bool runs(const std::string &issue) const { return running_.contains(issue); }
     [[nodiscard]] const std::set<std::string> &running() const { return running_; }
 
   private:
-    bool started_ = false; ///< no other one may be, whosever it is
+    bool started_ = false; ///< by either check; none is started until the mark
     std::set<std::string> running_;
     std::set<std::string> marked_;
 };
 
-/// The program's arguments and environment.
+/// The load logger's arguments and environment.
 std::string load_logger_call(const std::string &issue);
 
 } // namespace model

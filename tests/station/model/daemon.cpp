@@ -57,7 +57,7 @@ bool Daemon::can_take(const Input &input) const {
 void Daemon::take(const Input &input) {
     switch (input.kind) {
     case Input::Kind::sigusr1:
-        begin_anew();
+        reopen_load_loggers();
         break;
     case Input::Kind::child_ends:
         loggers_.end(input.target);
@@ -169,7 +169,7 @@ Reading Daemon::read_wireless(const Check &check) const {
     }
 }
 
-void Daemon::begin_anew() {
+void Daemon::reopen_load_loggers() {
     for (const Course &course : courses_) {
         loggers_.mark(issue_of(course.check));
     }

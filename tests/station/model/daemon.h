@@ -1,6 +1,6 @@
 #pragma once
 
-// The model's daemon: told of the time and the board, it foretells what the real one shows.
+// The model's daemon: from the time and the board it predicts the output of the real one.
 
 #include "analyzer.h"
 #include "cpu_load.h"
@@ -13,33 +13,33 @@
 
 namespace model {
 
-/// What a pass shows, beside its records.
+/// The output of a pass, except its records.
 struct Shown {
     std::vector<std::string> sentences;
     std::vector<std::string> signals;
-    std::vector<std::string> started; ///< load loggers, as called
+    std::vector<std::string> started; ///< the calls of load loggers
 };
 
 class Daemon {
   public:
-    /// Is started; `old_log` is what it finds of a status log.
+    /// Starts the daemon; `old_log` is the status log from before.
     Daemon(const Settings &settings, const std::vector<Check> &checks, BoardState board, const std::string &old_log,
            std::int64_t now);
 
-    /// Whether the input can be done: there is no end of a load logger that does not run, and so on.
+    /// Whether the input is possible; a load logger that does not run cannot end, for example.
     [[nodiscard]] bool can_take(const Input &input) const;
     void take(const Input &input);
-    /// The first one includes what the start shows.
+    /// Runs a pass; the output of the first includes that of the start.
     Shown pass(std::int64_t now);
-    /// The signals that wait for the bus to come back.
+    /// The signals pending until the bus is back.
     std::vector<std::string> waiting_signals() { return std::exchange(waiting_, {}); }
     void finish(std::int64_t now) { log_.finish(now); }
-    /// From now on the checks are taken to be these.
+    /// Replaces the table of checks.
     void believe(const std::vector<Check> &checks);
 
     [[nodiscard]] const LogFile &log() const { return log_; }
     [[nodiscard]] const Registry &registry() const { return registry_; }
-    /// How the check of this issue ("CB20[0]") stands, for a report.
+    /// The state of this issue's check ("CB20[0]"), for a report.
     [[nodiscard]] std::string standing(const std::string &issue) const;
 
   private:
@@ -50,7 +50,7 @@ class Daemon {
         std::int64_t next_run = 0;
     };
 
-    void begin_anew();
+    void reopen_load_loggers();
     void run(Course *course, std::int64_t now);
     [[nodiscard]] bool is_in_use(const Check &check) const;
     Reading read(const Check &check);

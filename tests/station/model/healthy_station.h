@@ -1,6 +1,6 @@
 #pragma once
 
-// A station on which all is well, for tests that bring about one thing.
+// A healthy station, for tests of single changes.
 
 #include "contents.h"
 #include "rig.h"
@@ -9,7 +9,7 @@ namespace model {
 
 inline constexpr std::int64_t NOON = 1709294400; // 2024-03-01 12:00:00 UTC
 
-/// Started seven seconds after noon, with a bus, by default options.
+/// Starts seven seconds after noon with default options and a bus.
 inline RigSetup healthy_station() {
     return {.inputs = healthy_board(),
             .arguments = {},

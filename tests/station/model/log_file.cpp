@@ -40,7 +40,7 @@ std::string check_line(const Check &check) {
            (check.parameter ? "\t" + *check.parameter : "") + "\n";
 }
 
-/// From the last Sunday of March to that of October, each at 1 o'clock UTC.
+/// From the last Sunday of March to the last Sunday of October, at 01:00 UTC.
 bool is_summer(std::chrono::sys_seconds now) {
     using namespace std::chrono;
     const year this_year = year_month_day(floor<days>(now)).year();
@@ -106,7 +106,7 @@ void LogFile::rotate_if_full(std::int64_t now) {
     }
 }
 
-/// The generations below the first gap move up by one; without a gap the oldest is lost.
+/// Moves the generations below the first gap up by one; without a gap the oldest is lost.
 void LogFile::rotate() {
     if (settings_.log_count == 0) {
         return;

@@ -1,6 +1,6 @@
 #pragma once
 
-// The status log, byte for byte, and its generations.
+// The status log and its generations, byte for byte.
 
 #include "checks.h"
 
@@ -8,22 +8,22 @@
 
 namespace model {
 
-/// Local time with central Europe's summer time: "2024-03-01 13:00:07".
+/// Local time with Central European summer time: "2024-03-01 13:00:07".
 std::string local_stamp(std::int64_t now);
 inline constexpr const char *TIME_ZONE = "TZ=CET-1CEST,M3.5.0,M10.5.0/3";
 
 class LogFile {
   public:
-    /// A log that has been there before, `old`, is written on.
+    /// Appends to `old`, the log from before.
     LogFile(Settings settings, std::vector<Check> checks, std::string old, std::int64_t now);
 
-    /// The record of a run; no value is "NaN".
+    /// Writes the record of a run; a missing value is "NaN".
     void record(const Check &check, int state, std::optional<std::int32_t> value, std::int64_t now);
     void finish(std::int64_t now);
     void lose_generation(int number) { generations_.erase(number); }
 
     [[nodiscard]] const std::string &text() const { return text_; }
-    /// The older logs, unpacked, by their numbers.
+    /// The older logs, uncompressed, by number.
     [[nodiscard]] const std::map<int, std::string> &generations() const { return generations_; }
     [[nodiscard]] unsigned rotations() const { return rotations_; }
 

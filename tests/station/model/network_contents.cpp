@@ -27,14 +27,14 @@ std::string any_traffic(Random *random, const std::string &interface) {
         return "";
     case 1:
         return interface + ":90000 " + text(received) + " 0 0 0 0 0 0 0 10000 " + text(packets) +
-               " 0 0 0 0 0 0\n"; // glued
+               " 0 0 0 0 0 0\n"; // no blank
     case 2:
-        return head + "\n"; // 11 words: what was not sent is not counted
+        return head + "\n"; // 11 words: unsent packets are not counted
     case 3:
         return head + " " + text(lost) + "\n";
     case 4:
         return interface + ": 90000 1000 0 0 0 0 0 0 10000\n" + head + " " + text(lost) + " " + text(lost) +
-               "\n"; // too short a line, a good one
+               "\n"; // a line that is too short, then a good one
     case 5:
         return (interface == "eth0" ? "ETH0" : "Wlan0STA") + head.substr(interface.size()) + " 0 0 0 0 0 0\n";
     case 6:
@@ -86,7 +86,7 @@ Input wireless_file(Random *random, const std::string &quality, const std::strin
     case 3:
         return written(WIRELESS_FILE, "wlan0sta: 0000 x y -256\n" + heading + " wlan0sta:" + line);
     case 4:
-        return written(WIRELESS_FILE, "wlan0sta:0000 " + quality + " " + strength + " -256 0 0\n"); // glued
+        return written(WIRELESS_FILE, "wlan0sta:0000 " + quality + " " + strength + " -256 0 0\n"); // no blank
     case 5:
         return written(WIRELESS_FILE, "");
     default:

@@ -45,7 +45,7 @@ std::string without_leading_space(const std::string &text) {
     return {std::find_if_not(text.begin(), text.end(), is_space), text.end()};
 }
 
-/// Where a character of `set`, or a comment behind white space, begins; the end when there is none.
+/// The position of the first character of `set` or of a comment after white space; the end without either.
 std::size_t find_or_comment(const std::string &text, const std::string &set) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (set.find(text[i]) != std::string::npos || (text[i] == ';' && i > 0 && is_space(text[i - 1]))) {
@@ -72,7 +72,7 @@ void Paths::take_key(const std::string &section, const std::string &name, const 
     }
 }
 
-/// False at the first line that is none; what stands before it counts all the same.
+/// False at the first invalid line; the lines before it still count.
 bool Paths::read_lan(const std::string &text) {
     constexpr std::size_t longest = 4095;
     constexpr std::size_t longest_section = 49;
@@ -114,11 +114,11 @@ bool Paths::lan_in_use(const File &configuration) {
 
 namespace {
 
-/// The elements of a text in a narrow JSON: objects, strings and primitives. What they are nested in is
-/// followed; what they contain is nobody's concern.
+/// The elements of a simplified JSON text: objects, strings and primitives. Tracks their nesting, not their
+/// contents.
 class Elements {
   public:
-    /// Takes at most `room` elements; false when the text is none, or is cut short.
+    /// Reads at most `room` elements; false for an invalid or truncated text.
     bool read(const std::string &text, std::size_t room);
     [[nodiscard]] bool begin_with_object() const { return !all_.empty() && all_[0].kind == Kind::object; }
     [[nodiscard]] bool is_empty() const { return all_.empty(); }
@@ -145,7 +145,7 @@ class Elements {
     std::size_t at_ = 0;
     std::size_t room_ = 0;
     std::vector<Element> all_;
-    int inside_ = -1; ///< the element that the next one belongs to
+    int inside_ = -1; ///< the parent of the next element
 };
 
 bool Elements::read(const std::string &text, std::size_t room) {
@@ -259,7 +259,7 @@ bool Elements::take_primitive() {
         return false;
     }
     for (; ends.find(next()) == std::string::npos; ++at_) {
-        if (std::isprint(static_cast<unsigned char>(next())) == 0) { // the end of the text among them
+        if (std::isprint(static_cast<unsigned char>(next())) == 0) { // includes the end of the text
             return false;
         }
     }
@@ -268,8 +268,8 @@ bool Elements::take_primitive() {
 
 } // namespace
 
-// The key is compared together with all that follows it, its closing quote included, and so never found:
-// an object, whatever it says, takes the WiFi out of use.
+// The key is compared with the rest of the text, closing quote included, and never matches: any object takes
+// the WiFi out of use. Kept.
 bool wifi_in_use(const File &configuration) {
     constexpr std::size_t size = 2048;
     constexpr std::size_t room = 32;

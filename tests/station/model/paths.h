@@ -1,17 +1,17 @@
 #pragma once
 
-// Which network paths the configuration has in use.
+// The network paths that the configuration enables.
 
 #include "board_state.h"
 
 namespace model {
 
-/// Whether a WiFi configuration with this text has the WiFi in use.
+/// Whether this WiFi configuration enables the WiFi.
 bool wifi_in_use(const File &configuration);
 
 class Paths {
   public:
-    /// Looks at the configuration, if systemd-networkd has changed its state since.
+    /// Reads the configuration if systemd-networkd has changed its state.
     void look(BoardState *board);
     [[nodiscard]] bool lan() const { return lan_; }
     [[nodiscard]] bool wifi() const { return wifi_; }
@@ -26,7 +26,7 @@ class Paths {
     std::string networkd_time_ = "0";
     bool lan_ = false;
     bool wifi_ = false;
-    // What the LAN's configuration said last, never forgotten; -1 before it said anything.
+    // The last value in the LAN's configuration, kept when it disappears; -1 at first.
     int managed_ = -1;
     int activation_ = -1;
 };

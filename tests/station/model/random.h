@@ -1,6 +1,6 @@
 #pragma once
 
-// Chance that repeats with its seed, with every compiler and library.
+// Random numbers that are the same for the same seed with every compiler and library.
 
 #include <cstdint>
 #include <initializer_list>
@@ -20,7 +20,7 @@ class Random {
     }
     /// first to last.
     std::int64_t between(std::int64_t first, std::int64_t last) { return first + below(last - first + 1); }
-    /// Once in so many times.
+    /// True once in `times` calls on average.
     bool once_in(std::int64_t times) { return below(times) == 0; }
     template <class T> T of(const std::vector<T> &choices) {
         return choices[static_cast<std::size_t>(below(static_cast<std::int64_t>(choices.size())))];

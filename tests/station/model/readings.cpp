@@ -14,7 +14,7 @@ constexpr std::size_t LINE = 1023;
 
 bool is_readable(const File &file) { return file.kind != File::Kind::missing; }
 
-/// None when the file is empty; a folder opens, but has no line either.
+/// None for an empty file or a folder, which opens but has no line.
 std::optional<std::string> first_line(const File &file, std::size_t size) {
     const std::vector<std::string> lines = lines_of(file.content, size);
     return lines.empty() ? std::nullopt : std::optional(lines[0]);
@@ -24,7 +24,7 @@ bool begins(const std::string &line, const std::string &start) {
     return strncasecmp(line.c_str(), start.c_str(), start.size()) == 0;
 }
 
-/// The number at the front; none without a digit, or when it is no finite one.
+/// The number at the beginning; none without a digit or if not finite.
 std::optional<double> real(const std::string &text) {
     char *end = nullptr;
     const double number = std::strtod(text.c_str(), &end);
@@ -67,7 +67,7 @@ Reading traffic_value(const std::vector<std::string> &tokens) {
     return wrapped(static_cast<std::int64_t>(shares) / p);
 }
 
-/// The number behind `token` in the first line of the interface that has one there.
+/// The number after `token` in the interface's first line that has one.
 std::optional<double> wireless_number(const File &file, const std::string &interface, std::size_t token) {
     for (const std::string &line : lines_of(file.content, LINE)) {
         const std::vector<std::string> tokens = split(line, 8);
@@ -113,7 +113,7 @@ std::vector<std::string> lines_of(const std::string &text, std::size_t size) {
         const std::size_t feed = text.find('\n', at);
         const std::size_t length = feed == std::string::npos ? text.size() - at : feed + 1 - at;
         const std::string piece = text.substr(at, std::min(length, size));
-        lines.push_back(piece.substr(0, piece.find('\0'))); // the end of a text, wherever it stands
+        lines.push_back(piece.substr(0, piece.find('\0'))); // a zero byte ends the text
         at += piece.size();
     }
     return lines;

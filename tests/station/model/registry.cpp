@@ -7,7 +7,7 @@ namespace model {
 
 namespace {
 
-/// As it goes over the bus, in 32 bits.
+/// The time in the 32 bits used on the bus.
 std::string wire_time(std::int64_t seconds) { return std::to_string(static_cast<std::uint32_t>(seconds)); }
 
 std::vector<std::string> announcement(std::int64_t now, const std::string &member, const std::string &labels) {
@@ -28,7 +28,7 @@ Registry::Registry(std::int64_t now) {
     rows_.push_back({.label = "CBnn", .changed = now - 1, .count = 0});
 }
 
-// A change from warning to failure is a second bad report, which one good report does not match.
+// A change from warning to failure is a second bad report; one good report only undoes one.
 void Registry::report(int id, int state, std::int64_t now) {
     Row &row = rows_[static_cast<std::size_t>(id)];
     if (state != 0) {

@@ -61,7 +61,7 @@ void put(const Emmc &emmc, StationMmc *device) {
     device->error = emmc.error;
 }
 
-/// As it stands in the object's path.
+/// The unit's name as escaped in its object path.
 std::string object_of(const std::string &unit) {
     std::string text;
     for (const char c : unit) {
@@ -87,7 +87,7 @@ std::string signal_text(DBusMessage *message) {
     return std::to_string(time) + text;
 }
 
-/// Of an array of structures, each a time and a label; nothing in an empty reply.
+/// Reads an array of structs (time, label); nothing from an empty reply.
 std::vector<std::string> listing_of(DBusMessage *reply) {
     std::vector<std::string> issues;
     DBusMessageIter body{};
@@ -125,7 +125,7 @@ std::string unpacked(const std::string &packed) {
     return result == BZ_OK ? std::string(buffer.data(), size) : "no bzip2 file";
 }
 
-/// To that process, even if its number has been given to another one since.
+/// Signals that process, even if its id has been reused.
 void send(const Descriptor &pidfd, int signo) { syscall(SYS_pidfd_send_signal, pidfd.get(), signo, nullptr, 0); }
 
 } // namespace
@@ -158,7 +158,7 @@ void Rig::Bus::come_back() {
 Rig::Rig(const RigSetup &setup)
     : board_(board_after(setup.inputs, setup.has_bus)), station_(board_of(board_, setup)), arguments_(setup.arguments) {
     const BoardFolder &files = station_.files();
-    // The traces go nowhere: they would take most of the time. A socket that is not there takes longer.
+    // Drops the traces, which would take most of the time. A missing socket would take longer.
     files.write("/run/systemd/journal/socket", "");
     chmod(files.host_path(LOAD_LOGGER).c_str(), S_IRWXU);
     files.make_fifo(CALLS);
@@ -221,7 +221,7 @@ void Rig::put_folder(const std::string &path) const {
     }
 }
 
-/// Tells systemd; nothing when the input is not about a unit.
+/// Applies an input about a unit to the fake systemd; ignores others.
 void Rig::put_unit(const Input &input) {
     struct Row {
         Input::Kind kind;
@@ -293,8 +293,8 @@ void Rig::apply(const Input &input) {
     }
 }
 
-/// Until all its threads sleep: one that has written a signal, but has not come to see that the bus was still
-/// there then, sends it again.
+/// Waits until all threads sleep: a thread that has written a signal but not yet checked that the bus was still
+/// there would send it again.
 void Rig::await_rest() const {
     const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
     const fs::directory_iterator threads("/proc/" + std::to_string(station_.pid()) + "/task");
@@ -306,7 +306,7 @@ void Rig::await_rest() const {
     }
 }
 
-// --- what is shown
+// --- output
 
 std::vector<std::string> Rig::sentences() {
     std::vector<std::string> texts;
@@ -390,7 +390,7 @@ std::vector<pid_t> Rig::children() const {
     return pids;
 }
 
-/// Takes the next whole line; false when there is none yet.
+/// Reads the next whole line; false when there is none yet.
 bool Rig::read_call() {
     std::array<char, 4096> piece{};
     const ssize_t size = read(calls_.get(), piece.data(), piece.size());
@@ -419,7 +419,7 @@ std::vector<std::string> Rig::started(std::size_t count) {
             poll(&source, 1, 100);
         }
     }
-    std::sort(told_.begin(), told_.end()); // two that start in one pass tell of it in any order
+    std::sort(told_.begin(), told_.end()); // two that start in one pass report in any order
     return std::exchange(told_, {});
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// The real daemon on a station, with a bus and systemd of its own: the inputs are done to it, and what it
-// shows is told in the words of the model.
+// The real daemon on a station with a private bus and a fake systemd: takes the model's inputs and reports the
+// output in the model's format.
 
 #include "board_state.h"
 #include "fake_systemd.h"
@@ -12,12 +12,12 @@
 namespace model {
 
 struct RigSetup {
-    std::vector<Input> inputs; ///< what the board consists of
+    std::vector<Input> inputs; ///< the board's contents
     std::vector<std::string> arguments;
-    std::string old_log; ///< a status log that is already there
+    std::string old_log; ///< an existing status log
     std::int64_t clock = 0;
     bool has_bus = true;
-    std::string load_logger; ///< the program in its place
+    std::string load_logger; ///< the program that takes its place
 };
 
 class Rig {
@@ -27,40 +27,40 @@ class Rig {
     Rig(const Rig &) = delete;
     Rig &operator=(const Rig &) = delete;
 
-    /// Starts the daemon and awaits its first pass, and that it is on the bus.
+    /// Starts the daemon and waits for its first pass and its name on the bus.
     void start();
     void apply(const Input &input);
-    /// Sets the clock and awaits the pass.
+    /// Sets the clock, sends the heartbeat and waits for the end of the pass.
     void beat(std::int64_t now);
-    /// Ends the daemon; its status.
+    /// Stops the daemon; returns its exit status.
     int stop();
 
     [[nodiscard]] pid_t pid() const { return station_.pid(); }
 
-    // What it has shown since it was last asked.
+    // Each returns the output since its last call.
     std::vector<std::string> sentences();
-    /// Waits for `count` signals if they have not come yet.
+    /// Waits for at least `count` signals.
     std::vector<std::string> signals(std::size_t count);
-    /// Waits for `count` calls, and for that of every child there is.
+    /// Waits for at least `count` calls, and for the call of every running child.
     std::vector<std::string> started(std::size_t count);
 
     [[nodiscard]] std::vector<std::string> listing();
     [[nodiscard]] std::string availability(const std::string &word, bool enable);
-    /// The status log from that byte on; a word about it when it is shorter.
+    /// The status log from that byte on; a note if it is shorter.
     [[nodiscard]] std::string log_from(std::size_t offset) const;
-    /// The older logs, unpacked, by their numbers.
+    /// The older logs, uncompressed, by number.
     [[nodiscard]] std::map<int, std::string> generations() const;
-    /// Whether all load loggers are gone, awaiting their end.
+    /// Waits for the end of all load loggers; false when some still run.
     [[nodiscard]] bool load_loggers_end() const;
 
   private:
-    /// A system bus, to whose socket the daemon gets by another name; those who are to hear it come first.
+    /// A system bus, reached by the daemon through a link, so that the listeners are connected first.
     class Bus {
       public:
         explicit Bus(const std::string &folder);
         [[nodiscard]] std::string variable() const { return "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + door_; }
         void lose();
-        /// Back, with all on it who have been.
+        /// Restarts the bus and reconnects all clients.
         void come_back();
 
         FakeSystemd &systemd() { return systemd_; }
@@ -98,7 +98,7 @@ class Rig {
     Station station_;
     std::unique_ptr<Bus> bus_;
     std::vector<std::string> arguments_;
-    Descriptor calls_; ///< in which the load loggers tell how they were called
+    Descriptor calls_; ///< the load loggers write their calls here
     std::string unread_;
     std::vector<LoadLogger> loggers_;
     std::vector<std::string> told_;

@@ -12,7 +12,7 @@ constexpr std::int64_t START_TIMES[] = {
     4294900001, // 2106-02-06 11:46:41 UTC, a day before 2^32
 };
 
-// Values out of range are moved to its end, other words leave what is there by default.
+// Values out of range are clamped, other words leave the default.
 constexpr OptionForms LOG_SIZE{"-S", "--logfilesize"};
 const std::vector<OptionValue> LOG_SIZES{
     {"10", 10240}, {"11", 11264},   {"12kB", 12288}, {"64", 65536},         {"1000", 1024000},    {"5", 10240},
@@ -41,7 +41,7 @@ Script::Script(std::uint64_t seed, const std::string &load_logger) : random_(see
     choose_board();
 }
 
-/// An option in one of the forms that it may be given in.
+/// Gives an option in one of its forms.
 void Script::give(const OptionForms &option, const std::string &value) {
     std::vector<std::string> *arguments = &settings_.arguments;
     switch (random_.below(4)) {
@@ -60,7 +60,7 @@ void Script::give(const OptionForms &option, const std::string &value) {
     }
 }
 
-/// Gives an option one of the values; what the daemon takes it for.
+/// Gives an option one of the values; returns the value that the daemon uses.
 std::int64_t Script::choose(const OptionForms &option, const std::vector<OptionValue> &values) {
     const OptionValue value = random_.of(values);
     give(option, value.text);
@@ -73,7 +73,7 @@ void Script::choose_options() {
     settings_.record_level = static_cast<int>(choose(RECORD_LEVEL, RECORD_LEVELS));
     settings_.severity = static_cast<int>(choose(SEVERITY, SEVERITIES));
     setup_.arguments = settings_.arguments;
-    if (random_.once_in(3)) { // a log from before, perhaps a full one
+    if (random_.once_in(3)) { // an existing log, perhaps a full one
         setup_.old_log =
             std::string(static_cast<std::size_t>(random_.of<std::int64_t>({100, 9000, 20000})), '#') + "\n";
     }
@@ -87,7 +87,7 @@ void Script::choose_board() {
     if (random_.once_in(2)) {
         setup_.inputs.push_back(any_lan_configuration(&random_));
     }
-    if (random_.once_in(3)) { // beginning with anything
+    if (random_.once_in(3)) { // with a random beginning
         for (const Input &input : board_inputs(setup_.clock)) {
             setup_.inputs.push_back(input);
         }
@@ -140,7 +140,7 @@ void Script::add_sources() {
     sources_.push_back({.period = 100, .delay = 5, .draw = [this] { return any_networkd(&random_, &networkd_time_); }});
 }
 
-/// Around the number of samples that confirm a state.
+/// A number of samples close to the confirmation delay.
 std::int64_t Script::samples(int delay) {
     switch (random_.below(6)) {
     case 0:

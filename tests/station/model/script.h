@@ -1,7 +1,7 @@
 #pragma once
 
-// A random life of a station, the same for the same seed: how it is started, what is done to it between the
-// heartbeats, and when they come.
+// A random life of a station, the same for the same seed: its setup, the inputs between heartbeats, and the times
+// of the heartbeats.
 
 #include "checks.h"
 #include "contents.h"
@@ -27,17 +27,18 @@ class Script {
 
     [[nodiscard]] const RigSetup &setup() const { return setup_; }
     [[nodiscard]] const Settings &settings() const { return settings_; }
-    /// The time of the heartbeat that follows one at `now`: the next ten seconds, or sooner, later, before.
+    /// The time of the heartbeat after the one at `now`: mostly the next ten seconds, sometimes sooner, later or
+    /// in the past.
     std::int64_t next_beat(std::int64_t now);
-    /// What is done before the heartbeat at `now`.
+    /// The inputs before the heartbeat at `now`.
     std::vector<Input> inputs(std::int64_t now);
-    /// How many heartbeats pass from one loss of the bus to the next, on average.
+    /// Sets the average number of heartbeats from one loss of the bus to the next.
     void lose_bus_every(std::int64_t beats) { beats_with_bus_ = beats; }
-    /// What is asked after it.
+    /// The questions after it.
     std::vector<Input> questions();
 
   private:
-    /// Something that stays as it is for a number of a check's samples.
+    /// An input that stays constant for a number of a check's samples.
     struct Source {
         std::int64_t period;
         int delay;

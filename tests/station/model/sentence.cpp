@@ -21,7 +21,7 @@ constexpr StateRow STATES[] = {
     {4, 3, "fail", "fail"},
 };
 
-/// The two forms of a check's own sentence; "%s" stands where they differ.
+/// The two forms of a check's own sentence; "%s" marks the difference.
 struct TruthRow {
     int id;
     const char *sentence;
@@ -117,7 +117,7 @@ std::string service_text(int state, const std::vector<std::string> &down) {
     return text + (down.size() == 1 ? " is" : " are") + " not running";
 }
 
-/// The checks with a logger of their own tell good from bad only.
+/// The checks with their own logger only distinguish good and bad.
 int told_state(const Check &check, int state) {
     switch (check.probe) {
     case Probe::bluetooth:
@@ -135,7 +135,7 @@ std::string told_text(const Check &check, int state, const std::vector<std::stri
     case Probe::bluetooth:
     case Probe::ethernet:
         return truth_text(check.id, state);
-    case Probe::wireless: // its format stands there in the place of a sentence
+    case Probe::wireless: // its format takes the place of the sentence
         return check.format + ": ";
     case Probe::service:
         return service_text(state, units_down);

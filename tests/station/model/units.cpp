@@ -8,7 +8,7 @@ namespace {
 constexpr const char *NOT_INSTALLED[] = {"masked", "stub", "not-found", "merged"};
 }
 
-// Only an answer or "invalid" ends the asking.
+// Asks until there is an answer or "invalid".
 bool Units::is_installed(Property *load_state) {
     std::string value;
     std::string error;

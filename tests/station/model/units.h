@@ -1,6 +1,6 @@
 #pragma once
 
-// The services that are watched, and how they are.
+// The watched services and their states.
 
 #include "readings.h"
 
@@ -8,10 +8,10 @@ namespace model {
 
 class Units {
   public:
-    /// Watches those of the named units that are installed; the others, in their order, are returned.
+    /// Watches the installed units among `names`; returns the others in their order.
     std::vector<std::string> watch(const std::string &names, BoardState *board);
     Reading read(BoardState *board);
-    /// Those known to be down at the last reading, the last named first.
+    /// The units that were down at the last reading, last named first.
     [[nodiscard]] std::vector<std::string> down() const;
 
   private:

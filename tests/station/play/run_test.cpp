@@ -1,4 +1,4 @@
-// script/run as a person uses it: reads what it shows, types what it prints, ends it with Ctrl-C.
+// script/run as a person uses it: reads its output, types the commands that it prints, stops it with Ctrl-C.
 
 #include "child_process.h"
 #include "scratch_folder.h"
@@ -33,8 +33,8 @@ std::vector<std::string> with_script(std::vector<std::string> options) {
 class Run : public testing::Test {
   protected:
     Run() {
-        prctl(PR_SET_CHILD_SUBREAPER, 1); // what the script leaves behind becomes a child of the test's
-        std::signal(SIGINT, SIG_DFL);     // a shell cannot take what was ignored when it started
+        prctl(PR_SET_CHILD_SUBREAPER, 1); // processes left by the script become children of the test
+        std::signal(SIGINT, SIG_DFL);     // a shell cannot trap a signal that was ignored at its start
     }
 
     void start(const std::vector<std::string> &options, const std::string &variable = "LC_ALL=C") {
@@ -42,25 +42,25 @@ class Run : public testing::Test {
                                                                       "VIGMOND_RUN=" + folder(), variable});
     }
     [[nodiscard]] std::string folder() const { return scratch / "run"; }
-    /// Waits for a line with this text, from line `from` on; the line.
+    /// Waits for a line with this text, from line `from` on; returns the line.
     std::string sees(const std::string &text, std::size_t from = 0) {
         const auto line = script->output().wait_for(text, from);
         EXPECT_TRUE(line) << "never seen: " << text << "\n" << seen() << joined(script->errors().lines());
         return line ? script->output().line(*line) : "";
     }
     std::string seen() { return joined(script->output().lines()); }
-    /// Types a line into a second terminal; what that answers.
+    /// Types a line into a second terminal; returns its output.
     static std::string types(const std::string &line) {
         const CommandResult result = run_command({"bash", "-c", line});
         EXPECT_EQ(result.status, 0) << line;
         return joined(result.output);
     }
-    /// Types the printed line with this text behind the printed address.
+    /// Types the printed line with this text after the printed address.
     std::string asks(const std::string &text) {
         sees("  on the bus as com.corvana.vigmond");
         return types(sees("export DBUS_SYSTEM_BUS_ADDRESS=") + "\n" + sees(text));
     }
-    /// Ctrl-C; the script's exit status.
+    /// Presses Ctrl-C; returns the script's exit status.
     int interrupts() {
         script->kill(SIGINT);
         return script->wait();
@@ -92,7 +92,7 @@ std::size_t count_of(const std::string &part, const std::string &text) {
 
 } // namespace
 
-TEST_F(Run, LetsOneHeatAStation) {
+TEST_F(Run, ReactsToAHeatedStation) {
     start({"--station", "--speed", "100"});
     sees("  heartbeat");
     const std::string heat = sees("# heats the CPU");
@@ -113,7 +113,7 @@ TEST_F(Run, LetsOneHeatAStation) {
     expect_nothing_left();
 }
 
-TEST_F(Run, TakesAStationsControls) {
+TEST_F(Run, ReactsToAStationsControls) {
     start({"--station", "--speed=100"});
     sees("  heartbeat");
     const std::string stop = sees("# stops a service");
@@ -134,7 +134,7 @@ TEST_F(Run, EndsWithTheStationsDaemon) {
     types("kill $(cat " + folder() + "/station/board/var/lib/evse/vigmond/.lock)");
     EXPECT_EQ(script->wait(), 0);
     sees("  status log closed");
-    sees("vigmond ended by a termination signal, with status 1 as always.");
+    sees("vigmond ended on a termination signal, with the usual status 1.");
     expect_nothing_left();
 }
 
@@ -151,21 +151,21 @@ TEST_F(Run, ShowsThisMachine) {
     expect_nothing_left();
 }
 
-TEST_F(Run, ShowsWhatTheDaemonSaysOfItsOptions) {
+TEST_F(Run, ShowsTheDaemonsOptionWarnings) {
     start({"--private-bus", "-x"});
     EXPECT_EQ(script->wait(), 255);
     sees("vigmond: WARNING: invalid option -x - ignored.");
     expect_nothing_left();
 }
 
-TEST_F(Run, RefusesWhatItCannotDo) {
+TEST_F(Run, RejectsInvalidUse) {
     const std::string path = "PATH=" + scratch.path().string() + ":" + std::getenv("PATH");
     const std::string no_unshare = scratch.write("unshare", "#!/bin/sh\nexit 1\n");
     ASSERT_EQ(chmod(no_unshare.c_str(), S_IRWXU), 0);
     const std::pair<std::vector<std::string>, std::string> cases[]{
         {{"--station", "--speed", "0"}, "--speed takes a number from 1 to 9999"},
         {{"--station", "--speed"}, "--speed takes a number from 1 to 9999"},
-        {{"--speed", "5"}, "--speed is for --station"},
+        {{"--speed", "5"}, "--speed needs --station"},
         {{"--station"}, "--station needs mount namespaces"},
     };
     for (const auto &[options, refusal] : cases) {

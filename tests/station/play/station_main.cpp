@@ -1,9 +1,9 @@
-// A station for people: the daemon on the rig's board, at a pace of their choice. What they write into the
-// board's files and into the controls beside them counts from the next heartbeat on. script/run --station
-// starts it and shows what comes on stderr: the daemon's traces and its status log.
+// An interactive station: the daemon on the rig's board at a chosen speed. Changes of the board's files and of the
+// controls next to them take effect at the next heartbeat. script/run --station starts it and shows its stderr:
+// the daemon's traces and its status log.
 //   station_main FOLDER SPEED SYSTEMD [OPTION...]
 //     FOLDER    becomes a link to the station's files
-//     SPEED     how much faster than on the wall the station's clock runs
+//     SPEED     the factor by which the station's clock runs faster than real time
 //     SYSTEMD   where fake_systemd reads its commands
 //     OPTION    for the daemon
 
@@ -55,7 +55,7 @@ Board connected_board() {
         .file(PROCESSOR_FILE, "cpu  0 0 0 0 0 0 0 0 0 0\n");
 }
 
-/// What a board has no file for, as a file all the same.
+/// A file that controls a part of the board without a file of its own.
 struct Control {
     std::string file;
     std::string content;
@@ -69,7 +69,7 @@ class Play {
     Play(const Play &) = delete;
     Play &operator=(const Play &) = delete;
 
-    /// Lives until it is interrupted or the daemon ends; the daemon's exit status.
+    /// Runs until interrupted or until the daemon ends; returns the daemon's exit status.
     int live(const std::vector<std::string> &options, Clock::duration pace);
 
   private:
@@ -88,7 +88,7 @@ class Play {
     fs::path link_;
     std::string systemd_;
     std::vector<Control> controls_;
-    std::streamoff logged_ = 0; ///< bytes of the status log that have been shown
+    std::streamoff logged_ = 0; ///< bytes of the status log shown so far
     int load_ = 20;
     std::int64_t busy_ticks_ = 0;
     std::int64_t idle_ticks_ = 0;
@@ -96,7 +96,7 @@ class Play {
 
 Play::Play(std::string link, std::string systemd) : link_(std::move(link)), systemd_(std::move(systemd)) {
     std::error_code ignored;
-    fs::remove(link_, ignored); // of one that was killed
+    fs::remove(link_, ignored); // left by a station that was killed
     fs::create_directory_symlink(station_.files().scratch(), link_, ignored);
     station_.environment = {std::string("DBUS_SYSTEM_BUS_ADDRESS=") + std::getenv("DBUS_SYSTEM_BUS_ADDRESS")};
     add_disks();
@@ -124,7 +124,7 @@ void Play::add(const std::string &file, std::string content, std::function<void(
     controls_.push_back({.file = path, .content = std::move(content), .apply = std::move(apply)});
 }
 
-/// The free space in percent.
+/// Adds a control for the free space of each disk in percent.
 void Play::add_disks() {
     const std::pair<const char *, const char *> disks[]{{"rw-root", "/rw-root"},
                                                         {"root", "/"},
@@ -141,7 +141,7 @@ void Play::add_disks() {
     }
 }
 
-/// The unit's state as systemd names it.
+/// Adds a control for each unit's state, in systemd's words.
 void Play::add_services() {
     for (const char *name : {"hostapd", "nginx", "ocppd", "rauc", "stationd", "wpa_supplicant", "corvana-portapi"}) {
         const std::string unit = std::string(unit_path_escape(name).get()) + "_2eservice";
@@ -157,14 +157,14 @@ void Play::add_services() {
 void Play::apply_controls() {
     for (Control &control : controls_) {
         const std::string content = first_word(read_file(control.file));
-        if (!content.empty() && content != control.content) { // empty while it is written
+        if (!content.empty() && content != control.content) { // empty while being written
             control.content = content;
             control.apply(content);
         }
     }
 }
 
-/// Ten seconds of the processor, at a hundred ticks a second.
+/// Adds ten seconds of CPU time at a hundred ticks a second.
 void Play::work() {
     busy_ticks_ += HEARTBEAT * load_;
     idle_ticks_ += HEARTBEAT * (100 - load_);
@@ -178,7 +178,7 @@ void Play::launch(std::vector<std::string> options) {
     station_.await("the first pass", [this] { return !station_.is_running() || station_.waits() > 0; });
 }
 
-/// A heartbeat, which somebody may have ended the daemon in.
+/// A heartbeat, during which the user may end the daemon.
 void Play::beat() {
     apply_controls();
     work();
@@ -188,7 +188,7 @@ void Play::beat() {
     station_.await("the end of a pass", [this, before] { return !station_.is_running() || station_.waits() > before; });
 }
 
-/// Passes on whole lines: the traces since the last time, then the records.
+/// Prints the new traces, then the new records, in whole lines.
 void Play::show() {
     station_.await("what has come", [] { return true; });
     const std::string &traces = station_.trace().text();
@@ -203,7 +203,7 @@ void Play::show() {
 }
 
 void Play::rest_until(Clock::time_point end) {
-    constexpr Clock::duration glance = std::chrono::milliseconds(100); // how soon an answer to a call is shown
+    constexpr Clock::duration glance = std::chrono::milliseconds(100); // the delay until a call's traces are shown
     for (Clock::time_point now = Clock::now(); now < end && interrupted == 0; now = Clock::now()) {
         std::this_thread::sleep_for(std::min(glance, end - now));
         show();

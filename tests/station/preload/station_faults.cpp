@@ -1,6 +1,5 @@
-// Preloaded in front of the station's own library: of the calls of one kind, those that the page names
-// fail without having been made. What the C library calls inside itself is not seen here, but what the
-// daemon and the other libraries call is.
+// Preloaded before the station's own library: fails the calls that the page selects, without making them. Sees
+// the calls of the daemon and of other libraries, but not those inside the C library.
 
 #include "station_page.h"
 
@@ -15,7 +14,7 @@ extern "C" __attribute__((weak)) StationPage *station_page();
 
 namespace {
 
-/// Whether this call is one of those that fail; errno is set then.
+/// Whether this call fails; sets errno if so.
 bool fails(StationCall call) {
     StationPage *page = station_page == nullptr ? nullptr : station_page();
     if (page == nullptr || page->fault.call != call) {
@@ -35,7 +34,7 @@ bool fails(StationCall call) {
 
 } // namespace
 
-// A function under its own name in the library, which here would meet the declarations of the headers.
+// Defines a function under an internal name, because its own would conflict with the headers' declarations.
 #define FAILING(CALL, FAILED, RESULT, NAME, PARAMETERS, ARGUMENTS)                                                     \
     extern "C" RESULT failing_##NAME PARAMETERS __asm__(#NAME);                                                        \
     RESULT failing_##NAME PARAMETERS {                                                                                 \
@@ -93,7 +92,7 @@ FAILING(control, -1, int, fcntl64, (int fd, int command, void *argument), (fd, c
 FAILING(timer, -1, int, setitimer, (int which, const void *timer, void *old), (which, timer, old))
 FAILING(handler, -1, int, sigaction, (int signo, const void *action, void *old), (signo, action, old))
 
-// The stream is closed all the same, as the C library does it.
+// Closes the stream all the same, as the C library does.
 extern "C" int failing_fclose(std::FILE *file) __asm__("fclose");
 int failing_fclose(std::FILE *file) {
     const bool failed = fails(StationCall::fclose);

@@ -1,7 +1,7 @@
 #pragma once
 
-// The page that the rig shares with the library preloaded into the daemon: what the rig sets there is
-// the station's reality, what the library counts there is how the rig knows what the daemon does.
+// The page that the rig shares with the library preloaded into the daemon: the rig sets the station's state there,
+// the library counts the daemon's calls.
 
 #include <atomic>
 #include <cstddef>
@@ -17,7 +17,7 @@ struct StationDisk {
     std::uint64_t available;
 };
 
-/// The eMMC: its answer to MMC_IOC_CMD, and the last command that it was given.
+/// The eMMC: its answer to MMC_IOC_CMD, and the last command.
 struct StationMmc {
     std::int32_t result;
     std::int32_t error;
@@ -40,14 +40,14 @@ struct StationTimer {
     std::int64_t first;
 };
 
-/// What of the system can be made to fail; each stands for all functions of its kind.
+/// The kinds of calls that can be made to fail; each covers all functions of its kind.
 enum class StationCall : std::int32_t {
     none,
     open,
     fopen,
     read,
     write,
-    torn_write, ///< only half of it is written
+    torn_write, ///< writes only half
     fread,
     fwrite,
     fclose,
@@ -80,19 +80,19 @@ struct StationFault {
     std::uint32_t first; ///< 0: none fails
     std::uint32_t last;
     std::int32_t error;
-    StationThreads threads; ///< whose calls count and fail
+    StationThreads threads; ///< the threads whose calls count and fail
 };
 
 struct StationPage {
     std::atomic<std::int64_t> now;      ///< the wall clock, nanoseconds since the epoch
-    std::int32_t wake_fd;               ///< an eventfd, written at each entry of the wait
-    std::atomic<std::uint32_t> waits;   ///< entries of the wait
-    std::atomic<std::uint32_t> taken;   ///< SIGALRM taken in the wait
-    std::atomic<std::uint32_t> settled; ///< `taken` at the last entry: the pass of that beat is over
+    std::int32_t wake_fd;               ///< an eventfd, written at each start of the wait
+    std::atomic<std::uint32_t> waits;   ///< starts of the wait
+    std::atomic<std::uint32_t> taken;   ///< SIGALRM handled in the wait
+    std::atomic<std::uint32_t> settled; ///< `taken` at the last start of the wait: the pass of that beat is over
     StationTimer timer;
     StationMmc mmc;
     StationDisk disks[16];
-    bool uses_disk; ///< fdatasync and fsync wait for it; else they do nothing
+    bool uses_disk; ///< fdatasync and fsync wait for the disk; otherwise they do nothing
     StationFault fault;
     std::atomic<std::uint32_t> calls; ///< of the kind that `fault` names, so far
 };
@@ -104,5 +104,5 @@ static_assert(std::atomic<std::int64_t>::is_always_lock_free);
 /// The environment variable with the page's descriptor.
 inline constexpr const char *STATION_PAGE_VARIABLE = "STATION_PAGE_FD";
 
-/// The page, for a library preloaded beside this one; null outside the rig.
+/// The page, for another preloaded library; null outside the rig.
 extern "C" StationPage *station_page();

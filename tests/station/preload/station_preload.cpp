@@ -1,6 +1,6 @@
-// Preloaded into the unmodified daemon: the wall clock, the interval timer, statvfs, the eMMC's ioctl
-// and the wait for signals come from the rig's page; everything else passes through. Plain C below the
-// surface: no C++ runtime, no sanitizer, since it lives inside whatever build of the daemon is tested.
+// Preloaded into the unmodified daemon: takes the wall clock, the interval timer, statvfs, the eMMC's ioctl and the
+// wait for signals from the rig's page; everything else passes through. Uses no C++ runtime and no sanitizer,
+// because it runs inside any build of the daemon.
 
 #include "station_page.h"
 
@@ -36,7 +36,7 @@ constexpr long GET_CLOCK = SYS_clock_gettime;
 
 constinit StationPage *page = nullptr; // null before the constructor, when calls pass through
 
-// Children that the daemon starts are not part of the rig: they get neither the library nor the page.
+// The daemon's children get neither the library nor the page.
 __attribute__((constructor)) void attach() {
     const char *descriptor = std::getenv(STATION_PAGE_VARIABLE);
     if (descriptor == nullptr) {
@@ -71,7 +71,7 @@ void enter_wait() {
     page->settled.store(page->taken.load());
     page->waits.fetch_add(1);
     const int saved_errno = errno;
-    if (syscall(SYS_write, page->wake_fd, &one, sizeof one) != sizeof one) { // never one of those that fail
+    if (syscall(SYS_write, page->wake_fd, &one, sizeof one) != sizeof one) { // a call that never fails
         abort();
     }
     errno = saved_errno;
@@ -140,7 +140,7 @@ bool uses_disk() { return page == nullptr || page->uses_disk; }
 
 } // namespace
 
-// With 64-bit times on a 32-bit board the headers give these their __..64 names, as they do in the daemon.
+// With 64-bit times on a 32-bit board the headers rename these to __..64, as in the daemon.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 extern "C" {
 

@@ -19,7 +19,6 @@ const char *const USAGE =
     "  plot -o FILE           a page to look at in a browser\n"
     "  export --format=FORMAT the records as csv, jsonl or openmetrics\n"
     "  export --textfile=FILE the present values for the node exporter\n"
-    "      --bus              and the issues that are raised\n"
     "\n"
     "      --since=TIME       from this time on, as journalctl has it: \"2024-05-01 10:00\", yesterday, -2h\n"
     "      --until=TIME       before this time\n"
@@ -34,7 +33,7 @@ const char *const USAGE =
 
 namespace {
 
-enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile, bus };
+enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile };
 
 constexpr std::array OPTIONS{
     option{"json", no_argument, nullptr, json},
@@ -45,7 +44,6 @@ constexpr std::array OPTIONS{
     option{"timezone", required_argument, nullptr, timezone_},
     option{"format", required_argument, nullptr, format},
     option{"textfile", required_argument, nullptr, textfile},
-    option{"bus", no_argument, nullptr, bus},
     option{"output", required_argument, nullptr, 'o'},
     option{"help", no_argument, nullptr, 'h'},
     option{"version", no_argument, nullptr, 'v'},
@@ -75,9 +73,6 @@ std::string take(int character, const std::string &value, Arguments *arguments) 
     switch (character) {
     case json:
         arguments->json = true;
-        break;
-    case bus:
-        arguments->bus = true;
         break;
     case 'h':
         arguments->help = true;
@@ -125,9 +120,6 @@ std::string contradiction(const Arguments &arguments) {
     }
     if (!is_export && (arguments.format != Format::none || has_textfile)) {
         return "--format and --textfile belong to export";
-    }
-    if (arguments.bus && !has_textfile) {
-        return "--bus belongs to export --textfile";
     }
     if (arguments.json && arguments.command != Command::summary) {
         return "--json belongs to summary; export --format=jsonl has the records";

@@ -36,18 +36,12 @@ namespace {
 enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile };
 
 constexpr std::array OPTIONS{
-    option{"json", no_argument, nullptr, json},
-    option{"since", required_argument, nullptr, since},
-    option{"until", required_argument, nullptr, until},
-    option{"issue", required_argument, nullptr, issue},
-    option{"state", required_argument, nullptr, state},
-    option{"timezone", required_argument, nullptr, timezone_},
-    option{"format", required_argument, nullptr, format},
-    option{"textfile", required_argument, nullptr, textfile},
-    option{"output", required_argument, nullptr, 'o'},
-    option{"help", no_argument, nullptr, 'h'},
-    option{"version", no_argument, nullptr, 'v'},
-    option{nullptr, 0, nullptr, 0},
+    option{"json", no_argument, nullptr, json},           option{"since", required_argument, nullptr, since},
+    option{"until", required_argument, nullptr, until},   option{"issue", required_argument, nullptr, issue},
+    option{"state", required_argument, nullptr, state},   option{"timezone", required_argument, nullptr, timezone_},
+    option{"format", required_argument, nullptr, format}, option{"textfile", required_argument, nullptr, textfile},
+    option{"output", required_argument, nullptr, 'o'},    option{"help", no_argument, nullptr, 'h'},
+    option{"version", no_argument, nullptr, 'v'},         option{nullptr, 0, nullptr, 0},
 };
 
 struct CommandName {

@@ -36,6 +36,8 @@ constexpr std::array budgets{
     Budget{SYS_close, 11, "of all, and of the try to reach the bus"},
     Budget{SYS_newfstatat, 19, "eight disks, of each file its block size, once the zone file, once the status log"},
     Budget{SYS_access, 1, "Bluetooth"},
+    Budget{SYS_capget, 2, "to raise the capability for the eMMC, and to lower it"},
+    Budget{SYS_capset, 2, "the same"},
     Budget{SYS_fcntl, 1, "the stream of the LAN's settings"},
     Budget{SYS_write, 1, "the rig's own: it tells that the wait is entered"},
     // An attempt to connect to the missing bus.

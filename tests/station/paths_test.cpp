@@ -343,7 +343,7 @@ TEST_F(PathStation, KeepTheLastValueOfTheLansFile) {
     std::filesystem::remove(station.files().host_path(LAN_SETTINGS));
     std::filesystem::create_directory(station.files().host_path(LAN_SETTINGS));
     samples(&station, 1, 60);
-    EXPECT_FALSE(lan_in_use()) << "a folder opens and reads as empty: the last value is kept";
+    EXPECT_TRUE(lan_in_use()) << "a folder counts as malformed";
 }
 
 TEST_F(PathStation, TreatTheWifiAsOnUnlessItsFileIsAnObject) {

@@ -109,8 +109,8 @@ TEST(Reinit, ChangesNothingButItsOwnTraces) {
     EXPECT_EQ(functions_of(station), usual);
 }
 
-/// The numbers of the daemon's calls of sigaction at its start.
-enum HandlerCall : std::uint32_t { FOR_SIGTERM = 1, FOR_SIGUSR1 = 5, FOR_SIGALRM = 6, FOR_SIGCHLD = 7 };
+/// The numbers of the daemon's calls of sigaction at its start. Two before them bound the journal's first wait.
+enum HandlerCall : std::uint32_t { FOR_SIGTERM = 3, FOR_SIGUSR1 = 7, FOR_SIGALRM = 8, FOR_SIGCHLD = 9 };
 
 StationFault failing(StationCall call, std::uint32_t number) {
     return {.call = call, .first = number, .last = number, .error = EINVAL, .threads = StationThreads::main};

@@ -101,7 +101,7 @@ bool Paths::read_lan(const std::string &text) {
 }
 
 bool Paths::lan_in_use(const File &configuration) {
-    if (configuration.kind == File::Kind::missing || !read_lan(configuration.content)) {
+    if (configuration.kind != File::Kind::regular || !read_lan(configuration.content)) {
         return true;
     }
     if (activation_ == -1) {

@@ -222,7 +222,8 @@ void strike_out(std::uint64_t seed, std::vector<Alteration> *alterations) {
 TEST(TheModel, DetectsAChangeOfEachFigureOfTheTable) {
     std::vector<Alteration> left = alterations();
     ASSERT_GT(left.size(), 150U);
-    for (std::uint64_t seed = FIRST_SEED; seed <= LAST_SEED; ++seed) {
+    constexpr std::uint64_t most_seeds = 8; // more than the ordinary run compares with the daemon
+    for (std::uint64_t seed = FIRST_SEED; seed <= most_seeds && !left.empty(); ++seed) {
         strike_out(seed, &left);
     }
     for (const Alteration &alteration : left) {

@@ -1,6 +1,7 @@
 // A long run on a bus that is killed, stopped and flooded at random. STATION_BUS_FAULTS=n sets the number of
 // faults, STATION_FLOOD_SECONDS=n the length of the flood, STATION_SEED=n repeats the random instants.
 
+#include "bus_floods.h"
 #include "busy_station.h"
 #include "fake_systemd.h"
 #include "from_environment.h"
@@ -9,7 +10,6 @@
 #include "status_log.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -18,9 +18,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
-#include <poll.h>
 #include <random>
-#include <sys/socket.h>
 #include <thread>
 
 namespace {
@@ -223,58 +221,6 @@ TEST_F(Campaign, LosesNoHeartbeatInAFloodOfCalls) {
     EXPECT_EQ(station.stop(), 1);
 }
 
-namespace {
-
-/// Clients that write the same call as fast as the bus accepts it, and read nothing.
-class Blast {
-  public:
-    Blast(const PrivateBus &bus, const BusMessage &call) {
-        for (int i = 0; i < 8; ++i) {
-            clients_.push_back(std::make_unique<BusClient>(bus));
-        }
-        dbus_message_set_serial(call.get(), 1000);
-        char *bytes = nullptr;
-        int size = 0;
-        EXPECT_NE(dbus_message_marshal(call.get(), &bytes, &size), 0U);
-        while (calls_.size() < 65536) {
-            calls_.append(bytes, static_cast<std::size_t>(size));
-        }
-        size_ = static_cast<std::size_t>(size);
-        dbus_free(bytes);
-        writer_ = std::jthread([this](const std::stop_token &stop) { run(stop); });
-    }
-    [[nodiscard]] std::size_t written() const { return bytes_written_ / size_; }
-
-  private:
-    void run(const std::stop_token &stop) {
-        std::vector<std::size_t> sent(clients_.size());
-        while (!stop.stop_requested()) {
-            std::vector<pollfd> sockets;
-            for (const auto &client : clients_) {
-                sockets.push_back({-1, POLLOUT, 0});
-                dbus_connection_get_unix_fd(client->connection(), &sockets.back().fd);
-            }
-            poll(sockets.data(), sockets.size(), 100);
-            for (std::size_t i = 0; i < sockets.size(); ++i) {
-                const ssize_t written = ::send(sockets[i].fd, calls_.data() + sent[i], calls_.size() - sent[i],
-                                               MSG_DONTWAIT | MSG_NOSIGNAL);
-                if (written > 0) {
-                    sent[i] = (sent[i] + static_cast<std::size_t>(written)) % calls_.size();
-                    bytes_written_ += static_cast<std::size_t>(written);
-                }
-            }
-        }
-    }
-
-    std::vector<std::unique_ptr<BusClient>> clients_;
-    std::string calls_;
-    std::size_t size_ = 0;
-    std::atomic<std::size_t> bytes_written_ = 0;
-    std::jthread writer_; ///< ends first
-};
-
-} // namespace
-
 // If the daemon replied to each, the bus would refuse and log every reply, and the calls read while waiting for
 // the bus would fill the daemon's memory. The journal is not read, because its reader would set the pace.
 TEST(SystemBusCampaign, BoundsMemoryInAFloodOfNoReplyCalls) {
@@ -312,22 +258,6 @@ TEST(SystemBusCampaign, BoundsMemoryInAFloodOfNoReplyCalls) {
     EXPECT_THAT(world.bus().log(), testing::Not(testing::Contains(testing::HasSubstr("Rejected send message"))));
     EXPECT_EQ(station.stop(), 1);
 }
-
-namespace {
-
-/// A process that floods the connection used for questions to systemd with signals.
-class SignalFlood {
-  public:
-    SignalFlood(const PrivateBus &bus, pid_t daemon, const std::string &size)
-        : neighbour_({BUS_FLOOD, std::to_string(daemon), size}, {bus.variable()}) {
-        EXPECT_TRUE(neighbour_.output().wait_for("sent to all"));
-    }
-
-  private:
-    ChildProcess neighbour_;
-};
-
-} // namespace
 
 TEST_F(Campaign, LosesNoHeartbeatInAFloodOfSignals) {
     const std::chrono::seconds duration(from_environment("STATION_FLOOD_SECONDS", DEFAULT_FLOOD_SECONDS));

@@ -104,7 +104,7 @@ void say_changes(const PassStatus &status) {
             trace(TRACE_INFO, "status log is written again");
         }
     }
-    traced_status = status;
+    traced_status = {.is_off_bus = status.is_off_bus, .status_log_error = status.status_log_error};
 }
 
 bool has_manager() {

@@ -14,7 +14,7 @@ class TableLines {
 
     /// The next line, which the caller may modify; null at the end.
     char *next() {
-        if (read_ >= max_size) {
+        if (read_ >= MAX_SIZE) {
             return nullptr;
         }
         char *const line = std::fgets(line_.data(), static_cast<int>(line_.size()), file_);
@@ -23,7 +23,7 @@ class TableLines {
     }
 
   private:
-    static constexpr std::size_t max_size = 16U * 1024 * 1024;
+    static constexpr std::size_t MAX_SIZE = std::size_t{16} * 1024 * 1024;
 
     /// A part, or a line with zero bytes, counts as full.
     [[nodiscard]] std::size_t size_of_line() const {

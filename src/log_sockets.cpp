@@ -55,11 +55,11 @@ int lowest_free_descriptor() { return Descriptor(open("/", O_PATH | O_CLOEXEC)).
 Descriptor connect_to_syslog() {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     std::strncpy(address.sun_path, _PATH_LOG, sizeof address.sun_path - 1);
-    Descriptor socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        socket_.reset();
+    Descriptor syslog_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (connect(syslog_socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        syslog_socket.reset();
     }
-    return socket_;
+    return syslog_socket;
 }
 
 } // namespace
@@ -120,11 +120,11 @@ bool syslog_has_room() {
     if (syslog_pause.lasts()) {
         return false;
     }
-    const Descriptor socket_ = connect_to_syslog();
-    if (!socket_) {
+    const Descriptor syslog_socket = connect_to_syslog();
+    if (!syslog_socket) {
         return true; // syslog() handles a missing socket without waiting
     }
-    pollfd polled{.fd = socket_.get(), .events = POLLOUT, .revents = 0};
+    pollfd polled{.fd = syslog_socket.get(), .events = POLLOUT, .revents = 0};
     const bool has_room = poll(&polled, 1, LONGEST_WAIT_MS) != 0;
     if (!has_room) {
         syslog_pause.begin();

@@ -47,11 +47,11 @@ bool notify(const char *message) {
     if (size == 0) {
         return false;
     }
-    Descriptor &socket_ = notify_socket.get();
-    if (!socket_) {
-        socket_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    Descriptor &manager = notify_socket.get();
+    if (!manager) {
+        manager.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     }
-    if (sendto(socket_.get(), message, std::strlen(message), MSG_DONTWAIT | MSG_NOSIGNAL,
+    if (sendto(manager.get(), message, std::strlen(message), MSG_DONTWAIT | MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr *>(&address), size) < 0) {
         trace(TRACE_TRACE, "FAILED: %s", std::strerror(errno));
         return false;

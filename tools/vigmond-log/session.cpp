@@ -53,7 +53,7 @@ void Progress::show() {
         return;
     }
     const std::uint64_t part = std::min(read.load(), total_);
-    const std::size_t filled = part * width / total_;
+    const auto filled = static_cast<std::size_t>(part * width / total_);
     std::fprintf(stderr, "\r[%s%s] %3u %%\033[K", std::string(filled, '#').c_str(),
                  std::string(width - filled, ' ').c_str(), static_cast<unsigned>(part * 100 / total_));
 }

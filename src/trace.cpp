@@ -39,7 +39,7 @@ constinit thread_local Stamp stamp{};
 
 void forget_stamp() { stamp = {}; }
 
-[[maybe_unused]] const int forgotten_in_children = pthread_atfork(nullptr, nullptr, forget_stamp);
+[[maybe_unused]] const int FORGOTTEN_IN_CHILDREN = pthread_atfork(nullptr, nullptr, forget_stamp);
 
 /// Lost lines, since the last report and since the start.
 constinit std::atomic<unsigned> lost_lines = 0;

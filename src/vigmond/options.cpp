@@ -27,13 +27,13 @@ struct LevelName {
     std::int32_t level;
 };
 
-constexpr std::array<LevelName, 3> log_levels{{
+constexpr std::array<LevelName, 3> LOG_LEVELS{{
     {"fail", LOGLEVEL_FAIL},
     {"warning", LOGLEVEL_WARNING},
     {"OK", LOGLEVEL_OK},
 }};
 
-constexpr std::array<LevelName, 4> severity_levels{{
+constexpr std::array<LevelName, 4> SEVERITY_LEVELS{{
     {"critical", SEVERITY_CRITICAL},
     {"failed", SEVERITY_FAILED},
     {"warning", SEVERITY_WARNING},
@@ -130,7 +130,7 @@ template <std::size_t N> const LevelName *find_level(const std::array<LevelName,
 }
 
 void set_loglevel(const char *prog, const char *text) {
-    if (const LevelName *row = find_level(log_levels, text)) {
+    if (const LevelName *row = find_level(LOG_LEVELS, text)) {
         gdata_set_loglevel(row->level);
     } else {
         warn_invalid_argument(prog, 'l', text, gdata_loglevel_name(gdata_get_loglevel()));
@@ -138,7 +138,7 @@ void set_loglevel(const char *prog, const char *text) {
 }
 
 void set_severitylevel(const char *prog, const char *text) {
-    if (const LevelName *row = find_level(severity_levels, text)) {
+    if (const LevelName *row = find_level(SEVERITY_LEVELS, text)) {
         gdata_set_severitylevel(row->level);
     } else {
         warn_invalid_argument(prog, 's', text, gdata_severitylevel_name(gdata_get_severitylevel()));

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -41,11 +42,11 @@ struct FullPair {
 };
 
 /// The send timeout in microseconds; 0: none.
-long longest_wait_of(int fd) {
+std::int64_t longest_wait_of(int fd) {
     timeval longest{};
     socklen_t size = sizeof longest;
     EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, &size), 0);
-    return longest.tv_sec * 1'000'000L + longest.tv_usec;
+    return std::int64_t{longest.tv_sec} * 1'000'000 + longest.tv_usec;
 }
 
 sockaddr_un address_of(const std::string &path) {

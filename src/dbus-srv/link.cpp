@@ -17,15 +17,14 @@
 
 namespace {
 
-/// How much libdbus reads before messages are handled. A single larger message is still read.
-struct InputBound {
-    long bytes;
-    long descriptors;
-};
-// A flood must queue at its sender and not in our memory.
-constexpr InputBound USUAL_INPUT{.bytes = 1024L * 1024, .descriptors = 16};
-// While waiting for a reply, when no message is handled: many other messages may precede it.
-constexpr InputBound INPUT_BEFORE_ANSWER{.bytes = 64 * 1024L * 1024, .descriptors = 256};
+using std::chrono::ceil;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// What libdbus reads before messages are handled: a flood must queue at its sender and not in our memory. A single
+// larger message is still read.
+constexpr long MAX_INPUT_BYTES = 1024L * 1024;
+constexpr long MAX_INPUT_DESCRIPTORS = 16;
 
 // The kernel's limit. A message with more descriptors than our limit would close the connection, and the bus may
 // allow more than the library's default.
@@ -47,33 +46,43 @@ BusMessage name_call(const char *member, const dbus_uint32_t *flags) {
     return call;
 }
 
-void bound_input(const BusConnection &connection, const InputBound &bound) {
-    dbus_connection_set_max_received_size(connection.get(), bound.bytes);
-    dbus_connection_set_max_received_unix_fds(connection.get(), bound.descriptors);
+bool is_from_bus(const BusMessage &message) { return dbus_message_has_sender(message.get(), DBUS_SERVICE_DBUS) != 0; }
+
+/// Reads up to the bus's reply to the call `serial`; none, with the error set, if the time is over or the connection
+/// is lost. Keeps the bus's other messages and drops those of clients, which nobody serves yet.
+BusMessage await_reply(const BusConnection &connection, dbus_uint32_t serial, milliseconds timeout,
+                       EarlyMessages &early, BusError &error) {
+    const auto end = steady_clock::now() + timeout;
+    for (auto left = timeout; bus_is_connected(connection); left = ceil<milliseconds>(end - steady_clock::now())) {
+        while (BusMessage message{dbus_connection_pop_message(connection.get())}) {
+            if (is_from_bus(message) && dbus_message_get_reply_serial(message.get()) == serial) {
+                return message;
+            }
+            if (is_from_bus(message)) {
+                early.keep(std::move(message));
+            }
+        }
+        if (left.count() <= 0) {
+            dbus_set_error_const(error.fresh(), DBUS_ERROR_NO_REPLY, "Did not receive a reply");
+            return nullptr;
+        }
+        bus_read(connection, -1, static_cast<int>(left.count()));
+    }
+    dbus_set_error_const(error.fresh(), DBUS_ERROR_DISCONNECTED,
+                         "Connection was disconnected before a reply was received");
+    return nullptr;
 }
 
-/// Requests the name. Returns the bus's reply code, or 0 for an error or no reply.
-dbus_uint32_t request_name(const BusConnection &connection, BusError &error) {
+/// Requests the name; returns the bus's reply, or none.
+BusMessage request_name(const BusConnection &connection, milliseconds timeout, EarlyMessages &early, BusError &error) {
     constexpr dbus_uint32_t flags = DBUS_NAME_FLAG_REPLACE_EXISTING;
     const BusMessage call = name_call("RequestName", &flags);
-    if (!call) {
-        return 0;
+    dbus_uint32_t serial = 0;
+    if (!call || dbus_connection_send(connection.get(), call.get(), &serial) == 0) {
+        dbus_set_error_const(error.fresh(), DBUS_ERROR_NO_MEMORY, "Not enough memory");
+        return nullptr;
     }
-    bound_input(connection, INPUT_BEFORE_ANSWER);
-    const BusMessage reply(dbus_connection_send_with_reply_and_block(connection.get(), call.get(),
-                                                                     DBUS_TIMEOUT_USE_DEFAULT, error.fresh()));
-    bound_input(connection, USUAL_INPUT);
-    dbus_uint32_t result = 0;
-    if (reply) {
-        dbus_message_get_args(reply.get(), error.fresh(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
-    }
-    return result;
-}
-
-/// Whether the bus sent the error, rather than the library itself.
-bool is_answer(const BusError &error) {
-    return error.is_set() && !error.has_name(DBUS_ERROR_NO_REPLY) && !error.has_name(DBUS_ERROR_DISCONNECTED) &&
-           !error.has_name(DBUS_ERROR_NO_MEMORY);
+    return await_reply(connection, serial, timeout, early, error);
 }
 
 /// Withdraws the request without waiting for a reply: the bus handles the two in order.
@@ -86,9 +95,9 @@ void release_name(const BusConnection &connection) {
 }
 
 /// Requests the name on a new connection; updates the link's state if the name is not granted.
-bool regain_name(const BusConnection &connection) {
+bool regain_name(const BusConnection &connection, EarlyMessages &early) {
     BusError error;
-    const NameAnswer answer = bus_own_name(connection, error);
+    const NameAnswer answer = bus_own_name(connection, early, error);
     if (answer == NameAnswer::refused) {
         bus_link_set(BusLink::nameless, connection.get());
     } else if (answer == NameAnswer::none) {
@@ -106,7 +115,6 @@ void release_if_dead(BusConnection &connection) {
 
 /// Waits. Reads and drops messages sent to the unserved connection, which the bus would otherwise queue.
 void pause_for(const BusConnection &connection, unsigned seconds) {
-    using namespace std::chrono;
     const auto end = steady_clock::now() + std::chrono::seconds(seconds);
     const auto left_ms = [end] { return static_cast<int>(ceil<milliseconds>(end - steady_clock::now()).count()); };
     while (bus_is_connected(connection) && left_ms() > 0) {
@@ -145,7 +153,8 @@ BusConnection bus_connect(BusError &error) {
     if (connection) {
         dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
         dbus_connection_set_max_message_unix_fds(connection.get(), DESCRIPTORS_PER_MESSAGE);
-        bound_input(connection, USUAL_INPUT);
+        dbus_connection_set_max_received_size(connection.get(), MAX_INPUT_BYTES);
+        dbus_connection_set_max_received_unix_fds(connection.get(), MAX_INPUT_DESCRIPTORS);
     }
     return connection;
 }
@@ -154,15 +163,19 @@ bool bus_is_connected(const BusConnection &connection) {
     return connection && dbus_connection_get_is_connected(connection.get()) != 0;
 }
 
-NameAnswer bus_own_name(const BusConnection &connection, BusError &error) {
-    const dbus_uint32_t result = request_name(connection, error);
-    const bool answered = result != 0 || is_answer(error);
+NameAnswer bus_own_name(const BusConnection &connection, EarlyMessages &early, BusError &error, milliseconds timeout) {
+    early = {};
+    const BusMessage reply = request_name(connection, timeout, early, error);
+    dbus_uint32_t result = 0;
+    if (reply && dbus_set_error_from_message(error.fresh(), reply.get()) == 0) {
+        dbus_message_get_args(reply.get(), error.fresh(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
+    }
     // Leave the queue: otherwise the bus could give us the name later, with no listener, and a new request would
     // only report that we own it already.
-    if (!answered || result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) {
+    if (!reply || result == DBUS_REQUEST_NAME_REPLY_IN_QUEUE) {
         release_name(connection);
     }
-    if (!answered) {
+    if (!reply) {
         return NameAnswer::none;
     }
     return result == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER ? NameAnswer::owner : NameAnswer::refused;
@@ -189,7 +202,7 @@ void bus_drop_messages(const BusConnection &connection) {
     }
 }
 
-BusConnection bus_reconnect(BusConnection connection, bool with_name) {
+BusConnection bus_reconnect(BusConnection connection, EarlyMessages *early) {
     trace(TRACE_DEBUG, "the bus is gone, trying to come back");
     for (unsigned attempt = 0;; ++attempt) {
         release_if_dead(connection);
@@ -199,7 +212,7 @@ BusConnection bus_reconnect(BusConnection connection, bool with_name) {
             BusError error;
             connection = bus_connect(error);
         }
-        if (bus_is_connected(connection) && (!with_name || regain_name(connection))) {
+        if (bus_is_connected(connection) && (early == nullptr || regain_name(connection, *early))) {
             trace(TRACE_DEBUG, "the bus is back");
             return connection;
         }

@@ -5,7 +5,11 @@
 
 #include "dbus-srv/bus_handle.h"
 
+#include <array>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <utility>
 
 /// The state of the bus service, maintained by the listener.
 enum class BusLink : std::uint8_t {
@@ -34,12 +38,35 @@ bool bus_is_connected(const BusConnection &connection);
 enum class NameAnswer : std::uint8_t {
     owner,
     refused, ///< another process keeps it, or the bus denies it
-    none,    ///< no reply within the library's timeout (25 s), or the connection was lost
+    none,    ///< no reply in time, or the connection was lost; the error is set
 };
 
+/// The bus's own messages that arrived before its reply to the request for the name, in order, for the listener.
+class EarlyMessages {
+  public:
+    /// Drops the message if there are too many: the bus sends two, one for each name.
+    void keep(BusMessage message) {
+        if (kept_ < messages_.size()) {
+            messages_[kept_++] = std::move(message);
+        }
+    }
+    /// Removes and returns the first message; none if there are no more.
+    BusMessage take() { return taken_ < kept_ ? std::move(messages_[taken_++]) : nullptr; }
+
+  private:
+    std::array<BusMessage, 4> messages_;
+    std::size_t kept_ = 0;
+    std::size_t taken_ = 0;
+};
+
+/// The library's default. A bus is slow while a system boots.
+constexpr std::chrono::seconds NAME_TIMEOUT{25};
+
 /// Requests the configured name and replaces an owner that allows it. Does not stay in the queue for the name; a
-/// name granted after the timeout is released.
-NameAnswer bus_own_name(const BusConnection &connection, BusError &error);
+/// name granted after the timeout is released. Fills `early` and drops all other messages: no client can address
+/// the name before the reply.
+NameAnswer bus_own_name(const BusConnection &connection, EarlyMessages &early, BusError &error,
+                        std::chrono::milliseconds timeout = NAME_TIMEOUT);
 /// Waits until a message arrives or `wakeup` (an event descriptor or -1) is set, which it then clears; reads the
 /// received data. Returns early if the sender reads the data first.
 void bus_read(const BusConnection &connection, int wakeup, int timeout_ms);
@@ -54,7 +81,7 @@ constexpr unsigned bus_pause_seconds(unsigned attempt) {
     return attempt < doublings ? 1U << attempt : longest;
 }
 
-/// Retries with growing pauses until there is a connection, which owns the name if `with_name`. In that case it
-/// also updates the link's state, so that the sender can use a connection without the name. `connection` is the
-/// lost one, or a live one without the name.
-BusConnection bus_reconnect(BusConnection connection, bool with_name);
+/// Retries with growing pauses until there is a connection, which owns the name unless `early` is null. In that case
+/// it also fills `early` and updates the link's state, so that the sender can use a connection without the name.
+/// `connection` is the lost one, or a live one without the name.
+BusConnection bus_reconnect(BusConnection connection, EarlyMessages *early);

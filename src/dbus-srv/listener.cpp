@@ -72,8 +72,11 @@ class FloodGuard {
 };
 
 /// The next message to serve; none if the queue is empty.
-BusMessage next_message(const BusConnection &connection, FloodGuard &guard) {
-    BusMessage message(dbus_connection_pop_message(connection.get()));
+BusMessage next_message(const BusConnection &connection, EarlyMessages &early, FloodGuard &guard) {
+    BusMessage message = early.take();
+    if (!message) {
+        message.reset(dbus_connection_pop_message(connection.get()));
+    }
     while (message && guard.drops(message.get())) {
         message.reset(); // before the next one: it counts as pending input
         message.reset(dbus_connection_pop_message(connection.get()));
@@ -104,19 +107,19 @@ void note_message(void *wakeup) {
 }
 
 /// Handles calls until the connection is lost.
-void serve(const BusConnection &connection, Descriptor &wakeup) {
+void serve(const BusConnection &connection, EarlyMessages &early, Descriptor &wakeup) {
     dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
     bus_link_set(BusLink::serving, connection.get());
     FloodGuard guard;
     while (true) {
         trace_as(LISTENER, TRACE_TRACE, "wait for request");
-        BusMessage message = next_message(connection, guard);
+        BusMessage message = next_message(connection, early, guard);
         if (!message) {
             if (!bus_is_connected(connection)) {
                 break;
             }
             bus_read(connection, wakeup.get(), wakeup ? WAIT_MS : BLIND_WAIT_MS);
-            message = next_message(connection, guard);
+            message = next_message(connection, early, guard);
         }
         if (message) {
             serve_message(connection.get(), message.get());
@@ -156,7 +159,8 @@ void *d_bus_srv_main(void * /*none*/) {
         return end_listener("dbus_bus_get() failed", error);
     }
     trace(TRACE_TRACE, "DBUS_REQUEST");
-    switch (bus_own_name(connection, error)) {
+    EarlyMessages early;
+    switch (bus_own_name(connection, early, error)) {
     case NameAnswer::owner:
         break;
     case NameAnswer::refused:
@@ -165,12 +169,12 @@ void *d_bus_srv_main(void * /*none*/) {
     case NameAnswer::none:
         trace_failure("dbus_bus_request_name() failed", error);
         bus_link_set(BusLink::lost, nullptr);
-        connection = bus_reconnect(std::move(connection), true);
+        connection = bus_reconnect(std::move(connection), &early);
         break;
     }
     trace(TRACE_TRACE, "WHILE");
     for (;;) {
-        serve(connection, wakeup);
-        connection = bus_reconnect(std::move(connection), true);
+        serve(connection, early, wakeup);
+        connection = bus_reconnect(std::move(connection), &early);
     }
 }

@@ -29,7 +29,7 @@ bool find_connection(Sender &sender) {
     }
     sender.alone = link.state == BusLink::ended;
     if (sender.alone && !bus_is_connected(sender.connection)) {
-        sender.connection = bus_reconnect(std::move(sender.connection), false);
+        sender.connection = bus_reconnect(std::move(sender.connection), nullptr);
     }
     return sender.alone;
 }

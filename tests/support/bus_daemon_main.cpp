@@ -4,7 +4,7 @@
 //   send NOW          the end of a pass that began at NOW
 //   flood COUNT       COUNT passes, each raising or clearing CB07
 //   fail-send         the next send of a message fails
-//   miss-answer       the next answer arrives after the thread has stopped waiting for it
+//   miss-answer       the bus gets the next request for the name, but the thread is told that it was not sent
 //   lose-bus PID      the bus (process PID) ends just before the next message is sent
 //   go                the stopped thread continues
 //   exit              exit(1), as at a termination signal
@@ -138,20 +138,12 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage 
     if (const pid_t bus = bus_to_end.exchange(0); bus > 0) {
         end_bus(bus, connection);
     }
-    return send_fails.exchange(false) ? FALSE : __real_dbus_connection_send(connection, message, serial);
-}
-
-DBusMessage *__real_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
-                                                              int timeout, DBusError *error);
-
-DBusMessage *__wrap_dbus_connection_send_with_reply_and_block(DBusConnection *connection, DBusMessage *message,
-                                                              int timeout, DBusError *error) {
-    if (answer_is_missed.exchange(false)) {
-        __real_dbus_connection_send(connection, message, nullptr);
-        dbus_set_error(error, DBUS_ERROR_NO_REPLY, "none within %d ms", timeout);
-        return nullptr;
+    if (send_fails.exchange(false)) {
+        return FALSE;
     }
-    return __real_dbus_connection_send_with_reply_and_block(connection, message, timeout, error);
+    const dbus_bool_t sent = __real_dbus_connection_send(connection, message, serial);
+    const bool is_request = dbus_message_is_method_call(message, DBUS_INTERFACE_DBUS, "RequestName") != 0;
+    return is_request && answer_is_missed.exchange(false) ? FALSE : sent;
 }
 
 void *__real__Z14d_bus_srv_mainPv(void *argument);

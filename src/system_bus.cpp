@@ -10,6 +10,7 @@
 #include <malloc.h>
 #include <memory>
 #include <sys/ioctl.h>
+#include <utility>
 
 namespace {
 
@@ -42,14 +43,9 @@ struct Unreference {
 /// connection again.
 constinit NoDestructor<std::unique_ptr<sd_bus, Unreference>> connection;
 
-struct UnreferenceMessage {
-    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
-};
-using MessageHandle = std::unique_ptr<sd_bus_message, UnreferenceMessage>;
-
 /// Handles pending signals, then processes one message, which it stores in `message`, or waits a short time.
 /// Returns a negative errno if the connection is dead or the deadline has passed.
-int process_or_wait(sd_bus *bus, Deadline deadline, MessageHandle *message) {
+int process_or_wait(sd_bus *bus, Deadline deadline, UnitMessage *message) {
     signals_safe_point();
     const auto left = std::chrono::duration_cast<microseconds>(deadline - steady_clock::now());
     if (left.count() <= 0) {
@@ -70,7 +66,7 @@ int await_ready(sd_bus *bus) {
     const Deadline deadline = steady_clock::now() + ANSWER_TIMEOUT;
     int result = 0;
     while (result == 0 && sd_bus_is_ready(bus) == 0) {
-        MessageHandle ignored;
+        UnitMessage ignored;
         result = process_or_wait(bus, deadline, &ignored);
     }
     if (result < 0) {
@@ -145,7 +141,7 @@ bool is_answer(sd_bus_message *message) {
 
 /// Waits for the reply after the library's own wait timed out. Returns 0, or a negative errno, also for an error
 /// reply.
-int await_answer(sd_bus *bus, Deadline deadline, MessageHandle *answer, UnitError *error) {
+int await_answer(sd_bus *bus, Deadline deadline, UnitMessage *answer, UnitError *error) {
     int result = 0;
     while (result == 0 && !is_answer(answer->get())) {
         result = process_or_wait(bus, deadline, answer);
@@ -177,7 +173,7 @@ int system_bus_open() {
     return result;
 }
 
-int system_bus_read_text(const char *path, const char *property, TextHandle *text, UnitError *error) {
+int system_bus_read_text(const char *path, const char *property, UnitText *text, UnitError *error) {
     if (const int ready = ready_connection(); ready < 0) {
         return ready;
     }
@@ -185,14 +181,14 @@ int system_bus_read_text(const char *path, const char *property, TextHandle *tex
     const Deadline deadline = steady_clock::now() + ANSWER_TIMEOUT;
     char *read = nullptr;
     int result = sd_bus_get_property_string(bus, DESTINATION, path, INTERFACE, property, error->get(), &read);
+    *text = UnitText(read);
     if (is_unanswered(result, *error)) {
-        MessageHandle answer;
+        UnitMessage answer;
         const char *late = nullptr;
         result = await_answer(bus, deadline, &answer, error);
         result = result < 0 ? result : sd_bus_message_read(answer.get(), "v", "s", &late);
-        read = late == nullptr ? nullptr : strdup(late);
+        *text = UnitText(std::move(answer), late);
     }
-    text->reset(read);
     return end_call(bus, result);
 }
 
@@ -204,7 +200,7 @@ int system_bus_read_number(const char *path, const char *property, std::uint64_t
     const Deadline deadline = steady_clock::now() + ANSWER_TIMEOUT;
     int result = sd_bus_get_property_trivial(bus, DESTINATION, path, INTERFACE, property, error->get(), 't', number);
     if (is_unanswered(result, *error)) {
-        MessageHandle answer;
+        UnitMessage answer;
         result = await_answer(bus, deadline, &answer, error);
         result = result < 0 ? result : sd_bus_message_read(answer.get(), "v", "t", number);
     }

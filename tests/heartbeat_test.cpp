@@ -63,6 +63,10 @@ TEST(SteadyHeartbeat, AllocatesNothingOfItsOwnAndLeaksNothing) {
         live(50);
         EXPECT_EQ(allocation_count(), allocations);
         EXPECT_EQ(open_descriptors(), descriptors);
+        systemd.obey("delay 30"); // longer than the library waits for a reply
+        live(3);
+        EXPECT_EQ(allocation_count(), allocations);
+        EXPECT_EQ(open_descriptors(), descriptors);
     });
 }
 

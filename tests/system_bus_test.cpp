@@ -46,13 +46,14 @@ struct Answer {
 
 Answer ask_text(const char *property = ACTIVE_STATE) {
     UnitError error;
-    TextHandle text;
+    UnitText text;
     int result = system_bus_open();
     if (result >= 0) {
         result = system_bus_read_text(UNIT_PATH, property, &text, &error);
     }
-    return {
-        .result = result, .text = text ? text.get() : "", .error = std::string(error.name()) + ": " + error.message()};
+    return {.result = result,
+            .text = text.get() == nullptr ? "" : text.get(),
+            .error = std::string(error.name()) + ": " + error.message()};
 }
 
 struct NumberAnswer {

@@ -102,7 +102,7 @@ bool service_path(const char *name, UnitPath *path) {
 }
 
 /// Reads the property once; traces a failure under the caller's name.
-int ask(const char *step, const char *path, const char *property, TextHandle *state) {
+int ask(const char *step, const char *path, const char *property, UnitText *state) {
     UnitError error;
     int result = system_bus_open();
     if (result >= 0) {
@@ -116,7 +116,7 @@ int ask(const char *step, const char *path, const char *property, TextHandle *st
 }
 
 /// Retries until success or -EINVAL, so that a slow start-up loses no unit.
-int ask_load_state(const char *path, TextHandle *state) {
+int ask_load_state(const char *path, UnitText *state) {
     for (int repeat = 1;; ++repeat) {
         const int result = ask("service_is_loaded", path, "LoadState", state);
         if (result >= 0 || result == -EINVAL) {
@@ -129,11 +129,11 @@ int ask_load_state(const char *path, TextHandle *state) {
 bool service_is_loaded(const char *name) {
     trace(TRACE_TRACE, " ");
     UnitPath path{};
-    TextHandle state;
+    UnitText state;
     if (!service_path(name, &path) || ask_load_state(path.data(), &state) < 0) {
         return false;
     }
-    if (!state) {
+    if (state.get() == nullptr) {
         trace(TRACE_TRACE, "FAILED");
         return false;
     }
@@ -188,7 +188,7 @@ std::uint8_t service_ask_running(const char *name) {
     if (!service_path(name, &path)) {
         return STOPPED;
     }
-    TextHandle state;
+    UnitText state;
     int result = ask("service_read", path.data(), "ActiveState", &state);
     while (result == -EINTR) {
         signals_safe_point();
@@ -197,7 +197,7 @@ std::uint8_t service_ask_running(const char *name) {
     if (result < 0) {
         return UNKNOWN;
     }
-    if (!state) {
+    if (state.get() == nullptr) {
         trace_as("service_read", TRACE_TRACE, "FAILED");
         return UNKNOWN;
     }

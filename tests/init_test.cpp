@@ -1,8 +1,13 @@
 #include "init.h"
 
+#include "analyzer.h"
 #include "captured_traces.h"
+#include "dbus-srv.h"
 #include "gdata.h"
 #include "in_child.h"
+#include "logfile.h"
+#include "logger.h"
+#include "notifier.h"
 #include "sample_task.h"
 #include "signals.h"
 
@@ -31,22 +36,12 @@ int init_third(Task * /*task*/) { return record("third"); }
 
 } // namespace
 
-// Replace the modules' own init operations.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
-extern "C" {
-int __wrap__Z13analyzer_initv();
-int __wrap__Z13notifier_initv();
-int __wrap__Z11logger_initv();
-int __wrap__Z12logfile_initv();
-int __wrap__Z14d_bus_srv_initv();
-
-int __wrap__Z13analyzer_initv() { return record("analyzer"); }
-int __wrap__Z13notifier_initv() { return record("notifier"); }
-int __wrap__Z11logger_initv() { return record("logger"); }
-int __wrap__Z12logfile_initv() { return record("logfile"); }
-int __wrap__Z14d_bus_srv_initv() { return record("bus"); }
-}
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+// Linked instead of the modules' own.
+int analyzer_init() { return record("analyzer"); }
+int notifier_init() { return record("notifier"); }
+int logger_init() { return record("logger"); }
+int logfile_init() { return record("logfile"); }
+int d_bus_srv_init() { return record("bus"); }
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "notifier.h"
 
 #include "captured_traces.h"
+#include "dbus-srv.h"
 #include "sample_task.h"
 #include "trace.h"
 
@@ -19,9 +20,8 @@ std::vector<Update> &updates() {
 
 } // namespace
 
-// Replaces the registry's update at link time; the notifier must not return its result.
-extern "C" int __wrap__Z22d_bus_srv_issue_updateji(std::uint32_t id, std::int32_t state);
-extern "C" int __wrap__Z22d_bus_srv_issue_updateji(std::uint32_t id, std::int32_t state) {
+// Linked instead of the registry's. The notifier must not return its result.
+int d_bus_srv_issue_update(std::uint32_t id, std::int32_t state) {
     trace_at(TRACE_TRACE, "notifier_test", __func__, 1, "update");
     updates().emplace_back(id, state);
     return -1;

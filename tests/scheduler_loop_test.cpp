@@ -170,7 +170,7 @@ TEST(SchedulerStartDeathTest, TakesTheTimeBeforeItBlocksTheBeat) {
         _exit(first.function == "scheduler" && first.text == " " && first.line.starts_with("(1) [") ? 0 : 1);
     };
     gdata_set_tasks({.first = &task, .last = &task, .count = 1});
-    static const CapturedTraces anew; // drops the trace of the line above
+    static const CapturedTraces again; // drops the trace of the line above
     scheduler();
     _exit(2);
 }

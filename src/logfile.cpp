@@ -2,6 +2,7 @@
 
 #include "common.h"
 #include "logfile/header.h"
+#include "logfile/whole_write.h"
 #include "no_destructor.h"
 #include "rotation.h"
 #include "signals.h"
@@ -13,10 +14,8 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <poll.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <utility>
 
 constinit const std::array<LogfileStateRow, 8> logfile_state_table{{
@@ -63,72 +62,13 @@ Descriptor duplicate(std::FILE *standard) {
     return Descriptor(fcntl(fileno(standard), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-/// A null text is empty.
-iovec piece(const char *text) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): writev only reads
-    return {.iov_base = const_cast<char *>(text), .iov_len = text == nullptr ? 0 : std::strlen(text)};
-}
-
-/// Whether the stream is a regular file of the size `end`, so that nothing follows our last byte.
-bool is_last(const Descriptor &stream, off_t end) {
-    struct stat status {};
-    return fstat(stream.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size == end;
-}
-
-/// Removes the last `written` bytes from the end of the file, unless other data follows them. False if an
-/// incomplete record stays. Also resets the offset, because stdout may not be in append mode.
-bool cut_back(const Descriptor &stream, ssize_t written) {
-    if (written == 0) {
-        return true;
-    }
-    const off_t end = lseek(stream.get(), 0, SEEK_CUR);
-    if (end < written || !is_last(stream, end)) {
-        return false;
-    }
-    if (ftruncate(stream.get(), end - written) != 0) {
-        trace(TRACE_TRACE, "%s", std::strerror(errno));
-        return false;
-    }
-    return lseek(stream.get(), end - written, SEEK_SET) >= 0;
-}
-
-/// Whether a write would not block. O_NONBLOCK is no option: the flags are shared with other processes.
-bool has_room(const Descriptor &stream) {
-    pollfd polled{.fd = stream.get(), .events = POLLOUT, .revents = 0};
-    return poll(&polled, 1, 0) != 0; // the write reports any error
-}
-
-/// Writes all pieces at once or nothing: undoes a partial write. If that is impossible, the next write starts with a
-/// line feed. False, with errno set, if the pieces were lost.
-template <std::size_t N>
-bool write_whole(LogfileState &log, const Descriptor &stream, const std::array<iovec, N> &pieces) {
-    std::array<iovec, N + 1> all{piece("\n")};
-    std::copy(pieces.begin(), pieces.end(), all.begin() + 1);
-    const std::size_t first = log.torn ? 0 : 1;
-    std::size_t size = 0;
-    for (std::size_t i = first; i < all.size(); ++i) {
-        size += all[i].iov_len;
-    }
-    ssize_t written = -1;
-    do {
-        written = writev(stream.get(), &all[first], static_cast<int>(all.size() - first));
-    } while (written == -1 && errno == EINTR);
-    if (written >= 0 && static_cast<std::size_t>(written) < size) {
-        log.torn = !cut_back(stream, written) || log.torn;
-        errno = ENOSPC;
-        return false;
-    }
-    log.torn = log.torn && written < 0;
-    return written >= 0;
-}
-
-/// The same for the open stream.
 template <std::size_t N> bool write_whole(LogfileState &log, const std::array<iovec, N> &pieces) {
-    if (log.logfile_is_file == 0 && !has_room(log.logfile_stream)) {
+    static_assert(N <= MAX_PIECES);
+    if (log.logfile_is_file == 0 && !logfile_has_room(log.logfile_stream)) {
         errno = EAGAIN;
         return false;
     }
-    return write_whole(log, log.logfile_stream, pieces);
+    return logfile_write_whole(log.logfile_stream, pieces, &log.torn);
 }
 
 /// Records the outcome of a write; a loss overrides a success in the same pass. Keeps errno.
@@ -141,7 +81,7 @@ bool write_header(LogfileState &log, const Descriptor &file) {
         errno = ENOMEM;
         return false;
     }
-    return write_whole(log, file, std::array{piece(block.get())});
+    return logfile_write_whole(file, std::array{piece(block.get())}, &log.torn);
 }
 
 bool write_marker(LogfileState &log, const char *text) {

@@ -2,6 +2,7 @@
 
 // The task record and the one settings record.
 
+#include <array>
 #include <cstdint>
 
 struct Task;
@@ -173,6 +174,25 @@ std::int32_t gdata_get_intervalsteps();
 
 /// Writes the current settings and every task to stdout; returns 0.
 int gdata_config_print();
-/// The names of the levels in the dump and in the options' warnings.
+
+struct LevelName {
+    const char *name;
+    std::int32_t level;
+};
+
+/// The names of the levels, as options take them and as the dump and the options' warnings show them.
+inline constexpr std::array<LevelName, 3> gdata_log_levels{{
+    {"fail", LOGLEVEL_FAIL},
+    {"warning", LOGLEVEL_WARNING},
+    {"OK", LOGLEVEL_OK},
+}};
+inline constexpr std::array<LevelName, 4> gdata_severity_levels{{
+    {"critical", SEVERITY_CRITICAL},
+    {"failed", SEVERITY_FAILED},
+    {"warning", SEVERITY_WARNING},
+    {"OK", SEVERITY_OK},
+}};
+
+/// The level's name; the last of its table for an unknown level.
 const char *gdata_loglevel_name(std::int32_t level);
 const char *gdata_severitylevel_name(std::int32_t level);

@@ -2,8 +2,10 @@
 
 #include "trace.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <span>
 
 namespace {
 
@@ -137,31 +139,17 @@ void print_task_part(const TaskList &tasks) {
     std::fflush(stdout);
 }
 
+const char *name_of(std::span<const LevelName> table, std::int32_t level) {
+    const auto row =
+        std::find_if(table.begin(), table.end() - 1, [level](const LevelName &entry) { return entry.level == level; });
+    return row->name;
+}
+
 } // namespace
 
-const char *gdata_loglevel_name(std::int32_t level) {
-    switch (level) {
-    case LOGLEVEL_FAIL:
-        return "fail";
-    case LOGLEVEL_WARNING:
-        return "warning";
-    default:
-        return "OK";
-    }
-}
+const char *gdata_loglevel_name(std::int32_t level) { return name_of(gdata_log_levels, level); }
 
-const char *gdata_severitylevel_name(std::int32_t level) {
-    switch (level) {
-    case SEVERITY_CRITICAL:
-        return "critical";
-    case SEVERITY_FAILED:
-        return "failed";
-    case SEVERITY_WARNING:
-        return "warning";
-    default:
-        return "OK";
-    }
-}
+const char *gdata_severitylevel_name(std::int32_t level) { return name_of(gdata_severity_levels, level); }
 
 int gdata_config_print() {
     trace(TRACE_TRACE, " ");

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <span>
 #include <strings.h>
 
 namespace {
@@ -21,24 +22,6 @@ constexpr std::int32_t KIB = 1024;
 constexpr const char *VERSION = "Revision: " REVISION_VERSION " -- GIT-ID: " REVISION_GIT_ID;
 
 constinit int usage_count = 0;
-
-struct LevelName {
-    const char *name;
-    std::int32_t level;
-};
-
-constexpr std::array<LevelName, 3> LOG_LEVELS{{
-    {"fail", LOGLEVEL_FAIL},
-    {"warning", LOGLEVEL_WARNING},
-    {"OK", LOGLEVEL_OK},
-}};
-
-constexpr std::array<LevelName, 4> SEVERITY_LEVELS{{
-    {"critical", SEVERITY_CRITICAL},
-    {"failed", SEVERITY_FAILED},
-    {"warning", SEVERITY_WARNING},
-    {"OK", SEVERITY_OK},
-}};
 
 /// The usage text says "fail" for severity 3 though only "failed" is accepted; kept.
 const char *usage_severity_name(std::int32_t level) {
@@ -123,14 +106,14 @@ void set_logfile(const char *prog, const char *path) {
 }
 
 /// The row named `text`, ignoring case; null if absent.
-template <std::size_t N> const LevelName *find_level(const std::array<LevelName, N> &table, const char *text) {
-    const auto *row = std::find_if(table.begin(), table.end(),
-                                   [text](const LevelName &entry) { return strcasecmp(entry.name, text) == 0; });
-    return row == table.end() ? nullptr : row;
+const LevelName *find_level(std::span<const LevelName> table, const char *text) {
+    const auto row = std::find_if(table.begin(), table.end(),
+                                  [text](const LevelName &entry) { return strcasecmp(entry.name, text) == 0; });
+    return row == table.end() ? nullptr : &*row;
 }
 
 void set_loglevel(const char *prog, const char *text) {
-    if (const LevelName *row = find_level(LOG_LEVELS, text)) {
+    if (const LevelName *row = find_level(gdata_log_levels, text)) {
         gdata_set_loglevel(row->level);
     } else {
         warn_invalid_argument(prog, 'l', text, gdata_loglevel_name(gdata_get_loglevel()));
@@ -138,7 +121,7 @@ void set_loglevel(const char *prog, const char *text) {
 }
 
 void set_severitylevel(const char *prog, const char *text) {
-    if (const LevelName *row = find_level(SEVERITY_LEVELS, text)) {
+    if (const LevelName *row = find_level(gdata_severity_levels, text)) {
         gdata_set_severitylevel(row->level);
     } else {
         warn_invalid_argument(prog, 's', text, gdata_severitylevel_name(gdata_get_severitylevel()));

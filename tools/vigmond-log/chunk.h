@@ -15,6 +15,7 @@ enum class ItemKind : std::uint8_t { record, start, rotate, finished, definition
 /// A line in 16 bytes, of which millions may be waiting.
 class Item {
   public:
+    Item() = default;
     explicit Item(const Record &record)
         : word_(word(record.local, ItemKind::record, record.state, record.readable)), value_(record.value),
           check_(record.check) {}
@@ -34,8 +35,8 @@ class Item {
     static std::int64_t word(LocalTime local, ItemKind kind, State state, bool readable) {
         return local * 256 + static_cast<int>(kind) + static_cast<int>(state) * 8 + (readable ? 32 : 0);
     }
-    std::int64_t word_;
-    std::int32_t value_;
+    std::int64_t word_ = 0;
+    std::int32_t value_ = 0;
     CheckId check_;
 };
 static_assert(sizeof(Item) == 16);
@@ -73,6 +74,7 @@ class TextReader {
     void finish(std::string_view text, Chunk *chunk);
 
   private:
+    std::size_t read_records(std::string_view text, Chunk *chunk);
     void read_line(std::string_view line, Chunk *chunk);
     void read_comment(std::string_view line, Chunk *chunk);
 

@@ -69,50 +69,6 @@ std::string_view take_field(std::string_view *rest) {
     return field;
 }
 
-/// Reads digits up to `end`, or up to a tab, after which `at` then stands. False when there are none or more than nine,
-/// which may be too large for a number.
-bool take_digits(const char **at, const char *end, std::int32_t *number) {
-    constexpr std::ptrdiff_t most_digits = 9;
-    const char *const begin = *at;
-    std::int32_t sum = 0;
-    while (*at < end && is_digit(**at) && *at - begin < most_digits) {
-        sum = sum * 10 + (*(*at)++ - '0');
-    }
-    *number = sum;
-    return *at > begin;
-}
-
-/// What follows the stamp of nearly every record, without a detour; false when it has another look and is to be read
-/// with care.
-bool read_usual(std::string_view text, Record *record) {
-    const char *at = text.data();
-    const char *const end = at + text.size();
-    const bool is_ok = text.starts_with("OK\t");
-    if (!is_ok && !text.starts_with("WARN\t") && !text.starts_with("FAIL\t")) {
-        return false;
-    }
-    record->state = is_ok ? State::ok : *at == 'W' ? State::warn : State::fail;
-    at += is_ok ? 3 : 5;
-    if (end - at < 8 || at[0] != 'C' || at[1] != 'B' || at[4] != '\t') {
-        return false;
-    }
-    const unsigned issue = two_digits(at + 2);
-    std::int32_t index = 0;
-    at += 5;
-    if (issue > 99 || !take_digits(&at, end, &index) || index > UINT16_MAX || at == end || *at++ != '\t') {
-        return false;
-    }
-    const bool is_negative = at < end && *at == '-';
-    at += is_negative ? 1 : 0;
-    if (!take_digits(&at, end, &record->value) || at != end) {
-        return false;
-    }
-    record->value = is_negative ? -record->value : record->value;
-    record->check = {.issue = static_cast<std::int16_t>(issue), .index = static_cast<std::uint16_t>(index)};
-    record->readable = true;
-    return true;
-}
-
 std::optional<std::int32_t> optional_number(std::string_view text) {
     std::int32_t number = 0;
     return read_number(text, &number) ? std::optional(number) : std::nullopt;
@@ -163,34 +119,36 @@ std::optional<LocalTime> read_stamp(std::string_view text) {
     return !minute || second > 60 ? std::nullopt : std::optional(*minute + second);
 }
 
-bool RecordReader::read_stamp(const char *text, LocalTime *local) {
-    if (std::memcmp(text, minute_text_.data(), MINUTE_LENGTH) == 0 && text[16] == ':') {
-        const unsigned second = two_digits(text + 17);
-        *local = minute_ + second;
-        return second <= 60;
+/// Keeps the stamp and the tab at the front of a text; false when there is none.
+bool RecordReader::read_stamp(const char *text) {
+    const unsigned second = two_digits(text + 17);
+    if (has_minute_ && std::memcmp(text, stamp_text_.data(), MINUTE_LENGTH) == 0 && text[16] == ':' && second <= 60 &&
+        text[STAMP_LENGTH] == '\t') {
+        stamp_ = minute_ + second;
+    } else {
+        const std::optional<LocalTime> stamp = vlog::read_stamp({text, STAMP_LENGTH});
+        if (!stamp || text[STAMP_LENGTH] != '\t') {
+            return false;
+        }
+        stamp_ = *stamp;
+        has_minute_ = stamp_ != NO_TIME;
+        minute_ = stamp_ - second;
     }
-    const std::optional<LocalTime> stamp = vlog::read_stamp({text, STAMP_LENGTH});
-    if (stamp && *stamp != NO_TIME) {
-        std::memcpy(minute_text_.data(), text, MINUTE_LENGTH);
-        minute_ = *stamp - two_digits(text + 17);
-    }
-    *local = stamp.value_or(0);
-    return stamp.has_value();
+    std::memcpy(stamp_text_.data(), text, STAMP_LENGTH + 1);
+    return true;
 }
 
 bool RecordReader::read(std::string_view line, Record *record) {
-    if (line.size() <= STAMP_LENGTH || line[STAMP_LENGTH] != '\t' || !read_stamp(line.data(), &record->local)) {
+    if (line.size() <= STAMP_LENGTH || !read_stamp(line.data())) {
         return false;
     }
     line.remove_prefix(STAMP_LENGTH + 1);
-    if (read_usual(line, record)) {
-        return true;
-    }
     const std::optional<State> state = state_of(take_field(&line));
     const std::optional<std::int16_t> issue = issue_of(take_field(&line));
     if (!state || !issue || !read_number(take_field(&line), &record->check.index)) {
         return false;
     }
+    record->local = stamp_;
     record->state = *state;
     record->check.issue = *issue;
     record->readable = line != "NaN";

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -69,19 +70,63 @@ struct Marker {
     std::string command_line;
 };
 
-/// Reads records. The date of the line before is kept, because most lines repeat it.
+/// Reads records. The last time stamp is kept, because most lines repeat it.
 class RecordReader {
   public:
-    /// False when the line, which has no line feed, is no record; `record` is then not to be used.
+    /// Reads the first line of a text quickly if it looks like most records. Returns its length with the line feed, or
+    /// 0 when it has to be read with read(): `record` is then not to be used.
+    [[gnu::always_inline]] std::size_t read_usual(std::string_view text, Record *record);
+    /// Reads any record. False when the line, which has no line feed, is none; `record` is then not to be used.
     bool read(std::string_view line, Record *record);
 
   private:
+    static constexpr std::size_t STAMP_LENGTH = 19;
     static constexpr std::size_t MINUTE_LENGTH = 16;
-    bool read_stamp(const char *text, LocalTime *local);
+    static constexpr std::size_t LONGEST_USUAL = 64; ///< much longer than any line that read_usual() reads
+    bool read_stamp(const char *text);
 
-    std::array<char, MINUTE_LENGTH> minute_text_{};
-    LocalTime minute_ = 0;
+    std::array<char, STAMP_LENGTH + 1> stamp_text_{}; ///< with the tab after it
+    LocalTime stamp_ = 0;
+    LocalTime minute_ = 0; ///< of the stamp; only if has_minute_
+    bool has_minute_ = false;
 };
+
+inline std::size_t RecordReader::read_usual(std::string_view text, Record *record) {
+    const char *at = text.data();
+    if (text.size() < LONGEST_USUAL ||
+        (std::memcmp(at, stamp_text_.data(), STAMP_LENGTH + 1) != 0 && !read_stamp(at))) {
+        return 0;
+    }
+    const auto digit = [&at](std::ptrdiff_t place) { return static_cast<unsigned>(at[place] - '0'); };
+    at += STAMP_LENGTH + 1;
+    const bool is_ok = std::memcmp(at, "OK\tCB", 5) == 0;
+    const bool is_warn = !is_ok && std::memcmp(at, "WARN\tCB", 7) == 0;
+    if (!is_ok && !is_warn && std::memcmp(at, "FAIL\tCB", 7) != 0) {
+        return 0;
+    }
+    at += is_ok ? 5 : 7;
+    if (digit(0) > 9 || digit(1) > 9 || at[2] != '\t' || digit(3) > 9 || at[4] != '\t') {
+        return 0;
+    }
+    record->local = stamp_;
+    record->state = is_ok ? State::ok : is_warn ? State::warn : State::fail;
+    record->check = {.issue = static_cast<std::int16_t>(digit(0) * 10 + digit(1)),
+                     .index = static_cast<std::uint16_t>(digit(3))};
+    record->readable = true;
+    at += 5;
+    const bool is_negative = *at == '-';
+    at += is_negative ? 1 : 0;
+    const char *const digits = at;
+    std::int32_t value = 0;
+    for (; digit(0) <= 9; ++at) {
+        if (at - digits == 9) { // more may be too large
+            return 0;
+        }
+        value = value * 10 + static_cast<std::int32_t>(digit(0));
+    }
+    record->value = is_negative ? -value : value;
+    return at == digits || *at != '\n' ? 0 : static_cast<std::size_t>(at + 1 - text.data());
+}
 
 /// "2024-05-01 10:00:00", exactly; none when that is no date and time.
 std::optional<LocalTime> read_stamp(std::string_view text);

@@ -72,33 +72,43 @@ class StationLog {
 
   private:
     static constexpr std::size_t SLOTS = 1024; ///< of the table that finds checks
+    static constexpr std::size_t NO_PLACE = MOST_CHECKS;
 
-    bool next_chunk();
-    bool take(const Item &item, Event *event);
-    bool take_record(const Item &item, Event *event);
-    bool take_marker(const Item &item, Event *event);
-    void define(const Definition &definition);
-    bool set_time(LocalTime local, Event *event);
-    std::optional<std::size_t> find(CheckId check);
-    [[nodiscard]] bool is_repeated(const Event &event) const;
+    struct Slot {
+        CheckId check;
+        std::int16_t place = -1; ///< of the check; -1 in an unused slot
+    };
 
+    [[gnu::cold]] bool next_chunk();
+    inline bool take(const Item &item, Event *event);
+    inline bool take_record(const Item &item, Event *event);
+    [[gnu::cold]] bool take_marker(const Item &item, Event *event);
+    [[gnu::cold]] void define(const Definition &definition);
+    inline bool set_time(LocalTime local, Event *event);
+    inline std::size_t find(CheckId check);
+    [[gnu::cold]] std::size_t add(CheckId check, Slot *slot);
+
+    /// The record of a check before.
     struct Last {
         Moment time = 0;
         std::int32_t value = 0;
         State state = State::ok;
         bool readable = false;
         bool is_set = false;
+        friend bool operator==(const Last &, const Last &) = default;
     };
 
     std::vector<std::string> paths_;
     Complaint complain_;
     std::unique_ptr<Unpacker> unpacker_;
     const Chunk *chunk_ = nullptr;
-    std::size_t at_ = 0; ///< in the chunk
+    const Item *item_ = nullptr; ///< the next of the chunk
+    const Item *items_end_ = nullptr;
     LocalClock clock_;
     std::optional<Moment> before_;
+    LocalTime local_before_ = NO_TIME; ///< of the event before, if it had one
     std::vector<Definition> checks_;
-    std::array<std::int16_t, SLOTS> slots_{}; ///< the place of a check and one
+    std::array<Slot, SLOTS> slots_{};
     std::array<Last, MOST_CHECKS> last_{};
     LogCounts counts_;
     Level level_ = Level::all;

@@ -28,6 +28,9 @@ class Collector {
         summary_.gaps = timeline_.gaps();
         summary_.leaps = timeline_.leaps();
         drain_the_rest();
+        for (const Check &check : checks_) {
+            summary_.records += check.summary.samples;
+        }
         for (std::size_t check = 0; check < log_.checks().size(); ++check) {
             if (session_->is_asked_for(log_.checks()[check])) {
                 finish_check(check);
@@ -39,25 +42,25 @@ class Collector {
 
   private:
     void record(const Event &event) {
-        if (event.check >= checks_.size()) {
-            checks_.resize(event.check + 1);
-        }
-        CheckSummary &check = checks_[event.check].summary;
+        Check &check = checks_[event.check];
         const Step &step = timeline_.step();
-        summary_.first = summary_.first ? summary_.first : std::optional(event.time);
+        if (!summary_.first) {
+            summary_.first = event.time;
+        }
         summary_.last = event.time;
-        ++summary_.records;
-        ++check.samples;
-        check.changes += step.is_change ? 1 : 0;
+        ++check.summary.samples;
+        check.summary.changes += step.is_change ? 1 : 0;
         if (step.held) {
-            check.seconds[static_cast<std::size_t>(*step.held)] += step.seconds;
+            check.summary.seconds[static_cast<std::size_t>(*step.held)] += step.seconds;
         }
-        if (!event.readable) {
-            ++check.unreadable;
-        } else if (!checks_[event.check].values.add(event.value)) {
-            drain(event.check);
-            checks_[event.check].values.add(event.value);
+        if (event.readable && !check.values.add(event.value)) {
+            make_room_for(event);
         }
+    }
+
+    [[gnu::cold]] void make_room_for(const Event &event) {
+        drain(event.check);
+        checks_[event.check].values.add(event.value);
     }
 
     void drain(std::size_t check) {
@@ -76,21 +79,19 @@ class Collector {
     }
 
     void finish_check(std::size_t check) {
-        CheckSummary found;
-        if (check < checks_.size()) {
-            const ValueCounts &values = checks_[check].values;
-            found = checks_[check].summary;
-            found.state = timeline_.state(check);
-            found.min = values.least();
-            found.max = values.greatest();
-            if (values.is_spilled()) {
-                places_.push_back(summary_.checks.size());
-                requests_.push_back({.check = static_cast<std::uint32_t>(check), .rank = values.rank(50)});
-                requests_.push_back({.check = static_cast<std::uint32_t>(check), .rank = values.rank(95)});
-            } else {
-                found.median = values.at_rank(values.rank(50));
-                found.p95 = values.at_rank(values.rank(95));
-            }
+        const ValueCounts &values = checks_[check].values;
+        CheckSummary found = checks_[check].summary;
+        found.unreadable = found.samples - values.total();
+        found.state = timeline_.state(check);
+        found.min = values.least();
+        found.max = values.greatest();
+        if (values.is_spilled()) {
+            places_.push_back(summary_.checks.size());
+            requests_.push_back({.check = static_cast<std::uint32_t>(check), .rank = values.rank(50)});
+            requests_.push_back({.check = static_cast<std::uint32_t>(check), .rank = values.rank(95)});
+        } else {
+            found.median = values.at_rank(values.rank(50));
+            found.p95 = values.at_rank(values.rank(95));
         }
         found.check = log_.checks()[check];
         summary_.checks.push_back(found);
@@ -114,7 +115,7 @@ class Collector {
     Session *session_;
     const StationLog &log_;
     Timeline timeline_;
-    std::vector<Check> checks_;
+    std::vector<Check> checks_{MOST_CHECKS};
     Spill spill_;
     bool has_failed_ = false;
     std::vector<Spill::Request> requests_; ///< two for each check with spilled values

@@ -66,27 +66,29 @@ void Timeline::find_pause(Moment time) {
     }
 }
 
-void Timeline::find_gap(const Event &event, const Course &course) {
-    const std::int64_t most = limit(event.check);
-    if (!course.has_last || event.time - course.last <= most) {
-        return;
-    }
+void Timeline::find_gap(const Event &event, Course *course) {
+    const bool are_all = log_.level() == Level::all;
+    const std::int64_t passed = event.time - course->last;
     step_.is_gap = true;
-    step_.gap_begin = course.last;
-    step_.is_own_gap = log_.level() == Level::all && event.time - course.last - (paused_ - course.paused) > most;
+    step_.gap_begin = course->last;
+    step_.is_own_gap = are_all && passed - (paused_ - course->paused) > limit(event.check);
     gaps_ += step_.is_own_gap ? 1 : 0;
+    if (!are_all) {
+        course->state.reset(); // it was good, or the daemon did not run
+    }
 }
 
 void Timeline::take_record(const Event &event) {
     Course &course = courses_[event.check];
-    find_gap(event, course);
-    if (step_.is_gap && log_.level() != Level::all) {
-        course.state.reset(); // it was good, or the daemon did not run
-    }
-    if (course.has_last && !step_.is_gap && course.state) {
-        step_.held = course.state;
-        step_.seconds = event.time - course.last;
-        course.held += step_.seconds;
+    if (course.has_last) {
+        const std::int64_t passed = event.time - course.last;
+        if (passed > limit(event.check)) {
+            find_gap(event, &course);
+        } else if (course.state) {
+            step_.held = course.state;
+            step_.seconds = passed;
+            course.held += passed;
+        }
     }
     if (event.readable && course.state != event.state) {
         step_.is_change = course.state.has_value() || (step_.is_gap && log_.level() != Level::all);

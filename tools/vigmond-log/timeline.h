@@ -62,10 +62,10 @@ class Timeline {
         std::int64_t held = 0; ///< how long the state was held so far
     };
 
-    void find_pause(Moment time);
-    void forget_last();
-    void take_record(const Event &event);
-    void find_gap(const Event &event, const Course &course);
+    [[gnu::cold]] void find_pause(Moment time);
+    [[gnu::cold]] void forget_last();
+    inline void take_record(const Event &event);
+    [[gnu::cold]] void find_gap(const Event &event, Course *course);
     [[nodiscard]] std::int64_t limit(std::size_t check) const;
 
     const StationLog &log_;

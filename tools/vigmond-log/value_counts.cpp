@@ -70,16 +70,6 @@ bool Spill::find(std::vector<Request> *requests) {
     return true;
 }
 
-/// Where the value is, or belongs.
-std::size_t ValueCounts::place_of(std::int32_t value) const {
-    const std::size_t mask = places_.size() - 1;
-    std::size_t place = static_cast<std::uint32_t>(value) * 0x9E3779B1U >> 16 & mask;
-    while (places_[place].count > 0 && places_[place].value != value) {
-        place = (place + 1) & mask;
-    }
-    return place;
-}
-
 void ValueCounts::grow() {
     const std::vector<ValueCount> before = used();
     const std::size_t size = places_.empty() ? 32 : 2 * places_.size();
@@ -89,20 +79,16 @@ void ValueCounts::grow() {
     }
 }
 
-bool ValueCounts::find_and_add(std::int32_t value) {
+/// Counts a value that is not in the table.
+bool ValueCounts::add_new(std::int32_t value) {
+    if (used_ == MOST_VALUES) {
+        return false;
+    }
     if (2 * used_ >= places_.size()) {
         grow();
     }
-    ValueCount &place = places_[place_of(value)];
-    if (place.count == 0) {
-        if (used_ == MOST_VALUES) {
-            return false;
-        }
-        ++used_;
-        place.value = value;
-    }
-    ++place.count;
-    last_ = &place;
+    places_[place_of(value)] = {.value = value, .count = 1};
+    ++used_;
     least_ = total_ == 0 ? value : std::min(least_, value);
     greatest_ = total_ == 0 ? value : std::max(greatest_, value);
     ++total_;
@@ -123,7 +109,6 @@ bool ValueCounts::drain(std::uint32_t check, Spill *spill) {
     }
     places_.clear();
     used_ = 0;
-    last_ = nullptr;
     is_spilled_ = true;
     return spill->write(all);
 }

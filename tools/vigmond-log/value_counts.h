@@ -52,12 +52,15 @@ class ValueCounts {
 
     /// Counts a value; false when it found no room: `spill` has to take all so far, see drain().
     bool add(std::int32_t value) {
-        if (last_ != nullptr && last_->value == value) {
-            ++last_->count;
-            ++total_;
-            return true;
+        if (!places_.empty()) {
+            ValueCount &place = places_[place_of(value)];
+            if (place.count > 0) {
+                ++place.count;
+                ++total_;
+                return true;
+            }
         }
-        return find_and_add(value);
+        return add_new(value);
     }
     /// Moves all values to the spill; false when that cannot be written.
     bool drain(std::uint32_t check, Spill *spill);
@@ -76,14 +79,22 @@ class ValueCounts {
     [[nodiscard]] std::optional<std::int32_t> at_rank(std::uint64_t rank) const;
 
   private:
-    bool find_and_add(std::int32_t value);
+    [[gnu::cold]] bool add_new(std::int32_t value);
     void grow();
-    [[nodiscard]] std::size_t place_of(std::int32_t value) const;
+    /// Where the value is, or belongs.
+    [[nodiscard]] std::size_t place_of(std::int32_t value) const {
+        const std::size_t mask = places_.size() - 1;
+        const auto number = static_cast<std::uint32_t>(value);
+        std::size_t place = (number + (number >> 10) * 0x9E3779B1U) & mask; // neighbours share cache lines
+        while (places_[place].count > 0 && places_[place].value != value) {
+            place = (place + 1) & mask;
+        }
+        return place;
+    }
     [[nodiscard]] std::vector<ValueCount> used() const;
 
     std::vector<ValueCount> places_; ///< a hash table, half full at most
     std::size_t used_ = 0;
-    ValueCount *last_ = nullptr;
     std::uint64_t total_ = 0;
     std::int32_t least_ = 0;
     std::int32_t greatest_ = 0;

@@ -14,7 +14,7 @@ _vigmond_log() {
     *)
         COMPREPLY=()
         if [[ $current == -* ]]; then
-            COMPREPLY=($(compgen -W '--json --since= --until= --issue= --state= --timezone= --format= --textfile=
+            COMPREPLY=($(compgen -W '--json --since= --until= --issue= --state= --timezone= --format= --textfile= --bus
                 -o --output= -h --help -v --version' -- "$current"))
             [[ ${COMPREPLY[0]-} != *= ]] || compopt -o nospace
             return

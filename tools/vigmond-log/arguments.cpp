@@ -19,6 +19,7 @@ const char *const USAGE =
     "  plot -o FILE           a page to look at in a browser\n"
     "  export --format=FORMAT the records as csv, jsonl or openmetrics\n"
     "  export --textfile=FILE the present values for the node exporter\n"
+    "      --bus              with the raised issues, from the system bus\n"
     "\n"
     "      --since=TIME       from this time on, as journalctl has it: \"2024-05-01 10:00\", yesterday, -2h\n"
     "      --until=TIME       before this time\n"
@@ -33,15 +34,22 @@ const char *const USAGE =
 
 namespace {
 
-enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile };
+enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile, bus };
 
 constexpr std::array OPTIONS{
-    option{"json", no_argument, nullptr, json},           option{"since", required_argument, nullptr, since},
-    option{"until", required_argument, nullptr, until},   option{"issue", required_argument, nullptr, issue},
-    option{"state", required_argument, nullptr, state},   option{"timezone", required_argument, nullptr, timezone_},
-    option{"format", required_argument, nullptr, format}, option{"textfile", required_argument, nullptr, textfile},
-    option{"output", required_argument, nullptr, 'o'},    option{"help", no_argument, nullptr, 'h'},
-    option{"version", no_argument, nullptr, 'v'},         option{nullptr, 0, nullptr, 0},
+    option{"json", no_argument, nullptr, json},
+    option{"since", required_argument, nullptr, since},
+    option{"until", required_argument, nullptr, until},
+    option{"issue", required_argument, nullptr, issue},
+    option{"state", required_argument, nullptr, state},
+    option{"timezone", required_argument, nullptr, timezone_},
+    option{"format", required_argument, nullptr, format},
+    option{"textfile", required_argument, nullptr, textfile},
+    option{"bus", no_argument, nullptr, bus},
+    option{"output", required_argument, nullptr, 'o'},
+    option{"help", no_argument, nullptr, 'h'},
+    option{"version", no_argument, nullptr, 'v'},
+    option{nullptr, 0, nullptr, 0},
 };
 
 struct CommandName {
@@ -67,6 +75,9 @@ std::string take(int character, const std::string &value, Arguments *arguments) 
     switch (character) {
     case json:
         arguments->json = true;
+        break;
+    case bus:
+        arguments->bus = true;
         break;
     case 'h':
         arguments->help = true;
@@ -123,6 +134,9 @@ std::string contradiction(const Arguments &arguments) {
     }
     if (has_textfile && (arguments.inputs.size() > 1 || !arguments.since.empty() || !arguments.until.empty())) {
         return "export --textfile tells of one log as it is now";
+    }
+    if (arguments.bus && !has_textfile) {
+        return "--bus belongs to export --textfile";
     }
     return "";
 }

@@ -25,6 +25,7 @@ struct Arguments {
     std::optional<State> state;
     Format format = Format::none;
     bool json = false;
+    bool bus = false;
     bool help = false;
     bool version = false;
 };

@@ -166,18 +166,19 @@ void export_lines(Session *session, Output *output) {
 
 } // namespace
 
+std::string quoted_label(const std::string &text) {
+    std::string result;
+    for (const char each : utf8_text(text)) {
+        const bool is_plain = static_cast<unsigned char>(each) >= ' ' && each != 127;
+        result += each == '"' || each == '\\' ? std::string{'\\', each} : std::string(1, is_plain ? each : '?');
+    }
+    return result;
+}
+
 std::string label_text(const std::string &station, const Definition &check) {
-    const auto quoted = [](const std::string &text) {
-        std::string result;
-        for (const char each : text) {
-            const bool is_plain = static_cast<unsigned char>(each) >= ' ' && each != 127;
-            result += each == '"' || each == '\\' ? std::string{'\\', each} : std::string(1, is_plain ? each : '?');
-        }
-        return result;
-    };
-    return (station.empty() ? "" : "station=\"" + quoted(station) + "\",") + "issue=\"" +
+    return (station.empty() ? "" : "station=\"" + quoted_label(station) + "\",") + "issue=\"" +
            issue_text(check.check.issue) + "\",index=\"" + std::to_string(check.check.index) + "\",check=\"" +
-           quoted(utf8_text(check.name)) + "\"";
+           quoted_label(check.name) + "\"";
 }
 
 int export_records(Session *session) {

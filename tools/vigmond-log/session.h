@@ -98,6 +98,8 @@ int plot(Session *session);
 int export_records(Session *session);
 int export_textfile(Session *session, Moment now);
 
+/// The text as the value of a label, without the quotes.
+std::string quoted_label(const std::string &text);
 /// The labels of a check's series, without the braces; without a station when that is empty.
 std::string label_text(const std::string &station, const Definition &check);
 

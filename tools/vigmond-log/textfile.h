@@ -6,6 +6,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace vlog {
@@ -21,16 +22,18 @@ struct Present {
 /// What the tail of a log says.
 struct PresentLog {
     std::vector<Present> checks;
-    bool is_running = false;  ///< the last sign of life is not FINISHED
-    Moment last = 0;          ///< of the last record
-    Level level = Level::all; ///< which records are written
+    std::map<std::int16_t, std::string> issues; ///< of all checks, with the names of their checks
+    bool is_running = false;                    ///< the last sign of life is not FINISHED
+    Moment last = 0;                            ///< of the last record
+    Level level = Level::all;                   ///< which records are written
 };
 
 /// Reads the header and the last of a plain log; none, with what is wrong in `problem`.
 std::optional<PresentLog> read_present(const std::string &path, std::string *problem);
 
 /// The text of the file. Lines of the file as it was, `before`, stay for checks of which the log's tail says nothing:
-/// some are due once an hour only, and the log may just have been rotated.
-std::string textfile_text(const PresentLog &log, const std::string &before, Moment now);
+/// some are due once an hour only, and the log may just have been rotated. `raised` are the raised issues, if known.
+std::string textfile_text(const PresentLog &log, const std::string &before, Moment now,
+                          const std::optional<std::set<std::int16_t>> &raised = std::nullopt);
 
 } // namespace vlog

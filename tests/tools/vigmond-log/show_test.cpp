@@ -121,7 +121,7 @@ TEST_F(Usage, IsShownAndChecked) {
     for (const std::string words :
          {"--nonsense", "--since", "show --since never x", "--timezone Nowhere", "show --issue 20", "show --state bad",
           "plot", "export", "export --format csv --textfile x", "show --format csv", "export --format xml",
-          "show --json", "changes --state OK", "'a b=x'", "export --format csv --bus"}) {
+          "show --json", "changes --state OK", "'a b=x'", "export --format csv --bus", "summary --bus"}) {
         const Ran ran = run(words);
         EXPECT_EQ(ran.status, 2) << words;
         EXPECT_THAT(ran.err, StartsWith("vigmond-log: ")) << words;

@@ -34,18 +34,28 @@ const char *const USAGE =
 
 namespace {
 
-enum Option : int { json = 256, since, until, issue, state, timezone_, format, textfile, bus };
+enum Option : int {
+    OPTION_JSON = 256,
+    OPTION_SINCE,
+    OPTION_UNTIL,
+    OPTION_ISSUE,
+    OPTION_STATE,
+    OPTION_TIMEZONE,
+    OPTION_FORMAT,
+    OPTION_TEXTFILE,
+    OPTION_BUS,
+};
 
 constexpr std::array OPTIONS{
-    option{"json", no_argument, nullptr, json},
-    option{"since", required_argument, nullptr, since},
-    option{"until", required_argument, nullptr, until},
-    option{"issue", required_argument, nullptr, issue},
-    option{"state", required_argument, nullptr, state},
-    option{"timezone", required_argument, nullptr, timezone_},
-    option{"format", required_argument, nullptr, format},
-    option{"textfile", required_argument, nullptr, textfile},
-    option{"bus", no_argument, nullptr, bus},
+    option{"json", no_argument, nullptr, OPTION_JSON},
+    option{"since", required_argument, nullptr, OPTION_SINCE},
+    option{"until", required_argument, nullptr, OPTION_UNTIL},
+    option{"issue", required_argument, nullptr, OPTION_ISSUE},
+    option{"state", required_argument, nullptr, OPTION_STATE},
+    option{"timezone", required_argument, nullptr, OPTION_TIMEZONE},
+    option{"format", required_argument, nullptr, OPTION_FORMAT},
+    option{"textfile", required_argument, nullptr, OPTION_TEXTFILE},
+    option{"bus", no_argument, nullptr, OPTION_BUS},
     option{"output", required_argument, nullptr, 'o'},
     option{"help", no_argument, nullptr, 'h'},
     option{"version", no_argument, nullptr, 'v'},
@@ -58,7 +68,7 @@ struct CommandName {
 };
 constexpr std::array COMMANDS{CommandName{"show", Command::show}, CommandName{"changes", Command::changes},
                               CommandName{"summary", Command::summary}, CommandName{"plot", Command::plot},
-                              CommandName{"export", Command::export_}};
+                              CommandName{"export", Command::export_data}};
 
 std::optional<Format> format_of(const std::string &name) {
     if (name == "csv") {
@@ -73,10 +83,10 @@ std::optional<Format> format_of(const std::string &name) {
 /// Takes one option; what is wrong with its value, or nothing.
 std::string take(int character, const std::string &value, Arguments *arguments) {
     switch (character) {
-    case json:
+    case OPTION_JSON:
         arguments->json = true;
         break;
-    case bus:
+    case OPTION_BUS:
         arguments->bus = true;
         break;
     case 'h':
@@ -85,25 +95,25 @@ std::string take(int character, const std::string &value, Arguments *arguments) 
     case 'v':
         arguments->version = true;
         break;
-    case since:
+    case OPTION_SINCE:
         arguments->since = value;
         break;
-    case until:
+    case OPTION_UNTIL:
         arguments->until = value;
         break;
-    case timezone_:
+    case OPTION_TIMEZONE:
         arguments->timezone = value;
         break;
     case 'o':
         arguments->output = value;
         break;
-    case textfile:
+    case OPTION_TEXTFILE:
         arguments->textfile = value;
         break;
-    case issue:
+    case OPTION_ISSUE:
         arguments->issue = issue_of(value);
         return arguments->issue ? "" : "'" + value + "' is no issue: give one from CB00 to CB32, or CBnn";
-    case state:
+    case OPTION_STATE:
         arguments->state = state_of(value);
         return arguments->state ? "" : "'" + value + "' is no state: give OK, WARN, FAIL or INV";
     default:
@@ -115,7 +125,7 @@ std::string take(int character, const std::string &value, Arguments *arguments) 
 
 /// What does not go together, or nothing.
 std::string contradiction(const Arguments &arguments) {
-    const bool is_export = arguments.command == Command::export_;
+    const bool is_export = arguments.command == Command::export_data;
     const bool has_textfile = !arguments.textfile.empty();
     if (arguments.command == Command::plot && arguments.output.empty()) {
         return "plot needs a file to write to: -o FILE";

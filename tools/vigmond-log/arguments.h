@@ -10,7 +10,7 @@
 
 namespace vlog {
 
-enum class Command : std::uint8_t { show, changes, summary, plot, export_ };
+enum class Command : std::uint8_t { show, changes, summary, plot, export_data };
 enum class Format : std::uint8_t { none, csv, jsonl, openmetrics };
 
 struct Arguments {

@@ -75,8 +75,8 @@ class Series {
                 }
             });
         if (late > 0) {
-            session_->note(station.name + ": " + std::to_string(late) +
-                           " records are left out, because the clock was set back before them");
+            Session::note(station.name + ": " + std::to_string(late) +
+                          " records are left out, because the clock was set back before them");
         }
     }
 

@@ -258,8 +258,8 @@ class Page {
         last_ = std::max(last_.value_or(*station->last()), *station->last());
         records_ += station->records();
         if (station->late() > 0) {
-            session_->note(station->name() + ": " + std::to_string(station->late()) +
-                           " records are left out, because the clock was set back before them");
+            Session::note(station->name() + ": " + std::to_string(station->late()) +
+                          " records are left out, because the clock was set back before them");
         }
         stations_.push_back(std::move(station));
     }
@@ -313,10 +313,10 @@ class Page {
 
     void write_data() {
         const std::uint64_t group = (records_ + MOST_RECORDS - 1) / MOST_RECORDS;
-        const std::int32_t offset = zone_offset(*last_);
+        const std::int64_t offset = zone_offset(*last_);
         output_->print(
-            "<script type=\"application/json\" id=\"data\">{\"offset\":%d,\"begin\":%lld,\"end\":%lld,\"stations\":[",
-            offset, static_cast<long long>(*first_ + offset),
+            "<script type=\"application/json\" id=\"data\">{\"offset\":%lld,\"begin\":%lld,\"end\":%lld,\"stations\":[",
+            static_cast<long long>(offset), static_cast<long long>(*first_ + offset),
             static_cast<long long>(std::max(*last_, *first_ + 1) + offset));
         for (std::size_t number = 0; number < stations_.size(); ++number) {
             output_->write(number == 0 ? "" : ",\n");

@@ -38,7 +38,7 @@ void RecordPacker::add(const SpooledRecord &record, std::string *text) {
         time_ = record.time;
     }
     const std::int64_t step = record.time - time_;
-    put(folded(step - step_) * 8 + record.state * 2U + (record.readable == 0 ? 1 : 0), text);
+    put(folded(step - step_) * 8 + std::uint64_t{record.state} * 2 + (record.readable == 0 ? 1 : 0), text);
     step_ = step;
     time_ = record.time;
     if (record.readable != 0) {

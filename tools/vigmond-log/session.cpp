@@ -49,10 +49,10 @@ void Progress::show() {
     next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
     is_shown_ = true;
     if (total_ == 0) {
-        std::fprintf(stderr, "\r%llu MB read\033[K", static_cast<unsigned long long>(read / 1000000));
+        std::fprintf(stderr, "\r%llu MB read\033[K", static_cast<unsigned long long>(read_ / 1000000));
         return;
     }
-    const std::uint64_t part = std::min(read.load(), total_);
+    const std::uint64_t part = std::min(read_.load(), total_);
     const auto filled = static_cast<std::size_t>(part * width / total_);
     std::fprintf(stderr, "\r[%s%s] %3u %%\033[K", std::string(filled, '#').c_str(),
                  std::string(width - filled, ' ').c_str(), static_cast<unsigned>(part * 100 / total_));
@@ -61,24 +61,21 @@ void Progress::show() {
 Session::Session(const Arguments &arguments, Moment now) : arguments_(arguments) {
     if (!zone_set(arguments.timezone)) {
         complain("'" + arguments.timezone + "' is no time zone: give one like Europe/Berlin", WRONG_USAGE);
-    } else if (take_range(now)) {
+    } else if (take_time(arguments.since, now, &since_) && take_time(arguments.until, now, &until_)) {
         take_stations();
     }
     progress_ = std::make_unique<Progress>(size_of(stations_));
 }
 
-bool Session::take_range(Moment now) {
-    for (const auto &[text, moment] : {std::pair(&arguments_.since, &since_), std::pair(&arguments_.until, &until_)}) {
-        if (!text->empty()) {
-            *moment = moment_of_argument(*text, now);
-            if (!*moment) {
-                complain("'" + *text + "' is no time: give one like \"2024-05-01 10:00\", yesterday or -2h",
-                         WRONG_USAGE);
-                return false;
-            }
-        }
+bool Session::take_time(const std::string &text, Moment now, std::optional<Moment> *moment) {
+    if (text.empty()) {
+        return true;
     }
-    return true;
+    *moment = moment_of_argument(text, now);
+    if (!*moment) {
+        complain("'" + text + "' is no time: give one like \"2024-05-01 10:00\", yesterday or -2h", WRONG_USAGE);
+    }
+    return moment->has_value();
 }
 
 void Session::take_stations() {
@@ -101,7 +98,7 @@ void Session::complain(const std::string &text, int status) {
 }
 
 void Session::read(const StationFiles &station, const Visit &visit, const AtEnd &at_end) {
-    StationLog log(station, threads_to_use(), &progress_->read,
+    StationLog log(station, threads_to_use(), progress_->counter(),
                    [this](const std::string &path, const std::string &problem) { complain(path + ": " + problem); });
     bool is_empty = true;
     unsigned count = 0;
@@ -157,7 +154,7 @@ int run(int argc, char **argv) {
         return changes(&session);
     case Command::plot:
         return plot(&session);
-    case Command::export_:
+    case Command::export_data:
         return arguments->textfile.empty() ? export_records(&session) : export_textfile(&session, now);
     default:
         return summary(&session);

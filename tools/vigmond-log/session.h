@@ -28,9 +28,11 @@ class Progress {
     Progress &operator=(const Progress &) = delete;
     /// Shows what has been read so far, if it is time to.
     void show();
-    std::atomic<std::uint64_t> read = 0;
+    /// The bytes read so far, which the reading threads count.
+    std::atomic<std::uint64_t> *counter() { return &read_; }
 
   private:
+    std::atomic<std::uint64_t> read_ = 0;
     std::uint64_t total_;
     bool is_terminal_;
     bool is_shown_ = false;
@@ -74,7 +76,7 @@ class Session {
     [[nodiscard]] int status() const { return status_; }
 
   private:
-    bool take_range(Moment now);
+    bool take_time(const std::string &text, Moment now, std::optional<Moment> *moment);
     void take_stations();
 
     const Arguments &arguments_;

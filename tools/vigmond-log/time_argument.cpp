@@ -136,7 +136,7 @@ std::optional<Moment> moment_of_argument(const std::string &argument, Moment now
     }
     for (const auto &[word, days] : {std::pair{"yesterday", -1}, std::pair{"today", 0}, std::pair{"tomorrow", 1}}) {
         if (text == word) {
-            return to_moment(midnight(now, false) + days * 86400, false);
+            return to_moment(midnight(now, false) + std::int64_t{days} * 86400, false);
         }
     }
     if (text == "now") {

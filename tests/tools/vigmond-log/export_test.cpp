@@ -118,10 +118,10 @@ TEST_F(Textfile, HasThePresentValues) {
 
 // As after a rotation: the new log has no record yet of what is due once an hour.
 TEST_F(Textfile, KeepsWhatTheLogHasNoLonger) {
-    run("export --textfile " + (scratch / "v.prom") + " " + log);
+    ASSERT_EQ(run("export --textfile " + (scratch / "v.prom") + " " + log).status, 0);
     scratch.write("logfile",
                   header("2024-05-01 10:00:30", "ROTATE") + record("2024-05-01 10:00:30", "OK", "CB20", "50"));
-    run("export --textfile " + (scratch / "v.prom") + " " + log);
+    ASSERT_EQ(run("export --textfile " + (scratch / "v.prom") + " " + log).status, 0);
     const std::string text = read_file(scratch / "v.prom");
     EXPECT_THAT(text, HasSubstr("vigmond_check_value{issue=\"CB20\",index=\"0\",check=\"temperature\"} 50\n"
                                 "vigmond_check_value{issue=\"CB21\",index=\"0\",check=\"memoryusage\"} NaN\n#"));

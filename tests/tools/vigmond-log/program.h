@@ -17,7 +17,8 @@ struct Ran {
 
 struct Program : testing::Test {
     /// Runs the program with the shell's words after its name, in UTC; a `runner` starts it.
-    Ran run(const std::string &words, const std::string &before = "", const std::string &runner = "") const {
+    [[nodiscard]] Ran run(const std::string &words, const std::string &before = "",
+                          const std::string &runner = "") const {
         const std::string command = before + " TZ=UTC NO_COLOR= " + runner + " " VIGMOND_LOG " " + words + " >'" +
                                     (scratch / "out") + "' 2>'" + (scratch / "err") + "'";
         const int status = std::system(command.c_str()); // NOLINT(cert-env33-c): our own command line

@@ -1,4 +1,4 @@
-// The records for other programs.
+// The records, for other programs.
 
 #include "session.h"
 #include "spool.h"
@@ -10,7 +10,7 @@ namespace vlog {
 
 namespace {
 
-/// The present second as text, made once for all records of it.
+/// The text of a time, cached because many records have the same one.
 class IsoStamp {
   public:
     const std::string &of(Moment time) {
@@ -54,7 +54,7 @@ void json_record(const std::string &station, const std::string &stamp, const Eve
                   event.readable ? std::to_string(event.value).c_str() : "null");
 }
 
-/// Keeps the records of all stations apart by their check, because a series has to be in one piece.
+/// Collects the records of all stations by check, because a series must be contiguous.
 class Series {
   public:
     Series(Session *session, Output *output) : session_(session), output_(output) {}
@@ -99,14 +99,14 @@ class Series {
         std::string labels;
         Spool spool;
         Moment last = 0;
-        std::optional<State> state; ///< which a value that cannot be read leaves as it is
+        std::optional<State> state; ///< unchanged by values that cannot be read
     };
 
     static std::string labels(const StationFiles &station, const Definition &check) {
         return label_text(station.is_named ? station.name : "", check);
     }
 
-    /// False when it is not later than the one before.
+    /// False if the time is not later than that of the previous record.
     bool add(std::size_t at, const Event &event) {
         if (at >= all_.size()) {
             all_.resize(at + 1);

@@ -14,7 +14,7 @@ constexpr std::array<const char *, STATE_COUNT> LABELS{"OK", "WARN", "FAIL", "IN
 constexpr std::size_t STAMP_LENGTH = 19;
 constexpr std::size_t LONGEST_TEXT = 1024; // of a name, parameter or command line that is kept
 
-/// A whole number and nothing else, as printf writes it.
+/// A whole number as printf writes it, and nothing else.
 template <typename Number> bool read_number(std::string_view text, Number *number) {
     const char *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, *number);
@@ -61,7 +61,7 @@ std::optional<LocalTime> read_minute(const char *text) {
     return (days_since_1970(century * 100 + year, month, day) * 24 + hour) * 3600 + minute * 60;
 }
 
-/// The text before the next tab, which is taken off `rest` together with the tab.
+/// Removes the text up to and including the next tab from `rest`; returns it without the tab.
 std::string_view take_field(std::string_view *rest) {
     const std::size_t tab = rest->find('\t');
     const std::string_view field = rest->substr(0, tab);

@@ -1,6 +1,6 @@
 #pragma once
 
-// What one line of a status log says. Nothing here reads a file or knows a time zone.
+// Parses the lines of a status log. Reads no files and knows no time zones.
 
 #include <array>
 #include <cstddef>
@@ -20,10 +20,10 @@ const char *state_label(State state);
 /// The state of a label; none for any other text.
 std::optional<State> state_of(std::string_view label);
 
-/// The number of an issue that is not set, written as CBnn.
+/// The number of an unset issue, written as CBnn.
 inline constexpr std::int16_t UNSET_ISSUE = -1;
 
-/// What tells one check from another.
+/// Identifies a check.
 struct CheckId {
     std::int16_t issue = UNSET_ISSUE;
     std::uint16_t index = 0;
@@ -69,10 +69,10 @@ struct Marker {
     std::string command_line;
 };
 
-/// Reads records. The date of the line before is kept, because most lines repeat it.
+/// Parses records. Caches the date of the previous line, because most lines repeat it.
 class RecordReader {
   public:
-    /// False when the line, which has no line feed, is no record; `record` is then not to be used.
+    /// Parses a line without its line feed. False if it is no record; `record` is then undefined.
     bool read(std::string_view line, Record *record);
 
   private:
@@ -83,7 +83,7 @@ class RecordReader {
     LocalTime minute_ = 0;
 };
 
-/// "2024-05-01 10:00:00", exactly; none when that is no date and time.
+/// The time of exactly "2024-05-01 10:00:00"; none for any other form.
 std::optional<LocalTime> read_stamp(std::string_view text);
 
 /// Reads the lines that begin with "##". The columns of the table of checks are found by their headings, so that a
@@ -91,7 +91,7 @@ std::optional<LocalTime> read_stamp(std::string_view text);
 class CommentReader {
   public:
     enum class Found : std::uint8_t { nothing, definition, marker };
-    /// Takes the lines in their order. What was found is in `definition()` or `marker()` until the next call.
+    /// Takes the lines in order. The result is in `definition()` or `marker()` until the next call.
     Found read(std::string_view line);
     [[nodiscard]] const Definition &definition() const { return definition_; }
     [[nodiscard]] const Marker &marker() const { return marker_; }
@@ -113,14 +113,14 @@ class CommentReader {
     [[nodiscard]] std::string_view field(const Fields &fields, Column column) const;
 
     std::array<std::size_t, COLUMNS> position_{0, 1, 2, 3, 4, 5, 6, 7, 8};
-    std::string upper_headings_; ///< the line before, when it was the upper one of the two
+    std::string upper_headings_; ///< the previous line, if it was the upper one of the two
     Definition definition_;
     Marker marker_;
 };
 
-/// How the daemon was told which records to write.
+/// Which records the daemon writes.
 enum class Level : std::uint8_t { all, warnings, failures };
-/// The level that a command line, as the log's markers have it, sets.
+/// The level set by a command line of a marker.
 Level level_of(std::string_view command_line);
 
 } // namespace vlog

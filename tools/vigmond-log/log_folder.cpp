@@ -46,7 +46,7 @@ std::optional<Generation> generation_of(const std::string &name) {
     return Generation{.log = name.substr(0, dot), .number = number};
 }
 
-/// The numbers of the generations by the log's name; the log itself is -1.
+/// The numbers of the generations by log name; the log itself is -1.
 using Logs = std::map<std::string, std::set<int>>;
 
 std::optional<Logs> logs_in(const std::string &path) {
@@ -83,7 +83,7 @@ bool exists(const std::string &path) {
     return stat(path.c_str(), &status) == 0;
 }
 
-/// The last part of a path, as the name of a station.
+/// The name of a station: the last part of the path.
 std::string name_of(std::string path) {
     const std::unique_ptr<char, FreeMemory> real(realpath(path.c_str(), nullptr));
     if (real != nullptr) {
@@ -95,7 +95,7 @@ std::string name_of(std::string path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-/// What goes into labels, file names and commands without being quoted.
+/// Whether labels, file names and commands can use the name without quotes.
 bool is_station_name(const std::string &name) {
     return !name.empty() && std::none_of(name.begin(), name.end(), [](char each) {
         return static_cast<unsigned char>(each) <= ' ' || each == 127 || std::strchr("\"'\\<>&", each) != nullptr;
@@ -112,7 +112,7 @@ class Arguments {
         const std::string name = argument.substr(0, equals);
         const std::string path = argument.substr(equals + 1);
         if (!is_station_name(name)) {
-            problem_ = "'" + name + "' is no name for a station: it must not be empty, nor have blanks or quotes in it";
+            problem_ = "'" + name + "' is not a station name: it must not be empty or contain blanks or quotes";
             is_usage_ = true;
             return false;
         }
@@ -168,7 +168,7 @@ class Arguments {
     std::string problem_;
     bool is_usage_ = false;
     std::set<std::pair<dev_t, ino_t>> seen_;
-    std::optional<std::size_t> files_; ///< the station of all files without one
+    std::optional<std::size_t> files_; ///< the station of all files without a name
 };
 
 } // namespace

@@ -1,4 +1,4 @@
-// A page that shows the course of all checks.
+// A page with a chart of each check.
 
 #include "page.h"
 #include "plotted_station.h"
@@ -11,9 +11,9 @@ namespace vlog {
 namespace {
 
 constexpr const char *DYGRAPHS = "/usr/share/javascript/dygraphs/";
-constexpr std::uint64_t MOST_RECORDS = 3000000; // in a page, some 8 MB
+constexpr std::uint64_t MOST_RECORDS = 3000000; // in a page, about 8 MB
 
-/// The content of a file of the library; none when it is not installed.
+/// The content of a file of the library; none if it is not installed.
 std::optional<std::string> library_file(const char *name) {
     std::ifstream file(std::string(DYGRAPHS) + name, std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
@@ -28,7 +28,7 @@ class Page {
         script_ = library_file("dygraph.min.js");
         style_ = library_file("dygraph.min.css");
         if (!script_ || !style_) {
-            session_->complain(std::string(DYGRAPHS) + ": the library is not there; install libjs-dygraphs");
+            session_->complain(std::string(DYGRAPHS) + ": library not found; install libjs-dygraphs");
         }
         return script_ && style_;
     }
@@ -91,7 +91,7 @@ class Page {
             "<span style=\"background:#ddd;height:13px\"></span>not recorded"
             "<span style=\"border-left:2px dashed #333;width:0;height:13px\"></span>start"
             "<span style=\"border-left:2px dotted #c00;width:0;height:13px\"></span>start after a kill or power cut"
-            "</span></div>\n<noscript>The courses need JavaScript; the changes do not.</noscript>\n",
+            "</span></div>\n<noscript>The charts need JavaScript; the changes do not.</noscript>\n",
             title().c_str(), zone.c_str());
     }
 

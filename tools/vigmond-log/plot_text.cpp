@@ -5,7 +5,7 @@ namespace vlog {
 
 namespace {
 
-/// Signed numbers as unsigned ones, those near zero as small ones.
+/// Maps signed numbers to unsigned ones, small absolute values to small numbers.
 std::uint64_t folded(std::int64_t number) {
     return number < 0 ? static_cast<std::uint64_t>(-number) * 2 - 1 : static_cast<std::uint64_t>(number) * 2;
 }

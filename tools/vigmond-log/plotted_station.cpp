@@ -42,7 +42,7 @@ void PlottedStation::write_body(std::size_t number, Output *output) const {
     for (const std::size_t check : shown()) {
         const std::string id = "strip-" + std::to_string(number) + "-" + std::to_string(place++);
         output->print("<div class=\"check\"><h3>%s <small>%s</small></h3><div class=\"strip\" id=\"%s\" role=\"img\" "
-                      "aria-label=\"course of %s; its changes are in the table\"></div></div>\n",
+                      "aria-label=\"chart of %s; its changes are in the table\"></div></div>\n",
                       html_text(title(check)).c_str(), html_text(checks_[check].parameter).c_str(), id.c_str(),
                       html_text(title(check)).c_str());
     }
@@ -84,7 +84,7 @@ void PlottedStation::take(const Event &event, const StationLog &log) {
         note(pause.begin, {}, "nothing was recorded for " + duration_text(pause.end - pause.begin));
     }
     if (event.kind == EventKind::start) {
-        note(event.time, {}, event.is_unclean ? "START, after the daemon was killed or lost its power" : "START");
+        note(event.time, {}, event.is_unclean ? "START after the daemon was killed or lost power" : "START");
         starts_.emplace_back(event.time, event.is_unclean);
         starts_.resize(std::min(starts_.size(), MOST_EVENTS));
     } else if (event.kind == EventKind::finished) {

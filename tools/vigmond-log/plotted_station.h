@@ -28,7 +28,7 @@ class PlottedStation {
     [[nodiscard]] std::uint64_t late() const { return late_; }
     /// Writes the heading, the list of changes and the places of the strips of station `number`.
     void write_body(std::size_t number, Output *output) const;
-    /// Writes the records as JSON, thinned out to a third of a `group`.
+    /// Writes the records as JSON, about one in `group` of them.
     void write_data(std::uint64_t group, Output *output);
 
   private:

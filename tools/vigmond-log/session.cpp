@@ -13,7 +13,7 @@ namespace vlog {
 namespace {
 
 constexpr const char *OWN_LOG = "/var/lib/evse/vigmond";
-constexpr unsigned EVENTS_A_LOOK = 4096; // at the clock, for the progress bar
+constexpr unsigned EVENTS_PER_UPDATE = 4096; // of the progress bar
 
 std::uint64_t size_of(const std::vector<StationFiles> &stations) {
     std::uint64_t size = 0;
@@ -60,7 +60,7 @@ void Progress::show() {
 
 Session::Session(const Arguments &arguments, Moment now) : arguments_(arguments) {
     if (!zone_set(arguments.timezone)) {
-        complain("'" + arguments.timezone + "' is no time zone: give one like Europe/Berlin", WRONG_USAGE);
+        complain("'" + arguments.timezone + "' is not a time zone: give one like Europe/Berlin", WRONG_USAGE);
     } else if (take_time(arguments.since, now, &since_) && take_time(arguments.until, now, &until_)) {
         take_stations();
     }
@@ -73,7 +73,7 @@ bool Session::take_time(const std::string &text, Moment now, std::optional<Momen
     }
     *moment = moment_of_argument(text, now);
     if (!*moment) {
-        complain("'" + text + "' is no time: give one like \"2024-05-01 10:00\", yesterday or -2h", WRONG_USAGE);
+        complain("'" + text + "' is not a time: give one like \"2024-05-01 10:00\", yesterday or -2h", WRONG_USAGE);
     }
     return moment->has_value();
 }
@@ -105,7 +105,7 @@ void Session::read(const StationFiles &station, const Visit &visit, const AtEnd 
     Event event;
     while (log.next(&event)) {
         is_empty = false;
-        if (++count % EVENTS_A_LOOK == 0) {
+        if (++count % EVENTS_PER_UPDATE == 0) {
             progress_->show();
         }
         if ((!since_ || event.time >= *since_) && (!until_ || event.time < *until_)) {
@@ -113,7 +113,7 @@ void Session::read(const StationFiles &station, const Visit &visit, const AtEnd 
         }
     }
     if (is_empty) {
-        complain(station.paths.front() + ": there is nothing of a status log in it");
+        complain(station.paths.front() + ": not a status log");
         return;
     }
     has_read_ = true;
@@ -122,7 +122,7 @@ void Session::read(const StationFiles &station, const Visit &visit, const AtEnd 
     }
 }
 
-/// A file that is there already is not replaced by nothing.
+/// Keeps an existing file if nothing was read.
 int Session::finish(Output *output) {
     if (has_read_ && !output->finish()) {
         complain(output->problem());
@@ -134,7 +134,7 @@ int run(int argc, char **argv) {
     std::string problem;
     const std::optional<Arguments> arguments = read_arguments(argc, argv, &problem);
     if (!arguments) {
-        std::fprintf(stderr, "vigmond-log: %s\nvigmond-log --help shows what there is.\n", problem.c_str());
+        std::fprintf(stderr, "vigmond-log: %s\nTry 'vigmond-log --help'.\n", problem.c_str());
         return WRONG_USAGE;
     }
     if (arguments->help || arguments->version) {

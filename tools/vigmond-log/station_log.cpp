@@ -48,7 +48,7 @@ bool StationLog::take(const Item &item, Event *event) {
     }
 }
 
-/// Without a time of its own a line has that of the one before it; false when there is none.
+/// A line without a time has that of the previous line. False if there is none.
 bool StationLog::set_time(LocalTime local, Event *event) {
     if (local == NO_TIME && !before_) {
         ++counts_.foreign_lines;

@@ -27,7 +27,7 @@ enum Column : std::uint8_t {
 constexpr std::array<const char *, COLUMN_COUNT> HEADINGS{"issue",  "check",   "samples", "unread %", "min",
                                                           "median", "p95",     "max",     "OK %",     "WARN %",
                                                           "FAIL %", "changes", "state"};
-/// What is left out when there is no room, the first first.
+/// Columns that a narrow terminal omits, in this order.
 constexpr std::array DISPENSABLE{COLUMN_UNREADABLE, COLUMN_P95, COLUMN_SAMPLES, COLUMN_MEDIAN, COLUMN_CHANGED,
                                  COLUMN_OK,         COLUMN_MIN, COLUMN_MAX,     COLUMN_WARN};
 constexpr std::size_t LEAST_NAME = 12;
@@ -45,7 +45,7 @@ std::string percent_text(double part, double whole) {
     return text.data();
 }
 
-/// What a terminal could take for a command is replaced.
+/// Replaces control characters.
 std::string printable(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](char each) { return static_cast<unsigned char>(each) < ' ' || each == 127; }, '?');
@@ -73,7 +73,7 @@ Row row_of(const CheckSummary &check) {
             check.state ? state_label(*check.state) : "-"};
 }
 
-/// The width of each column; 0 for one that is left out.
+/// The width of each column; 0 if omitted.
 std::array<std::size_t, COLUMN_COUNT> widths_of(const std::vector<Row> &rows, std::size_t most) {
     std::array<std::size_t, COLUMN_COUNT> widths{};
     for (const Row &row : rows) {

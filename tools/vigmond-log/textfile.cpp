@@ -12,8 +12,8 @@ namespace vlog {
 
 namespace {
 
-constexpr std::size_t HEADER_SIZE = 16384; // the table has some 3 kB, and stands at the front of every file
-constexpr std::size_t TAIL_SIZE = 131072;  // more than an hour, so that every check is in it
+constexpr std::size_t HEADER_SIZE = 16384; // every file starts with the table of checks, about 3 kB
+constexpr std::size_t TAIL_SIZE = 131072;  // more than an hour of records, so that it contains every check
 constexpr std::size_t MOST_BEFORE = 262144;
 constexpr std::int64_t MOST_SILENCE = 60; // six heartbeats
 
@@ -22,7 +22,7 @@ constexpr const char *STATE = "vigmond_check_state";
 constexpr const char *LAST = "vigmond_check_last_record_timestamp_seconds";
 constexpr const char *RAISED = "vigmond_issue_raised";
 
-/// Up to `size` bytes from a place in the file.
+/// Up to `size` bytes of the file from offset `at`.
 std::string piece_of(const Descriptor &file, off_t at, std::size_t size) {
     std::string text(size, '\0');
     std::size_t count = 0;
@@ -110,7 +110,7 @@ class Tail {
     std::optional<Moment> before_;
 };
 
-/// The family of the raised issues. All other issues of the log have 0, so that an alert ends.
+/// The family of the raised issues. The other issues of the log are 0, so that alerts resolve.
 std::string raised_lines(std::map<std::int16_t, std::string> issues, const std::set<std::int16_t> &raised) {
     std::string text = std::string("# HELP ") + RAISED + " Whether an issue is raised.\n# TYPE " + RAISED + " gauge\n";
     for (const std::int16_t issue : raised) {
@@ -123,7 +123,7 @@ std::string raised_lines(std::map<std::int16_t, std::string> issues, const std::
     return text;
 }
 
-/// The lines of a family as they were, for checks that are not among these.
+/// The old lines of a family, for checks whose labels are not among `labels`.
 std::string kept_lines(const std::string &before, const std::string &family, const std::set<std::string> &labels) {
     std::string kept;
     for (std::size_t at = 0; at < before.size();) {
@@ -149,7 +149,7 @@ std::optional<PresentLog> read_present(const std::string &path, std::string *pro
         return std::nullopt;
     }
     if (!S_ISREG(status.st_mode)) {
-        *problem = path + ": is no file";
+        *problem = path + ": not a regular file";
         return std::nullopt;
     }
     Tail tail;
@@ -183,7 +183,7 @@ std::string textfile_text(const PresentLog &log, const std::string &before, Mome
     const bool is_up = log.is_running && (log.level != Level::all || now - log.last <= MOST_SILENCE);
     return values + kept_lines(before, VALUE, labels) + states + kept_lines(before, STATE, labels) + times +
            kept_lines(before, LAST, labels) + (raised ? raised_lines(log.issues, *raised) : "") +
-           "# HELP vigmond_up Whether the daemon runs, as far as its log tells.\n# TYPE vigmond_up gauge\nvigmond_up " +
+           "# HELP vigmond_up Whether the daemon runs, according to its log.\n# TYPE vigmond_up gauge\nvigmond_up " +
            (is_up ? "1" : "0") + "\n";
 }
 

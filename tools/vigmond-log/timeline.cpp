@@ -42,7 +42,7 @@ void Timeline::forget_last() {
     }
 }
 
-/// A check that had been recorded in time until then must have been due twice.
+/// A pause needs a check that was recorded in time before it and was due twice during it.
 void Timeline::find_pause(Moment time) {
     std::int64_t least = NO_LIMIT;
     shortest_ = NO_LIMIT;
@@ -81,7 +81,7 @@ void Timeline::take_record(const Event &event) {
     Course &course = courses_[event.check];
     find_gap(event, course);
     if (step_.is_gap && log_.level() != Level::all) {
-        course.state.reset(); // it was good, or the daemon did not run
+        course.state.reset(); // it was OK, or the daemon did not run
     }
     if (course.has_last && !step_.is_gap && course.state) {
         step_.held = course.state;

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 namespace {
 
 struct Folder : testing::Test {
-    /// What the arguments are taken for, or the problem.
+    /// The stations of the arguments, or the problem.
     std::string taken(const std::vector<std::string> &arguments) {
         std::string problem;
         const auto stations = vlog::stations_of(arguments, &problem, &is_usage);

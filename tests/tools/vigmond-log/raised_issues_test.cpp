@@ -20,17 +20,17 @@ struct RaisedIssues : Program {
         return "export --textfile " + (scratch / "v.prom") + options + " " + log;
     }
 
-    /// Runs it on that bus; a run that takes half a minute ends with 124.
+    /// Runs it with that bus; status 124 after half a minute.
     [[nodiscard]] Ran run_on(const std::string &variable) const { return run(words(), variable, "timeout 30"); }
 
-    /// What the file has about issues.
+    /// The lines of the file about issues.
     [[nodiscard]] std::string issues() const {
         const std::string text = read_file(scratch / "v.prom");
         const std::size_t begin = std::min(text.find("# HELP vigmond_issue_raised"), text.size());
         return text.substr(begin, text.find("# HELP vigmond_up") - begin);
     }
 
-    /// The file without an answer: as without --bus.
+    /// Expects the same file as without --bus.
     void expect_only_the_rest(const Ran &ran, const std::string &problem) {
         EXPECT_EQ(ran.status, 1);
         EXPECT_EQ(ran.err, "vigmond-log: raised issues: " + problem + "\n");
@@ -44,7 +44,7 @@ struct RaisedIssues : Program {
     std::string log;
 };
 
-/// A client of the bus that has the daemon's name.
+/// A client that owns the daemon's name.
 struct OtherOwner {
     explicit OtherOwner(const PrivateBus &bus) : client(bus) {
         client.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_DO_NOT_QUEUE);
@@ -67,7 +67,7 @@ void append_issue(DBusMessageIter *array, dbus_uint32_t time, const char *label)
 
 } // namespace
 
-// With the installed policy. Issues of the log that are not raised are there, so that an alert ends.
+// With the installed policy. Issues of the log that are not raised are 0, so that alerts resolve.
 TEST_F(RaisedIssues, AreThoseOfTheDaemon) {
     const PrivateBus bus(BusRules::system);
     BusDaemon daemon(bus);
@@ -118,7 +118,7 @@ TEST_F(RaisedIssues, AreNotAwaitedFromASilentDaemon) {
     expect_only_the_rest(run_on(bus.variable()), "Connection timed out");
 }
 
-// The connection is accepted by the kernel, and nobody authenticates it.
+// The kernel accepts the connection, but nobody authenticates it.
 TEST_F(RaisedIssues, AreNotAwaitedFromASilentBus) {
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};

@@ -2,7 +2,7 @@
 
 _vigmond_log() {
     local current=$2 previous=$3
-    if [[ $previous == '=' ]]; then # a word of its own
+    if [[ $previous == '=' ]]; then # bash splits words at it
         previous=${COMP_WORDS[COMP_CWORD - 2]}
     fi
     case $previous in

@@ -120,10 +120,8 @@ class Series {
         if (!one.spool.add({.time = event.time,
                             .value = event.value,
                             .state = static_cast<std::uint16_t>(*one.state),
-                            .readable = static_cast<std::uint16_t>(event.readable ? 1 : 0)}) &&
-            !has_failed_) {
-            has_failed_ = true;
-            session_->complain(std::string("temporary file: ") + std::strerror(errno));
+                            .readable = static_cast<std::uint16_t>(event.readable ? 1 : 0)})) {
+            session_->spoil(std::string("temporary file: ") + std::strerror(errno));
         }
         return true;
     }
@@ -137,7 +135,7 @@ class Series {
                 output_->print(" %lld\n", static_cast<long long>(record.time));
             });
             if (!is_read) {
-                session_->complain(std::string("temporary file: ") + std::strerror(errno));
+                session_->spoil(std::string("temporary file: ") + std::strerror(errno));
             }
         }
     }
@@ -145,7 +143,6 @@ class Series {
     Session *session_;
     Output *output_;
     std::vector<One> all_;
-    bool has_failed_ = false;
 };
 
 void export_lines(Session *session, Output *output) {
@@ -189,7 +186,9 @@ int export_records(Session *session) {
         for (const StationFiles &station : session->stations()) {
             series.add_station(station);
         }
-        series.write();
+        if (!session->is_spoiled()) {
+            series.write();
+        }
     } else {
         export_lines(session, &output);
     }

@@ -131,7 +131,7 @@ void PlottedStation::record(const Event &event) {
                                    .value = event.value,
                                    .state = static_cast<std::uint16_t>(state),
                                    .readable = static_cast<std::uint16_t>(event.readable ? 1 : 0)})) {
-        session_->complain(std::string("temporary file: ") + std::strerror(errno));
+        session_->spoil(std::string("temporary file: ") + std::strerror(errno));
     }
 }
 
@@ -179,7 +179,7 @@ void PlottedStation::write_check(std::size_t check, std::uint64_t group, Output 
     thinner.finish(keep);
     packer.finish(&text);
     if (!is_read) {
-        session_->complain(std::string("temporary file: ") + std::strerror(errno));
+        session_->spoil(std::string("temporary file: ") + std::strerror(errno));
     }
     output->write(text);
     output->print("\",\"begin\":%lld,\"count\":%llu}", static_cast<long long>(packer.begin()),

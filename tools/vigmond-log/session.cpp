@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 #include <sys/stat.h>
+#include <utility>
 
 namespace vlog {
 
@@ -31,9 +32,8 @@ std::uint64_t size_of(const std::vector<StationFiles> &stations) {
 
 } // namespace
 
-Progress::Progress(std::uint64_t total)
-    : total_(total), is_terminal_(isatty(STDERR_FILENO) == 1),
-      next_(std::chrono::steady_clock::now() + std::chrono::seconds(1)) {}
+Progress::Progress(std::uint64_t total, std::chrono::milliseconds delay)
+    : total_(total), is_terminal_(isatty(STDERR_FILENO) == 1), next_(std::chrono::steady_clock::now() + delay) {}
 
 Progress::~Progress() {
     if (is_shown_) {
@@ -122,9 +122,15 @@ void Session::read(const StationFiles &station, const Visit &visit, const AtEnd 
     }
 }
 
+void Session::spoil(const std::string &text) {
+    if (!std::exchange(is_spoiled_, true)) {
+        complain(text);
+    }
+}
+
 /// Keeps an existing file if nothing was read.
 int Session::finish(Output *output) {
-    if (has_read_ && !output->finish()) {
+    if (has_read_ && !is_spoiled_ && !output->finish()) {
         complain(output->problem());
     }
     return status_;

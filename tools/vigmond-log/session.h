@@ -21,8 +21,8 @@ inline constexpr int WRONG_USAGE = 2;
 /// A progress bar on standard error, if that is a terminal and reading takes longer than a second.
 class Progress {
   public:
-    /// `total` is the size of all files in bytes; 0 if unknown.
-    explicit Progress(std::uint64_t total);
+    /// `total` is the size of all files in bytes; 0 if unknown. The bar appears after `delay`.
+    explicit Progress(std::uint64_t total, std::chrono::milliseconds delay = std::chrono::seconds(1));
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
@@ -70,6 +70,9 @@ class Session {
     void note_read() { has_read_ = true; }
     /// Prints an error and sets the exit status.
     void complain(const std::string &text, int status = UNREADABLE);
+    /// Prints the first of these errors. The output would be incomplete: finish() discards it.
+    void spoil(const std::string &text);
+    [[nodiscard]] bool is_spoiled() const { return is_spoiled_; }
     /// Completes the output and returns the exit status.
     int finish(Output *output);
     [[nodiscard]] int status() const { return status_; }
@@ -84,6 +87,7 @@ class Session {
     std::optional<Moment> until_;
     std::unique_ptr<Progress> progress_;
     bool has_read_ = false;
+    bool is_spoiled_ = false;
     int status_ = DONE;
 };
 

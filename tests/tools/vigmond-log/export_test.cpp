@@ -73,6 +73,13 @@ TEST_F(Export, NamesTheStationsAndDropsRepeatedTimes) {
     EXPECT_THAT(ran.err, HasSubstr("north: 1 records are left out, because the clock was set back"));
 }
 
+TEST_F(Export, WritesNoSeriesWithoutRoomForTemporaryFiles) {
+    const Ran ran = run("export --format openmetrics " + log, "TMPDIR=" + (scratch / "missing"));
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: temporary file: No such file or directory\n");
+    EXPECT_EQ(ran.out, "");
+}
+
 TEST_F(Export, IsReadByPrometheus) {
     const std::string blocks = scratch / "blocks";
     ASSERT_EQ(run("export --format openmetrics -o " + (scratch / "metrics") + " north=" + log).status, 0);

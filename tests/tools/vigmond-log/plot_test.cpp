@@ -67,6 +67,7 @@ TEST(RecordPacker, PacksTheLargestNumbers) {
 
 TEST(Thinner, KeepsOutliers) {
     std::vector<SpooledRecord> records;
+    records.reserve(30);
     for (int number = 0; number < 30; ++number) {
         records.push_back({.time = number, .value = 42, .state = 0, .readable = 1});
     }
@@ -97,6 +98,21 @@ TEST_F(Plot, ListsChangesAsTextAndSkipsAnUnsetClock) {
                                 "<td>CB20[0] temperature</td><td>OK \xE2\x86\x92 FAIL, value 85, after 10s</td>"));
     EXPECT_THAT(page, HasSubstr("\"begin\":1714557600,\"count\":2}"));
     EXPECT_THAT(page, Not(HasSubstr("http://")));
+}
+
+TEST_F(Plot, LeavesNoPartialPageOnAFullDisk) {
+    const std::string log = scratch.write("logfile", header("2024-05-01 10:00:00", "START") +
+                                                         record("2024-05-01 10:00:00", "OK", "CB20", "42"));
+    std::filesystem::create_directory(scratch / "full");
+    const std::string words = "plot -o " + (scratch / "full/page.html") + " " + log;
+    Ran ran = run(words, "ulimit -f 100; trap '' XFSZ;");
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: " + (scratch / "full/page.html") + ": File too large\n");
+    EXPECT_TRUE(std::filesystem::is_empty(scratch / "full"));
+    ran = run(words, "TMPDIR=" + (scratch / "missing"));
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: temporary file: No such file or directory\n");
+    EXPECT_TRUE(std::filesystem::is_empty(scratch / "full"));
 }
 
 TEST_F(Plot, WritesNoPageWithoutRecords) {

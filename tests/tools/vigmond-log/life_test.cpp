@@ -40,9 +40,8 @@ ReadLog live(Script *script, const RigSetup &setup, Life *life, std::string *log
         life->beats.push_back(now);
     }
     std::string text;
-    const std::map<int, std::string> generations = rig.generations();
-    for (auto each = generations.rbegin(); each != generations.rend(); ++each) {
-        text += each->second;
+    for (const auto &[number, generation] : rig.generations()) { // newest first
+        text.insert(0, generation);
     }
     *log = rig.log_from(0);
     life->records = records_in(text + *log);

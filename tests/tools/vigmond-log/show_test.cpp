@@ -10,7 +10,6 @@
 #include <sys/inotify.h>
 
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
@@ -121,7 +120,8 @@ TEST_F(Usage, IsShownAndChecked) {
     for (const std::string words :
          {"--nonsense", "--since", "show --since never x", "--timezone Nowhere", "show --issue 20", "show --state bad",
           "plot", "export", "export --format csv --textfile x", "show --format csv", "export --format xml",
-          "show --json", "changes --state OK", "'a b=x'", "export --format csv --bus", "summary --bus"}) {
+          "show --json", "changes --state OK", "'a b=x'", "'a\"b=x'", "=x", "export --format csv --bus",
+          "summary --bus"}) {
         const Ran ran = run(words);
         EXPECT_EQ(ran.status, 2) << words;
         EXPECT_THAT(ran.err, StartsWith("vigmond-log: ")) << words;
@@ -142,6 +142,26 @@ TEST_F(Usage, ReportsUnreadableInput) {
         EXPECT_THAT(ran.err, AllOf(StartsWith("vigmond-log: "), EndsWith(problem)));
         EXPECT_EQ(ran.out, "");
     }
+}
+
+// Root reads every file, unless it lacks two capabilities.
+TEST_F(Usage, ReportsFilesWithoutPermission) {
+    const std::string runner =
+        geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search --inh-caps=-all" : "";
+    std::filesystem::create_directory(scratch / "s");
+    const std::string hidden = scratch.write("s/logfile", TEXT);
+    std::filesystem::permissions(hidden, std::filesystem::perms::none);
+    for (const std::string &words : {"show " + hidden, "show " + (scratch / "s"), "show x=" + hidden,
+                                     "export --textfile " + (scratch / "v.prom") + " " + hidden}) {
+        const Ran ran = run(words, "", runner);
+        EXPECT_EQ(ran.status, 1) << words;
+        EXPECT_EQ(ran.err, "vigmond-log: " + hidden + ": Permission denied\n") << words;
+    }
+    std::filesystem::permissions(scratch / "s", std::filesystem::perms::none);
+    EXPECT_EQ(run("show " + (scratch / "s"), "", runner).err,
+              "vigmond-log: " + (scratch / "s") + ": Permission denied\n");
+    std::filesystem::permissions(scratch / "s", std::filesystem::perms::owner_all);
+    EXPECT_FALSE(std::filesystem::exists(scratch / "v.prom"));
 }
 
 TEST_F(Usage, ReadsTheRestOfALogWithADamagedGeneration) {

@@ -17,7 +17,7 @@ struct Log : testing::Test {
     Log() { EXPECT_TRUE(vlog::zone_set("UTC")); }
 
     /// Writes the text as a generation.
-    std::string packed(const std::string &name, const std::string &text) {
+    [[nodiscard]] std::string packed(const std::string &name, const std::string &text) const {
         return folder.write(name, bzip2(text, "-1"));
     }
     ScratchFolder folder;

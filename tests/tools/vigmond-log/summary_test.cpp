@@ -3,7 +3,6 @@
 
 #include <filesystem>
 
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -31,7 +30,7 @@ struct Summary : Program {
     Summary() { log = scratch.write("logfile", LIFE); }
 
     /// The output on a terminal of that width.
-    std::string on_terminal(int columns, const std::string &environment) const {
+    [[nodiscard]] std::string on_terminal(int columns, const std::string &environment) const {
         const std::string script = scratch.write("script", "stty cols " + std::to_string(columns) +
                                                                "; exec " VIGMOND_LOG " summary north=" + log + "\n");
         const std::string command = "TZ=UTC TERM=xterm " + environment + " script -qec 'sh " + script + "' '" +
@@ -103,6 +102,16 @@ TEST_F(Summary, HasColoursOnlyOnATerminal) {
     EXPECT_THAT(run(log, "unset NO_COLOR;").out, Not(HasSubstr("\033")));
 }
 
+TEST_F(Summary, ReadsAClockThatSays1970) {
+    scratch.write("logfile", header("1970-01-01 00:00:10", "START") +
+                                 record("1970-01-01 00:00:10", "OK", "CB20", "40") +
+                                 record("1970-01-01 00:00:20", "OK", "CB20", "41"));
+    const Ran ran = run("--json north=" + log);
+    EXPECT_EQ(ran.status, 0) << ran.err;
+    EXPECT_THAT(ran.out, AllOf(HasSubstr("\"first\":\"1970-01-01T00:00:10+00:00\""), HasSubstr("\"ok_seconds\":10,"),
+                               HasSubstr("\"gaps\":0")));
+}
+
 // Each value occurs once: more values than fit into memory.
 TEST_F(Summary, IsExactForAnyNumberOfValues) {
     std::string text = header("2024-05-01 10:00:00", "START");
@@ -133,7 +142,8 @@ TEST_F(Summary, UsesLittleMemory) {
         const Ran ran = run(words + ("north=" + scratch.path().string()), "", RESIDENT);
         EXPECT_EQ(ran.status, 0) << ran.err;
         const std::string last = ran.err.substr(ran.err.rfind('\n', ran.err.size() - 2) + 1);
-        EXPECT_GT(std::atol(last.c_str()), 1000) << ran.err;
-        EXPECT_LE(std::atol(last.c_str()), 32 * 1024) << "kB for " << words;
+        const long resident = std::strtol(last.c_str(), nullptr, 10);
+        EXPECT_GT(resident, 1000) << ran.err;
+        EXPECT_LE(resident, 32 * 1024) << "kB for " << words;
     }
 }

@@ -7,7 +7,6 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using vlog::State;
 
 namespace {
 

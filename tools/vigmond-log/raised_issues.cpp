@@ -27,7 +27,7 @@ struct CloseBus {
 };
 using Bus = std::unique_ptr<sd_bus, CloseBus>;
 
-/// The reply, once it is there: the issues, or what is wrong.
+/// The result of the call.
 struct Listing {
     bool is_complete = false;
     std::optional<Issues> issues;

@@ -97,11 +97,12 @@ class Page {
 
     void write_data() {
         const std::uint64_t group = (records_ + MOST_RECORDS - 1) / MOST_RECORDS;
-        const std::int64_t offset = zone_offset(*last_);
+        const std::int32_t offset = zone_offset(*last_);
+        const Moment begin = *first_ + offset;
+        const Moment end = std::max(*last_, *first_ + 1) + offset;
         output_->print(
-            "<script type=\"application/json\" id=\"data\">{\"offset\":%lld,\"begin\":%lld,\"end\":%lld,\"stations\":[",
-            static_cast<long long>(offset), static_cast<long long>(*first_ + offset),
-            static_cast<long long>(std::max(*last_, *first_ + 1) + offset));
+            "<script type=\"application/json\" id=\"data\">{\"offset\":%d,\"begin\":%lld,\"end\":%lld,\"stations\":[",
+            offset, static_cast<long long>(begin), static_cast<long long>(end));
         for (std::size_t number = 0; number < stations_.size(); ++number) {
             output_->write(number == 0 ? "" : ",\n");
             stations_[number]->write_data(group, output_);

@@ -8,8 +8,8 @@ if(NOT CLANG_FORMAT OR NOT CLANG_TIDY)
 endif()
 
 file(GLOB_RECURSE HEADERS CONFIGURE_DEPENDS include/*.h tests/*.h bench/*.h fuzz/*.h tools/*.h)
-file(GLOB_RECURSE SOURCES_TO_TIDY CONFIGURE_DEPENDS src/*.cpp)
-file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp tools/*.cpp bench/*.cpp docs/*.cpp)
+file(GLOB_RECURSE SOURCES_TO_TIDY CONFIGURE_DEPENDS src/*.cpp tools/*.cpp)
+file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp docs/*.cpp)
 file(GLOB_RECURSE FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
 
 # Appends one stamp per file to `stamps`, created when the tool, configured by the file `settings`, finds nothing.

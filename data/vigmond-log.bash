@@ -2,7 +2,7 @@
 
 _vigmond_log() {
     local current=$2 previous=$3
-    if [[ $previous == '=' ]]; then # a word of its own
+    if [[ $previous == '=' ]]; then # bash splits words at it
         previous=${COMP_WORDS[COMP_CWORD - 2]}
     fi
     case $previous in
@@ -14,7 +14,7 @@ _vigmond_log() {
     *)
         COMPREPLY=()
         if [[ $current == -* ]]; then
-            COMPREPLY=($(compgen -W '--json --since= --until= --issue= --state= --timezone= --format= --textfile=
+            COMPREPLY=($(compgen -W '--json --since= --until= --issue= --state= --timezone= --format= --textfile= --bus
                 -o --output= -h --help -v --version' -- "$current"))
             [[ ${COMPREPLY[0]-} != *= ]] || compopt -o nospace
             return

@@ -1,4 +1,4 @@
-// The first byte is the size of the pieces, the rest a status log, plain or packed.
+// The first byte is the size of the pieces, the rest a status log, plain or compressed.
 
 #include "chunk.h"
 #include "source.h"

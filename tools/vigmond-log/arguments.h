@@ -10,12 +10,12 @@
 
 namespace vlog {
 
-enum class Command : std::uint8_t { show, changes, summary, plot, export_ };
+enum class Command : std::uint8_t { show, changes, summary, plot, export_data };
 enum class Format : std::uint8_t { none, csv, jsonl, openmetrics };
 
 struct Arguments {
     Command command = Command::summary;
-    std::vector<std::string> inputs; ///< as given; the station's own log when there are none
+    std::vector<std::string> inputs; ///< as given; empty for the log of this station
     std::string since;
     std::string until;
     std::string timezone;
@@ -25,11 +25,12 @@ struct Arguments {
     std::optional<State> state;
     Format format = Format::none;
     bool json = false;
+    bool bus = false;
     bool help = false;
     bool version = false;
 };
 
-/// Reads the command line; none when it is wrong, which `problem` then explains.
+/// Reads the command line. None if it is wrong; `problem` says why.
 std::optional<Arguments> read_arguments(int argc, char **argv, std::string *problem);
 
 /// The text of --help.

@@ -25,7 +25,7 @@ class Changes {
         }
         switch (event.kind) {
         case EventKind::start:
-            line(event.time, event.is_unclean ? "START, the daemon before it was killed or lost its power" : "START");
+            line(event.time, event.is_unclean ? "START after the daemon was killed or lost power" : "START");
             break;
         case EventKind::finished:
             line(event.time, "FINISHED");
@@ -76,7 +76,7 @@ class Changes {
 
 } // namespace
 
-/// One line a change of state, and what passed in between.
+/// One line per change of state, start, end, gap and clock change.
 int changes(Session *session) {
     Output output(session->arguments().output);
     for (const StationFiles &station : session->stations()) {

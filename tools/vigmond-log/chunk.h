@@ -1,6 +1,6 @@
 #pragma once
 
-// What the unpacking threads give to the one that reads in order.
+// What the unpacking threads pass to the thread that reads in order.
 
 #include "line.h"
 
@@ -12,14 +12,14 @@ namespace vlog {
 
 enum class ItemKind : std::uint8_t { record, start, rotate, finished, definition };
 
-/// A line in 16 bytes, of which millions may be waiting.
+/// A line in 16 bytes; many are in memory.
 class Item {
   public:
     Item() = default;
     explicit Item(const Record &record)
         : word_(word(record.local, ItemKind::record, record.state, record.readable)), value_(record.value),
           check_(record.check) {}
-    /// `place` is that of the command line or definition in the chunk.
+    /// `place` is the index of the command line or definition in the chunk.
     Item(ItemKind kind, LocalTime local, std::size_t place)
         : word_(word(local, kind, State::ok, false)), value_(static_cast<std::int32_t>(place)) {}
 
@@ -33,7 +33,7 @@ class Item {
 
   private:
     static std::int64_t word(LocalTime local, ItemKind kind, State state, bool readable) {
-        return local * 256 + static_cast<int>(kind) + static_cast<int>(state) * 8 + (readable ? 32 : 0);
+        return local * 256 + static_cast<int>(kind) + static_cast<std::int64_t>(state) * 8 + (readable ? 32 : 0);
     }
     std::int64_t word_ = 0;
     std::int32_t value_ = 0;
@@ -50,7 +50,7 @@ struct Chunk {
     std::vector<Definition> definitions;
     std::vector<std::string> command_lines;
     std::uint64_t foreign_lines = 0;
-    std::uint64_t repeated_bytes = 0; ///< left out, because the file before has them too
+    std::uint64_t repeated_bytes = 0; ///< skipped, because the previous file has them too
     std::size_t file = 0;             ///< its place in the order of the files
     bool is_last = false;             ///< of its file
     std::string problem;              ///< of the file, in the last chunk
@@ -61,16 +61,16 @@ struct Chunk {
     void clear();
 };
 
-/// Turns the text of one file into items. Lines that are no lines of a status log are counted; so is a last line
-/// without a line feed, of which something may be missing.
+/// Turns the text of one file into items. Counts foreign lines, and a last line without a line feed, which may be
+/// incomplete.
 class TextReader {
   public:
     static constexpr std::size_t LONGEST_LINE = 65536;
 
-    /// Reads whole lines from the front of `text` until the chunk is full, and returns how many bytes were used. The
-    /// rest, with more behind it, is given again.
+    /// Reads whole lines from the front of `text` until the chunk is full. Returns the number of bytes used; the
+    /// caller passes the rest again, followed by more.
     std::size_t read(std::string_view text, Chunk *chunk);
-    /// There is no more text than this, which holds no line feed.
+    /// Ends the file with the remaining text, which has no line feed.
     void finish(std::string_view text, Chunk *chunk);
 
   private:

@@ -1,4 +1,4 @@
-// The records for other programs.
+// The records, for other programs.
 
 #include "session.h"
 #include "spool.h"
@@ -10,7 +10,7 @@ namespace vlog {
 
 namespace {
 
-/// The present second as text, made once for all records of it.
+/// The text of a time, cached because many records have the same one.
 class IsoStamp {
   public:
     const std::string &of(Moment time) {
@@ -54,7 +54,7 @@ void json_record(const std::string &station, const std::string &stamp, const Eve
                   event.readable ? std::to_string(event.value).c_str() : "null");
 }
 
-/// Keeps the records of all stations apart by their check, because a series has to be in one piece.
+/// Collects the records of all stations by check, because a series must be contiguous.
 class Series {
   public:
     Series(Session *session, Output *output) : session_(session), output_(output) {}
@@ -75,8 +75,8 @@ class Series {
                 }
             });
         if (late > 0) {
-            session_->note(station.name + ": " + std::to_string(late) +
-                           " records are left out, because the clock was set back before them");
+            Session::note(station.name + ": " + std::to_string(late) +
+                          " records are left out, because the clock was set back before them");
         }
     }
 
@@ -99,14 +99,14 @@ class Series {
         std::string labels;
         Spool spool;
         Moment last = 0;
-        std::optional<State> state; ///< which a value that cannot be read leaves as it is
+        std::optional<State> state; ///< unchanged by values that cannot be read
     };
 
     static std::string labels(const StationFiles &station, const Definition &check) {
         return label_text(station.is_named ? station.name : "", check);
     }
 
-    /// False when it is not later than the one before.
+    /// False if the time is not later than that of the previous record.
     bool add(std::size_t at, const Event &event) {
         if (at >= all_.size()) {
             all_.resize(at + 1);
@@ -120,10 +120,8 @@ class Series {
         if (!one.spool.add({.time = event.time,
                             .value = event.value,
                             .state = static_cast<std::uint16_t>(*one.state),
-                            .readable = static_cast<std::uint16_t>(event.readable ? 1 : 0)}) &&
-            !has_failed_) {
-            has_failed_ = true;
-            session_->complain(std::string("temporary file: ") + std::strerror(errno));
+                            .readable = static_cast<std::uint16_t>(event.readable ? 1 : 0)})) {
+            session_->spoil(std::string("temporary file: ") + std::strerror(errno));
         }
         return true;
     }
@@ -137,7 +135,7 @@ class Series {
                 output_->print(" %lld\n", static_cast<long long>(record.time));
             });
             if (!is_read) {
-                session_->complain(std::string("temporary file: ") + std::strerror(errno));
+                session_->spoil(std::string("temporary file: ") + std::strerror(errno));
             }
         }
     }
@@ -145,7 +143,6 @@ class Series {
     Session *session_;
     Output *output_;
     std::vector<One> all_;
-    bool has_failed_ = false;
 };
 
 void export_lines(Session *session, Output *output) {
@@ -166,18 +163,19 @@ void export_lines(Session *session, Output *output) {
 
 } // namespace
 
+std::string quoted_label(const std::string &text) {
+    std::string result;
+    for (const char each : utf8_text(text)) {
+        const bool is_plain = static_cast<unsigned char>(each) >= ' ' && each != 127;
+        result += each == '"' || each == '\\' ? std::string{'\\', each} : std::string(1, is_plain ? each : '?');
+    }
+    return result;
+}
+
 std::string label_text(const std::string &station, const Definition &check) {
-    const auto quoted = [](const std::string &text) {
-        std::string result;
-        for (const char each : text) {
-            const bool is_plain = static_cast<unsigned char>(each) >= ' ' && each != 127;
-            result += each == '"' || each == '\\' ? std::string{'\\', each} : std::string(1, is_plain ? each : '?');
-        }
-        return result;
-    };
-    return (station.empty() ? "" : "station=\"" + quoted(station) + "\",") + "issue=\"" +
+    return (station.empty() ? "" : "station=\"" + quoted_label(station) + "\",") + "issue=\"" +
            issue_text(check.check.issue) + "\",index=\"" + std::to_string(check.check.index) + "\",check=\"" +
-           quoted(utf8_text(check.name)) + "\"";
+           quoted_label(check.name) + "\"";
 }
 
 int export_records(Session *session) {
@@ -188,7 +186,9 @@ int export_records(Session *session) {
         for (const StationFiles &station : session->stations()) {
             series.add_station(station);
         }
-        series.write();
+        if (!session->is_spoiled()) {
+            series.write();
+        }
     } else {
         export_lines(session, &output);
     }

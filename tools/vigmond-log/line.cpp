@@ -14,7 +14,7 @@ constexpr std::array<const char *, STATE_COUNT> LABELS{"OK", "WARN", "FAIL", "IN
 constexpr std::size_t STAMP_LENGTH = 19;
 constexpr std::size_t LONGEST_TEXT = 1024; // of a name, parameter or command line that is kept
 
-/// A whole number and nothing else, as printf writes it.
+/// A whole number as printf writes it, and nothing else.
 template <typename Number> bool read_number(std::string_view text, Number *number) {
     const char *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, *number);
@@ -58,10 +58,10 @@ std::optional<LocalTime> read_minute(const char *text) {
         month < 1 || month > 12 || hour > 23 || minute > 59 || day < 1 || day > days_in(century * 100 + year, month)) {
         return std::nullopt;
     }
-    return (days_since_1970(century * 100 + year, month, day) * 24 + hour) * 3600 + minute * 60;
+    return (days_since_1970(century * 100 + year, month, day) * 24 + hour) * 3600 + std::int64_t{minute} * 60;
 }
 
-/// The text before the next tab, which is taken off `rest` together with the tab.
+/// Removes the text up to and including the next tab from `rest`; returns it without the tab.
 std::string_view take_field(std::string_view *rest) {
     const std::size_t tab = rest->find('\t');
     const std::string_view field = rest->substr(0, tab);
@@ -209,9 +209,9 @@ bool CommentReader::read_marker(std::string_view line, const Fields &fields) {
 }
 
 void CommentReader::read_headings(const Fields &upper, const Fields &lower) {
-    constexpr std::array<const char *, COLUMNS> headings{"name ",    "ID ",      "ID index", "inter- val", "min fail",
-                                                         "min warn", "max warn", "max fail", "param "};
-    for (std::size_t column = 0; column < COLUMNS; ++column) {
+    constexpr std::array<const char *, COLUMN_COUNT> headings{
+        "name ", "ID ", "ID index", "inter- val", "min fail", "min warn", "max warn", "max fail", "param "};
+    for (std::size_t column = 0; column < COLUMN_COUNT; ++column) {
         position_[column] = MOST_FIELDS;
         for (std::size_t at = 0; at < upper.count; ++at) {
             const std::string_view below = at < lower.count ? trimmed(lower.texts[at]) : "";
@@ -228,20 +228,20 @@ std::string_view CommentReader::field(const Fields &fields, Column column) const
 }
 
 bool CommentReader::read_definition(std::string_view line, const Fields &fields) {
-    const std::optional<std::int16_t> number = issue_of(field(fields, issue));
+    const std::optional<std::int16_t> number = issue_of(field(fields, COLUMN_ISSUE));
     std::uint16_t index_number = 0;
-    if (!number || !read_number(field(fields, index), &index_number)) {
+    if (!number || !read_number(field(fields, COLUMN_INDEX), &index_number)) {
         return false;
     }
     definition_.check = {.issue = *number, .index = index_number};
-    definition_.name = field(fields, name).substr(0, LONGEST_TEXT);
-    definition_.interval = optional_number(field(fields, interval));
-    definition_.minfail = optional_number(field(fields, minfail));
-    definition_.minwarn = optional_number(field(fields, minwarn));
-    definition_.maxwarn = optional_number(field(fields, maxwarn));
-    definition_.maxfail = optional_number(field(fields, maxfail));
-    const std::size_t at = position_[parameter];
-    std::string_view text = field(fields, parameter);
+    definition_.name = field(fields, COLUMN_NAME).substr(0, LONGEST_TEXT);
+    definition_.interval = optional_number(field(fields, COLUMN_INTERVAL));
+    definition_.minfail = optional_number(field(fields, COLUMN_MINFAIL));
+    definition_.minwarn = optional_number(field(fields, COLUMN_MINWARN));
+    definition_.maxwarn = optional_number(field(fields, COLUMN_MAXWARN));
+    definition_.maxfail = optional_number(field(fields, COLUMN_MAXFAIL));
+    const std::size_t at = position_[COLUMN_PARAMETER];
+    std::string_view text = field(fields, COLUMN_PARAMETER);
     if (at < fields.count && at == *std::max_element(position_.begin(), position_.end())) {
         const auto begin = static_cast<std::size_t>(fields.texts[at].data() - line.data());
         text = line.substr(begin); // the last column has what follows a tab in it too

@@ -1,6 +1,6 @@
 #pragma once
 
-// What one line of a status log says. Nothing here reads a file or knows a time zone.
+// Parses the lines of a status log. Reads no files and knows no time zones.
 
 #include <array>
 #include <cstddef>
@@ -21,10 +21,10 @@ const char *state_label(State state);
 /// The state of a label; none for any other text.
 std::optional<State> state_of(std::string_view label);
 
-/// The number of an issue that is not set, written as CBnn.
+/// The number of an unset issue, written as CBnn.
 inline constexpr std::int16_t UNSET_ISSUE = -1;
 
-/// What tells one check from another.
+/// Identifies a check.
 struct CheckId {
     std::int16_t issue = UNSET_ISSUE;
     std::uint16_t index = 0;
@@ -70,13 +70,13 @@ struct Marker {
     std::string command_line;
 };
 
-/// Reads records. The last time stamp is kept, because most lines repeat it.
+/// Parses records. Caches the previous line's time stamp, because most lines repeat it.
 class RecordReader {
   public:
-    /// Reads the first line of a text quickly if it looks like most records. Returns its length with the line feed, or
-    /// 0 when it has to be read with read(): `record` is then not to be used.
+    /// The fast path for most records: parses the first line of a text. Returns its length with the line feed, or 0 if
+    /// read() must parse it; `record` is then undefined.
     [[gnu::always_inline]] std::size_t read_usual(std::string_view text, Record *record);
-    /// Reads any record. False when the line, which has no line feed, is none; `record` is then not to be used.
+    /// Parses a line without its line feed. False if it is no record; `record` is then undefined.
     bool read(std::string_view line, Record *record);
 
   private:
@@ -128,7 +128,7 @@ inline std::size_t RecordReader::read_usual(std::string_view text, Record *recor
     return at == digits || *at != '\n' ? 0 : static_cast<std::size_t>(at + 1 - text.data());
 }
 
-/// "2024-05-01 10:00:00", exactly; none when that is no date and time.
+/// The time of exactly "2024-05-01 10:00:00"; none for any other form.
 std::optional<LocalTime> read_stamp(std::string_view text);
 
 /// Reads the lines that begin with "##". The columns of the table of checks are found by their headings, so that a
@@ -136,14 +136,24 @@ std::optional<LocalTime> read_stamp(std::string_view text);
 class CommentReader {
   public:
     enum class Found : std::uint8_t { nothing, definition, marker };
-    /// Takes the lines in their order. What was found is in `definition()` or `marker()` until the next call.
+    /// Takes the lines in order. The result is in `definition()` or `marker()` until the next call.
     Found read(std::string_view line);
     [[nodiscard]] const Definition &definition() const { return definition_; }
     [[nodiscard]] const Marker &marker() const { return marker_; }
 
   private:
-    enum Column : std::uint8_t { name, issue, index, interval, minfail, minwarn, maxwarn, maxfail, parameter };
-    static constexpr std::size_t COLUMNS = 9;
+    enum Column : std::uint8_t {
+        COLUMN_NAME,
+        COLUMN_ISSUE,
+        COLUMN_INDEX,
+        COLUMN_INTERVAL,
+        COLUMN_MINFAIL,
+        COLUMN_MINWARN,
+        COLUMN_MAXWARN,
+        COLUMN_MAXFAIL,
+        COLUMN_PARAMETER,
+        COLUMN_COUNT,
+    };
     static constexpr std::size_t MOST_FIELDS = 24;
     struct Fields {
         std::array<std::string_view, MOST_FIELDS> texts;
@@ -157,15 +167,15 @@ class CommentReader {
     bool read_definition(std::string_view line, const Fields &fields);
     [[nodiscard]] std::string_view field(const Fields &fields, Column column) const;
 
-    std::array<std::size_t, COLUMNS> position_{0, 1, 2, 3, 4, 5, 6, 7, 8};
-    std::string upper_headings_; ///< the line before, when it was the upper one of the two
+    std::array<std::size_t, COLUMN_COUNT> position_{0, 1, 2, 3, 4, 5, 6, 7, 8};
+    std::string upper_headings_; ///< the previous line, if it was the upper one of the two
     Definition definition_;
     Marker marker_;
 };
 
-/// How the daemon was told which records to write.
+/// Which records the daemon writes.
 enum class Level : std::uint8_t { all, warnings, failures };
-/// The level that a command line, as the log's markers have it, sets.
+/// The level set by a command line of a marker.
 Level level_of(std::string_view command_line);
 
 } // namespace vlog

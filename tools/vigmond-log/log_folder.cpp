@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <dirent.h>
 #include <map>
@@ -40,10 +41,12 @@ std::optional<Generation> generation_of(const std::string &name) {
                      [](char each) { return each >= '0' && each <= '9'; })) {
         return std::nullopt;
     }
-    return Generation{.log = name.substr(0, dot), .number = std::atoi(name.c_str() + dot + 1)};
+    int number = 0;
+    std::from_chars(name.data() + dot + 1, name.data() + end, number);
+    return Generation{.log = name.substr(0, dot), .number = number};
 }
 
-/// The numbers of the generations by the log's name; the log itself is -1.
+/// The numbers of the generations by log name; the log itself is -1.
 using Logs = std::map<std::string, std::set<int>>;
 
 std::optional<Logs> logs_in(const std::string &path) {
@@ -80,7 +83,7 @@ bool exists(const std::string &path) {
     return stat(path.c_str(), &status) == 0;
 }
 
-/// The last part of a path, as the name of a station.
+/// The name of a station: the last part of the path.
 std::string name_of(std::string path) {
     const std::unique_ptr<char, FreeMemory> real(realpath(path.c_str(), nullptr));
     if (real != nullptr) {
@@ -92,7 +95,7 @@ std::string name_of(std::string path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-/// What goes into labels, file names and commands without being quoted.
+/// Whether labels, file names and commands can use the name without quotes.
 bool is_station_name(const std::string &name) {
     return !name.empty() && std::none_of(name.begin(), name.end(), [](char each) {
         return static_cast<unsigned char>(each) <= ' ' || each == 127 || std::strchr("\"'\\<>&", each) != nullptr;
@@ -109,31 +112,31 @@ class Arguments {
         const std::string name = argument.substr(0, equals);
         const std::string path = argument.substr(equals + 1);
         if (!is_station_name(name)) {
-            problem = "'" + name + "' is no name for a station: it must not be empty, nor have blanks or quotes in it";
-            is_usage = true;
+            problem_ = "'" + name + "' is not a station name: it must not be empty or contain blanks or quotes";
+            is_usage_ = true;
             return false;
         }
         if (is_folder(path) ? !add_folder(name, path) : !is_readable(path)) {
             return false;
         }
         if (!is_folder(path)) {
-            stations.push_back({.name = name, .paths = {path}});
+            stations_.push_back({.name = name, .paths = {path}});
         }
-        stations.back().is_named = true;
+        stations_.back().is_named = true;
         return true;
     }
 
-    std::vector<StationFiles> stations;
-    std::string problem;
-    bool is_usage = false;
+    [[nodiscard]] const std::vector<StationFiles> &stations() const { return stations_; }
+    [[nodiscard]] const std::string &problem() const { return problem_; }
+    [[nodiscard]] bool is_usage() const { return is_usage_; }
 
   private:
     bool add_folder(const std::string &name, const std::string &folder) {
-        const std::optional<std::vector<std::string>> paths = log_paths(folder, &problem);
+        const std::optional<std::vector<std::string>> paths = log_paths(folder, &problem_);
         if (!paths) {
             return false;
         }
-        stations.push_back({.name = name, .paths = *paths});
+        stations_.push_back({.name = name, .paths = *paths});
         return std::all_of(paths->begin(), paths->end(), [this](const std::string &path) { return is_readable(path); });
     }
 
@@ -146,23 +149,26 @@ class Arguments {
             return true;
         }
         if (!files_) {
-            files_ = stations.size();
-            stations.push_back({.name = path == "-" ? "-" : name_of(path), .paths = {}});
+            files_ = stations_.size();
+            stations_.push_back({.name = path == "-" ? "-" : name_of(path), .paths = {}});
         }
-        stations[*files_].paths.push_back(path);
+        stations_[*files_].paths.push_back(path);
         return true;
     }
 
     bool is_readable(const std::string &path) {
         if (path != "-" && access(path.c_str(), R_OK) != 0) {
-            problem = path + ": " + std::strerror(errno);
+            problem_ = path + ": " + std::strerror(errno);
             return false;
         }
         return true;
     }
 
+    std::vector<StationFiles> stations_;
+    std::string problem_;
+    bool is_usage_ = false;
     std::set<std::pair<dev_t, ino_t>> seen_;
-    std::optional<std::size_t> files_; ///< the station of all files without one
+    std::optional<std::size_t> files_; ///< the station of all files without a name
 };
 
 } // namespace
@@ -200,12 +206,12 @@ std::optional<std::vector<StationFiles>> stations_of(const std::vector<std::stri
     Arguments all;
     for (const std::string &argument : arguments) {
         if (!all.take(argument)) {
-            *problem = all.problem;
-            *is_usage = all.is_usage;
+            *problem = all.problem();
+            *is_usage = all.is_usage();
             return std::nullopt;
         }
     }
-    return all.stations;
+    return all.stations();
 }
 
 } // namespace vlog

@@ -11,7 +11,7 @@ namespace vlog {
 
 namespace {
 
-/// What the signal handler removes. It only reads it, and it is set and cleared with the signals blocked.
+/// The file that the signal handler removes. Changed only while the signals are blocked.
 constinit std::array<char, 4096> unfinished_file{};
 
 constexpr std::array ENDING_SIGNALS{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
@@ -22,26 +22,26 @@ void remove_and_end(int signo) {
     raise(signo);
 }
 
-/// Holds back the signals that end the program, so that none comes between a file and what removes it.
-class HeldSignals {
+/// Blocks the signals that end the program, so that none arrives between creating a file and registering it.
+class ScopedSignalBlock {
   public:
-    HeldSignals() {
-        sigset_t held;
-        sigemptyset(&held);
+    ScopedSignalBlock() {
+        sigset_t blocked;
+        sigemptyset(&blocked);
         for (const int signo : ENDING_SIGNALS) {
-            sigaddset(&held, signo);
+            sigaddset(&blocked, signo);
         }
-        pthread_sigmask(SIG_BLOCK, &held, &before_);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before_);
     }
-    ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    HeldSignals(const HeldSignals &) = delete;
-    HeldSignals &operator=(const HeldSignals &) = delete;
+    ~ScopedSignalBlock() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    ScopedSignalBlock(const ScopedSignalBlock &) = delete;
+    ScopedSignalBlock &operator=(const ScopedSignalBlock &) = delete;
 
   private:
     sigset_t before_{};
 };
 
-/// Tells the handler what to remove: nothing for an empty text. The signals have to be held.
+/// Sets the file that the handler removes; none if empty. The signals must be blocked.
 void set_unfinished(const std::string &path) {
     std::snprintf(unfinished_file.data(), unfinished_file.size(), "%s", path.c_str());
     for (const int signo : ENDING_SIGNALS) {
@@ -54,7 +54,7 @@ void set_unfinished(const std::string &path) {
     }
 }
 
-/// The length of the UTF-8 character at the front; 0 when there is none.
+/// The length of the UTF-8 character at the front; 0 if it is invalid.
 std::size_t utf8_length(std::string_view text) {
     const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
     const std::size_t length = byte(0) < 0x80                      ? 1
@@ -70,7 +70,7 @@ std::size_t utf8_length(std::string_view text) {
             return 0;
         }
     }
-    if (length > 2) { // neither longer than needed, nor a surrogate, nor beyond the last
+    if (length > 2) { // overlong, a surrogate, or above U+10FFFF
         const unsigned front = byte(0) * 256U + byte(1);
         const bool is_bad = (front >= 0xE080 && front < 0xE0A0) || (front >= 0xEDA0 && front < 0xEE00) ||
                             (front >= 0xF080 && front < 0xF090) || front >= 0xF490;
@@ -88,7 +88,7 @@ Output::Output(std::string path) : path_(std::move(path)) {
     const std::size_t slash = path_.rfind('/');
     const std::size_t name = slash == std::string::npos ? 0 : slash + 1;
     temporary_ = path_.substr(0, name) + "." + path_.substr(name) + ".XXXXXX";
-    const HeldSignals held;
+    const ScopedSignalBlock block;
     Descriptor file(mkostemp(temporary_.data(), O_CLOEXEC));
     if (!file) {
         problem_ = path_ + ": " + std::strerror(errno);
@@ -104,7 +104,7 @@ Output::Output(std::string path) : path_(std::move(path)) {
 
 Output::~Output() {
     if (!temporary_.empty()) {
-        const HeldSignals held;
+        const ScopedSignalBlock block;
         unlink(temporary_.c_str());
         set_unfinished("");
     }
@@ -128,7 +128,7 @@ bool Output::finish() {
         return false;
     }
     if (!temporary_.empty()) {
-        const HeldSignals held;
+        const ScopedSignalBlock block;
         temporary_.clear();
         set_unfinished("");
     }
@@ -157,7 +157,7 @@ std::string json_text(std::string_view text) {
             result += "\\ufffd";
         } else if (first == '"' || first == '\\') {
             result += {'\\', text.front()};
-        } else if (first < ' ' || first == '<' || first == '>' || first == '&' || first == 127) { // also within a page
+        } else if (first < ' ' || first == '<' || first == '>' || first == '&' || first == 127) { // < > & for HTML
             std::snprintf(escaped.data(), escaped.size(), "\\u%04x", first);
             result += escaped.data();
         } else {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Where results go: standard output, or a file that appears when it is complete.
+// Standard output, or a file that appears when it is complete.
 
 #include "handle.h"
 
@@ -12,8 +12,8 @@ namespace vlog {
 
 class Output {
   public:
-    /// Standard output when `path` is empty. Otherwise a new file in the same folder, which takes the place of `path`
-    /// at the end, and of which nothing is left if that is not reached, also not by a signal.
+    /// Standard output if `path` is empty. Otherwise a temporary file in the same folder, which finish() renames to
+    /// `path`. It is removed on failure, also by a signal.
     explicit Output(std::string path);
     ~Output();
     Output(const Output &) = delete;
@@ -21,10 +21,10 @@ class Output {
 
     void write(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stream()); }
     [[gnu::format(printf, 2, 3)]] void print(const char *format, ...);
-    /// Ends the output: false when something could not be written, of which `problem()` then tells.
+    /// Completes the output. False if something could not be written; `problem()` says why.
     bool finish();
     [[nodiscard]] const std::string &problem() const { return problem_; }
-    /// Whether a person looks at it.
+    /// Whether the output goes to a terminal.
     [[nodiscard]] bool is_terminal() const;
 
   private:
@@ -36,9 +36,9 @@ class Output {
     std::string problem_;
 };
 
-/// The text as it stands between the quotes of a JSON string; what is no UTF-8 is replaced.
+/// The text of a JSON string, without the quotes; invalid UTF-8 is replaced.
 std::string json_text(std::string_view text);
-/// The text with what is no UTF-8 replaced.
+/// The text with invalid UTF-8 replaced.
 std::string utf8_text(std::string_view text);
 /// "1d 2h 3min 4s".
 std::string duration_text(std::int64_t seconds);

@@ -1,6 +1,6 @@
 #pragma once
 
-// The parts of plot that have nothing to do with files.
+// The parts of plot that do not use files.
 
 #include "spool.h"
 #include "zone.h"
@@ -12,13 +12,13 @@
 
 namespace vlog {
 
-/// Packs the records of a check for the page: of each, the change of the step of time, its state and whether it has a
-/// value, then the change of the value; numbers of seven bits a byte, in base64.
+/// Packs the records of a check for the page. A record is the change of the time step, with the state and whether there
+/// is a value, then the change of the value. Numbers have seven bits per byte; the bytes are in base64.
 class RecordPacker {
   public:
-    /// Appends to `text` what is complete.
+    /// Appends the complete bytes to `text`.
     void add(const SpooledRecord &record, std::string *text);
-    /// Appends what is left.
+    /// Appends the remaining bits.
     void finish(std::string *text);
     [[nodiscard]] Moment begin() const { return begin_; }
     [[nodiscard]] std::uint64_t count() const { return count_; }
@@ -32,16 +32,16 @@ class RecordPacker {
     std::int64_t step_ = 0;
     std::int64_t value_ = 0;
     std::uint64_t count_ = 0;
-    unsigned bits_ = 0;  ///< not yet in the text
-    unsigned width_ = 0; ///< how many
+    unsigned bits_ = 0;  ///< not yet written
+    unsigned width_ = 0; ///< number of bits
 };
 
-/// Lets through few records of each group of so many, but always those with the least and the greatest value and the
-/// worst state, so that nothing that stands out is lost. A group of one is every record.
+/// Keeps at most three of 3 * `group` records: those with the least and greatest value and the worst state, so that
+/// outliers remain. A group of 1 keeps all.
 class Thinner {
   public:
     explicit Thinner(std::uint64_t group) : group_(group) {}
-    /// Calls `keep` for records that are let through, in their order.
+    /// Calls `keep` for the records kept, in order of time.
     template <typename Keep> void add(const SpooledRecord &record, const Keep &keep) {
         if (group_ <= 1) {
             keep(record);
@@ -78,7 +78,7 @@ class Thinner {
     SpooledRecord worst_{};
 };
 
-/// The text as it stands in an HTML page.
+/// The text escaped for HTML.
 std::string html_text(std::string_view text);
 
 } // namespace vlog

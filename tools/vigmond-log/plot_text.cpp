@@ -5,7 +5,7 @@ namespace vlog {
 
 namespace {
 
-/// Signed numbers as unsigned ones, those near zero as small ones.
+/// Maps signed numbers to unsigned ones, small absolute values to small numbers.
 std::uint64_t folded(std::int64_t number) {
     return number < 0 ? static_cast<std::uint64_t>(-number) * 2 - 1 : static_cast<std::uint64_t>(number) * 2;
 }
@@ -38,7 +38,7 @@ void RecordPacker::add(const SpooledRecord &record, std::string *text) {
         time_ = record.time;
     }
     const std::int64_t step = record.time - time_;
-    put(folded(step - step_) * 8 + record.state * 2U + (record.readable == 0 ? 1 : 0), text);
+    put(folded(step - step_) * 8 + std::uint64_t{record.state} * 2 + (record.readable == 0 ? 1 : 0), text);
     step_ = step;
     time_ = record.time;
     if (record.readable != 0) {

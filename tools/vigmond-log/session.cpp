@@ -7,13 +7,14 @@
 #include <cstdio>
 #include <ctime>
 #include <sys/stat.h>
+#include <utility>
 
 namespace vlog {
 
 namespace {
 
 constexpr const char *OWN_LOG = "/var/lib/evse/vigmond";
-constexpr unsigned EVENTS_A_LOOK = 4096; // at the clock, for the progress bar
+constexpr unsigned EVENTS_PER_UPDATE = 4096; // of the progress bar
 
 std::uint64_t size_of(const std::vector<StationFiles> &stations) {
     std::uint64_t size = 0;
@@ -31,9 +32,8 @@ std::uint64_t size_of(const std::vector<StationFiles> &stations) {
 
 } // namespace
 
-Progress::Progress(std::uint64_t total)
-    : total_(total), is_terminal_(isatty(STDERR_FILENO) == 1),
-      next_(std::chrono::steady_clock::now() + std::chrono::seconds(1)) {}
+Progress::Progress(std::uint64_t total, std::chrono::milliseconds delay)
+    : total_(total), is_terminal_(isatty(STDERR_FILENO) == 1), next_(std::chrono::steady_clock::now() + delay) {}
 
 Progress::~Progress() {
     if (is_shown_) {
@@ -49,10 +49,10 @@ void Progress::show() {
     next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
     is_shown_ = true;
     if (total_ == 0) {
-        std::fprintf(stderr, "\r%llu MB read\033[K", static_cast<unsigned long long>(read / 1000000));
+        std::fprintf(stderr, "\r%llu MB read\033[K", static_cast<unsigned long long>(read_ / 1000000));
         return;
     }
-    const std::uint64_t part = std::min(read.load(), total_);
+    const std::uint64_t part = std::min(read_.load(), total_);
     const auto filled = static_cast<std::size_t>(part * width / total_);
     std::fprintf(stderr, "\r[%s%s] %3u %%\033[K", std::string(filled, '#').c_str(),
                  std::string(width - filled, ' ').c_str(), static_cast<unsigned>(part * 100 / total_));
@@ -60,25 +60,22 @@ void Progress::show() {
 
 Session::Session(const Arguments &arguments, Moment now) : arguments_(arguments) {
     if (!zone_set(arguments.timezone)) {
-        complain("'" + arguments.timezone + "' is no time zone: give one like Europe/Berlin", WRONG_USAGE);
-    } else if (take_range(now)) {
+        complain("'" + arguments.timezone + "' is not a time zone: give one like Europe/Berlin", WRONG_USAGE);
+    } else if (take_time(arguments.since, now, &since_) && take_time(arguments.until, now, &until_)) {
         take_stations();
     }
     progress_ = std::make_unique<Progress>(size_of(stations_));
 }
 
-bool Session::take_range(Moment now) {
-    for (const auto &[text, moment] : {std::pair(&arguments_.since, &since_), std::pair(&arguments_.until, &until_)}) {
-        if (!text->empty()) {
-            *moment = moment_of_argument(*text, now);
-            if (!*moment) {
-                complain("'" + *text + "' is no time: give one like \"2024-05-01 10:00\", yesterday or -2h",
-                         WRONG_USAGE);
-                return false;
-            }
-        }
+bool Session::take_time(const std::string &text, Moment now, std::optional<Moment> *moment) {
+    if (text.empty()) {
+        return true;
     }
-    return true;
+    *moment = moment_of_argument(text, now);
+    if (!*moment) {
+        complain("'" + text + "' is not a time: give one like \"2024-05-01 10:00\", yesterday or -2h", WRONG_USAGE);
+    }
+    return moment->has_value();
 }
 
 void Session::take_stations() {
@@ -101,14 +98,14 @@ void Session::complain(const std::string &text, int status) {
 }
 
 void Session::read(const StationFiles &station, const Visit &visit, const AtEnd &at_end) {
-    StationLog log(station, threads_to_use(), &progress_->read,
+    StationLog log(station, threads_to_use(), progress_->counter(),
                    [this](const std::string &path, const std::string &problem) { complain(path + ": " + problem); });
     bool is_empty = true;
     unsigned count = 0;
     Event event;
     while (log.next(&event)) {
         is_empty = false;
-        if (++count % EVENTS_A_LOOK == 0) {
+        if (++count % EVENTS_PER_UPDATE == 0) {
             progress_->show();
         }
         if ((!since_ || event.time >= *since_) && (!until_ || event.time < *until_)) {
@@ -116,7 +113,7 @@ void Session::read(const StationFiles &station, const Visit &visit, const AtEnd 
         }
     }
     if (is_empty) {
-        complain(station.paths.front() + ": there is nothing of a status log in it");
+        complain(station.paths.front() + ": not a status log");
         return;
     }
     has_read_ = true;
@@ -125,9 +122,15 @@ void Session::read(const StationFiles &station, const Visit &visit, const AtEnd 
     }
 }
 
-/// A file that is there already is not replaced by nothing.
+void Session::spoil(const std::string &text) {
+    if (!std::exchange(is_spoiled_, true)) {
+        complain(text);
+    }
+}
+
+/// Keeps an existing file if nothing was read.
 int Session::finish(Output *output) {
-    if (has_read_ && !output->finish()) {
+    if (has_read_ && !is_spoiled_ && !output->finish()) {
         complain(output->problem());
     }
     return status_;
@@ -137,7 +140,7 @@ int run(int argc, char **argv) {
     std::string problem;
     const std::optional<Arguments> arguments = read_arguments(argc, argv, &problem);
     if (!arguments) {
-        std::fprintf(stderr, "vigmond-log: %s\nvigmond-log --help shows what there is.\n", problem.c_str());
+        std::fprintf(stderr, "vigmond-log: %s\nTry 'vigmond-log --help'.\n", problem.c_str());
         return WRONG_USAGE;
     }
     if (arguments->help || arguments->version) {
@@ -157,7 +160,7 @@ int run(int argc, char **argv) {
         return changes(&session);
     case Command::plot:
         return plot(&session);
-    case Command::export_:
+    case Command::export_data:
         return arguments->textfile.empty() ? export_records(&session) : export_textfile(&session, now);
     default:
         return summary(&session);

@@ -1,6 +1,6 @@
 #pragma once
 
-// One run of vigmond-log: what all of its commands share.
+// One run of vigmond-log: what its commands share.
 
 #include "arguments.h"
 #include "output.h"
@@ -18,19 +18,21 @@ inline constexpr int DONE = 0;
 inline constexpr int UNREADABLE = 1;
 inline constexpr int WRONG_USAGE = 2;
 
-/// A bar on standard error, if that is a terminal, once reading has taken a second.
+/// A progress bar on standard error, if that is a terminal and reading takes longer than a second.
 class Progress {
   public:
-    /// `total` is the size of all files in bytes; 0 when it is not known.
-    explicit Progress(std::uint64_t total);
+    /// `total` is the size of all files in bytes; 0 if unknown. The bar appears after `delay`.
+    explicit Progress(std::uint64_t total, std::chrono::milliseconds delay = std::chrono::seconds(1));
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
-    /// Shows what has been read so far, if it is time to.
+    /// Updates the bar if it is due.
     void show();
-    std::atomic<std::uint64_t> read = 0;
+    /// The bytes read so far, counted by the reading threads.
+    std::atomic<std::uint64_t> *counter() { return &read_; }
 
   private:
+    std::atomic<std::uint64_t> read_ = 0;
     std::uint64_t total_;
     bool is_terminal_;
     bool is_shown_ = false;
@@ -40,41 +42,43 @@ class Progress {
 /// Reads the stations that the arguments name.
 class Session {
   public:
-    /// `now` is the present moment, to which times like "yesterday" refer.
+    /// Times like "yesterday" are relative to `now`.
     Session(const Arguments &arguments, Moment now);
 
-    /// False when nothing can be read; what is wrong has been said.
+    /// False if nothing can be read; the reason was printed.
     [[nodiscard]] bool is_ready() const { return status_ == DONE; }
     [[nodiscard]] const std::vector<StationFiles> &stations() const { return stations_; }
     [[nodiscard]] const Arguments &arguments() const { return arguments_; }
 
     using Visit = std::function<void(const Event &event, const StationLog &log)>;
     using AtEnd = std::function<void(const StationLog &log)>;
-    /// Calls `visit` for each event of the station in the range of time that was asked for, and then `at_end`. What is
-    /// wrong with the files is said. When they hold nothing of a status log, neither is called.
+    /// Calls `visit` for each event of the station in the requested range of time, then `at_end`. Prints what is wrong
+    /// with the files. Calls neither if they are not a status log.
     void read(const StationFiles &station, const Visit &visit, const AtEnd &at_end = nullptr);
-    /// Whether the arguments ask for this check.
+    /// Whether the arguments select this check.
     [[nodiscard]] bool is_asked_for(const Definition &check) const {
         return !arguments_.issue || *arguments_.issue == check.check.issue;
     }
-
-    /// Whether they ask for this record.
+    /// Whether the arguments select this record.
     [[nodiscard]] bool is_asked(const Event &event, const StationLog &log) const {
         return is_asked_for(log.checks()[event.check]) && (!arguments_.state || *arguments_.state == event.state);
     }
 
-    /// Says something on standard error that is no failure.
+    /// Prints a message that is not an error.
     static void note(const std::string &text);
-    /// Something was read past read().
+    /// Records that something was read without read().
     void note_read() { has_read_ = true; }
-    /// Says what went wrong on standard error, and keeps the status.
+    /// Prints an error and sets the exit status.
     void complain(const std::string &text, int status = UNREADABLE);
-    /// Ends the output and returns the exit status.
+    /// Prints the first of these errors. The output would be incomplete: finish() discards it.
+    void spoil(const std::string &text);
+    [[nodiscard]] bool is_spoiled() const { return is_spoiled_; }
+    /// Completes the output and returns the exit status.
     int finish(Output *output);
     [[nodiscard]] int status() const { return status_; }
 
   private:
-    bool take_range(Moment now);
+    bool take_time(const std::string &text, Moment now, std::optional<Moment> *moment);
     void take_stations();
 
     const Arguments &arguments_;
@@ -82,11 +86,12 @@ class Session {
     std::optional<Moment> since_;
     std::optional<Moment> until_;
     std::unique_ptr<Progress> progress_;
-    bool has_read_ = false; ///< something
+    bool has_read_ = false;
+    bool is_spoiled_ = false;
     int status_ = DONE;
 };
 
-/// Runs vigmond-log; the exit status.
+/// Runs vigmond-log; returns the exit status.
 int run(int argc, char **argv);
 
 // The commands. Each returns the exit status.
@@ -98,7 +103,9 @@ int plot(Session *session);
 int export_records(Session *session);
 int export_textfile(Session *session, Moment now);
 
-/// The labels of a check's series, without the braces; without a station when that is empty.
+/// The text as the value of a label, without the quotes.
+std::string quoted_label(const std::string &text);
+/// The labels of a check's series, without the braces; without a station if that is empty.
 std::string label_text(const std::string &station, const Definition &check);
 
 } // namespace vlog

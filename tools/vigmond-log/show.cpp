@@ -4,7 +4,7 @@ namespace vlog {
 
 namespace {
 
-/// The present second as text, made once for all records of it.
+/// The text of a time, cached because many records have the same one.
 class Stamp {
   public:
     const std::string &of(Moment time) {
@@ -34,7 +34,7 @@ void show_record(const Event &event, CheckId check, const std::string &stamp, Ou
 
 } // namespace
 
-/// The records as the log has them, with the station before them when there are several.
+/// The records as in the log; with several stations each line starts with the station.
 int show(Session *session) {
     Output output(session->arguments().output);
     const bool is_one = session->stations().size() == 1;

@@ -1,6 +1,6 @@
 #pragma once
 
-// The text of one file, plain or packed with bzip2, piece by piece.
+// The text of one file, plain or compressed with bzip2.
 
 #include "handle.h"
 
@@ -25,10 +25,10 @@ class Source {
     Source(const Source &) = delete;
     Source &operator=(const Source &) = delete;
 
-    /// Fills the buffer with the next of the text and returns how much came: 0 at the end, also at that of what can
-    /// be read of a damaged file.
+    /// Fills the buffer with the next part of the text and returns its size; 0 at the end, or where a damaged file
+    /// becomes unreadable.
     std::size_t read(std::span<char> buffer);
-    /// What was wrong with the file, for people; empty as long as nothing was.
+    /// What is wrong with the file; empty if nothing is.
     [[nodiscard]] const std::string &problem() const { return problem_; }
 
   private:

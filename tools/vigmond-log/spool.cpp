@@ -10,7 +10,7 @@ FileHandle temporary_file() {
     const char *const folder = std::getenv("TMPDIR");
     const std::string path = folder == nullptr || *folder == '\0' ? "/tmp" : folder;
     Descriptor file(open(path.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    if (!file) { // not every file system has files without a name
+    if (!file) { // not all file systems support unnamed files
         std::string name = path + "/vigmond-log.XXXXXX";
         file = Descriptor(mkostemp(name.data(), O_CLOEXEC));
         if (file) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Records put aside in a file without a name, because there may be more than fit into memory.
+// Records in an unnamed temporary file, because there may be more than fit into memory.
 
 #include "handle.h"
 #include "zone.h"
@@ -12,10 +12,10 @@
 
 namespace vlog {
 
-/// A new file in $TMPDIR that has no name, so that nothing is left of it; none, with errno, when there cannot be one.
+/// A new unnamed file in $TMPDIR; empty on failure, with errno set.
 FileHandle temporary_file();
 
-/// Allows as many open files as the system lets this process have: each check of each station may need one.
+/// Raises the limit of open files to its maximum: each check of each station may need one.
 void allow_many_files();
 
 struct SpooledRecord {
@@ -28,7 +28,7 @@ static_assert(sizeof(SpooledRecord) == 16);
 
 class Spool {
   public:
-    /// False, with errno, when there is no room.
+    /// False on failure, with errno set.
     bool add(const SpooledRecord &record) {
         if (!file_) {
             file_ = temporary_file();
@@ -38,7 +38,7 @@ class Spool {
     }
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
-    /// Calls `visit` for each record in its order; false, with errno, when they cannot be read.
+    /// Calls `visit` for each record in order. False on failure, with errno set.
     bool read(const std::function<void(const SpooledRecord &)> &visit) {
         if (!file_) {
             return count_ == 0;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The log of one station: its records and events in their order, with moments instead of local times. Memory stays the
-// same however long the log is.
+// The log of one station: its records and events in order, with moments instead of local times. Memory use does not
+// depend on the length of the log.
 
 #include "unpacker.h"
 #include "zone.h"
@@ -15,7 +15,7 @@
 
 namespace vlog {
 
-/// Checks of one station. What a log has beyond them is counted as foreign.
+/// Limit of checks per station. Records of further checks count as foreign lines.
 inline constexpr std::size_t MOST_CHECKS = 256;
 
 enum class EventKind : std::uint8_t { record, start, rotate, finished };
@@ -23,16 +23,16 @@ enum class EventKind : std::uint8_t { record, start, rotate, finished };
 struct Event {
     EventKind kind = EventKind::record;
     Moment time = 0;
-    bool is_set_back = false; ///< the clock went back by `set_back` before it
+    bool is_set_back = false; ///< the clock was set back by `set_back` before this event
     Moment set_back = 0;
 
     // of a record
-    std::size_t check = 0; ///< its place in StationLog::checks()
+    std::size_t check = 0; ///< index in StationLog::checks()
     State state = State::ok;
     bool readable = false;
     std::int32_t value = 0;
 
-    bool is_unclean = false; ///< of a start: the daemon before it was killed, or lost its power
+    bool is_unclean = false; ///< of a start: the previous daemon was killed or lost power
 };
 
 /// The files of a station, oldest first.
@@ -42,36 +42,36 @@ struct StationFiles {
     bool is_named = false; ///< by an argument like STATION=FOLDER
 };
 
-/// What was counted while a log was read.
+/// Counters of a log that was read.
 struct LogCounts {
     std::uint64_t records = 0;
     std::uint64_t foreign_lines = 0;
-    std::uint64_t repeated = 0; ///< records that were there twice, and left out
+    std::uint64_t repeated = 0; ///< duplicate records, which are skipped
     std::uint64_t starts = 0;
     std::uint64_t unclean_ends = 0;
 };
 
 class StationLog {
   public:
-    /// Called for each file that could not be read whole: its path and what is wrong with it.
+    /// Called for each file that could not be read completely, with its path and the problem.
     using Complaint = std::function<void(const std::string &path, const std::string &problem)>;
 
     StationLog(const StationFiles &files, unsigned threads, std::atomic<std::uint64_t> *read_so_far,
                Complaint complain);
 
-    /// Fills in the next event; false at the end. A definition that changes is in `checks()` from the next event on.
+    /// Stores the next event; false at the end. A changed definition is in `checks()` from the next event on.
     bool next(Event *event);
 
-    /// The checks seen so far, in the order of the table of checks or else of their records.
+    /// The checks seen so far, in order of their first appearance.
     [[nodiscard]] const std::vector<Definition> &checks() const { return checks_; }
     [[nodiscard]] const LogCounts &counts() const { return counts_; }
-    /// Which records the daemon was told to write.
+    /// Which records the daemon writes.
     [[nodiscard]] Level level() const { return level_; }
-    /// How it was started.
+    /// The command line of the daemon.
     [[nodiscard]] const std::string &command_line() const { return command_line_; }
 
   private:
-    static constexpr std::size_t SLOTS = 1024; ///< of the table that finds checks
+    static constexpr std::size_t SLOTS = 1024; ///< of the hash table of checks
     static constexpr std::size_t NO_PLACE = MOST_CHECKS;
 
     struct Slot {
@@ -113,7 +113,7 @@ class StationLog {
     LogCounts counts_;
     Level level_ = Level::all;
     std::string command_line_;
-    bool is_running_ = false; ///< there were signs of life since the last FINISHED
+    bool is_running_ = false; ///< there were events since the last FINISHED
 };
 
 } // namespace vlog

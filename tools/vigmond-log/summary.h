@@ -1,6 +1,6 @@
 #pragma once
 
-// What a station's log amounts to.
+// The summary of a station's log.
 
 #include "session.h"
 #include "timeline.h"
@@ -18,7 +18,7 @@ struct CheckSummary {
     std::uint64_t samples = 0;
     std::uint64_t unreadable = 0;
     std::optional<std::int32_t> min;
-    std::optional<std::int32_t> median; ///< this and p95 are values that occurred
+    std::optional<std::int32_t> median; ///< median and p95 are values that occurred
     std::optional<std::int32_t> p95;
     std::optional<std::int32_t> max;
     std::array<std::int64_t, STATE_COUNT> seconds{}; ///< in each state
@@ -39,17 +39,17 @@ struct StationSummary {
     std::vector<CheckSummary> checks;
 };
 
-/// Sums up one station as the session's arguments ask for; none when it has no log.
+/// Summarises one station with the filters of the session's arguments; none if it has no log.
 std::optional<StationSummary> sum_up(Session *session, const StationFiles &station);
 
-/// How a table is to look.
+/// The layout of a table.
 struct TableStyle {
-    std::size_t width = 0; ///< of the terminal; 0 is no limit
+    std::size_t width = 0; ///< of the terminal; 0 for no limit
     bool has_colours = false;
 };
-/// One row a check, the span and the events above it.
+/// The span and the events, then one row per check.
 std::string table_text(const StationSummary &summary, const TableStyle &style);
-/// One of the stations in the JSON text.
+/// The station's element of the JSON text.
 std::string summary_json(const StationSummary &summary);
 
 } // namespace vlog

@@ -8,17 +8,32 @@ namespace vlog {
 
 namespace {
 
-enum Column : std::uint8_t { issue, name, samples, unreadable, min, median, p95, max, ok, warn, fail, changed, state };
-constexpr std::size_t COLUMNS = 13;
-constexpr std::array<const char *, COLUMNS> HEADINGS{"issue",  "check",   "samples", "unread %", "min",
-                                                     "median", "p95",     "max",     "OK %",     "WARN %",
-                                                     "FAIL %", "changes", "state"};
-/// What is left out when there is no room, the first first.
-constexpr std::array DISPENSABLE{unreadable, p95, samples, median, changed, ok, min, max, warn};
+enum Column : std::uint8_t {
+    COLUMN_ISSUE,
+    COLUMN_NAME,
+    COLUMN_SAMPLES,
+    COLUMN_UNREADABLE,
+    COLUMN_MIN,
+    COLUMN_MEDIAN,
+    COLUMN_P95,
+    COLUMN_MAX,
+    COLUMN_OK,
+    COLUMN_WARN,
+    COLUMN_FAIL,
+    COLUMN_CHANGED,
+    COLUMN_STATE,
+    COLUMN_COUNT,
+};
+constexpr std::array<const char *, COLUMN_COUNT> HEADINGS{"issue",  "check",   "samples", "unread %", "min",
+                                                          "median", "p95",     "max",     "OK %",     "WARN %",
+                                                          "FAIL %", "changes", "state"};
+/// Columns that a narrow terminal omits, in this order.
+constexpr std::array DISPENSABLE{COLUMN_UNREADABLE, COLUMN_P95, COLUMN_SAMPLES, COLUMN_MEDIAN, COLUMN_CHANGED,
+                                 COLUMN_OK,         COLUMN_MIN, COLUMN_MAX,     COLUMN_WARN};
 constexpr std::size_t LEAST_NAME = 12;
 constexpr std::size_t MOST_NAME = 60;
 
-using Row = std::array<std::string, COLUMNS>;
+using Row = std::array<std::string, COLUMN_COUNT>;
 
 std::string number_text(std::optional<std::int32_t> number) { return number ? std::to_string(*number) : "-"; }
 
@@ -30,7 +45,7 @@ std::string percent_text(double part, double whole) {
     return text.data();
 }
 
-/// What a terminal could take for a command is replaced.
+/// Replaces control characters.
 std::string printable(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](char each) { return static_cast<unsigned char>(each) < ' ' || each == 127; }, '?');
@@ -58,11 +73,11 @@ Row row_of(const CheckSummary &check) {
             check.state ? state_label(*check.state) : "-"};
 }
 
-/// The width of each column; 0 for one that is left out.
-std::array<std::size_t, COLUMNS> widths_of(const std::vector<Row> &rows, std::size_t most) {
-    std::array<std::size_t, COLUMNS> widths{};
+/// The width of each column; 0 if omitted.
+std::array<std::size_t, COLUMN_COUNT> widths_of(const std::vector<Row> &rows, std::size_t most) {
+    std::array<std::size_t, COLUMN_COUNT> widths{};
     for (const Row &row : rows) {
-        for (std::size_t column = 0; column < COLUMNS; ++column) {
+        for (std::size_t column = 0; column < COLUMN_COUNT; ++column) {
             widths[column] = std::max(widths[column], row[column].size());
         }
     }
@@ -74,8 +89,8 @@ std::array<std::size_t, COLUMNS> widths_of(const std::vector<Row> &rows, std::si
         return sum - 1;
     };
     for (std::size_t at = 0; most > 0 && total() > most;) {
-        if (widths[name] > LEAST_NAME) {
-            widths[name] -= std::min(widths[name] - LEAST_NAME, total() - most);
+        if (widths[COLUMN_NAME] > LEAST_NAME) {
+            widths[COLUMN_NAME] -= std::min(widths[COLUMN_NAME] - LEAST_NAME, total() - most);
         } else if (at < DISPENSABLE.size()) {
             widths[DISPENSABLE[at++]] = 0;
         } else {
@@ -120,20 +135,20 @@ std::string table_text(const StationSummary &summary, const TableStyle &style) {
     std::vector<Row> rows(1);
     std::copy(HEADINGS.begin(), HEADINGS.end(), rows[0].begin());
     std::transform(summary.checks.begin(), summary.checks.end(), std::back_inserter(rows), row_of);
-    const std::array<std::size_t, COLUMNS> widths = widths_of(rows, style.width);
+    const std::array<std::size_t, COLUMN_COUNT> widths = widths_of(rows, style.width);
     std::string text = heading(summary);
     for (const Row &row : rows) {
         std::string line;
-        for (std::size_t column = 0; column < COLUMNS; ++column) {
+        for (std::size_t column = 0; column < COLUMN_COUNT; ++column) {
             if (widths[column] == 0) {
                 continue;
             }
             const std::string cell = row[column].substr(0, widths[column]);
             const std::string blanks(widths[column] - cell.size(), ' ');
-            const bool is_text = column == issue || column == name || column == state;
-            line +=
-                (line.empty() ? "" : " ") +
-                (is_text ? coloured(cell, row[state], style.has_colours && column == state) + blanks : blanks + cell);
+            const bool is_text = column == COLUMN_ISSUE || column == COLUMN_NAME || column == COLUMN_STATE;
+            line += (line.empty() ? "" : " ") +
+                    (is_text ? coloured(cell, row[COLUMN_STATE], style.has_colours && column == COLUMN_STATE) + blanks
+                             : blanks + cell);
         }
         line.resize(line.find_last_not_of(' ') + 1);
         text += line + "\n";

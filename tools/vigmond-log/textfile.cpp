@@ -1,5 +1,7 @@
 #include "textfile.h"
 
+#include "raised_issues.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -10,16 +12,17 @@ namespace vlog {
 
 namespace {
 
-constexpr std::size_t HEADER_SIZE = 16384; // the table has some 3 kB, and stands at the front of every file
-constexpr std::size_t TAIL_SIZE = 131072;  // more than an hour, so that every check is in it
+constexpr std::size_t HEADER_SIZE = 16384; // every file starts with the table of checks, about 3 kB
+constexpr std::size_t TAIL_SIZE = 131072;  // more than an hour of records, so that it contains every check
 constexpr std::size_t MOST_BEFORE = 262144;
 constexpr std::int64_t MOST_SILENCE = 60; // six heartbeats
 
 constexpr const char *VALUE = "vigmond_check_value";
 constexpr const char *STATE = "vigmond_check_state";
 constexpr const char *LAST = "vigmond_check_last_record_timestamp_seconds";
+constexpr const char *RAISED = "vigmond_issue_raised";
 
-/// Up to `size` bytes from a place in the file.
+/// Up to `size` bytes of the file from offset `at`.
 std::string piece_of(const Descriptor &file, off_t at, std::size_t size) {
     std::string text(size, '\0');
     std::size_t count = 0;
@@ -51,6 +54,12 @@ class Tail {
 
     PresentLog finish() {
         found_.last = before_.value_or(0);
+        for (const Present &each : found_.checks) {
+            std::string &names = found_.issues[each.check.check.issue];
+            if (("," + names + ",").find("," + each.check.name + ",") == std::string::npos) {
+                names += (names.empty() ? "" : ",") + each.check.name;
+            }
+        }
         std::erase_if(found_.checks, [](const Present &each) { return each.time == 0; });
         return std::move(found_);
     }
@@ -101,7 +110,20 @@ class Tail {
     std::optional<Moment> before_;
 };
 
-/// The lines of a family as they were, for checks that are not among these.
+/// The family of the raised issues. The other issues of the log are 0, so that alerts resolve.
+std::string raised_lines(std::map<std::int16_t, std::string> issues, const std::set<std::int16_t> &raised) {
+    std::string text = std::string("# HELP ") + RAISED + " Whether an issue is raised.\n# TYPE " + RAISED + " gauge\n";
+    for (const std::int16_t issue : raised) {
+        issues.try_emplace(issue);
+    }
+    for (const auto &[issue, names] : issues) {
+        text += std::string(RAISED) + "{issue=\"" + issue_text(issue) + "\",label=\"" + quoted_label(names) + "\"} " +
+                (raised.contains(issue) ? "1" : "0") + "\n";
+    }
+    return text;
+}
+
+/// The old lines of a family, for checks whose labels are not among `labels`.
 std::string kept_lines(const std::string &before, const std::string &family, const std::set<std::string> &labels) {
     std::string kept;
     for (std::size_t at = 0; at < before.size();) {
@@ -127,7 +149,7 @@ std::optional<PresentLog> read_present(const std::string &path, std::string *pro
         return std::nullopt;
     }
     if (!S_ISREG(status.st_mode)) {
-        *problem = path + ": is no file";
+        *problem = path + ": not a regular file";
         return std::nullopt;
     }
     Tail tail;
@@ -140,7 +162,8 @@ std::optional<PresentLog> read_present(const std::string &path, std::string *pro
     return tail.finish();
 }
 
-std::string textfile_text(const PresentLog &log, const std::string &before, Moment now) {
+std::string textfile_text(const PresentLog &log, const std::string &before, Moment now,
+                          const std::optional<std::set<std::int16_t>> &raised) {
     std::string values =
         std::string("# HELP ") + VALUE + " The value of a check, in its own unit.\n# TYPE " + VALUE + " gauge\n";
     std::string states = std::string("# HELP ") + STATE + " The state of a check: 0 is OK, 1 WARN, 2 FAIL.\n# TYPE " +
@@ -159,8 +182,8 @@ std::string textfile_text(const PresentLog &log, const std::string &before, Mome
     }
     const bool is_up = log.is_running && (log.level != Level::all || now - log.last <= MOST_SILENCE);
     return values + kept_lines(before, VALUE, labels) + states + kept_lines(before, STATE, labels) + times +
-           kept_lines(before, LAST, labels) +
-           "# HELP vigmond_up Whether the daemon runs, as far as its log tells.\n# TYPE vigmond_up gauge\nvigmond_up " +
+           kept_lines(before, LAST, labels) + (raised ? raised_lines(log.issues, *raised) : "") +
+           "# HELP vigmond_up Whether the daemon runs, according to its log.\n# TYPE vigmond_up gauge\nvigmond_up " +
            (is_up ? "1" : "0") + "\n";
 }
 
@@ -172,9 +195,13 @@ int export_textfile(Session *session, Moment now) {
         session->complain(problem);
         return session->status();
     }
+    std::optional<std::set<std::int16_t>> raised;
+    if (session->arguments().bus && !(raised = raised_issues(&problem))) {
+        session->complain(problem);
+    }
     const Descriptor old(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     Output output(path);
-    output.write(textfile_text(*log, old ? piece_of(old, 0, MOST_BEFORE) : "", now));
+    output.write(textfile_text(*log, old ? piece_of(old, 0, MOST_BEFORE) : "", now, raised));
     session->note_read();
     return session->finish(&output);
 }

@@ -1,36 +1,39 @@
 #pragma once
 
-// The present values for the node exporter's textfile collector.
+// The current values for the node exporter's textfile collector.
 
 #include "session.h"
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace vlog {
 
-/// What the tail of a log says about one check.
+/// The latest of one check in the tail of a log.
 struct Present {
     Definition check;
-    std::optional<std::int32_t> value; ///< none when it could not be read
-    std::optional<State> state;        ///< none when no value could be read
+    std::optional<std::int32_t> value; ///< none if it could not be read
+    std::optional<State> state;        ///< none if no value could be read
     Moment time = 0;
 };
 
-/// What the tail of a log says.
+/// The result of reading the tail of a log.
 struct PresentLog {
     std::vector<Present> checks;
-    bool is_running = false;  ///< the last sign of life is not FINISHED
-    Moment last = 0;          ///< of the last record
-    Level level = Level::all; ///< which records are written
+    std::map<std::int16_t, std::string> issues; ///< the issues of the log and the names of their checks
+    bool is_running = false;                    ///< FINISHED is not the last event
+    Moment last = 0;                            ///< time of the last record
+    Level level = Level::all;                   ///< which records the daemon writes
 };
 
-/// Reads the header and the last of a plain log; none, with what is wrong in `problem`.
+/// Reads the header and the tail of a plain log. None on failure; `problem` says why.
 std::optional<PresentLog> read_present(const std::string &path, std::string *problem);
 
-/// The text of the file. Lines of the file as it was, `before`, stay for checks of which the log's tail says nothing:
-/// some are due once an hour only, and the log may just have been rotated.
-std::string textfile_text(const PresentLog &log, const std::string &before, Moment now);
+/// The text of the file. Lines of the old text, `before`, are kept for checks that are missing from the log's tail:
+/// some are due only once an hour, and the log may just have been rotated. `raised` are the raised issues, if known.
+std::string textfile_text(const PresentLog &log, const std::string &before, Moment now,
+                          const std::optional<std::set<std::int16_t>> &raised = std::nullopt);
 
 } // namespace vlog

@@ -52,7 +52,7 @@ std::optional<std::int64_t> take_number(std::string_view *text) {
     return number;
 }
 
-/// "1h 30min"; seconds when there is no unit.
+/// "1h 30min"; a number without a unit is seconds.
 std::optional<std::int64_t> span_of(std::string_view text) {
     std::int64_t seconds = 0;
     skip_blanks(&text);
@@ -86,20 +86,20 @@ Moment to_moment(LocalTime local, bool is_utc) {
     return is_utc ? local : clock.moment_of(local, std::nullopt);
 }
 
-/// The midnight with which the day of a moment begins, as a local time.
+/// The local time of midnight at the start of the day of `now`.
 LocalTime midnight(Moment now, bool is_utc) {
     const LocalTime local = now + (is_utc ? 0 : zone_offset(now));
     return local - (local % 86400 + 86400) % 86400;
 }
 
-/// "10:00:00", "10:00" or nothing; the seconds of the day.
+/// The seconds since midnight of "10:00:00", "10:00" or an empty text.
 std::optional<std::int64_t> time_of_day(std::string_view text) {
     if (text.empty()) {
         return 0;
     }
     const std::size_t dot = text.find('.');
     if (dot != std::string_view::npos && text.size() > 8) {
-        text = text.substr(0, dot); // parts of a second, which the log does not have
+        text = text.substr(0, dot); // drop fractions of a second
     }
     const std::string whole = "1970-01-01 " + std::string(text) + (text.size() == 5 ? ":00" : "");
     return read_stamp(whole);
@@ -136,7 +136,7 @@ std::optional<Moment> moment_of_argument(const std::string &argument, Moment now
     }
     for (const auto &[word, days] : {std::pair{"yesterday", -1}, std::pair{"today", 0}, std::pair{"tomorrow", 1}}) {
         if (text == word) {
-            return to_moment(midnight(now, false) + days * 86400, false);
+            return to_moment(midnight(now, false) + std::int64_t{days} * 86400, false);
         }
     }
     if (text == "now") {

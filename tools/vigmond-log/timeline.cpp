@@ -42,7 +42,7 @@ void Timeline::forget_last() {
     }
 }
 
-/// A check that had been recorded in time until then must have been due twice.
+/// A pause needs a check that was recorded in time before it and was due twice during it.
 void Timeline::find_pause(Moment time) {
     std::int64_t least = NO_LIMIT;
     shortest_ = NO_LIMIT;

@@ -28,7 +28,7 @@ bool can_be_reopened(const std::string &path) {
     return path != "-" && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// The length of the text of `first` when `second` begins with all of it, otherwise 0.
+/// The length of the text of `first` if `second` begins with all of it, otherwise 0.
 std::size_t common_front(const std::string &first, const std::string &second) {
     constexpr std::size_t piece = 16384;
     Source a(first);
@@ -95,7 +95,7 @@ void Unpacker::work() {
     }
 }
 
-/// The file that is given out always gets on; the others only while there is room.
+/// The file being read in order always has some room, so that it makes progress; the others share the rest.
 bool Unpacker::has_room(std::size_t number) const {
     constexpr std::size_t room_of_the_head = 8;
     return waiting_ < most_chunks_ || (number == head_ && files_[number].ready.size() < room_of_the_head);
@@ -116,7 +116,7 @@ std::unique_ptr<Chunk> Unpacker::new_chunk(std::size_t number) {
     return chunk;
 }
 
-/// False when nobody wants it any more.
+/// False if the reader has stopped.
 bool Unpacker::give(std::unique_ptr<Chunk> chunk) {
     const std::size_t number = chunk->file;
     Lock lock(lock_);
@@ -127,8 +127,8 @@ bool Unpacker::give(std::unique_ptr<Chunk> chunk) {
     return !is_stopped_;
 }
 
-/// Notes the front of a file and returns how much of the text was in the file before already. A power cut during a
-/// rotation leaves a log beside its packed copy, and the daemon goes on writing into it.
+/// Stores the front of a file and returns how much of its text the previous file already has. A power cut during a
+/// rotation leaves a log and its compressed copy, and the daemon then appends to the log.
 std::size_t Unpacker::set_front(std::size_t number, std::string_view text) {
     std::string before;
     {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Reads several files side by side and gives their lines out in the files' order.
+// Reads several files in parallel and returns their lines in the order of the files.
 
 #include "chunk.h"
 
@@ -17,14 +17,14 @@ namespace vlog {
 
 class Unpacker {
   public:
-    /// So many chunks wait at a time, whatever the files hold, and a few of the file that is read in order.
+    /// Limit of waiting chunks; the file that is read in order may add a few.
     static constexpr std::size_t MOST_CHUNKS = 160;
 
     /// `paths` are the files of one log, oldest first; `read_so_far` counts their bytes, may be null and outlives
     /// the unpacker.
     Unpacker(std::vector<std::string> paths, unsigned threads, std::atomic<std::uint64_t> *read_so_far,
              std::size_t most_chunks = MOST_CHUNKS);
-    /// Does not wait for more of the files than what is being read.
+    /// Stops the threads without reading the rest of the files.
     ~Unpacker();
     Unpacker(const Unpacker &) = delete;
     Unpacker &operator=(const Unpacker &) = delete;
@@ -33,7 +33,7 @@ class Unpacker {
     const Chunk *next();
 
   private:
-    /// The front of a file, by which a file that begins with all of the one before is recognised.
+    /// Size of the front compared to recognise a file that begins with all of the previous one.
     static constexpr std::size_t FRONT_SIZE = 256;
     struct File {
         std::string path;
@@ -56,7 +56,7 @@ class Unpacker {
     std::mutex lock_;
     std::condition_variable changed_;
     std::size_t begun_ = 0; ///< files that threads have taken
-    std::size_t head_ = 0;  ///< the file whose chunks are given out
+    std::size_t head_ = 0;  ///< the file whose chunks next() returns
     std::size_t waiting_ = 0;
     bool is_stopped_ = false;
     std::vector<std::unique_ptr<Chunk>> spare_;
@@ -64,7 +64,7 @@ class Unpacker {
     std::vector<std::thread> threads_;
 };
 
-/// How many processors this process may use, at most two: more would need more memory.
+/// The number of processors that this process may use, at most two: more threads would need more memory.
 unsigned threads_to_use();
 
 } // namespace vlog

@@ -8,7 +8,7 @@ namespace vlog {
 
 namespace {
 
-/// Unsigned numbers in the order of the signed ones.
+/// Maps signed numbers to unsigned ones in the same order.
 std::uint32_t ordered(std::int32_t value) { return static_cast<std::uint32_t>(value) ^ 0x80000000U; }
 
 } // namespace
@@ -22,7 +22,7 @@ bool Spill::write(const std::vector<ValueCount> &counts) {
 
 std::int32_t Spill::value_of(const Request &request) { return static_cast<std::int32_t>(request.found ^ 0x80000000U); }
 
-/// Finds the next eight bits of each request: counts how many values have which, and goes to where the rank is.
+/// Finds the next eight bits of each request: counts the values by these bits, then selects those of the rank.
 bool Spill::pass(unsigned number, std::vector<Request> *requests) {
     const unsigned shift = 24 - 8 * number;
     std::vector<std::array<std::uint64_t, 256>> counts(requests->size());

@@ -1,8 +1,7 @@
 #pragma once
 
-// How often each value of a check occurred, for medians and percentiles that are exact and are values that occurred.
-// Checks have few different values. What has more goes to a temporary file, and is counted there in a few passes, so
-// that memory is bounded.
+// Counts the values of a check, for exact medians and percentiles. Most checks have few different values. Those of
+// others go to a temporary file and are counted in a few passes, so that memory is bounded.
 
 #include "handle.h"
 
@@ -21,19 +20,19 @@ struct ValueCount {
     std::uint64_t count = 0; ///< 0 in an unused place
 };
 
-/// The values that found no room, of all checks of a station, in a file without a name in $TMPDIR.
+/// The values of all checks of a station that did not fit, in an unnamed file in $TMPDIR.
 class Spill {
   public:
-    /// False, with errno, when the file cannot be made or written.
+    /// False, with errno set, if the file cannot be created or written.
     bool write(const std::vector<ValueCount> &counts);
 
     /// The value with the given rank, from 1, among all values of a check.
     struct Request {
-        std::uint32_t check;
-        std::uint64_t rank;
-        std::uint32_t found = 0; ///< the value's upper bits, less the sign, as far as they are known
+        std::uint32_t check = 0;
+        std::uint64_t rank = 0;
+        std::uint32_t found = 0; ///< the upper bits of the value found so far, in the order of unsigned numbers
     };
-    /// Finds the values of all requests together. False when the file cannot be read.
+    /// Finds the values of all requests. False if the file cannot be read.
     bool find(std::vector<Request> *requests);
     static std::int32_t value_of(const Request &request);
 
@@ -47,10 +46,10 @@ class Spill {
 /// The values of one check.
 class ValueCounts {
   public:
-    /// Different values that are counted in memory at a time.
+    /// Limit of different values in memory.
     static constexpr std::size_t MOST_VALUES = 1024;
 
-    /// Counts a value; false when it found no room: `spill` has to take all so far, see drain().
+    /// Counts a value. False if there is no room: the caller must drain() first.
     bool add(std::int32_t value) {
         if (!places_.empty()) {
             ValueCount &place = places_[place_of(value)];
@@ -62,7 +61,7 @@ class ValueCounts {
         }
         return add_new(value);
     }
-    /// Moves all values to the spill; false when that cannot be written.
+    /// Moves all values to the spill. False if it cannot be written.
     bool drain(std::uint32_t check, Spill *spill);
 
     [[nodiscard]] std::uint64_t total() const { return total_; }
@@ -73,9 +72,9 @@ class ValueCounts {
     [[nodiscard]] std::optional<std::int32_t> greatest() const {
         return total_ > 0 ? std::optional(greatest_) : std::nullopt;
     }
-    /// The rank, from 1, of the nearest value to so many percent; 0 when there are no values.
+    /// The nearest rank, from 1, of a percentile; 0 without values.
     [[nodiscard]] std::uint64_t rank(unsigned percent) const { return (total_ * percent + 99) / 100; }
-    /// The value with that rank, of what is in memory.
+    /// The value of that rank among those in memory.
     [[nodiscard]] std::optional<std::int32_t> at_rank(std::uint64_t rank) const;
 
   private:

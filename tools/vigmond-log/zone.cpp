@@ -19,7 +19,7 @@ bool is_in_database(const std::string &name) {
     return name.find("..") == std::string::npos && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// A name of three letters or more, or anything in angle brackets, and a number behind it.
+/// At least three letters, or any text in angle brackets, followed by a number.
 bool is_rule(const std::string &name) {
     std::size_t at = 0;
     if (name.starts_with("<")) {
@@ -85,7 +85,7 @@ Moment LocalClock::moment_of(LocalTime local, std::optional<Moment> before) {
     if (earlier_ == later_) {
         return local - earlier_;
     }
-    // Within a day of a change of the offset. A time that comes twice has the larger offset the first time.
+    // Within a day of a change of the offset. The first of two equal times has the larger offset.
     const Moment first = local - std::max(earlier_, later_);
     const Moment second = local - std::min(earlier_, later_);
     const bool is_first = zone_offset(first) + first == local;
@@ -96,7 +96,7 @@ Moment LocalClock::moment_of(LocalTime local, std::optional<Moment> before) {
     if (is_first || is_second) {
         return is_first ? first : second;
     }
-    return local - earlier_; // left out at the begin of summer time: the clock was not set yet
+    return local - earlier_; // skipped at the start of summer time: the clock was not set yet
 }
 
 } // namespace vlog

@@ -1,4 +1,4 @@
-// The command export. OpenMetrics is read by promtool, from Debian's prometheus.
+// The command export. promtool, from Debian's prometheus, reads the OpenMetrics text.
 
 #include "program.h"
 #include "textfile.h"
@@ -24,7 +24,7 @@ using Textfile = Export;
 
 } // namespace
 
-TEST_F(Export, MakesCsv) {
+TEST_F(Export, WritesCsv) {
     EXPECT_EQ(run("export --format csv north=" + log).out,
               "station,time,issue,index,check,state,value\n"
               "north,2024-05-01T10:00:00+00:00,CB20,0,temperature,OK,42\n"
@@ -37,7 +37,7 @@ TEST_F(Export, MakesCsv) {
                 EndsWith("\n\"a,\"\"b\",2024-05-01T10:00:00+00:00,CB21,0,memoryusage,WARN,\n"));
 }
 
-TEST_F(Export, MakesJsonLines) {
+TEST_F(Export, WritesJsonLines) {
     EXPECT_EQ(run("export --format=jsonl --since '2024-05-01 10:00:10' north=" + log).out,
               R"({"station":"north","time":"2024-05-01T10:00:10+00:00","issue":"CB20","index":0,"check":"temperature",)"
               R"("state":"WARN","value":72})"
@@ -47,7 +47,7 @@ TEST_F(Export, MakesJsonLines) {
               "\n");
 }
 
-TEST_F(Export, MakesSeriesInOnePiece) {
+TEST_F(Export, WritesEachSeriesInOnePiece) {
     EXPECT_EQ(run("export --format openmetrics " + log).out,
               "# HELP vigmond_check_value The value of a check, in its own unit.\n"
               "# TYPE vigmond_check_value gauge\n"
@@ -64,13 +64,20 @@ TEST_F(Export, MakesSeriesInOnePiece) {
               "# EOF\n");
 }
 
-TEST_F(Export, NamesTheStationsAndLeavesOutWhatTheClockSaysAgain) {
+TEST_F(Export, NamesTheStationsAndDropsRepeatedTimes) {
     scratch.write("logfile", TEXT + record("2024-05-01 10:00:05", "OK", "CB20", "40"));
     const Ran ran = run("export --format openmetrics --issue CB20 north=" + log + " south=" + log);
     EXPECT_EQ(ran.status, 0);
     EXPECT_THAT(ran.out, HasSubstr("{station=\"south\",issue=\"CB20\",index=\"0\",check=\"temperature\"} 72 "));
     EXPECT_THAT(ran.out, Not(HasSubstr("1714557605")));
     EXPECT_THAT(ran.err, HasSubstr("north: 1 records are left out, because the clock was set back"));
+}
+
+TEST_F(Export, WritesNoSeriesWithoutRoomForTemporaryFiles) {
+    const Ran ran = run("export --format openmetrics " + log, "TMPDIR=" + (scratch / "missing"));
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: temporary file: No such file or directory\n");
+    EXPECT_EQ(ran.out, "");
 }
 
 TEST_F(Export, IsReadByPrometheus) {
@@ -81,7 +88,7 @@ TEST_F(Export, IsReadByPrometheus) {
                   .status,
               0)
         << read_file(scratch / "err");
-    std::filesystem::create_directory(blocks + "/wal"); // or promtool does not open them
+    std::filesystem::create_directory(blocks + "/wal"); // without it promtool does not open them
     const Ran found =
         run("--version >/dev/null; promtool tsdb dump --match='vigmond_check_value{check=\"temperature\"}' " + blocks);
     EXPECT_EQ(found.err, "");
@@ -93,7 +100,7 @@ TEST_F(Export, IsReadByPrometheus) {
                          "station=\"north\"} NaN 1714557620000\n");
 }
 
-TEST_F(Textfile, HasThePresentValues) {
+TEST_F(Textfile, HasTheCurrentValues) {
     const Ran ran = run("export --textfile " + (scratch / "v.prom") + " " + scratch.path().string());
     EXPECT_EQ(ran.status, 0) << ran.err;
     const std::string text = read_file(scratch / "v.prom");
@@ -110,25 +117,25 @@ TEST_F(Textfile, HasThePresentValues) {
                     "1714557620\n"
                     "vigmond_check_last_record_timestamp_seconds{issue=\"CB21\",index=\"0\",check=\"memoryusage\"} "
                     "1714557600\n"
-                    "# HELP vigmond_up Whether the daemon runs, as far as its log tells.\n"
+                    "# HELP vigmond_up Whether the daemon runs, according to its log.\n"
                     "# TYPE vigmond_up gauge\n"
                     "vigmond_up 0\n");
-    EXPECT_EQ(run("--version; promtool check metrics <" + (scratch / "v.prom") + "; true").err, "");
+    EXPECT_EQ(run("--version >/dev/null; promtool check metrics <" + (scratch / "v.prom") + "; true").err, "");
 }
 
-// As after a rotation: the new log has no record yet of what is due once an hour.
-TEST_F(Textfile, KeepsWhatTheLogHasNoLonger) {
-    run("export --textfile " + (scratch / "v.prom") + " " + log);
+// After a rotation the new log has no record yet of the checks that are due once an hour.
+TEST_F(Textfile, KeepsChecksThatTheLogNoLongerHas) {
+    ASSERT_EQ(run("export --textfile " + (scratch / "v.prom") + " " + log).status, 0);
     scratch.write("logfile",
                   header("2024-05-01 10:00:30", "ROTATE") + record("2024-05-01 10:00:30", "OK", "CB20", "50"));
-    run("export --textfile " + (scratch / "v.prom") + " " + log);
+    ASSERT_EQ(run("export --textfile " + (scratch / "v.prom") + " " + log).status, 0);
     const std::string text = read_file(scratch / "v.prom");
     EXPECT_THAT(text, HasSubstr("vigmond_check_value{issue=\"CB20\",index=\"0\",check=\"temperature\"} 50\n"
                                 "vigmond_check_value{issue=\"CB21\",index=\"0\",check=\"memoryusage\"} NaN\n#"));
     EXPECT_THAT(text, HasSubstr("check=\"memoryusage\"} 1714557600\n"));
 }
 
-TEST_F(Textfile, IsMadeFromTheTailAlone) {
+TEST_F(Textfile, IsMadeFromTheTailOnly) {
     std::string text = header("2024-05-01 10:00:00", "START") + record("2024-05-01 10:00:00", "OK", "CB21", "7");
     for (int second = 0; second < 100000; second += 10) {
         text += record(vlog::local_text(1714557600 + second), "OK", "CB20", "42");
@@ -138,13 +145,13 @@ TEST_F(Textfile, IsMadeFromTheTailAlone) {
     const auto present =
         vlog::read_present(scratch.write("logfile", text + "2024-05-02 13:46:40\tFAIL\tCB2"), &problem);
     ASSERT_TRUE(present) << problem;
-    ASSERT_EQ(present->checks.size(), 2U) << "the front is read for the table, and has a record in it";
+    ASSERT_EQ(present->checks.size(), 2U) << "the front, read for the table of checks, has a record too";
     EXPECT_EQ(present->checks[0].check.name, "temperature");
     EXPECT_EQ(present->checks[0].time, 1714557600 + 99990);
     EXPECT_EQ(present->last, 1714557600 + 99990);
 }
 
-TEST_F(Textfile, TellsWhetherTheDaemonRuns) {
+TEST_F(Textfile, ShowsWhetherTheDaemonRuns) {
     vlog::PresentLog present;
     present.last = 1000;
     present.is_running = true;
@@ -159,7 +166,7 @@ TEST_F(Textfile, TellsWhetherTheDaemonRuns) {
     EXPECT_TRUE(vlog::read_present(log, &problem)->is_running);
 }
 
-TEST_F(Textfile, StaysAsItWasWithoutALog) {
+TEST_F(Textfile, IsKeptWithoutALog) {
     const std::string kept = scratch.write("v.prom", "kept\n");
     EXPECT_EQ(run("export --textfile " + kept + " " + (scratch / "missing")).status, 1);
     EXPECT_EQ(run("export --textfile " + kept + " /dev/null").status, 1);

@@ -1,4 +1,4 @@
-// What a daemon has written in a random life comes back record for record. VIGMOND_SEED=n is another life.
+// Reads back what a daemon wrote on random input, record for record. VIGMOND_SEED=n selects another input.
 
 #include "from_environment.h"
 #include "log_folder.h"
@@ -17,13 +17,13 @@ namespace {
 constexpr std::int64_t AN_HOUR_BEFORE_WINTER = 1729987200; // 2024-10-27 00:00:00 UTC
 constexpr int BEATS = 80;                                  // a minute apart
 
-/// The station's life, and what is known of it without its log.
+/// What the station is known to have recorded.
 struct Life {
-    std::vector<std::string> records; ///< all that the files hold, the oldest first
+    std::vector<std::string> records; ///< in all files, oldest first
     std::vector<std::int64_t> beats;
 };
 
-/// Lives on with `log` from the setup's clock and reads its files before the end.
+/// Runs a daemon from the setup's clock and reads its files before it ends.
 ReadLog live(Script *script, const RigSetup &setup, Life *life, std::string *log) {
     Rig rig(setup);
     rig.start();
@@ -32,7 +32,7 @@ ReadLog live(Script *script, const RigSetup &setup, Life *life, std::string *log
     for (int beat = 0; beat < BEATS; ++beat) {
         now += 60 - now % 10;
         for (const model::Input &input : script->inputs(now)) {
-            if (input.kind <= model::Input::Kind::emmc_error) { // the rest is about a bus, which it has not
+            if (input.kind <= model::Input::Kind::emmc_error) { // the others need a bus
                 rig.apply(input);
             }
         }
@@ -40,16 +40,15 @@ ReadLog live(Script *script, const RigSetup &setup, Life *life, std::string *log
         life->beats.push_back(now);
     }
     std::string text;
-    const std::map<int, std::string> generations = rig.generations();
-    for (auto each = generations.rbegin(); each != generations.rend(); ++each) {
-        text += each->second;
+    for (const auto &[number, generation] : rig.generations()) { // newest first
+        text.insert(0, generation);
     }
     *log = rig.log_from(0);
     life->records = records_in(text + *log);
     return read_log(vlog::log_paths("/proc/" + std::to_string(rig.pid()) + "/root/var/lib/evse/vigmond").value());
 }
 
-/// As the log has it, and the moment.
+/// The text of a record read back at that moment.
 std::string line_of(const std::string &record, std::int64_t moment) {
     std::istringstream fields(record.substr(20));
     std::string state;
@@ -60,7 +59,7 @@ std::string line_of(const std::string &record, std::int64_t moment) {
     return vlog::iso_text(moment) + " " + state + " " + issue + "[" + index + "] " + value;
 }
 
-/// The records with the moments of the beats, which come in their order.
+/// The records with the moments of their heartbeats.
 std::vector<std::string> expected(const Life &life) {
     std::vector<std::string> lines;
     auto beat = life.beats.begin();
@@ -87,7 +86,7 @@ class DaemonsLog : public testing::TestWithParam<unsigned> {};
 
 } // namespace
 
-// Through the end of summer time, and twice: the second daemon finds the log of one that was killed.
+// Runs through the end of summer time, twice: the second daemon finds the log of a killed one.
 TEST_P(DaemonsLog, ComesBackRecordForRecord) {
     ASSERT_TRUE(vlog::zone_set(std::string(model::TIME_ZONE).substr(3)));
     Script script(from_environment("VIGMOND_SEED", GetParam()), STATION_LOAD_LOGGER);

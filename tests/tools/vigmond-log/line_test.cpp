@@ -41,7 +41,7 @@ TEST(RecordLine, HasTimeStateIssueIndexAndValue) {
     EXPECT_EQ(record.value, -42);
 }
 
-TEST(RecordLine, HasNoValueWhenItCouldNotBeRead) {
+TEST(RecordLine, HasNoValueIfItCouldNotBeRead) {
     const Record record = read("2024-05-01 10:00:00\tWARN\tCB05\t0\tNaN");
     EXPECT_FALSE(record.readable);
     EXPECT_EQ(record.value, 0);
@@ -111,7 +111,7 @@ TEST(RecordLine, IsNothingElse) {
 namespace {
 
 struct Header : testing::Test {
-    /// Gives the lines to the reader and collects the table.
+    /// Passes the lines to the reader and collects the table.
     std::vector<vlog::Definition> table(const std::string &text) {
         std::vector<vlog::Definition> found;
         std::istringstream lines(text);
@@ -161,7 +161,7 @@ TEST_F(Header, OfAnotherVersionIsReadByItsHeadings) {
                                           .maxfail = 9000}));
 }
 
-TEST_F(Header, IsNotFoundInWhatFaultsLeaveOfIt) {
+TEST_F(Header, IsNotReadFromDamagedLines) {
     EXPECT_TRUE(table("##\n##\tname\n##\n##\ttemperature\n##\ttemperature\tCB20\n##\tx\tCB20\t-1\n##\t\t\t\t\t\t\t\n"
                       "## date    time    \tstate\tID\tindex\tvalue\n" +
                       ("##" + std::string(100, '\t')) + "\n")
@@ -180,7 +180,7 @@ TEST(MarkerLine, HasTimeOccasionAndCommandLine) {
     EXPECT_EQ(reader.read("##\t2024-05-01 10:00\tSTART\tvigmond"), CommentReader::Found::nothing);
 }
 
-TEST(CommandLine, TellsTheLevel) {
+TEST(CommandLine, SetsTheLevel) {
     EXPECT_EQ(level_of("vigmond"), Level::all);
     EXPECT_EQ(level_of(R"(vigmond "-l" "fail")"), Level::failures);
     EXPECT_EQ(level_of(R"(vigmond "-lWARNING" "-S" "10")"), Level::warnings);

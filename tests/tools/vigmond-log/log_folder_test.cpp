@@ -7,14 +7,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 
 namespace {
 
 struct Folder : testing::Test {
-    /// What the arguments are taken for, or the problem.
+    /// The stations of the arguments, or the problem.
     std::string taken(const std::vector<std::string> &arguments) {
         std::string problem;
         const auto stations = vlog::stations_of(arguments, &problem, &is_usage);
@@ -32,10 +31,10 @@ struct Folder : testing::Test {
         return text;
     }
     /// A folder of a station in the scratch folder.
-    std::string station(const std::string &name, const std::vector<std::string> &files) {
+    [[nodiscard]] std::string station(const std::string &name, const std::vector<std::string> &files) const {
         std::filesystem::create_directories(scratch / name);
         for (const std::string &file : files) {
-            scratch.write(name + "/" + file, "");
+            scratch.write(std::string(name).append("/").append(file), "");
         }
         return scratch / name;
     }
@@ -78,7 +77,7 @@ TEST_F(Folder, HasAPlainNameForItsStation) {
     const std::string a = station("a", {"logfile"});
     for (const std::string name : {"", "a b", "a\"b", "a'b", "a\nb", "a\\b", "a<b"}) {
         is_usage = false;
-        EXPECT_THAT(taken({name + "=" + a}), HasSubstr("is no name for a station")) << name;
+        EXPECT_THAT(taken({std::string(name).append("=").append(a)}), HasSubstr("is not a station name")) << name;
         EXPECT_TRUE(is_usage);
     }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Status logs as tests write them, and what is read from them.
+// Writes status logs for tests and reads them back.
 
 #include "station_log.h"
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// The text of a block of the log with two checks, at that time.
+/// A header block with two checks.
 inline std::string header(const std::string &stamp, const std::string &occasion,
                           const std::string &command_line = "vigmond") {
     return "##\n##\t" + stamp + "\t" + occasion + "\t" + command_line +
@@ -27,7 +27,7 @@ inline std::string record(const std::string &stamp, const std::string &state, co
     return stamp + "\t" + state + "\t" + check + "\t0\t" + value + "\n";
 }
 
-/// All that a log holds, a line an event.
+/// The content of a log, one line per event.
 struct ReadLog {
     std::vector<std::string> events;
     std::vector<std::string> problems;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Looks at the page of vigmond-log plot with a real Chromium.
+"""Tests the page of vigmond-log plot in a real Chromium.
 
-usage: page_test.py VIGMOND_LOG...    the program, as one or several words
+usage: page_test.py VIGMOND_LOG...    the command that runs the program
 """
 
 import json
@@ -15,7 +15,7 @@ import time
 import zlib
 
 BEGIN = 1709251200  # 2024-03-01 00:00:00 UTC
-COUNT = 259200      # a month of one check, each ten seconds
+COUNT = 259200      # a month of one check, every ten seconds
 SPIKE = COUNT // 2
 WIDTH, HEIGHT = 1200, 900
 LINE = (0, 58, 112)  # the colour of the values
@@ -28,7 +28,7 @@ HEADER = (
     "##\tmemoryusage \t  CB21\t     0\t    10\t    10\t    25\t   NaN\t   NaN\n"
 )
 
-# What goes wrong in the page is noted before anything of it runs.
+# Records errors from before the first script of the page.
 WATCH = """<script>
 window.said = [];
 for (const kind of ['log', 'info', 'warn', 'error']) console[kind] = (...words) => said.push(words.join(' '));
@@ -36,7 +36,7 @@ window.addEventListener('error', (event) => said.push(event.message));
 document.addEventListener('securitypolicyviolation', (event) => said.push(event.blockedURI));
 </script>"""
 
-# Zooms one strip as a drag does, clicks on a change, and goes back to the whole time.
+# Zooms one strip as a drag does, clicks on a change, and returns to the whole range.
 PLAY = """<script>
 const {strips} = window.vigmondLog;
 const seconds = (graph) => graph.xAxisRange().map((ms) => ms / 1000);
@@ -96,7 +96,7 @@ def chromium(folder, page, *arguments):
 
 
 def pixels_of(path):
-    """The rows of an RGB or RGBA picture, and the bytes a pixel."""
+    """The rows of an RGB or RGBA PNG, and the bytes per pixel."""
     with open(path, "rb") as file:
         data = file.read()
     at, packed = 8, b""
@@ -107,7 +107,7 @@ def pixels_of(path):
         elif kind == b"IDAT":
             packed += data[at + 8:at + 8 + size]
         at += size + 12
-    expect(depth == 8 and colour in (2, 6), "a picture of another kind")
+    expect(depth == 8 and colour in (2, 6), "unsupported PNG")
     step = 3 if colour == 2 else 4
     raw, rows, before = zlib.decompress(packed), [], bytearray(width * step)
     for y in range(height):
@@ -162,10 +162,10 @@ def main():
             file.write(text.replace("<style>", WATCH + "<style>", 1).replace("</body>", play))
         dom = chromium(folder, page, "--dump-dom")
         found = re.search(r'<pre id="result"[^>]*>(.*?)</pre>', dom)
-        expect(found, "the page did not come to its end")
+        expect(found, "the script did not finish")
         result = json.loads(found.group(1))
         expect(result["said"] == [], f"messages on the console: {result['said']}")
-        expect(result["strips"] == 2, "a strip a check")
+        expect(result["strips"] == 2, "one strip per check")
         whole = [BEGIN, BEGIN + 10 * (COUNT - 1)]
         expect(result["whole"] == whole, f"the whole time: {result['whole']}")
         expect(result["wholePoints"] < 3 * WIDTH, f"few points for the whole time: {result['wholePoints']}")

@@ -1,4 +1,4 @@
-// What plot puts into its page; the page itself is looked at by page_test.py.
+// The content of the page of plot; page_test.py tests the page in a browser.
 
 #include "plot.h"
 
@@ -15,7 +15,7 @@ using vlog::SpooledRecord;
 
 namespace {
 
-/// The bytes of a text in base64, as the system's tool reads it.
+/// Decodes base64 with the system's tool.
 std::string base64_decoded(const std::string &text) {
     const ScratchFolder folder;
     const std::string command = "base64 -d '" + folder.write("in", text) + "' >'" + (folder / "out") + "'";
@@ -48,8 +48,9 @@ struct Plot : Program {};
 
 } // namespace
 
-// By hand: the change of the step doubled (odd for less), times 8, and twice the state, and 1 without a value.
-TEST(RecordPacker, HasTwoBytesForAUsualRecord) {
+// By hand: 16 times the change of the step (8 less if negative, by its absolute value), plus 2 times the state, plus 1
+// without a value.
+TEST(RecordPacker, PacksAUsualRecordInTwoBytes) {
     EXPECT_EQ(packed({{.time = 1000, .value = 42, .state = 0, .readable = 1},
                       {.time = 1010, .value = 42, .state = 0, .readable = 1},
                       {.time = 1020, .value = 41, .state = 1, .readable = 1},
@@ -58,14 +59,15 @@ TEST(RecordPacker, HasTwoBytesForAUsualRecord) {
               std::string({0, 84, '\xA0', 1, 0, 2, 1, 3, 4 + 9 * 8, 4}));
 }
 
-TEST(RecordPacker, HoldsTheLargestNumbers) {
+TEST(RecordPacker, PacksTheLargestNumbers) {
     EXPECT_EQ(packed({{.time = 0, .value = INT32_MIN, .state = 0, .readable = 1},
                       {.time = 4294967296, .value = INT32_MAX, .state = 0, .readable = 1}}),
               std::string("\x00\xFF\xFF\xFF\xFF\x0F\x80\x80\x80\x80\x80\x02\xFE\xFF\xFF\xFF\x1F", 17));
 }
 
-TEST(Thinner, KeepsWhatStandsOut) {
+TEST(Thinner, KeepsOutliers) {
     std::vector<SpooledRecord> records;
+    records.reserve(30);
     for (int number = 0; number < 30; ++number) {
         records.push_back({.time = number, .value = 42, .state = 0, .readable = 1});
     }
@@ -82,7 +84,7 @@ TEST(HtmlText, HasNoElements) {
     EXPECT_EQ(vlog::html_text("<b a=\"1\">&\n\xff"), "&lt;b a=&quot;1&quot;&gt;&amp;?\xEF\xBF\xBD");
 }
 
-TEST_F(Plot, HasChangesAsTextAndLeavesOutTheUnsetClock) {
+TEST_F(Plot, ListsChangesAsTextAndSkipsAnUnsetClock) {
     scratch.write("logfile", header("1970-01-01 00:00:10", "START") + record("1970-01-01 00:00:20", "OK", "CB20", "1") +
                                  record("2024-05-01 10:00:00", "OK", "CB20", "42") +
                                  record("2024-05-01 10:00:10", "FAIL", "CB20", "85") +
@@ -96,6 +98,21 @@ TEST_F(Plot, HasChangesAsTextAndLeavesOutTheUnsetClock) {
                                 "<td>CB20[0] temperature</td><td>OK \xE2\x86\x92 FAIL, value 85, after 10s</td>"));
     EXPECT_THAT(page, HasSubstr("\"begin\":1714557600,\"count\":2}"));
     EXPECT_THAT(page, Not(HasSubstr("http://")));
+}
+
+TEST_F(Plot, LeavesNoPartialPageOnAFullDisk) {
+    const std::string log = scratch.write("logfile", header("2024-05-01 10:00:00", "START") +
+                                                         record("2024-05-01 10:00:00", "OK", "CB20", "42"));
+    std::filesystem::create_directory(scratch / "full");
+    const std::string words = "plot -o " + (scratch / "full/page.html") + " " + log;
+    Ran ran = run(words, "ulimit -f 100; trap '' XFSZ;");
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: " + (scratch / "full/page.html") + ": File too large\n");
+    EXPECT_TRUE(std::filesystem::is_empty(scratch / "full"));
+    ran = run(words, "TMPDIR=" + (scratch / "missing"));
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.err, "vigmond-log: temporary file: No such file or directory\n");
+    EXPECT_TRUE(std::filesystem::is_empty(scratch / "full"));
 }
 
 TEST_F(Plot, WritesNoPageWithoutRecords) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// The program itself, run on files of the test's own.
+// Runs the program on files of the test.
 
 #include "log_text.h"
 #include "scratch_folder.h"
@@ -16,8 +16,9 @@ struct Ran {
 };
 
 struct Program : testing::Test {
-    /// Runs the program with the shell's words after its name, in UTC; a `runner` starts it.
-    Ran run(const std::string &words, const std::string &before = "", const std::string &runner = "") const {
+    /// Runs the program in UTC with `words`, in shell syntax. `before` are shell words before it, `runner` starts it.
+    [[nodiscard]] Ran run(const std::string &words, const std::string &before = "",
+                          const std::string &runner = "") const {
         const std::string command = before + " TZ=UTC NO_COLOR= " + runner + " " VIGMOND_LOG " " + words + " >'" +
                                     (scratch / "out") + "' 2>'" + (scratch / "err") + "'";
         const int status = std::system(command.c_str()); // NOLINT(cert-env33-c): our own command line

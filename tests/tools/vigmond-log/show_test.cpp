@@ -1,4 +1,4 @@
-// The commands show and changes, and what all commands have in common.
+// The commands show and changes, and what all commands share.
 
 #include "bzip2_tool.h"
 #include "child_process.h"
@@ -10,7 +10,6 @@
 #include <sys/inotify.h>
 
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
@@ -30,14 +29,14 @@ using Usage = Show;
 
 } // namespace
 
-TEST_F(Show, GivesTheRecordsAsTheyAre) {
+TEST_F(Show, PrintsTheRecordsUnchanged) {
     const Ran ran = run("show " + log);
     EXPECT_EQ(ran.status, 0);
     EXPECT_EQ(ran.out, FIRST + SECOND + MEMORY + THIRD);
     EXPECT_EQ(ran.err, "");
 }
 
-TEST_F(Show, ReadsFoldersPackedFilesAndStandardInput) {
+TEST_F(Show, ReadsFoldersCompressedFilesAndStandardInput) {
     scratch.write("s.bz2", bzip2(TEXT, "-1"));
     EXPECT_EQ(run("show " + (scratch / "s.bz2")).out, FIRST + SECOND + MEMORY + THIRD);
     EXPECT_EQ(run("show -", "<" + (scratch / "s.bz2")).out, FIRST + SECOND + MEMORY + THIRD);
@@ -46,7 +45,7 @@ TEST_F(Show, ReadsFoldersPackedFilesAndStandardInput) {
     EXPECT_EQ(run("show north=" + log + " south=" + log + " --state FAIL").out, "north\t" + THIRD + "south\t" + THIRD);
 }
 
-TEST_F(Show, LeavesOutWhatIsNotAskedFor) {
+TEST_F(Show, FiltersByIssueStateAndTime) {
     EXPECT_EQ(run("show --issue CB21 " + log).out, MEMORY);
     EXPECT_EQ(run("show --state=WARN " + log).out, SECOND + MEMORY);
     EXPECT_EQ(run("show " + log + " --since '2024-05-01 10:00:10' --until '2024-05-01 10:00:20'").out, SECOND + MEMORY);
@@ -58,7 +57,7 @@ TEST_F(Show, WritesAFile) {
     EXPECT_EQ(read_file(scratch / "a b"), FIRST + SECOND + MEMORY + THIRD);
 }
 
-TEST_F(Show, LeavesNoHalfFileWhenTheDiskIsFull) {
+TEST_F(Show, LeavesNoPartialFileOnAFullDisk) {
     std::filesystem::create_directory(scratch / "full");
     std::string many;
     for (int second = 0; second < 20000; ++second) {
@@ -72,7 +71,7 @@ TEST_F(Show, LeavesNoHalfFileWhenTheDiskIsFull) {
     EXPECT_EQ(run("show " + log + " >/dev/full 2>/dev/null #").status, 1);
 }
 
-TEST_F(Show, LeavesNoHalfFileWhenItIsInterrupted) {
+TEST_F(Show, LeavesNoPartialFileWhenInterrupted) {
     std::filesystem::create_directory(scratch / "left");
     const Descriptor watch(inotify_init1(IN_CLOEXEC));
     ASSERT_GE(inotify_add_watch(watch.get(), (scratch / "left").c_str(), IN_CREATE), 0);
@@ -84,14 +83,14 @@ TEST_F(Show, LeavesNoHalfFileWhenItIsInterrupted) {
     EXPECT_TRUE(std::filesystem::is_empty(scratch / "left"));
 }
 
-TEST_F(Show, KeepsAFileThatItCannotReplace) {
+TEST_F(Show, KeepsAnExistingFileOnFailure) {
     const std::string kept = scratch.write("kept", "kept");
     EXPECT_EQ(run("show -o " + kept + " " + scratch.write("no_log", "x\n")).status, 1);
     EXPECT_EQ(read_file(kept), "kept");
     EXPECT_THAT(run("show -o " + (scratch / "missing/out") + " " + log).err, EndsWith("No such file or directory\n"));
 }
 
-TEST_F(Changes, TellsHowLongTheStateBeforeLasted) {
+TEST_F(Changes, ShowTheDurationOfThePreviousState) {
     const Ran ran = run("changes " + log);
     EXPECT_EQ(ran.status, 0);
     EXPECT_EQ(ran.out, "2024-05-01 10:00:00  START\n"
@@ -99,14 +98,14 @@ TEST_F(Changes, TellsHowLongTheStateBeforeLasted) {
                        "2024-05-01 10:00:20  CB20[0] temperature  WARN -> FAIL  value 85  after 10s\n");
 }
 
-TEST_F(Changes, TellsWhatPassedInBetween) {
+TEST_F(Changes, ShowStartsGapsAndClockChanges) {
     scratch.write("logfile", TEXT + header("2024-05-01 11:00:00", "START") +
                                  record("2024-05-01 11:00:00", "OK", "CB20", "42") +
                                  record("2024-05-01 12:01:05", "OK", "CB20", "42") +
                                  record("2024-05-01 11:01:00", "OK", "CB20", "42") + finished("2024-05-01 11:01:01"));
     EXPECT_THAT(
         run("changes x=" + log + " y=" + log).out,
-        EndsWith("y  2024-05-01 11:00:00  START, the daemon before it was killed or lost its power\n"
+        EndsWith("y  2024-05-01 11:00:00  START after the daemon was killed or lost power\n"
                  "y  2024-05-01 11:00:00  CB20[0] temperature  FAIL -> OK  value 42  after 0s\n"
                  "y  2024-05-01 11:00:00  gap: nothing was recorded for 1h 1min 5s, or the clock was set forward\n"
                  "y  2024-05-01 11:01:00  the clock was set back by 1h 5s\n"
@@ -121,7 +120,8 @@ TEST_F(Usage, IsShownAndChecked) {
     for (const std::string words :
          {"--nonsense", "--since", "show --since never x", "--timezone Nowhere", "show --issue 20", "show --state bad",
           "plot", "export", "export --format csv --textfile x", "show --format csv", "export --format xml",
-          "show --json", "changes --state OK", "'a b=x'", "export --format csv --bus"}) {
+          "show --json", "changes --state OK", "'a b=x'", "'a\"b=x'", "=x", "export --format csv --bus",
+          "summary --bus"}) {
         const Ran ran = run(words);
         EXPECT_EQ(ran.status, 2) << words;
         EXPECT_THAT(ran.err, StartsWith("vigmond-log: ")) << words;
@@ -129,14 +129,14 @@ TEST_F(Usage, IsShownAndChecked) {
     }
 }
 
-TEST_F(Usage, OfWhatCannotBeReadIsSaid) {
+TEST_F(Usage, ReportsUnreadableInput) {
     std::filesystem::create_directory(scratch / "empty");
     scratch.write("text", "Dear station,\nall is well.\n");
     for (const auto &[words, problem] :
          {std::pair{"show " + (scratch / "missing"), "/missing: No such file or directory\n"},
           std::pair{"show " + (scratch / "empty"), "/empty: there is no status log in this folder\n"},
-          std::pair{"show " + (scratch / "text"), "/text: there is nothing of a status log in it\n"},
-          std::pair{std::string("show - </dev/null"), "-: there is nothing of a status log in it\n"}}) {
+          std::pair{"show " + (scratch / "text"), "/text: not a status log\n"},
+          std::pair{std::string("show - </dev/null"), "-: not a status log\n"}}) {
         const Ran ran = run(words);
         EXPECT_EQ(ran.status, 1) << words;
         EXPECT_THAT(ran.err, AllOf(StartsWith("vigmond-log: "), EndsWith(problem)));
@@ -144,7 +144,27 @@ TEST_F(Usage, OfWhatCannotBeReadIsSaid) {
     }
 }
 
-TEST_F(Usage, OfADamagedGenerationGivesTheRest) {
+// Root reads every file, unless it lacks two capabilities.
+TEST_F(Usage, ReportsFilesWithoutPermission) {
+    const std::string runner =
+        geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search --inh-caps=-all" : "";
+    std::filesystem::create_directory(scratch / "s");
+    const std::string hidden = scratch.write("s/logfile", TEXT);
+    std::filesystem::permissions(hidden, std::filesystem::perms::none);
+    for (const std::string &words : {"show " + hidden, "show " + (scratch / "s"), "show x=" + hidden,
+                                     "export --textfile " + (scratch / "v.prom") + " " + hidden}) {
+        const Ran ran = run(words, "", runner);
+        EXPECT_EQ(ran.status, 1) << words;
+        EXPECT_EQ(ran.err, "vigmond-log: " + hidden + ": Permission denied\n") << words;
+    }
+    std::filesystem::permissions(scratch / "s", std::filesystem::perms::none);
+    EXPECT_EQ(run("show " + (scratch / "s"), "", runner).err,
+              "vigmond-log: " + (scratch / "s") + ": Permission denied\n");
+    std::filesystem::permissions(scratch / "s", std::filesystem::perms::owner_all);
+    EXPECT_FALSE(std::filesystem::exists(scratch / "v.prom"));
+}
+
+TEST_F(Usage, ReadsTheRestOfALogWithADamagedGeneration) {
     std::filesystem::create_directory(scratch / "s");
     scratch.write("s/logfile.000.bz2", bzip2(TEXT, "-1").substr(0, 60));
     scratch.write("s/logfile", record("2024-05-01 11:00:00", "OK", "CB20", "1"));

@@ -17,7 +17,7 @@ struct Log : testing::Test {
     Log() { EXPECT_TRUE(vlog::zone_set("UTC")); }
 
     /// Writes the text as a generation.
-    std::string packed(const std::string &name, const std::string &text) {
+    [[nodiscard]] std::string packed(const std::string &name, const std::string &text) const {
         return folder.write(name, bzip2(text, "-1"));
     }
     ScratchFolder folder;
@@ -49,7 +49,7 @@ TEST_F(Log, IsReadInTheOrderOfItsFiles) {
     EXPECT_THAT(log.problems, IsEmpty());
 }
 
-TEST_F(Log, TellsAKilledDaemonFromOneThatFinished) {
+TEST_F(Log, DistinguishesAKillFromAnOrderlyEnd) {
     const std::string text = AT_TEN + FIRST + header("2024-05-01 11:00:00", "START") + finished("2024-05-01 11:00:01") +
                              header("2024-05-01 11:00:01", "ROTATE") + header("2024-05-01 12:00:00", "START") +
                              header("2024-05-01 13:00:00", "START");
@@ -61,7 +61,7 @@ TEST_F(Log, TellsAKilledDaemonFromOneThatFinished) {
     EXPECT_EQ(log.counts.unclean_ends, 2U);
 }
 
-TEST_F(Log, CountsLinesThatAreNotItsOwn) {
+TEST_F(Log, CountsForeignLines) {
     const std::string zeros(4096, '\0');
     const std::string text = "garbage\n" + AT_TEN + zeros + FIRST + "\n2024-05-01 10:00:05\tOK\tCB##\n" + SECOND;
     const ReadLog log = read_log({folder.write("logfile", text + "2024-05-01 10:00:20\tOK\tCB20\t0\t8")});
@@ -81,15 +81,15 @@ TEST_F(Log, ReadsACopyWithOtherLineEnds) {
     EXPECT_THAT(log.events, ElementsAre(FIRST_SEEN));
 }
 
-TEST_F(Log, LeavesOutARecordThatIsThereTwice) {
+TEST_F(Log, SkipsDuplicateRecords) {
     const ReadLog log = read_log({folder.write("logfile", AT_TEN + FIRST + FIRST + SECOND + SECOND)});
     EXPECT_THAT(log.events, ElementsAre(START_SEEN, FIRST_SEEN, SECOND_SEEN));
     EXPECT_EQ(log.counts.records, 2U);
     EXPECT_EQ(log.counts.repeated, 2U);
 }
 
-// A power cut between the two steps of a rotation; then the daemon writes on.
-TEST_F(Log, ReadsAFileThatAlsoIsAGenerationOnce) {
+// A power cut between the two steps of a rotation, after which the daemon continues to write.
+TEST_F(Log, ReadsALogThatIsAlsoAGenerationOnce) {
     const ReadLog log =
         read_log({packed("logfile.000.bz2", AT_TEN + FIRST + SECOND),
                   folder.write("logfile", AT_TEN + FIRST + SECOND + header("2024-05-01 10:00:15", "START") + THIRD)});
@@ -127,19 +127,19 @@ TEST_F(Log, ReadsSeveralStreamsOfAnyBlockSize) {
     EXPECT_THAT(read_log({path}).events, ElementsAre(START_SEEN, FIRST_SEEN));
 }
 
-TEST_F(Log, TellsWhenTheClockWasSetBack) {
+TEST_F(Log, ReportsThatTheClockWasSetBack) {
     const ReadLog log = read_log({folder.write("logfile", THIRD + FIRST)});
     EXPECT_THAT(log.events, ElementsAre(THIRD_SEEN, "2024-05-01T10:00:00+00:00 set back by 20 OK CB20[0] 42"));
 }
 
-TEST_F(Log, GivesARecordWithoutTimeThatOfTheOneBefore) {
+TEST_F(Log, GivesARecordWithoutTimeThePreviousTime) {
     const std::string timeless = record("0000-00-00 00:00:00", "OK", "CB21", "7");
     const ReadLog log = read_log({folder.write("logfile", timeless + FIRST + timeless)});
     EXPECT_THAT(log.events, ElementsAre(FIRST_SEEN, "2024-05-01T10:00:00+00:00 OK CB21[0] 7"));
     EXPECT_EQ(log.counts.foreign_lines, 1U);
 }
 
-TEST_F(Log, HasABoundedNumberOfChecks) {
+TEST_F(Log, LimitsTheNumberOfChecks) {
     std::string text;
     for (int index = 0; index < 300; ++index) {
         text += "2024-05-01 10:00:00\tOK\tCBnn\t" + std::to_string(index) + "\t1\n";

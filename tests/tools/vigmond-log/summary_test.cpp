@@ -3,7 +3,6 @@
 
 #include <filesystem>
 
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -30,8 +29,8 @@ const char *const AS_JSON =
 struct Summary : Program {
     Summary() { log = scratch.write("logfile", LIFE); }
 
-    /// What the program shows on a terminal so wide.
-    std::string on_terminal(int columns, const std::string &environment) const {
+    /// The output on a terminal of that width.
+    [[nodiscard]] std::string on_terminal(int columns, const std::string &environment) const {
         const std::string script = scratch.write("script", "stty cols " + std::to_string(columns) +
                                                                "; exec " VIGMOND_LOG " summary north=" + log + "\n");
         const std::string command = "TZ=UTC TERM=xterm " + environment + " script -qec 'sh " + script + "' '" +
@@ -57,19 +56,19 @@ TEST_F(Summary, IsTheDefault) {
         "\n");
 }
 
-TEST_F(Summary, IsJsonForPrograms) {
+TEST_F(Summary, IsAvailableAsJson) {
     EXPECT_EQ(run("summary --json north=" + log).out, std::string("{\"stations\":[") + AS_JSON + "]}\n");
     EXPECT_EQ(run("--json north=" + log + " north=" + log).out,
               std::string("{\"stations\":[") + AS_JSON + "," + AS_JSON + "]}\n");
     EXPECT_EQ(run("--json north=" + log + " | python3 -m json.tool >/dev/null").status, 0);
 }
 
-TEST_F(Summary, HasTimesWithTheirOffset) {
+TEST_F(Summary, HasTimesWithAnOffset) {
     EXPECT_THAT(run("summary --json --timezone CET-1CEST,M3.5.0,M10.5.0/3 north=" + log).out,
                 HasSubstr("\"first\":\"2024-05-01T10:00:00+02:00\""));
 }
 
-TEST_F(Summary, IsOfTheTimeAndTheIssueThatAreAskedFor) {
+TEST_F(Summary, IsFilteredByTimeAndIssue) {
     EXPECT_THAT(run("summary --json --issue CB21 --until '2024-05-01 10:00:05' north=" + log).out,
                 AllOf(HasSubstr("\"records\":2,"), Not(HasSubstr("CB20"))));
     const Ran none = run("--since 2030-01-01 north=" + log);
@@ -78,7 +77,7 @@ TEST_F(Summary, IsOfTheTimeAndTheIssueThatAreAskedFor) {
     EXPECT_THAT(run("--json --since 2030-01-01 north=" + log).out, HasSubstr("\"first\":null,\"last\":null"));
 }
 
-TEST_F(Summary, SpellsNamesSoThatProgramsReadThem) {
+TEST_F(Summary, EscapesNamesInJson) {
     std::filesystem::create_directory(scratch / "a \"b\"\n\xff<");
     scratch.write("a \"b\"\n\xff</logfile", LIFE);
     EXPECT_THAT(run("--json '" + (scratch / "a \"b\"\n\xff<") + "'").out,
@@ -95,7 +94,7 @@ TEST_F(Summary, FitsTheTerminal) {
     EXPECT_THAT(on_terminal(200, "NO_COLOR=1"), HasSubstr("unread %"));
 }
 
-TEST_F(Summary, HasColoursOnATerminalUnlessToldOtherwise) {
+TEST_F(Summary, HasColoursOnlyOnATerminal) {
     scratch.write("logfile", LIFE + record("2024-05-01 10:02:10", "FAIL", "CB20", "85"));
     EXPECT_THAT(on_terminal(120, "NO_COLOR="), HasSubstr("\033[31mFAIL\033[0m"));
     EXPECT_THAT(on_terminal(120, "NO_COLOR=1"), Not(HasSubstr("\033")));
@@ -103,7 +102,17 @@ TEST_F(Summary, HasColoursOnATerminalUnlessToldOtherwise) {
     EXPECT_THAT(run(log, "unset NO_COLOR;").out, Not(HasSubstr("\033")));
 }
 
-// Each value once: more than may be counted in memory.
+TEST_F(Summary, ReadsAClockThatSays1970) {
+    scratch.write("logfile", header("1970-01-01 00:00:10", "START") +
+                                 record("1970-01-01 00:00:10", "OK", "CB20", "40") +
+                                 record("1970-01-01 00:00:20", "OK", "CB20", "41"));
+    const Ran ran = run("--json north=" + log);
+    EXPECT_EQ(ran.status, 0) << ran.err;
+    EXPECT_THAT(ran.out, AllOf(HasSubstr("\"first\":\"1970-01-01T00:00:10+00:00\""), HasSubstr("\"ok_seconds\":10,"),
+                               HasSubstr("\"gaps\":0")));
+}
+
+// Each value occurs once: more values than fit into memory.
 TEST_F(Summary, IsExactForAnyNumberOfValues) {
     std::string text = header("2024-05-01 10:00:00", "START");
     for (int value = 0; value < 5000; ++value) {
@@ -117,8 +126,8 @@ TEST_F(Summary, IsExactForAnyNumberOfValues) {
     EXPECT_THAT(ran.out, HasSubstr("\"min\":0,\"median\":null,"));
 }
 
-// Many lines of the table, and 256 checks with more values than are counted in memory, in the largest blocks.
-TEST_F(Summary, HoldsLittleInMemory) {
+// Many lines of the table, and checks with more values than fit into memory, in the largest blocks.
+TEST_F(Summary, UsesLittleMemory) {
     std::string text;
     for (int line = 0; line < 40000; ++line) {
         text += line % 4 == 0
@@ -127,13 +136,14 @@ TEST_F(Summary, HoldsLittleInMemory) {
                           std::to_string(line * 7919LL % 2000003) + "\n";
     }
     for (const char *name : {"logfile.000.bz2", "logfile.001.bz2", "logfile.002.bz2", "logfile.003.bz2"}) {
-        scratch.write(name, bzip2(name + ("\n" + text), "-9")); // no file is the front of another
+        scratch.write(name, bzip2(name + ("\n" + text), "-9")); // no file begins with another
     }
     for (const char *words : {"--json ", "export --format openmetrics "}) {
         const Ran ran = run(words + ("north=" + scratch.path().string()), "", RESIDENT);
         EXPECT_EQ(ran.status, 0) << ran.err;
         const std::string last = ran.err.substr(ran.err.rfind('\n', ran.err.size() - 2) + 1);
-        EXPECT_GT(std::atol(last.c_str()), 1000) << ran.err;
-        EXPECT_LE(std::atol(last.c_str()), 32 * 1024) << "kB for " << words;
+        const long resident = std::strtol(last.c_str(), nullptr, 10);
+        EXPECT_GT(resident, 1000) << ran.err;
+        EXPECT_LE(resident, 32 * 1024) << "kB for " << words;
     }
 }

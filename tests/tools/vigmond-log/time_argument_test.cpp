@@ -6,6 +6,7 @@ using vlog::moment_of_argument;
 
 namespace {
 
+constexpr std::int64_t HOUR = 3600;
 constexpr vlog::Moment NOW = 1714557600; // 2024-05-01 12:00:00 in summer, 10:00 UTC
 
 struct TimeArgument : testing::Test {
@@ -17,7 +18,7 @@ struct TimeArgument : testing::Test {
 TEST_F(TimeArgument, IsADateATimeOrBoth) {
     EXPECT_EQ(moment_of_argument("2024-05-01 11:30:05", NOW), NOW - 1795);
     EXPECT_EQ(moment_of_argument("2024-05-01T11:30", NOW), NOW - 1800);
-    EXPECT_EQ(moment_of_argument(" 2024-05-01 ", NOW), NOW - 12 * 3600);
+    EXPECT_EQ(moment_of_argument(" 2024-05-01 ", NOW), NOW - 12 * HOUR);
     EXPECT_EQ(moment_of_argument("11:30", NOW), NOW - 1800);
     EXPECT_EQ(moment_of_argument("11:30:05.123", NOW), NOW - 1795);
     EXPECT_EQ(moment_of_argument("2024-05-01 09:30 UTC", NOW), NOW - 1800);
@@ -26,9 +27,9 @@ TEST_F(TimeArgument, IsADateATimeOrBoth) {
 
 TEST_F(TimeArgument, IsAWord) {
     EXPECT_EQ(moment_of_argument("now", NOW), NOW);
-    EXPECT_EQ(moment_of_argument("today", NOW), NOW - 12 * 3600);
-    EXPECT_EQ(moment_of_argument("yesterday", NOW), NOW - 36 * 3600);
-    EXPECT_EQ(moment_of_argument("tomorrow", NOW), NOW + 12 * 3600);
+    EXPECT_EQ(moment_of_argument("today", NOW), NOW - 12 * HOUR);
+    EXPECT_EQ(moment_of_argument("yesterday", NOW), NOW - 36 * HOUR);
+    EXPECT_EQ(moment_of_argument("tomorrow", NOW), NOW + 12 * HOUR);
 }
 
 TEST_F(TimeArgument, IsRelative) {

@@ -7,16 +7,15 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using vlog::State;
 
 namespace {
 
-/// A log of temperature and memory, both due every 10 s, and what the timeline makes of it.
+/// A log of temperature and memory, both due every 10 s, and its timeline.
 class Course : public testing::Test {
   public:
     Course() { EXPECT_TRUE(vlog::zone_set("UTC")); }
 
-    /// Adds a record at so many seconds after 10:00.
+    /// Adds a record `seconds` after 10:00.
     void at(int seconds, const std::string &state, const std::string &value = "42", const std::string &check = "CB20") {
         text += record(stamp(seconds), state, check, value);
     }
@@ -138,7 +137,7 @@ TEST_F(Course, HoldsNothingWhenTheClockIsSet) {
     EXPECT_EQ(leaps, 2U);
 }
 
-// Good records are left out, so that silence says nothing.
+// OK records are not written, so that silence means nothing.
 TEST_F(Course, HasNoGapsWhenOnlyWarningsAreWritten) {
     text = header("2024-05-01 10:00:00", "START", "vigmond \"-l\" \"warning\"");
     at(0, "WARN");
@@ -150,8 +149,8 @@ TEST_F(Course, HasNoGapsWhenOnlyWarningsAreWritten) {
     EXPECT_EQ(gaps, 0U);
 }
 
-// WiFi that is not in use is not recorded, and a check that never comes back is no pause of the station.
-TEST_F(Course, DoesNotTakeTheEndOfACheckForAPause) {
+// A check that ends, such as WiFi that is no longer used, is not a pause of the station.
+TEST_F(Course, DoesNotMistakeTheEndOfACheckForAPause) {
     text.replace(text.find("    10\t    10\t    25"), 6, "    60");
     at(0, "OK");
     for (int seconds = 0; seconds <= 240; seconds += 60) {

@@ -10,11 +10,11 @@ using vlog::Unpacker;
 namespace {
 
 constexpr int FILES = 3;
-constexpr int RECORDS = 20000; // some five chunks
+constexpr int RECORDS = 20000; // about five chunks
 
 class Unpacking : public testing::TestWithParam<unsigned> {
   public:
-    /// Files whose records count on from one to the next.
+    /// Files with consecutively numbered records.
     Unpacking() {
         for (int file = 0; file < FILES; ++file) {
             std::string text;
@@ -30,8 +30,8 @@ class Unpacking : public testing::TestWithParam<unsigned> {
 
 } // namespace
 
-// The second file, which is unpacked beside the first, has no room for its chunks until the first is done.
-TEST_P(Unpacking, KeepsTheOrderOfFilesThatAreLargerThanWhatMayWait) {
+// The second file, unpacked in parallel, has no room for its chunks until the first is done.
+TEST_P(Unpacking, KeepsTheOrderOfFilesLargerThanTheQueue) {
     std::atomic<std::uint64_t> bytes = 0;
     Unpacker unpacker(paths, GetParam(), &bytes, 2);
     int expected = 0;
@@ -52,7 +52,7 @@ TEST_P(Unpacking, KeepsTheOrderOfFilesThatAreLargerThanWhatMayWait) {
     EXPECT_EQ(bytes, size);
 }
 
-TEST_P(Unpacking, EndsBeforeTheFilesDo) {
+TEST_P(Unpacking, StopsBeforeTheEndOfTheFiles) {
     Unpacker unpacker(paths, GetParam(), nullptr, 2);
     ASSERT_NE(unpacker.next(), nullptr);
 }

@@ -12,7 +12,7 @@ using vlog::ValueCounts;
 
 namespace {
 
-/// What a sorted list of all values says.
+/// The value of a rank in the sorted list of all values.
 std::int32_t nearest_rank(std::vector<std::int32_t> values, std::size_t percent) {
     std::sort(values.begin(), values.end());
     return values[(values.size() * percent + 99) / 100 - 1];
@@ -35,7 +35,7 @@ TEST(ValueCounts, HaveTheNearestRank) {
     EXPECT_EQ(counts.at_rank(5), std::nullopt);
 }
 
-TEST(ValueCounts, StayWithinTheirBoundAndRightBeyondIt) {
+TEST(ValueCounts, AreBoundedAndExactBeyondTheBound) {
     std::mt19937 random(1); // NOLINT(cert-msc51-cpp,cert-msc32-c): the same values every time
     Spill spill;
     std::vector<ValueCounts> counts(2);
@@ -82,7 +82,7 @@ TEST(ValueCounts, HoldTheSmallestAndTheLargestNumbers) {
     EXPECT_EQ(Spill::value_of(requests[2]), INT32_MAX);
 }
 
-TEST(ValueCounts, SayWhenThereIsNoRoomForTheRest) {
+TEST(ValueCounts, ReportAFullDisk) {
     const ScratchFolder folder;
     setenv("TMPDIR", (folder / "missing").c_str(), 1);
     Spill spill;

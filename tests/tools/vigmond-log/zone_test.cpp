@@ -26,7 +26,7 @@ TEST_F(CentralEurope, IsAnHourOrTwoAheadOfUtc) {
     EXPECT_EQ(vlog::local_text(1704067200), "2024-01-01 01:00:00");
 }
 
-TEST_F(CentralEurope, TellsTheHourThatComesTwiceApartByTheOrder) {
+TEST_F(CentralEurope, ResolvesTheRepeatedHourByTheOrder) {
     const vlog::LocalTime half_past_two = local("2024-10-27 02:30:00");
     EXPECT_EQ(clock.moment_of(half_past_two, {}), OCTOBER_CHANGE - 1800);
     EXPECT_EQ(clock.moment_of(half_past_two, OCTOBER_CHANGE - 1810), OCTOBER_CHANGE - 1800);
@@ -36,13 +36,13 @@ TEST_F(CentralEurope, TellsTheHourThatComesTwiceApartByTheOrder) {
     EXPECT_EQ(clock.moment_of(local("2024-10-27 03:00:00"), OCTOBER_CHANGE + 3590), OCTOBER_CHANGE + 3600);
 }
 
-TEST_F(CentralEurope, TakesASmallStepBackForACorrectionOfTheClock) {
+TEST_F(CentralEurope, TreatsASmallStepBackAsACorrection) {
     const vlog::LocalTime half_past_two = local("2024-10-27 02:30:00");
     EXPECT_EQ(clock.moment_of(half_past_two, OCTOBER_CHANGE - 1800 + 60), OCTOBER_CHANGE - 1800);
     EXPECT_EQ(clock.moment_of(half_past_two, OCTOBER_CHANGE - 1800 + 61), OCTOBER_CHANGE + 1800);
 }
 
-TEST_F(CentralEurope, ReadsTimesThatSummerTimeLeavesOut) {
+TEST_F(CentralEurope, ReadsTimesThatSummerTimeSkips) {
     EXPECT_EQ(clock.moment_of(local("2024-03-31 02:30:00"), {}), 1711848600); // 01:30 UTC
     EXPECT_EQ(clock.moment_of(local("2024-03-31 03:30:00"), {}), 1711848600);
     EXPECT_EQ(clock.moment_of(local("2024-03-31 01:59:59"), {}), 1711846799);

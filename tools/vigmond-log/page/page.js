@@ -1,13 +1,13 @@
 'use strict';
 (() => {
-  // Blue, orange and vermilion differ for the colour-blind too; and the worse a state, the higher its bar.
+  // Colour-blind readers can tell blue, orange and vermilion apart. A worse state has a higher bar.
   const STATES = [['OK', '#56b4e9', 0.4], ['WARN', '#e69f00', 0.7], ['FAIL', '#d55e00', 1], ['INV', '#777777', 1]];
   const WARN_BAND = '#fff0cc', FAIL_BAND = '#fadccb', GAP = '#dddddd';
   const STATE_BAR = 9;
 
   const data = JSON.parse(document.getElementById('data').textContent);
 
-  // The records of a check: times in seconds, values, NaN where none could be read, and states.
+  // The records of a check: times in seconds, values (NaN if unreadable) and states.
   function decode(check) {
     const bytes = atob(check.data), count = check.count;
     const times = new Float64Array(count), values = new Float64Array(count), states = new Uint8Array(count);
@@ -42,8 +42,8 @@
     return low;
   }
 
-  // The points to draw from `begin` to `end`: all, or the least and the greatest value of each pixel, so that a
-  // single one that stands out is seen. The two ends without a value keep the whole time reachable.
+  // The points from `begin` to `end`: all, or the least and greatest value per pixel, so that a single outlier is
+  // visible. The points without a value at both ends keep the whole range reachable.
   function points(check, begin, end, pixels) {
     const {times, values} = check;
     const first = Math.max(firstFrom(times, begin) - 1, 0), last = Math.min(firstFrom(times, end) + 1, times.length);
@@ -72,7 +72,7 @@
     return result;
   }
 
-  // A plugin of dygraphs: bands for the limits, shaded gaps, lines where the daemon was started, and the bar of states.
+  // A dygraphs plugin: bands for the limits, shaded gaps, lines at the starts of the daemon, and the bar of states.
   class Background {
     constructor(check, starts) { this.check = check; this.starts = starts; }
     toString() { return 'Background'; }
@@ -107,7 +107,7 @@
       }
       context.restore();
     }
-    // The worst state of each pixel, and the gaps.
+    // Draws the worst state of each pixel, and the gaps.
     drawRecords(context, x, begin, end, area) {
       const {times, states, interval} = this.check;
       const bottom = area.y + area.h;
@@ -145,7 +145,7 @@
     }
     if (low > high) return [0, 1];
     const room = Math.max(high - low, 1);
-    for (const limit of [check.minfail, check.minwarn, check.maxwarn, check.maxfail]) { // those close by are shown
+    for (const limit of [check.minfail, check.minwarn, check.maxwarn, check.maxfail]) { // include limits nearby
       if (limit !== null && limit > high && limit - high <= room) high = limit;
       if (limit !== null && limit < low && low - limit <= room) low = limit;
     }
@@ -156,7 +156,7 @@
   const strips = [];
   let range = null, isUpdating = false;
 
-  // Shows this time, in seconds as the axis has them, in all strips.
+  // Shows this range, in seconds on the axis, in all strips.
   function show(begin, end) {
     if (isUpdating || (range !== null && range[0] === begin && range[1] === end)) return;
     range = [begin, end];

@@ -1,5 +1,5 @@
-// Runs the command in its arguments and writes the most memory, in kB, that it had resident to standard error. It is
-// small itself: what starts a program counts as the program's until then.
+// Runs the command in its arguments and writes its peak resident memory in kB to standard error. Small itself, because
+// the memory of the parent counts until exec.
 
 #include <cstdio>
 #include <sys/resource.h>

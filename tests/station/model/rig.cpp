@@ -31,7 +31,11 @@ constexpr std::chrono::seconds PATIENCE{20};
 
 Board board_of(const BoardState &state, const RigSetup &setup) {
     Board board;
-    board.without(MEMORY_FILE).without(TEMPERATURE_FILE).without(EMMC_DEVICE);
+    for (const auto &[path, content] : Board().files()) {
+        if (path != ZONE_FILE) {
+            board.without(path);
+        }
+    }
     for (const auto &[path, answer] : state.disks) {
         board.disk(path, answer);
     }

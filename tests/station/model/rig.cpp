@@ -30,8 +30,9 @@ constexpr const char *OBJECT = "/com/corvana/Monitoring1";
 constexpr std::chrono::seconds PATIENCE{20};
 
 Board board_of(const BoardState &state, const RigSetup &setup) {
+    const Board healthy;
     Board board;
-    for (const auto &[path, content] : Board().files()) {
+    for (const auto &[path, content] : healthy.files()) {
         if (path != ZONE_FILE) {
             board.without(path);
         }

@@ -271,17 +271,6 @@ TEST(LoadLogger, CanBeStartedAgainWhenItIsKilled) {
     expect_another(station);
 }
 
-/// The number of records of a pass at `start` and one at each measurement until `end`.
-std::size_t records_between(std::int64_t start, std::int64_t end) {
-    constexpr std::int64_t measurement = 180;
-    std::int64_t count = 0;
-    for (const Check &check : even_checks()) {
-        const std::int64_t period = std::max(check.period, measurement);
-        count += 1 + end / period - start / period;
-    }
-    return static_cast<std::size_t>(count);
-}
-
 TEST(LoadLogger, IsTriedAgainWhenMissingAndNothingIsWrittenTwice) {
     LoadedStation station;
     station.files().remove(LOAD_LOGGER);
@@ -297,7 +286,7 @@ TEST(LoadLogger, IsTriedAgainWhenMissingAndNothingIsWrittenTwice) {
     EXPECT_EQ(count_of(sentences, FAILURE), 2U);
     EXPECT_EQ(station.stop(), 1);
     Texts records = records_in(station.out());
-    EXPECT_THAT(records, SizeIs(records_between(start, station.clock())));
+    EXPECT_THAT(records, SizeIs(records_between(start, station.clock(), 180)));
     std::sort(records.begin(), records.end());
     EXPECT_EQ(std::adjacent_find(records.begin(), records.end()), records.end());
     EXPECT_THAT(station.out(), HasSubstr("FINISHED"));

@@ -1,4 +1,4 @@
-// A pass over tables of 23, 230 and 2,300 tasks: the time per task must not grow with their number. Without the
+// A pass over the built-in table, ten and a hundred times as many tasks: the time per task must not grow. Without the
 // wireless tasks: each must walk a list of all of them and trace each step.
 
 #include "bench_board.h"

@@ -50,7 +50,7 @@ const std::string UNITS = "hostapd nginx ocppd rauc stationd wpa_supplicant corv
 const std::string LOADER = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 
 // clang-format off
-const std::array<Expected, 23> expected{{
+const std::vector<Expected> expected{
     {"temperature", temperature_init, temperature_exec, 20, 0, "common",    "common",      10, {-40, -30, 70, 80},  5,  5, ALL_FORMAT_PARAMETER, THERMAL,    "CPU temperature %D %T threshold."},
     {"bluetooth",   bluetooth_init,   bluetooth_exec,    5, 0, "bool",      "bluetooth",   60, {0, 0, 0, 1},        0, 10, MAXFAIL_PARAMETER,    BLUETOOTH,  ""},
     {"internet",    internet_init,    internet_exec,    10, 0, "common",    "common",      60, {0, 0, 5, 10},       2, 10, MAX_FORMAT_PARAMETER, "eth0",     "internet connection via ethernet %D %T threshold."},
@@ -74,7 +74,7 @@ const std::array<Expected, 23> expected{{
     {"service",     service_init,     service_exec,     23, 0, "bool",      "service",     10, {0, 0, 0, 1},        0, 10, MAXFAIL_PARAMETER,    UNITS,      ""},
     {"load",        load_init,        load_exec,        31, 0, "common",    "load",       180, {0, 0, 75, 0},       5,  5, MAXWARN_PARAMETER,    LOADER,     ""},
     {"load",        load_init,        load_exec,        32, 0, "common",    "load",       180, {0, 0, 0, 90},       5,  5, MAXFAIL_PARAMETER,    LOADER,     ""},
-}};
+};
 // clang-format on
 
 /// The operation behind a name of the dump.
@@ -174,11 +174,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, BuiltInTask, testing::Range(std::size_t{0}, expec
     return std::to_string(row.param + 1) + "_" + expected.at(row.param).name;
 });
 
-TEST(BuiltInTasks, AreALinkedListOf23) {
+TEST(BuiltInTasks, AreALinkedListOfTheseRows) {
     const TaskList list = builtin_tasks();
     const std::vector<const Task *> tasks = walk();
-    EXPECT_EQ(list.count, 23);
-    ASSERT_EQ(tasks.size(), 23U);
+    EXPECT_EQ(list.count, static_cast<std::int32_t>(expected.size()));
+    ASSERT_EQ(tasks.size(), expected.size());
     EXPECT_EQ(tasks.front()->prev, nullptr);
     EXPECT_EQ(tasks.back(), list.last);
     EXPECT_EQ(list.last->next, nullptr);

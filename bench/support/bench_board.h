@@ -1,6 +1,6 @@
 #pragma once
 
-// A board for all 23 checks: files in memory in a private mount namespace, and the tests' fake systemd on a private
+// A board for all checks: files in memory in a private mount namespace, and the tests' fake systemd on a private
 // bus.
 
 #include "bench_daemon.h"

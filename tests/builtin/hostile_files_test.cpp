@@ -30,7 +30,7 @@ struct Reader {
     const char *folder;
 };
 
-constexpr std::array<Reader, 12> readers{{
+constexpr std::array readers = std::to_array<Reader>({
     {"temperature", temperature_init, temperature_exec, 20, nullptr, "error 22", "error 22", "error 22", "error 22"},
     {"memory", memoryusage_init, memoryusage_exec, 21, "/proc/meminfo", "error 22", "error 22", "error 22", "error 22"},
     {"wear", wearout_init, wearout_exec, 7, nullptr, "error 25", "error 25", "error 25", "error 25"},
@@ -43,7 +43,7 @@ constexpr std::array<Reader, 12> readers{{
     {"WiFi quality", wireless_init, wireless_exec, 4, nullptr, "error 22", "error 22", "error 22", "error 22"},
     {"WiFi strength", wireless_init, wireless_exec, 9, nullptr, "error 22", "error 22", "error 22", "error 22"},
     {"load", load_init, load_exec, 31, "/proc/stat", "error -1", "error -1", "value 0", "error -1"},
-}};
+});
 
 class HostileFiles : public testing::Test {
   protected:

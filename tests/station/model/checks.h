@@ -1,6 +1,6 @@
 #pragma once
 
-// The model's own table of the 23 checks, and the settings of its daemon. The model shares no code with the
+// The model's own table of the checks, and the settings of its daemon. The model shares no code with the
 // daemon: it is an independent implementation of the same behaviour.
 
 #include <cstdint>

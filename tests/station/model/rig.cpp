@@ -30,8 +30,13 @@ constexpr const char *OBJECT = "/com/corvana/Monitoring1";
 constexpr std::chrono::seconds PATIENCE{20};
 
 Board board_of(const BoardState &state, const RigSetup &setup) {
+    const Board healthy;
     Board board;
-    board.without(MEMORY_FILE).without(TEMPERATURE_FILE).without(EMMC_DEVICE);
+    for (const auto &[path, content] : healthy.files()) {
+        if (path != ZONE_FILE) {
+            board.without(path);
+        }
+    }
     for (const auto &[path, answer] : state.disks) {
         board.disk(path, answer);
     }

@@ -3,6 +3,7 @@
 #include "child_process.h"
 #include "scratch_folder.h"
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -25,6 +26,8 @@ std::string joined(const std::vector<std::string> &lines) {
     return text;
 }
 
+constexpr std::array terminations{SIGINT, SIGTERM, SIGHUP};
+
 std::vector<std::string> with_script(std::vector<std::string> options) {
     options.insert(options.begin(), RUN_SCRIPT);
     return options;
@@ -34,7 +37,9 @@ class Run : public testing::Test {
   protected:
     Run() {
         prctl(PR_SET_CHILD_SUBREAPER, 1); // processes left by the script become children of the test
-        std::signal(SIGINT, SIG_DFL);     // a shell cannot trap a signal that was ignored at its start
+        for (const int signo : terminations) {
+            std::signal(signo, SIG_DFL); // a shell cannot trap a signal that was ignored at its start
+        }
     }
 
     void start(const std::vector<std::string> &options, const std::string &variable = "LC_ALL=C") {
@@ -101,6 +106,7 @@ TEST_F(Run, ReactsToAHeatedStation) {
     sees("  syslog: ID: CB20[0]: value: 85 CPU temperature above 80 threshold.");
     sees("  issue raised: CB20");
     EXPECT_THAT(sees("  signal: NewIssues "), HasSubstr("[\"CB20\"]"));
+    EXPECT_LT(seen().find("  issue raised: CB20"), seen().find("  signal: NewIssues ")) << "below its issue";
     EXPECT_THAT(asks(" GetListing"), HasSubstr("\"CB20\""));
     sees("FAIL\tCB20[0]\t85");
     EXPECT_EQ(count_of("OK\tCB20[0]\t85\n", seen()), 4U); // the fifth sample confirms
@@ -139,6 +145,92 @@ TEST_F(Run, EndsWithTheStationsDaemon) {
     expect_nothing_left();
 }
 
+TEST_F(Run, IgnoresFurtherSignals) {
+    start({"--station", "--speed", "100"});
+    sees("  heartbeat");
+    for (int burst = 0; burst < 5; ++burst) {
+        for (const int signo : terminations) {
+            script->kill(signo);
+        }
+    }
+    EXPECT_EQ(script->wait(), 0);
+    sees("vigmond ended on a termination signal, with the usual status 1.");
+    expect_nothing_left();
+}
+
+TEST_F(Run, WritesItsHintsToAFile) {
+    start({"--station"});
+    sees("These hints are also in " + folder() + "/HINTS.");
+    sees("  heartbeat");
+    const std::string hints = read_file(folder() + "/HINTS");
+    EXPECT_THAT(seen(), HasSubstr(hints + "These hints are also in "));
+    for (const char *hint : {"# heats the CPU", " GetListing\n", "no output means none"}) {
+        EXPECT_THAT(hints, HasSubstr(hint));
+    }
+    EXPECT_EQ(interrupts(), 0);
+    expect_nothing_left();
+}
+
+namespace {
+
+/// A machine with systemd and with only this policy on its system bus.
+class RunUnderSystemd : public Run {
+  protected:
+    RunUnderSystemd()
+        : bus_({"dbus-daemon", "--config-file=" SUPPORT_FOLDER "/private_bus.conf", "--address=" + address(),
+                "--nofork", "--nopidfile", "--nosyslog", "--print-address=1"}) {
+        EXPECT_TRUE(bus_.output().wait_for("unix:"));
+    }
+    void start_with_policy(const std::string &policy) {
+        const std::string machine = "set -e\n"
+                                    "mount -t tmpfs none /run\n"
+                                    "mkdir -p /run/systemd/system\n"
+                                    "for folder in /usr/share/dbus-1/system.d /etc/dbus-1/system.d; do\n"
+                                    "    [ -d $folder ] || continue\n"
+                                    "    mount -t tmpfs none $folder\n"
+                                    "    touch $folder/" +
+                                    policy + "\ndone\nexec " RUN_SCRIPT;
+        std::vector<std::string> command{"unshare", "--mount", "sh", "-c", machine};
+        if (geteuid() != 0) {
+            command.insert(command.begin() + 1, {"--user", "--map-root-user"});
+        }
+        script.emplace(command,
+                       std::vector<std::string>{std::string("VIGMOND_BUILD=") + BUILD_FOLDER, "VIGMOND_RUN=" + folder(),
+                                                "DBUS_SYSTEM_BUS_ADDRESS=" + address()});
+    }
+    void expect_bus(const std::string &choice) {
+        sees("vigmond runs on this machine.");
+        EXPECT_THAT(seen(), testing::StartsWith(choice + "\n"));
+    }
+    void expect_end() {
+        sees("  on the bus as com.corvana.vigmond");
+        EXPECT_EQ(interrupts(), 0);
+        bus_.kill(SIGTERM);
+        bus_.wait();
+        expect_nothing_left();
+    }
+
+  private:
+    [[nodiscard]] std::string address() const { return "unix:path=" + (scratch / "bus"); }
+
+    ChildProcess bus_;
+};
+
+} // namespace
+
+TEST_F(RunUnderSystemd, UsesTheSystemBusWithThePolicy) {
+    start_with_policy("com.corvana.vigmond.conf");
+    expect_bus("Using the system bus; --private-bus starts a private one.");
+    expect_end();
+}
+
+TEST_F(RunUnderSystemd, UsesAPrivateBusWithoutThePolicy) {
+    start_with_policy("another.conf");
+    expect_bus("Using a private bus because the system bus policy (com.corvana.vigmond.conf) is not installed.");
+    EXPECT_EQ(asks(" GetListing"), "");
+    expect_end();
+}
+
 TEST_F(Run, ShowsThisMachine) {
     start({"--private-bus"});
     sees("  heartbeat");
@@ -161,13 +253,16 @@ TEST_F(Run, ShowsTheDaemonsOptionWarnings) {
 
 TEST_F(Run, RejectsInvalidUse) {
     const std::string path = "PATH=" + scratch.path().string() + ":" + std::getenv("PATH");
-    const std::string no_unshare = scratch.write("unshare", "#!/bin/sh\nexit 1\n");
+    const std::string no_unshare =
+        scratch.write("unshare", "#!/bin/sh\necho \"unshare: unshare failed: Operation not permitted\" >&2\nexit 1\n");
     ASSERT_EQ(chmod(no_unshare.c_str(), S_IRWXU), 0);
     const std::pair<std::vector<std::string>, std::string> cases[]{
         {{"--station", "--speed", "0"}, "--speed takes a number from 1 to 9999"},
         {{"--station", "--speed"}, "--speed takes a number from 1 to 9999"},
         {{"--speed", "5"}, "--speed needs --station"},
-        {{"--station"}, "--station needs mount namespaces"},
+        {{"--station"},
+         "--station needs mount namespaces (root, or a user who may create user namespaces): unshare: unshare failed: "
+         "Operation not permitted"},
     };
     for (const auto &[options, refusal] : cases) {
         start(options, path);

@@ -40,6 +40,15 @@ std::vector<Check> even_checks() {
     return checks;
 }
 
+std::size_t records_between(std::int64_t start, std::int64_t end, std::int64_t step) {
+    std::int64_t count = 0;
+    for (const Check &check : even_checks()) {
+        const std::int64_t period = std::max(check.period, step);
+        count += 1 + end / period - start / period;
+    }
+    return static_cast<std::size_t>(count);
+}
+
 void replace(std::vector<Check> *checks, Check check) {
     const auto place =
         std::find_if(checks->begin(), checks->end(), [&check](const Check &each) { return each.issue == check.issue; });

@@ -32,6 +32,8 @@ struct Check {
 Board even_board();
 /// The checks recorded on it, in the order of their records.
 std::vector<Check> even_checks();
+/// The number of their records when there is a pass at `start` and one at each multiple of `step` until `end`.
+std::size_t records_between(std::int64_t start, std::int64_t end, std::int64_t step);
 /// Replaces the check with the same issue.
 void replace(std::vector<Check> *checks, Check check);
 

@@ -21,6 +21,23 @@ inline std::string header_text(const std::string &stamp, const std::string &occa
     return text.replace(at, placeholder.size(), stamp + "\t" + occasion + "\t" + command_line);
 }
 
+/// The built-in checks in their order, as traces name them: "temperature(CB20[0])".
+inline std::vector<std::string> names_of_checks() {
+    std::vector<std::string> names;
+    std::istringstream header(header_text("", "START", ""));
+    for (std::string line; std::getline(header, line);) {
+        std::istringstream cells(line);
+        std::string mark;
+        std::string name;
+        std::string label;
+        std::string index;
+        if (cells >> mark >> name >> label >> index && label.starts_with("CB")) {
+            names.push_back(name + "(" + label + "[" + index + "])");
+        }
+    }
+    return names;
+}
+
 inline std::string finished_text(const std::string &stamp, const std::string &command_line) {
     return "##\n##\t" + stamp + "\tFINISHED\t" + command_line + "\n##\n";
 }

@@ -52,7 +52,11 @@ class Programs:
         for process in self.running.values():
             process.send_signal(signal.SIGTERM)
         for process in self.running.values():
-            process.wait(60)
+            try:
+                process.wait(60)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
 
 
 def get(url):

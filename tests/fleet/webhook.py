@@ -16,8 +16,9 @@ class Receiver(http.server.BaseHTTPRequestHandler):
         Receiver.messages += 1
         for alert in body["alerts"]:
             labels = alert["labels"]
-            print(f"{time.time():.1f}", Receiver.messages, alert["status"], labels["alertname"],
-                  labels.get("station", "-"), labels.get("issue", "-"), flush=True)
+            words = (f"{time.time():.1f}", str(Receiver.messages), alert["status"], labels["alertname"],
+                     labels.get("station", "-"), labels.get("issue", "-"))
+            print(*words, flush=True)
         self.send_response(200)
         self.send_header("Content-Length", "0")
         self.end_headers()
@@ -27,4 +28,4 @@ class Receiver(http.server.BaseHTTPRequestHandler):
 
 
 if __name__ == "__main__":
-    http.server.ThreadingHTTPServer(("", int(sys.argv[1])), Receiver).serve_forever()
+    http.server.HTTPServer(("", int(sys.argv[1])), Receiver).serve_forever()

@@ -31,4 +31,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vigmond-textfile.service data/vigmond-
 install(FILES data/vigmond-log.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 install(FILES data/vigmond-log.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vigmond-log
         COMPONENT tools)
+install(FILES docs/fleet.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vigmond-tools COMPONENT tools)
 install(DIRECTORY data/examples/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vigmond-tools/examples COMPONENT tools)

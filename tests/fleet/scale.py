@@ -10,6 +10,7 @@ Needs Debian's prometheus, prometheus-alertmanager, victoria-metrics and curl. I
 removed at the end. Runs in network namespaces of their own (unshare --net) do not disturb each other."""
 
 import json
+import math
 import os
 import pathlib
 import resource
@@ -65,7 +66,11 @@ def get(url):
 
 
 def query(base, expression):
-    found = json.loads(get(f"{base}/api/v1/query?query={urllib.parse.quote(expression)}"))["data"]["result"]
+    try:
+        found = json.loads(get(f"{base}/api/v1/query?query={urllib.parse.quote(expression)}"))["data"]["result"]
+    except OSError as error: # overloaded
+        print(f"  {expression}: {error}")
+        return math.nan
     return float(found[0]["value"][1]) if found else 0.0
 
 
@@ -118,10 +123,7 @@ def await_all_up(base, count):
     end = time.time() + 180
     up = 0.0
     while time.time() < end:
-        try:
-            up = query(base, "sum(up)")
-        except OSError:
-            pass
+        up = query(base, "sum(up)")
         if up == count:
             return
         time.sleep(1)
@@ -147,7 +149,7 @@ def report(kind, count, minutes, base, measured, programs, before):
         cpu = (programs.seconds(name) - before[name]) / (60 * minutes) * 100
         print(f"  {name}: {cpu:.1f} % of one core, {programs.megabytes(name):.0f} MB resident at most")
     up = query(base, "sum(up)")
-    print(f"  up {up:.0f}, series of vigmond {query(base, 'count({__name__=~%r})' % 'vigmond_.*'):.0f}")
+    print(f"  stations scraped: {up:.0f}")
     print(f"  slowest scrape {query(base, 'max(scrape_duration_seconds)'):.2f} s,"
           f" least scrapes of a station in 4 minutes {query(base, 'min(count_over_time(up[4m]))'):.0f}")
     found, lost = delays()
@@ -162,6 +164,7 @@ def measure(kind, count, minutes):
     try:
         programs.start("stations", HERE / "stations.py", count, "serve", 10, output=open(WORK / "raised", "w"))
         base, measured = start_centre(programs, kind)
+        await_answer(base + "/-/healthy" if kind != "victoria" else base + "/health")
         await_all_up(base, count)
         time.sleep(WARM_UP)
         before = {name: programs.seconds(name) for name in measured}

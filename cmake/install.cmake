@@ -20,7 +20,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vigmond-status-log.5 DESTINATION ${CMA
 install(FILES data/vigmond.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vigmond)
 install(FILES data/vigmond.zsh DESTINATION ${VIGMOND_ZSH_DIR} RENAME _vigmond)
 install(FILES CHANGELOG.md docs/integrators.md docs/operators.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY data/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY data/examples DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN fleet EXCLUDE)
 install(FILES docs/examples/watch_issues.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # vigmond-log, in a package of its own.
@@ -31,3 +31,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vigmond-textfile.service data/vigmond-
 install(FILES data/vigmond-log.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 install(FILES data/vigmond-log.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME vigmond-log
         COMPONENT tools)
+install(FILES docs/fleet.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vigmond-tools COMPONENT tools)
+install(DIRECTORY data/examples/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vigmond-tools/examples COMPONENT tools)

@@ -56,6 +56,41 @@ TEST(RecordLine, MayBeOfAnUnsetIssueAnUnknownStateAndTheLargestValues) {
     EXPECT_EQ(read("2024-05-01 10:00:00\tOK\tCB123\t0\t2147483647").value, INT32_MAX);
 }
 
+TEST(RecordLine, IsReadQuicklyWhenItLooksLikeMost) {
+    const std::string front = "2024-05-01 10:00:00\t";
+    const std::string more(64, 'x');
+    for (const char *const rest : {"OK\tCB20\t0\t45", "WARN\tCB05\t7\t-42", "FAIL\tCB00\t9\t999999999"}) {
+        const std::string line = front + rest;
+        RecordReader reader;
+        Record record;
+        EXPECT_EQ(reader.read_usual(line + "\n" + more, &record), line.size() + 1) << rest;
+        const Record careful = read(line);
+        EXPECT_EQ(record.local, MAY_FIRST);
+        EXPECT_EQ(record.state, careful.state) << rest;
+        EXPECT_EQ(record.check, careful.check) << rest;
+        EXPECT_EQ(record.readable, careful.readable) << rest;
+        EXPECT_EQ(record.value, careful.value) << rest;
+    }
+}
+
+TEST(RecordLine, IsLeftToTheCarefulReaderWhenItLooksUnusual) {
+    const std::string more(64, 'x');
+    for (const char *const line :
+         {"2024-05-01 10:00:00\tOK\tCB20\t0\t1234567890\n", "2024-05-01 10:00:00\tOK\tCB20\t0\t-\n",
+          "2024-05-01 10:00:00\tOK\tCB20\t0\t\n", "2024-05-01 10:00:00\tOK\tCB20\t0\t5\r\n",
+          "2024-05-01 10:00:00\tOK\tCB20\t0\tNaN\n", "2024-05-01 10:00:00\tOK\tCB20\t10\t5\n",
+          "2024-05-01 10:00:00\tOK\tCB123\t0\t5\n", "2024-05-01 10:00:00\tOK\tCBnn\t0\t5\n",
+          "2024-05-01 10:00:00\tINV\tCB20\t0\t5\n", "2024-05-01 10:00:61\tOK\tCB20\t0\t5\n",
+          "2024-05-01 10:00:00 OK\tCB20\t0\t5\n", "## text\n", "\n"}) {
+        RecordReader reader;
+        Record record;
+        EXPECT_EQ(reader.read_usual(line + more, &record), 0U) << line;
+    }
+    RecordReader reader;
+    Record record;
+    EXPECT_EQ(reader.read_usual("2024-05-01 10:00:00\tOK\tCB20\t0\t5\n", &record), 0U); // too near the end of the text
+}
+
 // Days from the calendar, by hand: 1970-01-01, the leap days of 2000 and 2024, the ends of 32-bit times.
 TEST(RecordLine, HasTheCalendarsTime) {
     EXPECT_EQ(read("1970-01-01 00:00:07\tOK\tCB20\t0\t1").local, 7);

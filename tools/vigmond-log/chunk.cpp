@@ -69,7 +69,7 @@ void TextReader::finish(std::string_view text, Chunk *chunk) {
 }
 
 void TextReader::read_line(std::string_view line, Chunk *chunk) {
-    if (in_long_line_) {
+    if (in_long_line_ || line.size() >= LONGEST_LINE) {
         in_long_line_ = false;
         ++chunk->foreign_lines;
         return;

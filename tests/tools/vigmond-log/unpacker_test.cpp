@@ -58,3 +58,16 @@ TEST_P(Unpacking, StopsBeforeTheEndOfTheFiles) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Threads, Unpacking, testing::Values(1U, 2U, 3U));
+
+// Whether a long line is a comment must not depend on how much of it is read at a time.
+TEST(TextReader, CountsALongCommentAsForeignInOnePieceAndInMany) {
+    const std::string text = "##" + std::string(vlog::TextReader::LONGEST_LINE, 'x') + "\n";
+    Chunk whole;
+    vlog::TextReader().read(text, &whole);
+    EXPECT_EQ(whole.foreign_lines, 1U);
+    Chunk pieces;
+    vlog::TextReader reader;
+    const std::size_t used = reader.read(text.substr(0, vlog::TextReader::LONGEST_LINE), &pieces);
+    EXPECT_EQ(reader.read(text.substr(used), &pieces), text.size() - used);
+    EXPECT_EQ(pieces.foreign_lines, 1U);
+}

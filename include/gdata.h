@@ -181,12 +181,12 @@ struct LevelName {
 };
 
 /// The names of the levels, as options take them and as the dump and the options' warnings show them.
-inline constexpr std::array<LevelName, 3> gdata_log_levels{{
+inline constexpr std::array<LevelName, 3> LOG_LEVELS{{
     {"fail", LOGLEVEL_FAIL},
     {"warning", LOGLEVEL_WARNING},
     {"OK", LOGLEVEL_OK},
 }};
-inline constexpr std::array<LevelName, 4> gdata_severity_levels{{
+inline constexpr std::array<LevelName, 4> SEVERITY_LEVELS{{
     {"critical", SEVERITY_CRITICAL},
     {"failed", SEVERITY_FAILED},
     {"warning", SEVERITY_WARNING},

@@ -147,9 +147,9 @@ const char *name_of(std::span<const LevelName> table, std::int32_t level) {
 
 } // namespace
 
-const char *gdata_loglevel_name(std::int32_t level) { return name_of(gdata_log_levels, level); }
+const char *gdata_loglevel_name(std::int32_t level) { return name_of(LOG_LEVELS, level); }
 
-const char *gdata_severitylevel_name(std::int32_t level) { return name_of(gdata_severity_levels, level); }
+const char *gdata_severitylevel_name(std::int32_t level) { return name_of(SEVERITY_LEVELS, level); }
 
 int gdata_config_print() {
     trace(TRACE_TRACE, " ");

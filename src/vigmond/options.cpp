@@ -113,7 +113,7 @@ const LevelName *find_level(std::span<const LevelName> table, const char *text) 
 }
 
 void set_loglevel(const char *prog, const char *text) {
-    if (const LevelName *row = find_level(gdata_log_levels, text)) {
+    if (const LevelName *row = find_level(LOG_LEVELS, text)) {
         gdata_set_loglevel(row->level);
     } else {
         warn_invalid_argument(prog, 'l', text, gdata_loglevel_name(gdata_get_loglevel()));
@@ -121,7 +121,7 @@ void set_loglevel(const char *prog, const char *text) {
 }
 
 void set_severitylevel(const char *prog, const char *text) {
-    if (const LevelName *row = find_level(gdata_severity_levels, text)) {
+    if (const LevelName *row = find_level(SEVERITY_LEVELS, text)) {
         gdata_set_severitylevel(row->level);
     } else {
         warn_invalid_argument(prog, 's', text, gdata_severitylevel_name(gdata_get_severitylevel()));

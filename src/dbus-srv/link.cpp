@@ -22,8 +22,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 // What libdbus reads before messages are handled: a flood must queue at its sender and not in our memory. A single
-// larger message is still read. Small messages take several times their size in memory.
-constexpr long MAX_INPUT_BYTES = 256L * 1024;
+// larger message is still read. Small messages take four times their size in memory.
+constexpr long MAX_INPUT_BYTES = 64L * 1024;
 constexpr long MAX_INPUT_DESCRIPTORS = 16;
 
 // The kernel's limit. A message with more descriptors than our limit would close the connection, and the bus may

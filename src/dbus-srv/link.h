@@ -30,7 +30,7 @@ void bus_link_set(BusLink state, DBusConnection *connection);
 BusLinkView bus_link_get();
 
 /// The shared connection to the system bus; none, with the error set, on failure. It does not end the process when
-/// the bus disappears, and it queues at most 256 KiB and one message. May block: not for the main thread.
+/// the bus disappears, and it queues at most 64 KiB and one message. May block: not for the main thread.
 BusConnection bus_connect(BusError &error);
 bool bus_is_connected(const BusConnection &connection);
 

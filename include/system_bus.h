@@ -4,10 +4,10 @@
 
 #include "handle.h"
 
+#include <array>
 #include <cstdint>
-#include <memory>
+#include <string_view>
 #include <systemd/sd-bus.h>
-#include <utility>
 
 /// The error of a failed bus call. Use a new one for each attempt: a call with an error already set fails at once.
 class UnitError {
@@ -28,26 +28,28 @@ class UnitError {
     sd_bus_error error_{}; // SD_BUS_ERROR_NULL is a C99 compound literal
 };
 
-struct ReleaseUnitMessage {
-    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
-};
-using UnitMessage = std::unique_ptr<sd_bus_message, ReleaseUnitMessage>;
-
-/// A property's text: allocated by the library, or part of a late reply. A copy of our own would be an allocation in
-/// each heartbeat with a slow systemd.
+/// A property's text. A late reply's is copied without an allocation, which each heartbeat with a slow systemd would
+/// repeat. Keeping the reply itself would keep a dropped connection alive.
 class UnitText {
   public:
-    UnitText() = default;
-    explicit UnitText(char *allocated) : allocated_(allocated), text_(allocated) {}
-    UnitText(UnitMessage reply, const char *text) : reply_(std::move(reply)), text_(text) {}
+    /// Takes the library's text, or null.
+    void take(char *allocated) {
+        allocated_.reset(allocated);
+        has_copy_ = false;
+    }
+    /// Copies the first 63 characters: the states of units are much shorter.
+    void copy(const char *text) {
+        copy_[std::string_view(text).copy(copy_.data(), copy_.size() - 1)] = '\0';
+        has_copy_ = true;
+    }
 
     /// The text, or null.
-    [[nodiscard]] const char *get() const { return text_; }
+    [[nodiscard]] const char *get() const { return has_copy_ ? copy_.data() : allocated_.get(); }
 
   private:
     TextHandle allocated_;
-    UnitMessage reply_;
-    const char *text_ = nullptr;
+    std::array<char, 64> copy_{};
+    bool has_copy_ = false;
 };
 
 /// Opens the connection if there is none, or if it is dead or flooded by others; 0 or more, or a negative errno.

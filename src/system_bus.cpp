@@ -10,7 +10,6 @@
 #include <malloc.h>
 #include <memory>
 #include <sys/ioctl.h>
-#include <utility>
 
 namespace {
 
@@ -42,6 +41,11 @@ struct Unreference {
 /// The process's only reference: as long as another one exists, sd_bus_default_system() returns the dead
 /// connection again.
 constinit NoDestructor<std::unique_ptr<sd_bus, Unreference>> connection;
+
+struct ReleaseMessage {
+    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
+};
+using UnitMessage = std::unique_ptr<sd_bus_message, ReleaseMessage>;
 
 /// Handles pending signals, then processes one message, which it stores in `message`, or waits a short time.
 /// Returns a negative errno if the connection is dead or the deadline has passed.
@@ -181,13 +185,15 @@ int system_bus_read_text(const char *path, const char *property, UnitText *text,
     const Deadline deadline = steady_clock::now() + ANSWER_TIMEOUT;
     char *read = nullptr;
     int result = sd_bus_get_property_string(bus, DESTINATION, path, INTERFACE, property, error->get(), &read);
-    *text = UnitText(read);
+    text->take(read);
     if (is_unanswered(result, *error)) {
         UnitMessage answer;
         const char *late = nullptr;
         result = await_answer(bus, deadline, &answer, error);
         result = result < 0 ? result : sd_bus_message_read(answer.get(), "v", "s", &late);
-        *text = UnitText(std::move(answer), late);
+        if (late != nullptr) {
+            text->copy(late);
+        }
     }
     return end_call(bus, result);
 }

@@ -6,6 +6,7 @@
 #include "fake_systemd.h"
 #include "in_child.h"
 #include "private_bus.h"
+#include "scratch_folder.h"
 #include "signals.h"
 
 #include <cerrno>
@@ -120,7 +121,9 @@ TEST(SystemBusLateAnswer, IsNotAwaitedFromABusThatDies) {
 
 TEST(SystemBusLateAnswer, DoesNotDelayATermination) {
     constexpr int taken_while_waiting = 77;
-    const int status = run_child([] {
+    const ScratchFolder folder; // removed here, because the child ends without cleaning up
+    const int status = run_child([&folder] {
+        setenv("TMPDIR", folder.path().c_str(), 1);
         signals_block(); // also for the rig's threads
         Rig rig;
         std::signal(SIGTERM, [](int /*signo*/) { _exit(taken_while_waiting); });

@@ -67,7 +67,7 @@ void free(void *memory) {
 namespace {
 
 void write_log(const std::string &path) {
-    std::mt19937 random(1); // NOLINT(cert-msc51-cpp,cert-msc32-c): the same log every time
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same log every time
     std::ofstream file(path, std::ios::binary);
     std::array<char, 64> line{};
     for (std::size_t written = 0; written < LOG_SIZE;) {

@@ -299,7 +299,8 @@ constexpr double QUESTIONS = 8;
 constexpr std::array listed{ListedCalls{"sendmsg", QUESTIONS},  ListedCalls{"recvmsg", 3 * QUESTIONS},
                             ListedCalls{"ppoll", QUESTIONS},    ListedCalls{"openat", 13},
                             ListedCalls{"close", 13},           ListedCalls{"newfstatat", 10 + 8 + 1},
-                            ListedCalls{"read", 2 * 10},        ListedCalls{"ioctl", 1},
+                            ListedCalls{"read", 2 * 10},        ListedCalls{"ioctl", 1 + QUESTIONS},
+                            ListedCalls{"capget", 2},           ListedCalls{"capset", 2},
                             ListedCalls{"statfs", 8},           ListedCalls{"access", 1},
                             ListedCalls{"writev", 23},          ListedCalls{"lseek", 23},
                             ListedCalls{"rt_sigtimedwait", 31}, ListedCalls{"rt_sigprocmask", 2}};

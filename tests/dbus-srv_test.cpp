@@ -245,8 +245,8 @@ TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {
     [[maybe_unused]] const long memory = memory_of(pid);
     call_all(2500);
     EXPECT_EQ(descriptors_of(pid), descriptors);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // sanitizers keep freed memory
-    EXPECT_LT(memory_of(pid) - memory, 64);                         // pages; one leaked reply a call were thousands
+#ifndef SANITIZED                           // sanitizers keep freed memory
+    EXPECT_LT(memory_of(pid) - memory, 64); // pages; one leaked reply a call were thousands
 #endif
 }
 
@@ -285,8 +285,8 @@ TEST_F(BusServiceTest, LargeMessagesAreAnsweredAndLeaveNoMemoryBehind) {
     }
     ASSERT_TRUE(is_return(client_.call(listing_call()))); // the previous message has been released by now
     EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // sanitizers keep freed memory
-    EXPECT_LT(memory_of(daemon_.process().pid()) - memory, 256);    // pages; each message has 8,000
+#ifndef SANITIZED                                                // sanitizers keep freed memory
+    EXPECT_LT(memory_of(daemon_.process().pid()) - memory, 256); // pages; each message has 8,000
 #endif
 }
 

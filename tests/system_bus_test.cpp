@@ -137,7 +137,7 @@ TEST(SystemBusLateAnswer, DoesNotDelayATermination) {
 // --- floods
 
 constexpr const char *SIGNAL_SIZE = "4000";
-#ifdef __SANITIZE_ADDRESS__
+#ifdef SANITIZED
 constexpr long MOST_KB = 1'000'000; // the sanitizer keeps freed memory for a while
 #else
 constexpr long MOST_KB = 16'000; // the flood brings several times that in a second

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef SANITIZED
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); // g++ ships without its header
 #else
 #include <malloc.h>
@@ -10,7 +10,7 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); // g++ ships w
 
 /// The bytes allocated by the process and not freed.
 inline std::size_t heap_in_use() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef SANITIZED
     return __sanitizer_get_current_allocated_bytes();
 #else
     const struct mallinfo2 info = mallinfo2();

@@ -32,7 +32,7 @@ std::string bzip2(const std::string &text, const std::string &options) {
 }
 
 std::string log_text(std::size_t size) {
-    std::mt19937 random(1); // NOLINT(cert-msc51-cpp,cert-msc32-c): the same text every time
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same text every time
     std::string text;
     std::array<char, 64> line{};
     while (text.size() < size) {
@@ -45,7 +45,7 @@ std::string log_text(std::size_t size) {
 }
 
 std::string noise(std::size_t size) {
-    std::mt19937 random(2); // NOLINT(cert-msc51-cpp,cert-msc32-c): the same bytes every time
+    std::mt19937 random(2); // NOLINT(cert-msc51-cpp): the same bytes every time
     std::string bytes(size, '\0');
     for (char &byte : bytes) {
         byte = static_cast<char>(random());

@@ -36,7 +36,7 @@ TEST(ValueCounts, HaveTheNearestRank) {
 }
 
 TEST(ValueCounts, AreBoundedAndExactBeyondTheBound) {
-    std::mt19937 random(1); // NOLINT(cert-msc51-cpp,cert-msc32-c): the same values every time
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same values every time
     Spill spill;
     std::vector<ValueCounts> counts(2);
     std::vector<std::vector<std::int32_t>> values(2);

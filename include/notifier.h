@@ -8,5 +8,5 @@ int notifier_init();
 int notifier(Task *task);
 /// Reports the state to the issue registry if `do_notify` is set, and clears the mark; returns 0.
 int common_notifier(Task *task);
-/// Clears the mark and reports nothing; returns 0.
+/// Clears `do_notify` and reports nothing; returns 0.
 int NULL_notifier(Task *task);

@@ -1,7 +1,7 @@
 #pragma once
 
-// The bus service's interface for the rest of the daemon: the issue registry and its signals. None of these
-// operations waits for the bus.
+// What the rest of the daemon uses of the bus service: the issue registry and its signals. None of these operations
+// waits for the bus.
 
 #include <cstddef>
 #include <cstdint>

@@ -54,36 +54,36 @@ struct Task {
     TaskOperation precondition; ///< 0 skips a run; called when TASK_HAS_PRECONDITION is set
     TaskOperation cleanup;      ///< called at exit when TASK_HAS_CLEANUP is set
     TaskOperation exec;         ///< the probe: stores `value` and TASK_VALUE_VALID, or `error`
-    const char *source;
+    const char *source;         ///< the probe's name, for the dump and the scheduler's traces
     NamedOperation analyze;
     NamedOperation notify;
     NamedOperation logging;
-    const char *name;
-    std::int32_t id;
-    std::int32_t index;
+    const char *name;      ///< the probe's name, for the status log's header and all other traces
+    std::int32_t id;       ///< the issue's number: 20 is CB20
+    std::int32_t index;    ///< distinguishes the tasks of one issue
     std::int32_t interval; ///< seconds
     std::int32_t minfail;
     std::int32_t minwarn;
     std::int32_t maxwarn;
     std::int32_t maxfail;
     std::int32_t hysteresis;
-    std::int32_t delay; ///< consecutive samples before a change of state
-    const char *parameter;
-    const char *format;
+    std::int32_t delay;    ///< consecutive samples before a change of state
+    const char *parameter; ///< what the probe measures: a file, an interface, a list of services
+    const char *format;    ///< template of the sentence
     std::int64_t next_run; ///< seconds since the epoch
     std::int32_t value;
-    std::int32_t error; ///< errno-style code of the last failed run
-    std::int32_t child_pid;
-    std::uint8_t counter_minfail;
+    std::int32_t error;           ///< errno-style code of the last failed run
+    std::int32_t child_pid;       ///< of the load logger; 0 if it does not run
+    std::uint8_t counter_minfail; ///< consecutive samples of this class, as the other counters
     std::uint8_t counter_minwarn;
     std::uint8_t counter_ok;
     std::uint8_t counter_maxwarn;
     std::uint8_t counter_maxfail;
-    std::int8_t state; ///< -2 failure below, -1 warning below, 0 OK, 1 warning above, 2 failure above
-    std::uint8_t analyzable;
-    std::uint8_t do_notify;
-    std::uint8_t do_log;
-    std::uint8_t do_logfile;
+    std::int8_t state;       ///< -2 failure below, -1 warning below, 0 OK, 1 warning above, 2 failure above
+    std::uint8_t analyzable; ///< 0: the analyzers ignore the value
+    std::uint8_t do_notify;  ///< the notifier reports the changed state
+    std::uint8_t do_log;     ///< the logger writes a sentence
+    std::uint8_t do_logfile; ///< the status log gets a record; 0 while the check is suspended
 };
 
 /// Whether all bits of `mask` are set in the task's flags.

@@ -45,8 +45,8 @@ inline Descriptor open_nonblocking(const char *name, int flags) {
     return Descriptor(open(name, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
 }
 
-/// The same for appending; creates the file if missing. Empty, with errno set, on failure. Follows a link to an
-/// existing file, but does not create the target of a dangling link.
+/// Opens a file for appending in the same way; creates it if missing. Empty, with errno set, on failure. Follows a link
+/// to an existing file, but does not create the target of a dangling link.
 inline Descriptor open_for_append(const char *name) {
     Descriptor file = open_nonblocking(name, O_WRONLY | O_APPEND);
     if (!file && errno == ENOENT) {

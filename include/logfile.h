@@ -1,8 +1,9 @@
 #pragma once
 
-// The status log: a tab-separated file of every evaluation, rotated when full. Each record and each block is
-// handed to the kernel by one write. A record that does not fit is lost as a whole: a partial write is undone,
-// except in a pipe or a file that another process has appended to. There the next write starts a new line.
+// The status log: a tab-separated file with a record of each run of a task, rotated when full. Comments are blocks: the
+// header, and the marker at the end. Each record and each block is one write. If it does not fit on the disk, nothing
+// of it remains: a partial write is undone, except in a pipe or a file that another process has appended to. There the
+// next write starts a new line.
 
 #include "gdata.h"
 #include "handle.h"
@@ -38,7 +39,7 @@ struct LogfileState {
     int logfile_header_written = 0; ///< the next header says "START" if 0, else "ROTATE"
     int logfile_initialised = 0;
     bool torn = false;                 ///< the last line of the stream is an incomplete record
-    bool rotation_interrupted = false; ///< the last rotation, because the process is about to end
+    bool rotation_interrupted = false; ///< the last rotation was aborted because the process is about to end
     std::int64_t rotation_end = 0;     ///< monotonic seconds after which a rotation is interrupted; 0: no limit
     std::int32_t loglevel = LOGLEVEL_OK;
     std::int32_t logsize = 1048576;
@@ -61,8 +62,8 @@ void logfile_follow_name();
 int logfile_run(Task *task);
 /// Writes the task's record; returns 0.
 int logfile_exec(Task *task);
-/// Ends a pass. Returns the errno of a record lost in it, or 0. A pass without records repeats the previous
-/// result.
+/// Called at the end of a pass. Returns the errno of a record lost in the pass, or 0. After a pass without records
+/// returns the previous result.
 int logfile_pass_error();
 /// Writes the closing block and leaves the stream open; returns 0.
 int logfile_cleanup();

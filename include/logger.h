@@ -24,15 +24,16 @@ const LoggerState *logger_state_row(std::span<const LoggerState> table, int stat
 
 /// Opens syslog on the first call; nothing is written before that. Returns 0.
 int logger_init();
-/// Runs the task's logger and clears its mark; its result, or -1, the mark untouched, when it has none.
+/// Runs the task's logger, clears `do_log` and returns the logger's result. Without a logger returns -1 and keeps the
+/// mark.
 int logger(Task *task);
 
 /// Writes `text` with the label of `state` (-2..4), if the severity level permits.
 void logger_syslog(int state, const char *text);
 /// Traces how many sentences were lost, once syslog accepts messages again.
 void logger_tell_lost();
-/// Expands the task's template into `buffer`; 0, or -1, the buffer untouched, when it has none.
-/// Text that does not fit is cut; an insertion that does not fit is omitted.
+/// Expands the task's template into `buffer` and returns 0. Without a template returns -1 and writes nothing. Text that
+/// does not fit is cut; an insertion that does not fit is omitted.
 int logger_format(char *buffer, std::size_t size, const Task *task);
 /// Writes the prefix of every line, "ID: CB07[0]: ".
 void logger_id_prefix(char *buffer, std::size_t size, const Task *task);
@@ -47,5 +48,5 @@ int bool_logger(Task *task);
 int threshold_logger(Task *task);
 /// `threshold_logger` for most built-in tasks.
 int common_logger(Task *task);
-/// Clears the mark and writes nothing.
+/// Clears `do_log` and writes nothing.
 int NULL_logger(Task *task);

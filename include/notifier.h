@@ -6,7 +6,7 @@
 int notifier_init();
 /// Runs the task's notifier; its result, or -1 when it has none.
 int notifier(Task *task);
-/// Reports a marked change to the issue registry; returns 0.
+/// Reports the state to the issue registry if `do_notify` is set, and clears the mark; returns 0.
 int common_notifier(Task *task);
-/// Clears the mark and reports nothing; returns 0.
+/// Clears `do_notify` and reports nothing; returns 0.
 int NULL_notifier(Task *task);

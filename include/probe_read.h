@@ -14,9 +14,9 @@ struct Reading {
     static constexpr Reading of(std::int32_t value) { return {.value = value, .error = 0}; }
     static constexpr Reading failed(std::int32_t error) { return {.value = 0, .error = error}; }
 
-    /// The result of a call that failed with `error`. Kept: if errno is 0, `prepared` counts as measured.
-    static constexpr Reading failed_with_errno(std::int32_t error, std::int32_t prepared = 0) {
-        return error == 0 ? of(prepared) : failed(error);
+    /// The result of a call that failed with `error`. Kept: if `error` is 0, `fallback` is the measurement.
+    static constexpr Reading failed_with_errno(std::int32_t error, std::int32_t fallback = 0) {
+        return error == 0 ? of(fallback) : failed(error);
     }
 
     /// A number truncated toward zero; EINVAL if it does not fit 32 bits ("inf", "nan", 1e300).

@@ -17,7 +17,7 @@ int process_remove(pid_t pid);
 int process_cmp(const void *task, const void *key);
 /// Blocks SIGCHLD while a child is started, so that it is registered before its end is handled.
 void process_suspend_sig();
-/// Ends that section. SIGCHLD stays blocked if it was blocked before.
+/// Unblocks SIGCHLD, unless it was blocked before process_suspend_sig().
 void process_continue_sig();
 /// Reaps every child that has ended.
 void sig_child_handler(int signo, siginfo_t *info, void *context);

@@ -28,8 +28,8 @@ class UnitError {
     sd_bus_error error_{}; // SD_BUS_ERROR_NULL is a C99 compound literal
 };
 
-/// A property's text. A late reply's is copied without an allocation, which each heartbeat with a slow systemd would
-/// repeat. Keeping the reply itself would keep a dropped connection alive.
+/// The text of a property. That of a late reply is copied into an array: with a slow systemd each heartbeat would
+/// otherwise allocate. The reply itself is not kept, because it would keep a dropped connection alive.
 class UnitText {
   public:
     /// Takes the library's text, or null.

@@ -10,6 +10,6 @@ void sig_alarm_handler(int signo);
 void timer_suspend();
 /// Unblocks SIGALRM for the calling thread; a pending heartbeat is counted now.
 void timer_continue();
-/// Waits for a signal, then until a heartbeat has been counted. A heartbeat counted before the call takes effect
-/// only after the next signal: an overrun delays the next pass.
+/// The wait between two passes: waits for a signal, then until a heartbeat has been counted. A heartbeat that was
+/// counted before the call takes effect only after the next signal: a pass that lasts too long delays the next one.
 void runrun_wait();

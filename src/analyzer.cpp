@@ -30,7 +30,8 @@ void commit(Task *task, std::int8_t candidate) {
     task->do_log = 1;
 }
 
-/// The task's limits, with the limit that keeps the current state moved back by the hysteresis.
+/// The task's limits. The hysteresis moves the limits that the current state has passed, so that the value must return
+/// beyond them to end the state.
 Limits effective_limits(const Task *task) {
     Limits limits{task->minfail, task->minwarn, task->maxwarn, task->maxfail};
     const std::int64_t h = task_has(task, TASK_HAS_HYSTERESIS) ? task->hysteresis : 0;
@@ -54,6 +55,9 @@ Limits effective_limits(const Task *task) {
     }
     return limits;
 }
+
+// Each of these counts a sample of one class and resets the counters of the others. A failure also counts as a
+// warning. After `delay` samples the state changes.
 
 void count_minfail(Task *task) {
     ++task->counter_minfail;
@@ -95,7 +99,7 @@ void count_maxwarn(Task *task) {
 
 void count_ok(Task *task) {
     task->counter_minfail = task->counter_minwarn = task->counter_maxwarn = task->counter_maxfail = 0;
-    if ((task->flags & FOUR_LOWEST_FLAGS) != 0) { // kept: a task without these bits keeps its state
+    if ((task->flags & FOUR_LOWEST_FLAGS) != 0) { // kept: without any of them, a good value never counts
         ++task->counter_ok;
     }
     if (delay_reached(task, task->counter_ok)) {
@@ -119,7 +123,7 @@ void classify(Task *task, const Limits &limits) {
     }
 }
 
-/// The counter that caused a change keeps counting and wraps; kept.
+/// Kept: a counter is not reset when it changes the state; it continues and wraps at 256.
 void count_bool(Task *task) {
     if (task->value == 1) {
         task->counter_ok = 0;
@@ -138,7 +142,7 @@ void count_bool(Task *task) {
 
 } // namespace
 
-// The texts before and after the analysis. Both marks in the second text show do_notify; kept.
+// The traces before and after the analysis. Kept: the second shows do_notify for both marks.
 #define trace_value(task)                                                                                              \
     trace(TRACE_TRACE, "analyze ID: CB%02d[%d] -- value: %d (%s%s)", (task)->id, (task)->index, (task)->value,         \
           validity(task), "VALID")

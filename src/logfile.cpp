@@ -33,7 +33,7 @@ namespace {
 
 constinit NoDestructor<LogfileState> the_state;
 
-/// For a state without a row: passes every level.
+/// For a state without a row: written at every level.
 constexpr LogfileStateRow UNKNOWN_STATE{0, -1, "INV"};
 
 const LogfileStateRow &row_of(std::int32_t state) {
@@ -138,7 +138,7 @@ void flush_standard_streams(const LogfileState &log) {
     }
 }
 
-/// Writes the entry if the level permits; false, with errno set, if it was lost.
+/// Writes a marker if `mark` is 1, otherwise a record if the level permits; false, with errno set, if it was lost.
 bool write_entry(LogfileState &log, std::int32_t state, const char *text, int mark) {
     const LogfileStateRow &row = row_of(state);
     if (mark != 1 && row.level > log.loglevel) {
@@ -149,7 +149,8 @@ bool write_entry(LogfileState &log, std::int32_t state, const char *text, int ma
     return written;
 }
 
-/// Seconds. Compressing a log of the default size takes about 4 s on the board; the service manager waits 30 s.
+/// Seconds for the rotation at the end of the process. Compressing a log of the default size takes about 4 s on the
+/// board; the service manager waits 30 s.
 constexpr std::int64_t LONGEST_LAST_ROTATION = 10;
 
 std::int64_t monotonic_seconds() {
@@ -158,8 +159,8 @@ std::int64_t monotonic_seconds() {
     return now.tv_sec;
 }
 
-/// Others may have made the log too large to compress during a termination. The next start repeats an interrupted
-/// rotation.
+/// Called by file_rotate. True if the process is to end or the last rotation takes too long: other programs may have
+/// made the log very large. The next start repeats an interrupted rotation.
 bool interrupt_rotation() {
     LogfileState &log = logfile_state();
     const bool late = log.rotation_end != 0 && monotonic_seconds() > log.rotation_end;
@@ -247,7 +248,7 @@ void lf_print(std::int32_t state, const char *text, int mark) {
     if (!write_entry(log, state, text, mark)) {
         trace(TRACE_TRACE, "%s: %s", log.logfile_name.get(), std::strerror(errno));
     }
-    if (mark != 1 || !log.rotation_interrupted) {
+    if (mark != 1 || !log.rotation_interrupted) { // a marker does not restart an interrupted rotation
         rotate_when_full(log);
     }
 }

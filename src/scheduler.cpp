@@ -22,12 +22,12 @@ namespace {
 
 bool is_due(const Task *task, std::int64_t now) { return task_has(task, TASK_RUNNABLE) && task->next_run <= now; }
 
-/// A task whose run condition is 0 keeps its `next_run` and is retried at the next heartbeat.
+/// A task whose precondition returns 0 is skipped. It keeps its `next_run`, so the next heartbeat tries it again.
 bool is_refused(Task *task) {
     return task_has(task, TASK_HAS_PRECONDITION) && task->precondition != nullptr && task->precondition(task) == 0;
 }
 
-/// The next multiple of the interval after `now`; a task without one is due on every heartbeat.
+/// The next multiple of the interval after `now`; a task without an interval is due at every heartbeat.
 std::int64_t following_run(std::int64_t now, std::int32_t interval) {
     return interval <= 0 ? now : interval * (now / interval) + interval;
 }
@@ -42,7 +42,7 @@ void run_pipeline(Task *task) {
     logfile_run(task);
 }
 
-void tell_manager() {
+void report_to_service_manager() {
     std::array<char, 256> labels{};
     d_bus_srv_raised_labels(labels.data(), labels.size());
     supervision_pass_done({.raised_issues = labels.data(),
@@ -81,13 +81,12 @@ void scheduler() {
     supervision_ready();
     timer_continue();
     for (;;) {
-        const std::int64_t now =
-            std::time(nullptr); // read before the block, so that a pending heartbeat is not dated late
+        const std::int64_t now = std::time(nullptr); // first: the calls below may take time
         log_sockets_resume();
         timer_suspend();
         logger_tell_lost();
         scheduler_pass(now);
-        tell_manager();
+        report_to_service_manager();
         timer_continue();
         runrun_wait();
     }

@@ -20,7 +20,7 @@ constexpr std::uint32_t MAXF = TASK_HAS_MAXFAIL;
 constexpr std::uint32_t FMT = TASK_HAS_FORMAT;
 constexpr std::uint32_t PAR = TASK_HAS_PARAMETER;
 
-/// The operations and settings of a probe.
+/// The name and the operations of a probe.
 struct Probe {
     const char *name;
     TaskOperation init;
@@ -78,6 +78,8 @@ constexpr const char *SPACE = "%P: free space %D %T threshold.";
 constexpr const char *UNITS = "hostapd nginx ocppd rauc stationd wpa_supplicant corvana-portapi";
 constexpr const char *LOADER = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 
+// In a format, %P is the parameter, %D "above", "below" or "at", %T the limit or "normal" (logger.cpp).
+//
 // Kept: "/rw-root" is listed twice, the wireless rows' format is the interface name, the two internet
 // sentences differ, and CB09 warns almost always.
 // clang-format off

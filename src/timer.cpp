@@ -75,7 +75,7 @@ void runrun_wait() {
     pthread_sigmask(SIG_BLOCK, &alarm_set, nullptr);
     trace(TRACE_DEBUG, "\n"); // the empty line is kept
     const sigset_t all = signals_all();
-    do { // wait before the check: after an overrun the next pass starts at the next heartbeat
+    do { // wait even if a heartbeat was counted during a long pass: the next pass starts at the next heartbeat
         signals_wait(all);
     } while (alarm_count == 0);
     alarm_count = 0;

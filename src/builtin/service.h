@@ -1,6 +1,6 @@
 #pragma once
 
-// The service probe's pure decisions.
+// The decisions of the service probe. These functions use no bus.
 
 #include "handle.h"
 

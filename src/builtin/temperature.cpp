@@ -26,12 +26,12 @@ Reading temperature_parse(const char *line) {
 namespace {
 
 Reading temperature_read(const char *path) {
-    constexpr std::int32_t prepared = -273;
+    constexpr std::int32_t absolute_zero = -273;
     constexpr std::size_t line_size = 128;
 
     const FileHandle file(std::fopen(path, "re"));
     if (!file) {
-        return Reading::failed_with_errno(errno, prepared);
+        return Reading::failed_with_errno(errno, absolute_zero);
     }
     std::array<char, line_size> line{};
     if (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) == nullptr) {

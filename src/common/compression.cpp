@@ -81,7 +81,7 @@ long elapsed_microseconds(const timeval &start, const timeval &end) {
     return elapsed > 0 ? elapsed : elapsed + 1000000;
 }
 
-/// The resources of either operation; `out` is null on failure.
+/// The resources of a compression or decompression; `out` is null on failure.
 struct Job {
     TextHandle buffer;
     FileHandle in;
@@ -152,7 +152,7 @@ class BzipWriter {
 
 enum class Outcome : std::uint8_t { done, write_failed, close_failed, interrupted };
 
-/// Additional requests of a rotation.
+/// What a rotation requires in addition.
 struct PackOptions {
     bool synchronised = false; ///< write the destination to the disk before closing it
     Interrupt interrupt = nullptr;
@@ -182,7 +182,7 @@ Outcome compress(Job &job, ByteCounts &counts, const PackOptions &options) {
     return compress(std::move(job.in), std::move(job.out), job.buffer.get(), counts, options);
 }
 
-// Both operations trace as file_compress.
+// file_compress and file_pack both trace as file_compress.
 
 void trace_begin(const char *from, const char *to) {
     trace_as("file_compress", TRACE_TRACE, "from: %s to: %s", from, to);

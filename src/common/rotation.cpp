@@ -42,8 +42,8 @@ class GenerationName {
     TextHandle text_;
 };
 
-/// The first number without a generation, at most `count`. 0 for a negative count: generation 000 is then
-/// replaced and nothing is shifted.
+/// The first number without a generation, at most `count`. With a negative count it is 0: nothing is shifted, and
+/// generation 000 is replaced.
 std::int32_t first_gap(GenerationName &name, std::int32_t count) {
     std::int32_t number = 0;
     while (number < count && exists(name.of(number))) {
@@ -65,7 +65,7 @@ void shift(GenerationName &newer, GenerationName &older, std::int32_t count) {
     }
 }
 
-/// The temporary name of a new generation: no generation has it, and it is no longer than theirs.
+/// The temporary name of a new generation. It is no longer than a generation's name, so that it fits where they do.
 TextHandle packing_name(const char *file) {
     const std::size_t size = std::strlen(file) + sizeof ".packing";
     TextHandle name = text_allocate(size);
@@ -83,7 +83,8 @@ void synchronise_folder(char *path) {
     }
 }
 
-/// Renames the generation once its data is on the disk, and synchronises the name before the original is removed.
+/// Compresses `file` into `temporary`, renames that to `generation` when it is on the disk, and synchronises the
+/// folder. The caller then removes `file`.
 Packing pack(const char *file, const char *generation, char *temporary, Interrupt interrupt) {
     const Packing result = file_pack(path_of(file), generation, temporary, interrupt);
     if (result == Packing::done) {

@@ -25,6 +25,7 @@ constexpr std::array<Label, NUMBERED_ISSUES> numbered_labels() {
 
 constexpr std::array<Label, NUMBERED_ISSUES> LABELS = numbered_labels();
 
+/// No issue raised, all enabled; `changed` is set at the start. The end row is not enabled and never raised.
 constexpr IssueRegistry all_clear() {
     IssueRegistry registry{};
     for (std::size_t id = 0; id < NUMBERED_ISSUES; ++id) {
@@ -45,8 +46,8 @@ Issue *find_issue(std::uint32_t id) {
     return nullptr;
 }
 
-/// Each transition of a check to WARN or FAIL increments its issue's count, also WARN to FAIL; each
-/// transition to OK decrements it. Kept: the count is of reports, not of checks.
+/// Each transition of a check to WARN or FAIL increments its issue's count, also WARN to FAIL; each transition to OK
+/// decrements it. Kept: WARN, FAIL, OK leaves a count of one.
 void count_report(Issue &issue, std::int32_t state) {
     const bool changes = state != 0 ? issue.count == 0 : issue.count == 1;
     if (changes) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The issue registry: which numbered issues are raised. The other files of this folder read it; the notifier
-// reports through d_bus_srv_issue_update (dbus-srv.h).
+// The issue registry: which issues are raised. The other files of this folder read it; the notifier reports changes of
+// state with d_bus_srv_issue_update (dbus-srv.h).
 
 #include <array>
 #include <cstddef>
@@ -13,7 +13,7 @@ struct Issue {
     const char *label;    ///< as shown on the bus; null in the end row
     std::int64_t changed; ///< seconds since the epoch of the last change between raised and clear
     std::int32_t count;   ///< transitions to WARN or FAIL minus transitions to OK; 1 or more is raised
-    std::int32_t enabled; ///< 0 or 1; filters nothing
+    std::int32_t enabled; ///< the mark of availability, 0 or 1; has no effect on listing and signals
 };
 
 inline constexpr std::size_t ISSUE_ROWS = 35;

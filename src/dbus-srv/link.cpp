@@ -21,8 +21,8 @@ using std::chrono::ceil;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// What libdbus reads before messages are handled: a flood must queue at its sender and not in our memory. A single
-// larger message is still read. Small messages take four times their size in memory.
+// libdbus reads at most this much before messages are handled, so that a flood is queued by its sender and not in our
+// memory. A single larger message is still read. Small messages take four times their size in memory.
 constexpr long MAX_INPUT_BYTES = 64L * 1024;
 constexpr long MAX_INPUT_DESCRIPTORS = 16;
 
@@ -48,8 +48,8 @@ BusMessage name_call(const char *member, const dbus_uint32_t *flags) {
 
 bool is_from_bus(const BusMessage &message) { return dbus_message_has_sender(message.get(), DBUS_SERVICE_DBUS) != 0; }
 
-/// Reads up to the bus's reply to the call `serial`; none, with the error set, if the time is over or the connection
-/// is lost. Keeps the bus's other messages and drops those of clients, which nobody serves yet.
+/// Reads until the bus replies to the call `serial`; none, with the error set, after the timeout or if the connection
+/// is lost. Keeps the bus's other messages in `early` and drops those of clients.
 BusMessage await_reply(const BusConnection &connection, dbus_uint32_t serial, milliseconds timeout,
                        EarlyMessages &early, BusError &error) {
     const auto end = steady_clock::now() + timeout;

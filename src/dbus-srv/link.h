@@ -62,13 +62,13 @@ class EarlyMessages {
 /// The library's default. A bus is slow while a system boots.
 constexpr std::chrono::seconds NAME_TIMEOUT{25};
 
-/// Requests the configured name and replaces an owner that allows it. Does not stay in the queue for the name; a
-/// name granted after the timeout is released. Fills `early` and drops all other messages: no client can address
+/// Requests the configured name and replaces an owner that allows it. Does not stay in the queue for the name;
+/// releases a name that is granted after the timeout. Fills `early` and drops all other messages: no client can address
 /// the name before the reply.
 NameAnswer bus_own_name(const BusConnection &connection, EarlyMessages &early, BusError &error,
                         std::chrono::milliseconds timeout = NAME_TIMEOUT);
-/// Waits until a message arrives or `wakeup` (an event descriptor or -1) is set, which it then clears; reads the
-/// received data. Returns early if the sender reads the data first.
+/// Waits until data arrives or `wakeup` (an eventfd or -1) is set, then reads the data and clears `wakeup`. Returns
+/// early if the sender reads the data first.
 void bus_read(const BusConnection &connection, int wakeup, int timeout_ms);
 /// Drops all received messages. The last one on a dead connection is the library's own "Disconnected": until it is
 /// removed, the library returns the dead connection again.
@@ -81,7 +81,7 @@ constexpr unsigned bus_pause_seconds(unsigned attempt) {
     return attempt < doublings ? 1U << attempt : longest;
 }
 
-/// Retries with growing pauses until there is a connection, which owns the name unless `early` is null. In that case
-/// it also fills `early` and updates the link's state, so that the sender can use a connection without the name.
+/// Retries with growing pauses until there is a connection; with `early` not null, until that also owns the name. Then
+/// it fills `early` and updates the link's state, so that the sender can use a connection without the name.
 /// `connection` is the lost one, or a live one without the name.
 BusConnection bus_reconnect(BusConnection connection, EarlyMessages *early);

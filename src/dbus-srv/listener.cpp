@@ -17,10 +17,10 @@ namespace {
 constexpr const char *LISTENER = "d_bus_srv_main"; // the function name in all traces of this thread
 
 constexpr int WAIT_MS = 60000;      // only sets how often the wait is traced
-constexpr int BLIND_WAIT_MS = 1000; // without an eventfd, a message read by the sender waits this long
+constexpr int BLIND_WAIT_MS = 1000; // without an eventfd, a message that the sender has read may wait this long
 
-// The limit for served messages that require no action: a few per cent of a processor.
-constexpr unsigned IDLE_MESSAGES_A_SECOND = 1000;
+// How many messages that need no action are served; the rest are dropped. This many take a few per cent of a processor.
+constexpr unsigned MOST_ACTIONLESS_A_SECOND = 1000;
 
 constinit int listener_status = -1;
 constinit thread_local bool is_listener = false;
@@ -31,27 +31,27 @@ struct MethodEntry {
     int (*handler)(DBusConnection *, DBusMessage *);
 };
 
-// Fixed: the configured interface applies to the signals only.
+// Fixed names: the configured interface is that of the signals only.
 constexpr std::array<MethodEntry, 3> METHODS{{
     {"com.corvana.State2.Issues", "GetListing", d_bus_srv_GetListing},
     {"org.freedesktop.DBus.Introspectable", "Introspect", d_bus_srv_Introspect},
     {"com.corvana.Config1.Network", "ChangeInterfaceAvailability", d_bus_srv_ChangeInterfaceAvailability},
 }};
 
-/// Whether the message requires no action: not a call, or a call that wants no reply and changes nothing.
-bool is_idle(DBusMessage *message) {
+/// Whether the message needs no action: not a call, or a call that wants no reply and changes nothing.
+bool needs_no_action(DBusMessage *message) {
     return dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
            (dbus_message_get_no_reply(message) != 0 &&
             dbus_message_has_member(message, "ChangeInterfaceAvailability") == 0);
 }
 
-/// Drops messages that require no action above a limit per second. The bus delivers messages in the order of
-/// sending: serving a flood, with all its traces, would delay all other clients.
+/// Drops messages that need no action above a limit per second. The bus delivers messages in order: serving a flood,
+/// with all its traces, would delay all other clients.
 class FloodGuard {
   public:
     bool drops(DBusMessage *message) {
         begin_second();
-        return is_idle(message) && ++messages_ > IDLE_MESSAGES_A_SECOND;
+        return needs_no_action(message) && ++messages_ > MOST_ACTIONLESS_A_SECOND;
     }
 
   private:
@@ -60,15 +60,15 @@ class FloodGuard {
         if (now - begin_ < std::chrono::seconds(1)) {
             return;
         }
-        if (messages_ > IDLE_MESSAGES_A_SECOND) {
-            trace_as(LISTENER, TRACE_DEBUG, "flood: %u messages dropped", messages_ - IDLE_MESSAGES_A_SECOND);
+        if (messages_ > MOST_ACTIONLESS_A_SECOND) {
+            trace_as(LISTENER, TRACE_DEBUG, "flood: %u messages dropped", messages_ - MOST_ACTIONLESS_A_SECOND);
         }
         begin_ = now;
         messages_ = 0;
     }
 
     std::chrono::steady_clock::time_point begin_;
-    unsigned messages_ = 0; ///< that require no action, in this second
+    unsigned messages_ = 0; ///< that need no action, in this second
 };
 
 /// The next message to serve; none if the queue is empty.
@@ -78,7 +78,7 @@ BusMessage next_message(const BusConnection &connection, EarlyMessages &early, F
         message.reset(dbus_connection_pop_message(connection.get()));
     }
     while (message && guard.drops(message.get())) {
-        message.reset(); // before the next one: it counts as pending input
+        message.reset(); // freed first: it counts toward the limit of received bytes
         message.reset(dbus_connection_pop_message(connection.get()));
     }
     return message;
@@ -98,15 +98,15 @@ void serve_message(DBusConnection *connection, DBusMessage *message) {
              dbus_message_type_to_string(dbus_message_get_type(message)));
 }
 
-/// Called by libdbus, with some of its locks held, when any thread has read a message. Wakes the listener
-/// unless it is the caller, which checks the queue before each wait.
+/// Called by libdbus, with some of its locks held, when a thread has read a message. If that was the sender, wakes the
+/// listener. The listener itself checks for messages before each wait.
 void note_message(void *wakeup) {
     if (!is_listener) {
         [[maybe_unused]] const int noted = eventfd_write(static_cast<const Descriptor *>(wakeup)->get(), 1);
     }
 }
 
-/// Handles calls until the connection is lost.
+/// Serves messages until the connection is lost.
 void serve(const BusConnection &connection, EarlyMessages &early, Descriptor &wakeup) {
     dbus_connection_set_wakeup_main_function(connection.get(), note_message, &wakeup, nullptr);
     bus_link_set(BusLink::serving, connection.get());

@@ -54,7 +54,7 @@ constexpr const char *DESCRIPTION = "<node>\n"
                                     "</node>\n";
 constexpr const char *NO_DESCRIPTION = "<node>\n</node>\n";
 
-/// An array of (us), opened by its first element: an empty listing has no array.
+/// The reply's array of (us). The first issue opens it. Kept: without issues the reply has no array, not an empty one.
 class Listing {
   public:
     explicit Listing(DBusMessage *reply) : reply_(reply) {}
@@ -105,7 +105,7 @@ class Listing {
     bool open_ = false;
 };
 
-/// Sends the reply to `call`, unless the caller wants none: the bus would refuse it and log that.
+/// Sends the reply to `call`, unless the caller wants none: the bus would refuse the reply and log that.
 int send_reply(DBusConnection *connection, DBusMessage *call, const BusMessage &reply) {
     if (dbus_message_get_no_reply(call) != 0) {
         return 0;
@@ -125,7 +125,7 @@ int send_text(DBusConnection *connection, DBusMessage *call, const BusMessage &r
     return send_reply(connection, call, reply);
 }
 
-/// A row matches every word that starts with its text: WiFi0 is WiFi, wifi is unknown.
+/// The group with whose word `word` starts: WiFi0 is in WiFi, wifi in none.
 const InterfaceGroup *find_group(std::string_view word) {
     for (const InterfaceGroup &group : INTERFACE_GROUPS) {
         if (word.starts_with(group.word)) {
@@ -135,8 +135,8 @@ const InterfaceGroup *find_group(std::string_view word) {
     return nullptr;
 }
 
-/// Marks the issues of `word` and returns the reply. Kept: "failed" for a word that changed a mark, "accepted" for
-/// one that did not.
+/// Sets the availability of the issues of `word` and returns the text of the reply. Kept: "failed" if it has set them,
+/// "accepted" if not.
 const char *switch_group(const char *word, dbus_bool_t enable) {
     const bool known_value = enable == 1 || enable == 0;
     const InterfaceGroup *const group = known_value && word != nullptr ? find_group(word) : nullptr;

@@ -31,7 +31,8 @@ constinit NoDestructor<SignalQueue> signal_queue;
 constinit pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_mutex_t wakeup_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_cond_t wakeup_cond = PTHREAD_COND_INITIALIZER;
-/// Not "the queue has messages": the sender must not start before a pass has queued all of its signals.
+/// Set when a pass has queued all of its signals, and when the link's state changes. The sender waits for this, not for
+/// the first message.
 constinit bool woken = false;
 
 void link_node(SignalQueue &queue, std::unique_ptr<SignalNode> node) {

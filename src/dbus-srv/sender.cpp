@@ -15,12 +15,13 @@ constexpr const char *SENDER = "d_bus_srv_msg_sender"; // the function name in a
 constinit int sender_status = 0;
 
 struct Sender {
-    BusConnection connection; ///< the one last used
+    BusConnection connection; ///< the last one used
     BusMessage unsent;        ///< already removed from the queue when the bus was lost
-    bool alone = false;       ///< the listener has ended, so only the sender reads from the connection
+    bool alone = false;       ///< the listener has ended: the sender must reconnect and drop received messages
 };
 
-/// Whether there is a connection to send on. If not, the listener reconnects and then wakes the sender.
+/// Whether there is a connection to send on. If not, the listener reconnects and then wakes the sender. If the listener
+/// has ended, the sender reconnects itself.
 bool find_connection(Sender &sender) {
     BusLinkView link = bus_link_get();
     if (link.connection) {
@@ -47,13 +48,13 @@ void send_signal(Sender &sender, BusMessage message) {
     trace_as(SENDER, TRACE_TRACE, "FLUSH");
     dbus_connection_flush(connection);
     if (!bus_is_connected(sender.connection)) {
-        sender.unsent.reset(dbus_message_copy(message.get())); // the copy has no serial number yet
+        sender.unsent.reset(dbus_message_copy(message.get())); // without the serial number of this connection
         return;
     }
     trace_as(SENDER, TRACE_TRACE, "DONE");
 }
 
-/// After a failed connect: whether the listener has connected, or will reconnect.
+/// Called when the sender could not connect. Waits until the listener has tried, too; false if it has ended.
 bool listener_is_alive() {
     BusLink state = bus_link_get().state;
     while (state == BusLink::starting) {

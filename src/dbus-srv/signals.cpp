@@ -13,7 +13,7 @@
 
 namespace {
 
-/// Labels in row order. The texts are constant, so the list outlives the lock.
+/// Labels in row order. They are constants and can be used after the registry is unlocked.
 struct LabelList {
     std::array<const char *, ISSUE_ROWS> labels{};
     int count = 0;
@@ -21,7 +21,7 @@ struct LabelList {
     void add(const char *label) { labels[static_cast<std::size_t>(count++)] = label; }
 };
 
-/// Builds and queues one signal; false, after a trace under the caller's name, on failure.
+/// Builds and queues one signal. On failure it traces under the caller's name and returns false.
 bool announce(std::int64_t now, const char *member, const LabelList &issues) {
     constexpr const char *caller = "d_bus_srv_create_signal_messages";
     BusMessage message = d_bus_create_signals(now, member, issues.labels.data(), issues.count);
@@ -86,7 +86,7 @@ int d_bus_srv_create_signal_messages(std::int64_t now) {
     if (raised.count > 0) {
         trace(TRACE_TRACE, "new");
         if (!announce(now, "NewIssues", raised)) {
-            return -1; // then the cleared issues are not announced either
+            return -1; // the cleared issues are not announced either
         }
     }
     if (cleared.count > 0) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Text of any length. The same calls run twice: without a buffer they only count.
+/// Text of any length. It is built twice: the first time without a buffer, to measure its length.
 class Text {
   public:
     constexpr Text() = default;

@@ -67,7 +67,7 @@ class TextReader {
   public:
     static constexpr std::size_t LONGEST_LINE = 65536;
 
-    /// Reads whole lines from the front of `text` until the chunk is full. Returns the number of bytes used; the
+    /// Reads whole lines from the beginning of `text` until the chunk is full. Returns the number of bytes used; the
     /// caller passes the rest again, followed by more.
     std::size_t read(std::string_view text, Chunk *chunk);
     /// Ends the file with the remaining text, which has no line feed.
@@ -80,7 +80,7 @@ class TextReader {
 
     RecordReader records_;
     CommentReader comments_;
-    bool in_long_line_ = false; ///< its front has been dropped
+    bool in_long_line_ = false; ///< its beginning has been dropped
 };
 
 } // namespace vlog

@@ -1,6 +1,6 @@
 #pragma once
 
-// Parses the lines of a status log. Reads no files and knows no time zones.
+// Parses the lines of a status log. Uses no files and no time zones.
 
 #include <array>
 #include <cstddef>

@@ -12,8 +12,9 @@
 
 namespace vlog {
 
-/// Packs the records of a check for the page. A record is the change of the time step, with the state and whether there
-/// is a value, then the change of the value. Numbers have seven bits per byte; the bytes are in base64.
+/// Packs the records of a check for the page. A record is one or two numbers: the change of the time step, combined
+/// with the state and whether there is a value; then the change of the value, if there is one. Numbers have seven bits
+/// per byte; the bytes are in base64.
 class RecordPacker {
   public:
     /// Appends the complete bytes to `text`.

@@ -54,7 +54,7 @@ class PlottedStation {
     std::vector<Definition> checks_;
     std::vector<Spool> spools_;
     std::vector<std::optional<Moment>> last_;     ///< the latest record of each check
-    std::vector<std::pair<Moment, bool>> starts_; ///< the time, and whether the daemon before had been killed
+    std::vector<std::pair<Moment, bool>> starts_; ///< the time, and whether the previous daemon was killed
     std::deque<Note> notes_;
     std::size_t notes_left_out_ = 0;
     std::uint64_t records_ = 0;

@@ -66,11 +66,11 @@ class Session {
 
     /// Prints a message that is not an error.
     static void note(const std::string &text);
-    /// Records that something was read without read().
+    /// Notes that a log was read without read().
     void note_read() { has_read_ = true; }
     /// Prints an error and sets the exit status.
     void complain(const std::string &text, int status = UNREADABLE);
-    /// Prints the first of these errors. The output would be incomplete: finish() discards it.
+    /// Prints the first error that makes the output incomplete; finish() then discards the output.
     void spoil(const std::string &text);
     [[nodiscard]] bool is_spoiled() const { return is_spoiled_; }
     /// Completes the output and returns the exit status.

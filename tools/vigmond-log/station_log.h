@@ -88,7 +88,7 @@ class StationLog {
     inline std::size_t find(CheckId check);
     [[gnu::cold]] std::size_t add(CheckId check, Slot *slot);
 
-    /// The record of a check before.
+    /// The previous record of a check.
     struct Last {
         Moment time = 0;
         std::int32_t value = 0;
@@ -106,7 +106,7 @@ class StationLog {
     const Item *items_end_ = nullptr;
     LocalClock clock_;
     std::optional<Moment> before_;
-    LocalTime local_before_ = NO_TIME; ///< of the event before, if it had one
+    LocalTime local_before_ = NO_TIME; ///< of the previous event, if it had one
     std::vector<Definition> checks_;
     std::array<Slot, SLOTS> slots_{};
     std::array<Last, MOST_CHECKS> last_{};

@@ -11,7 +11,7 @@
 
 namespace vlog {
 
-/// The latest of one check in the tail of a log.
+/// The latest value and state of one check in the tail of a log.
 struct Present {
     Definition check;
     std::optional<std::int32_t> value; ///< none if it could not be read

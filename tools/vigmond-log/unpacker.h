@@ -17,7 +17,7 @@ namespace vlog {
 
 class Unpacker {
   public:
-    /// Limit of waiting chunks; the file that is read in order may add a few.
+    /// Limit of waiting chunks; the file whose chunks next() returns may add a few.
     static constexpr std::size_t MOST_CHUNKS = 160;
 
     /// `paths` are the files of one log, oldest first; `read_so_far` counts their bytes, may be null and outlives

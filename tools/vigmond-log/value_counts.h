@@ -1,7 +1,7 @@
 #pragma once
 
-// Counts the values of a check, for exact medians and percentiles. Most checks have few different values. Those of
-// others go to a temporary file and are counted in a few passes, so that memory is bounded.
+// Counts the values of a check, for exact medians and percentiles. Most checks have few different values. The
+// values of the others go to a temporary file and are counted in a few passes, so that memory is bounded.
 
 #include "handle.h"
 

@@ -161,13 +161,6 @@ TEST_F(LogRotationTest, UsesTheNewSizeOfATruncatedFile) {
     EXPECT_THAT(rotations().calls, IsEmpty());
 }
 
-TEST_F(LogRotationTest, LeftoversOfAKilledOneAreRemovedAtTheStart) {
-    folder.write("logfile.packing", "BZh1 torn");
-    start(path.c_str());
-    EXPECT_FALSE(std::filesystem::exists(path + ".packing"));
-    EXPECT_EQ(log(), start_header);
-}
-
 // --- a rotation that a termination aborts
 
 class AbortedRotationTest : public LogRotationTest {

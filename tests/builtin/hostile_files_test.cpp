@@ -37,15 +37,15 @@ constexpr std::array readers = std::to_array<Reader>({
     {"disk", diskusage_init, diskusage_exec, 22, nullptr, "a share", "error 22", "error 22", "a share"},
     {"bluetooth", bluetooth_init, bluetooth_exec, 5, nullptr, "value 0", "value 0", "value 0", "value 0"},
     {"Ethernet", ethernet_init, ethernet_exec, 11, nullptr, "value 0", "value 0", "value 0", "value 0"},
-    {"Ethernet link", ethernet_init, ethernet_exec, 12, nullptr, "value 1", "value 1", "value 1", "error 21"},
+    {"EthernetLink", ethernet_init, ethernet_exec, 12, nullptr, "value 1", "value 1", "value 1", "error 21"},
     {"traffic", internet_init, internet_exec, 10, "/proc/net/dev", "error 2", "error 2", "error 2", "error 2"},
-    {"WiFi link", wireless_init, wireless_exec, 2, nullptr, "value 1", "value 1", "value 1", "error 22"},
-    {"WiFi quality", wireless_init, wireless_exec, 4, nullptr, "error 22", "error 22", "error 22", "error 22"},
-    {"WiFi strength", wireless_init, wireless_exec, 9, nullptr, "error 22", "error 22", "error 22", "error 22"},
+    {"WiFiLink", wireless_init, wireless_exec, 2, nullptr, "value 1", "value 1", "value 1", "error 22"},
+    {"WiFiQuality", wireless_init, wireless_exec, 4, nullptr, "error 22", "error 22", "error 22", "error 22"},
+    {"WiFiStrength", wireless_init, wireless_exec, 9, nullptr, "error 22", "error 22", "error 22", "error 22"},
     {"load", load_init, load_exec, 31, "/proc/stat", "error -1", "error -1", "value 0", "error -1"},
 });
 
-class HostileFiles : public testing::Test {
+class HostileFile : public testing::TestWithParam<Reader> {
   protected:
     /// The outcome with `file` in place of the reader's own.
     static std::string outcome(const Reader &reader, const std::string &file) {
@@ -65,15 +65,13 @@ class HostileFiles : public testing::Test {
         return is_share ? "a share" : "value " + std::to_string(task.value);
     }
 
-    /// Replaces each reader's file; `expected` is a column of the table.
-    static void expect_outcomes(const std::string &file, const char *Reader::*expected) {
+    /// Replaces the reader's file.
+    static void expect_outcome(const std::string &file, const char *expected) {
         in_child([&] {
             const HangGuard guard;
             const CapturedTraces traces;
             lan_available = wifi_available = 1;
-            for (const Reader &reader : readers) {
-                EXPECT_EQ(outcome(reader, file), reader.*expected) << reader.name;
-            }
+            EXPECT_EQ(outcome(GetParam(), file), expected);
         });
     }
 
@@ -84,31 +82,35 @@ constexpr std::uintmax_t HUGE_SIZE = 500'000'000'000;
 
 } // namespace
 
-TEST_F(HostileFiles, EndlessOnesBlockNoProbe) { expect_outcomes("/dev/zero", &Reader::endless); }
+TEST_P(HostileFile, EndlessDoesNotBlock) { expect_outcome("/dev/zero", GetParam().endless); }
 
-TEST_F(HostileFiles, HugeOnesBlockNoProbe) {
+TEST_P(HostileFile, HugeDoesNotBlock) {
     const std::string file = folder_.write("huge", "");
     std::filesystem::resize_file(file, HUGE_SIZE);
-    expect_outcomes(file, &Reader::huge);
+    expect_outcome(file, GetParam().huge);
 }
 
-TEST_F(HostileFiles, HugeLinesBlockNoProbe) {
+TEST_P(HostileFile, WithAHugeLineDoesNotBlock) {
     std::string text;
     while (text.size() < 65536) {
         text += "a ";
     }
     const std::string file = folder_.write("line", text);
     std::filesystem::resize_file(file, HUGE_SIZE);
-    expect_outcomes(file, &Reader::text);
+    expect_outcome(file, GetParam().text);
 }
 
-TEST_F(HostileFiles, FoldersBlockNoProbe) { expect_outcomes(folder_.path(), &Reader::folder); }
+TEST_P(HostileFile, FolderDoesNotBlock) { expect_outcome(folder_.path(), GetParam().folder); }
+
+INSTANTIATE_TEST_SUITE_P(Of, HostileFile, testing::ValuesIn(readers),
+                         [](const testing::TestParamInfo<Reader> &reader) { return std::string(reader.param.name); });
 
 // For the eMMC device see the wearout test. The other files belong to the kernel: only root can put a pipe there.
-TEST_F(HostileFiles, PipesAreNotOpenedToMeasureADisk) {
-    in_child([this] {
+TEST(Pipes, AreNotOpenedToMeasureADisk) {
+    in_child([] {
         const HangGuard guard;
-        const std::string pipe = folder_ / "pipe";
+        const ScratchFolder folder;
+        const std::string pipe = folder / "pipe";
         ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
         Task task = sample_task();
         task.parameter = pipe.c_str();

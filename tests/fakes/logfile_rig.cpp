@@ -2,7 +2,6 @@
 
 #include "common.h"
 #include "logfile.h"
-#include "rotation.h"
 
 #include <cctype>
 #include <cstdio>
@@ -31,19 +30,6 @@ bool starts_with_stamp(std::string_view text) {
 Rotations &rotations() {
     static Rotations noted;
     return noted;
-}
-
-// Replaces file_rotate(const char *, std::int32_t, Interrupt).
-extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, Interrupt interrupt);
-extern "C" void __wrap__Z11file_rotatePKciPFbvE(const char *file, std::int32_t count, Interrupt interrupt) {
-    const std::string content = std::filesystem::is_regular_file(file) ? read_file(file) : "";
-    rotations().calls.push_back({file, count, content, !logfile_state().logfile_stream});
-    if (rotations().is_long && interrupt()) {
-        return;
-    }
-    if (rotations().remove) {
-        std::remove(file);
-    }
 }
 
 std::string mask_times(const std::string &text) {

@@ -1,7 +1,6 @@
 #pragma once
 
-// A status log for one test. In programs linked with --wrap for file_rotate its rotations are recorded here instead of
-// done.
+// A status log for one test. In programs with recorded_rotation.cpp its rotations are recorded here instead of done.
 
 #include "captured_traces.h"
 #include "gdata.h"
@@ -21,8 +20,9 @@ struct Rotation {
 
 struct Rotations {
     std::vector<Rotation> calls;
-    bool remove = true;   ///< whether the file is removed, as after a success
-    bool is_long = false; ///< whether rotations ask if they must abort
+    std::vector<std::string> leftovers; ///< logs whose leftover of a killed rotation was removed
+    bool remove = true;                 ///< whether the file is removed, as after a success
+    bool is_long = false;               ///< whether rotations ask if they must abort
 };
 
 /// The rotations since the start of the test.

@@ -11,6 +11,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr const char *headings = "##\tname        \t    ID\t    ID\tinter-\t   min\t   min\t   max\t   max\tparam\n"
                                  "##\t            \t      \t index\t   val\t  fail\t  warn\t  warn\t  fail\t\n";
@@ -184,6 +185,14 @@ TEST_F(LogfileInitTest, WritesTheFirstHeaderAndOpensNoStream) {
     EXPECT_NE(logfile_state().logfile_name.get(), path.c_str()) << "not a copy";
     EXPECT_EQ(logfile_state().logfile_initialised, 1);
     EXPECT_FALSE(logfile_state().logfile_stream);
+}
+
+TEST_F(LogfileInitTest, RemovesTheLeftoverOfAKilledRotation) {
+    start("/dev/null");
+    EXPECT_THAT(rotations().leftovers, IsEmpty());
+    logfile_state() = {};
+    start(path.c_str());
+    EXPECT_THAT(rotations().leftovers, ElementsAre(path));
 }
 
 TEST_F(LogfileInitTest, ActsOnce) {

@@ -117,6 +117,15 @@ void *tell_end(const char *thread, void *status) {
     return status;
 }
 
+void *run_listener(void *argument) {
+    hold("listener");
+    return tell_end("listener", d_bus_srv_main(argument));
+}
+void *run_sender(void *argument) {
+    hold("sender");
+    return tell_end("sender", d_bus_srv_msg_sender(argument));
+}
+
 /// Ends the bus and waits until its end of the connection is closed. The other thread may close this end at once, and
 /// the descriptor number may be reused.
 void end_bus(pid_t bus, DBusConnection *connection) {
@@ -146,16 +155,15 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage 
     return is_request && answer_is_missed.exchange(false) ? FALSE : sent;
 }
 
-void *__real__Z14d_bus_srv_mainPv(void *argument);
-void *__real__Z20d_bus_srv_msg_senderPv(void *argument);
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *), void *argument);
 
-void *__wrap__Z14d_bus_srv_mainPv(void *argument) {
-    hold("listener");
-    return tell_end("listener", __real__Z14d_bus_srv_mainPv(argument));
-}
-void *__wrap__Z20d_bus_srv_msg_senderPv(void *argument) {
-    hold("sender");
-    return tell_end("sender", __real__Z20d_bus_srv_msg_senderPv(argument));
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *), void *argument) {
+    if (start == d_bus_srv_main) {
+        start = run_listener;
+    } else if (start == d_bus_srv_msg_sender) {
+        start = run_sender;
+    }
+    return __real_pthread_create(thread, attributes, start, argument);
 }
 
 unsigned __real_sleep(unsigned seconds);

@@ -38,7 +38,8 @@ add_custom_target(
     lint
     COMMAND ${CLANG_FORMAT} --dry-run --Werror ${HEADERS} ${SOURCES_TO_TIDY} ${TESTS_TO_TIDY} ${FUZZ_SOURCES}
     COMMAND ${PROJECT_SOURCE_DIR}/script/layers
-    DEPENDS ${lint_stamps})
+    DEPENDS ${lint_stamps}
+    COMMENT "format, layers")
 add_custom_target(lint_tests DEPENDS ${lint_tests_stamps})
 add_dependencies(lint vigmond_revision_header)
 add_dependencies(lint_tests vigmond_revision_header)

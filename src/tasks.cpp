@@ -79,7 +79,6 @@ constexpr const char *UNITS = "hostapd nginx ocppd rauc stationd wpa_supplicant 
 constexpr const char *LOADER = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 
 // In a format, %P is the parameter, %D "above", "below" or "at", %T the limit or "normal" (logger.cpp).
-//
 // Kept: "/rw-root" is listed twice, the wireless rows' format is the interface name, the two internet
 // sentences differ, and CB09 warns almost always.
 // clang-format off

@@ -48,10 +48,10 @@ void wait_for_name(const std::string &name) {
 }
 
 struct Contender {
-    Contender(Server kind_, int issues_)
-        : kind(kind_), issues(issues_),
-          name("bench.server" + std::to_string(static_cast<int>(kind_)) + "_" + std::to_string(issues_)),
-          process(std::make_unique<Process>(server_command(kind_, issues_, name))) {
+    Contender(Server server, int number_of_issues)
+        : kind(server), issues(number_of_issues),
+          name("bench.server" + std::to_string(static_cast<int>(server)) + "_" + std::to_string(number_of_issues)),
+          process(std::make_unique<Process>(server_command(server, number_of_issues, name))) {
         wait_for_name(name);
     }
 

@@ -131,27 +131,27 @@ struct ListedCalls {
 
 // The list in docs/performance.md, without the calls of the wait for a heartbeat. Each line adds a sendmsg.
 constexpr double QUESTIONS = 8;
-constexpr std::array listed{ListedCalls{"sendmsg", QUESTIONS},  ListedCalls{"recvmsg", 3 * QUESTIONS},
-                            ListedCalls{"ppoll", QUESTIONS},    ListedCalls{"openat", 13},
-                            ListedCalls{"close", 13},           ListedCalls{"newfstatat", 10 + 8 + 1},
-                            ListedCalls{"read", 2 * 10},        ListedCalls{"ioctl", 1 + QUESTIONS},
-                            ListedCalls{"capget", 2},           ListedCalls{"capset", 2},
-                            ListedCalls{"statfs", 8},           ListedCalls{"access", 1},
-                            ListedCalls{"writev", 23},          ListedCalls{"lseek", 23},
-                            ListedCalls{"rt_sigtimedwait", 31}, ListedCalls{"rt_sigprocmask", 2}};
+constexpr std::array LISTED_CALLS{ListedCalls{"sendmsg", QUESTIONS},  ListedCalls{"recvmsg", 3 * QUESTIONS},
+                                  ListedCalls{"ppoll", QUESTIONS},    ListedCalls{"openat", 13},
+                                  ListedCalls{"close", 13},           ListedCalls{"newfstatat", 10 + 8 + 1},
+                                  ListedCalls{"read", 2 * 10},        ListedCalls{"ioctl", 1 + QUESTIONS},
+                                  ListedCalls{"capget", 2},           ListedCalls{"capset", 2},
+                                  ListedCalls{"statfs", 8},           ListedCalls{"access", 1},
+                                  ListedCalls{"writev", 23},          ListedCalls{"lseek", 23},
+                                  ListedCalls{"rt_sigtimedwait", 31}, ListedCalls{"rt_sigprocmask", 2}};
 
 double most_of(const std::string &name, std::size_t lines) {
-    const auto *row =
-        std::find_if(listed.begin(), listed.end(), [&](const ListedCalls &each) { return each.name == name; });
-    return row == listed.end() ? 0 : row->most + (name == "sendmsg" ? static_cast<double>(lines) : 0);
+    const auto *row = std::find_if(LISTED_CALLS.begin(), LISTED_CALLS.end(),
+                                   [&](const ListedCalls &each) { return each.name == name; });
+    return row == LISTED_CALLS.end() ? 0 : row->most + (name == "sendmsg" ? static_cast<double>(lines) : 0);
 }
 
 void compare_system_calls(const BenchBoard &board, const Baseline &baseline) {
     CallCounts counts =
         system_calls_of([&](int count) { return daemon_command(board, 0, count); }, board.scratch() / "strace");
     const double total = counts["total"];
-    double most = static_cast<double>(baseline.lines_of_pass());
-    for (const ListedCalls &each : listed) {
+    auto most = static_cast<double>(baseline.lines_of_pass());
+    for (const ListedCalls &each : LISTED_CALLS) {
         most += each.most;
     }
     print_row("system calls of a pass over the list's", total, most, 1.0);
@@ -195,7 +195,7 @@ struct Stage {
     void (*run)(const BenchBoard &board, const Baseline &baseline);
 };
 
-constexpr std::array stages{Stage{"start", compare_start}, Stage{"instructions", compare_instructions},
+constexpr std::array STAGES{Stage{"start", compare_start}, Stage{"instructions", compare_instructions},
                             Stage{"calls", compare_system_calls}, Stage{"memory", compare_memory},
                             Stage{"cycles", compare_cycles}};
 
@@ -204,7 +204,7 @@ constexpr std::array stages{Stage{"start", compare_start}, Stage{"instructions",
 int main(int argc, char *argv[]) {
     const BenchBoard board;
     const Baseline baseline(board);
-    for (const Stage &stage : stages) {
+    for (const Stage &stage : STAGES) {
         if (argc < 2 || std::strcmp(argv[1], stage.name) == 0) {
             stage.run(board, baseline);
         }

@@ -32,7 +32,7 @@ class ScratchFile {
     char name_[32] = "/tmp/logfile-bench-XXXXXX";
 };
 
-constexpr std::size_t full = 8388608;
+constexpr std::size_t FULL = 8388608;
 
 void record(benchmark::State &bench) {
     const ScratchFile file;
@@ -47,7 +47,7 @@ void record(benchmark::State &bench) {
     std::size_t written = 0;
     for ([[maybe_unused]] auto _ : bench) {
         logfile_run(&task);
-        if (written += 33; written >= full) {
+        if (written += 33; written >= FULL) {
             truncate(file.name(), 0) == 0 ? written = 0 : written;
         }
     }
@@ -62,7 +62,7 @@ void bare_write(benchmark::State &bench) {
     std::size_t written = 0;
     for ([[maybe_unused]] auto _ : bench) {
         benchmark::DoNotOptimize(write(stream.get(), line.data(), line.size()));
-        if (written += line.size(); written >= full) {
+        if (written += line.size(); written >= FULL) {
             ftruncate(stream.get(), 0) == 0 ? written = 0 : written;
         }
     }

@@ -82,7 +82,7 @@ struct Mode {
     void (*run)();
 };
 
-constexpr std::array modes{Mode{"pass", pass}, Mode{"bare_pass", bare_pass}, Mode{"hour", hour},
+constexpr std::array MODES{Mode{"pass", pass}, Mode{"bare_pass", bare_pass}, Mode{"hour", hour},
                            Mode{"bare_hour", bare_hour}};
 
 void repeat(benchmark::State &bench, void (*run)()) {
@@ -93,7 +93,7 @@ void repeat(benchmark::State &bench, void (*run)()) {
 
 int measure(int argc, char **argv) {
     // Many short repetitions: nothing else on the machine disturbs the fastest ones.
-    for (const Mode &mode : modes) {
+    for (const Mode &mode : MODES) {
         const bool is_hour = mode.run == hour || mode.run == bare_hour;
         benchmark::RegisterBenchmark(mode.name, repeat, mode.run)
             ->Unit(benchmark::kMicrosecond)
@@ -112,10 +112,10 @@ int main(int argc, char **argv) {
     hour_tape = note_calls(hour);
     print_tape("a pass", pass_tape, 1);
     print_tape("the heartbeats of an hour", hour_tape, HOUR / HEARTBEAT);
-    const auto *const mode = std::find_if(modes.begin(), modes.end(), [argc, argv](const Mode &each) {
+    const auto *const mode = std::find_if(MODES.begin(), MODES.end(), [argc, argv](const Mode &each) {
         return argc == 3 && std::strcmp(argv[1], each.name) == 0;
     });
-    if (mode == modes.end()) {
+    if (mode == MODES.end()) {
         return measure(argc, argv);
     }
     for (int i = std::atoi(argv[2]); i > 0; --i) { // NOLINT(cert-err34-c): for developers

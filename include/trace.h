@@ -20,8 +20,8 @@ unsigned trace_lost_lines();
 [[gnu::format(printf, 5, 6)]] void trace_write(int level, const char *code_file, const char *code_line,
                                                const char *function, const char *format, ...);
 
-#define TRACE_STRING_(text) #text
-#define TRACE_STRING(text) TRACE_STRING_(text)
+#define TRACE_QUOTE(text) #text
+#define TRACE_STRING(text) TRACE_QUOTE(text)
 
 /// Traces with a given location; for the few lines whose location is fixed.
 #define trace_at(level, file, function, line, ...)                                                                     \

@@ -20,11 +20,11 @@
 
 namespace {
 
-constexpr std::array units{"hostapd", "nginx", "ocppd", "rauc", "stationd", "wpa_5fsupplicant", "corvana_2dportapi"};
+constexpr std::array UNITS{"hostapd", "nginx", "ocppd", "rauc", "stationd", "wpa_5fsupplicant", "corvana_2dportapi"};
 
 // One entry per task: those that check for a file, read its first line, or read all of it.
-constexpr std::array looked_at{"/sys/class/net/eth0/operstate", "/sys/class/net/wlan0sta/operstate"};
-constexpr std::array first_lines{"/sys/class/thermal/thermal_zone0/temp",
+constexpr std::array LOOKED_AT{"/sys/class/net/eth0/operstate", "/sys/class/net/wlan0sta/operstate"};
+constexpr std::array FIRST_LINES{"/sys/class/thermal/thermal_zone0/temp",
                                  "/proc/net/dev",
                                  "/proc/net/dev",
                                  "/sys/class/net/eth0/operstate",
@@ -34,7 +34,7 @@ constexpr std::array first_lines{"/sys/class/thermal/thermal_zone0/temp",
                                  "/proc/stat",
                                  "/proc/stat"};
 
-constexpr std::array disks{"/", "/tmp", "/run", "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"};
+constexpr std::array DISKS{"/", "/tmp", "/run", "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"};
 
 constexpr int RECORDS = 23;
 
@@ -118,7 +118,7 @@ constexpr const char *SYSTEMD = "org.freedesktop.systemd1";
 constexpr const char *UNIT = "org.freedesktop.systemd1.Unit";
 
 void ask_units(sd_bus *bus, const char *property) {
-    for (const char *unit : units) {
+    for (const char *unit : UNITS) {
         char path[1024];
         std::snprintf(path, sizeof path, "/org/freedesktop/systemd1/unit/%s_2eservice", unit);
         char *text = nullptr;
@@ -146,14 +146,14 @@ void write_records(int log) {
 
 void pass(char *argv[], sd_bus *bus, int log, const Tape &lines) {
     ask_network(bus);
-    for (const char *path : looked_at) {
+    for (const char *path : LOOKED_AT) {
         read_file(path, Reading::nothing);
     }
-    for (const char *path : first_lines) {
+    for (const char *path : FIRST_LINES) {
         read_file(path, Reading::first_piece);
     }
     read_file("/proc/meminfo", Reading::all);
-    for (const char *disk : disks) {
+    for (const char *disk : DISKS) {
         ask_disk(disk);
     }
     ask_disk(argv[2]);

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::array units{"hostapd_2eservice",
+constexpr std::array UNITS{"hostapd_2eservice",
                            "nginx_2eservice",
                            "ocppd_2eservice",
                            "rauc_2eservice",
@@ -20,7 +20,7 @@ constexpr std::array units{"hostapd_2eservice",
                            "wpa_5fsupplicant_2eservice",
                            "corvana_2dportapi_2eservice"};
 
-constexpr std::array folders{"/sys",          "/proc/self/net",      "/var/lib",
+constexpr std::array FOLDERS{"/sys",          "/proc/self/net",      "/var/lib",
                              "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"};
 
 struct BoardFile {
@@ -28,7 +28,7 @@ struct BoardFile {
     const char *content;
 };
 
-constexpr std::array files{
+constexpr std::array FILES{
     BoardFile{"/sys/class/thermal/thermal_zone0/temp", "42999\n"},
     BoardFile{"/sys/class/bluetooth/hci0/power/runtime_status", "active\n"},
     BoardFile{"/sys/class/net/eth0/operstate", "up\n"},
@@ -62,7 +62,7 @@ void write(const std::string &path, const char *content) {
 } // namespace
 
 BenchBoard::BenchBoard() : bus_(std::make_unique<PrivateBus>()), systemd_(std::make_unique<FakeSystemd>(*bus_)) {
-    for (const char *unit : units) {
+    for (const char *unit : UNITS) {
         systemd_->load(unit);
         systemd_->activate(unit);
     }
@@ -71,14 +71,14 @@ BenchBoard::BenchBoard() : bus_(std::make_unique<PrivateBus>()), systemd_(std::m
     if (!start_journal_sink()) {
         give_up("the journal's place");
     }
-    for (const char *folder : folders) {
+    for (const char *folder : FOLDERS) {
         std::error_code ignored;
         std::filesystem::create_directories(folder, ignored);
         if (mount("tmpfs", folder, "tmpfs", 0, nullptr) != 0) {
             give_up(folder);
         }
     }
-    for (const BoardFile &file : files) {
+    for (const BoardFile &file : FILES) {
         write(file.path, file.content);
     }
     write(emmc_, "");

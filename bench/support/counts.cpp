@@ -1,14 +1,16 @@
 #include "counts.h"
 
-#include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <sys/wait.h>
 
 CallCounts counts_of(const std::string &report) {
     CallCounts counts;
     for (const std::string &line : lines_of(report)) {
+        std::istringstream words(line);
+        std::string ignored;
         double calls = 0;
-        if (std::sscanf(line.c_str(), "%*s %*s %*s %lf", &calls) == 1) {
+        if (words >> ignored >> ignored >> ignored >> calls) {
             counts[line.substr(line.rfind(' ') + 1)] = calls;
         }
     }

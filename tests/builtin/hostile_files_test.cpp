@@ -30,7 +30,7 @@ struct Reader {
     const char *folder;
 };
 
-constexpr std::array readers = std::to_array<Reader>({
+constexpr std::array READERS = std::to_array<Reader>({
     {"temperature", temperature_init, temperature_exec, 20, nullptr, "error 22", "error 22", "error 22", "error 22"},
     {"memory", memoryusage_init, memoryusage_exec, 21, "/proc/meminfo", "error 22", "error 22", "error 22", "error 22"},
     {"wear", wearout_init, wearout_exec, 7, nullptr, "error 25", "error 25", "error 25", "error 25"},
@@ -75,7 +75,7 @@ class HostileFile : public testing::TestWithParam<Reader> {
         });
     }
 
-    ScratchFolder folder_;
+    ScratchFolder folder;
 };
 
 constexpr std::uintmax_t HUGE_SIZE = 500'000'000'000;
@@ -85,7 +85,7 @@ constexpr std::uintmax_t HUGE_SIZE = 500'000'000'000;
 TEST_P(HostileFile, EndlessDoesNotBlock) { expect_outcome("/dev/zero", GetParam().endless); }
 
 TEST_P(HostileFile, HugeDoesNotBlock) {
-    const std::string file = folder_.write("huge", "");
+    const std::string file = folder.write("huge", "");
     std::filesystem::resize_file(file, HUGE_SIZE);
     expect_outcome(file, GetParam().huge);
 }
@@ -95,14 +95,14 @@ TEST_P(HostileFile, WithAHugeLineDoesNotBlock) {
     while (text.size() < 65536) {
         text += "a ";
     }
-    const std::string file = folder_.write("line", text);
+    const std::string file = folder.write("line", text);
     std::filesystem::resize_file(file, HUGE_SIZE);
     expect_outcome(file, GetParam().text);
 }
 
-TEST_P(HostileFile, FolderDoesNotBlock) { expect_outcome(folder_.path(), GetParam().folder); }
+TEST_P(HostileFile, FolderDoesNotBlock) { expect_outcome(folder.path(), GetParam().folder); }
 
-INSTANTIATE_TEST_SUITE_P(Of, HostileFile, testing::ValuesIn(readers),
+INSTANTIATE_TEST_SUITE_P(Of, HostileFile, testing::ValuesIn(READERS),
                          [](const testing::TestParamInfo<Reader> &reader) { return std::string(reader.param.name); });
 
 // For the eMMC device see the wearout test. The other files belong to the kernel: only root can put a pipe there.

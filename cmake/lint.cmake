@@ -23,7 +23,7 @@ function(add_tidy_stamps stamps)
             OUTPUT ${stamp}
             COMMAND ${CLANG_TIDY} --quiet -p ${CMAKE_BINARY_DIR} ${file} 2>/dev/null # hides the count of findings in system headers
             COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-            DEPENDS ${file} ${HEADERS} ${CMAKE_CURRENT_SOURCE_DIR}/.clang-tidy ${CMAKE_CURRENT_SOURCE_DIR}/tools/.clang-tidy
+            DEPENDS ${file} ${HEADERS} ${CMAKE_CURRENT_SOURCE_DIR}/.clang-tidy
             COMMENT "tidy ${name}")
         list(APPEND ${stamps} ${stamp})
     endforeach()

@@ -73,3 +73,9 @@ TEST_F(GenerationsTest, LoseAllRecordsWithACountOfZero) {
 }
 
 } // namespace
+
+TEST_F(GenerationsTest, LeaveNoLeftoverOfAKilledRotation) {
+    folder.write("logfile.packing", "BZh1 torn");
+    start(path.c_str());
+    EXPECT_FALSE(std::filesystem::exists(path + ".packing"));
+}

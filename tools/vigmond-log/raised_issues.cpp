@@ -2,10 +2,10 @@
 
 #include "line.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <dlfcn.h>
 #include <memory>
 #include <systemd/sd-bus.h>
 
@@ -22,30 +22,58 @@ constexpr const char *NAME = "com.corvana.vigmond";
 constexpr const char *PATH = "/com/corvana/Monitoring1";
 constexpr const char *INTERFACE = "com.corvana.State2.Issues";
 
-struct CloseBus {
-    void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
+/// The functions of libsystemd. It is loaded only for --bus: with the libraries that it needs it would double the time
+/// of an export without.
+struct SystemdBus {
+    decltype(&sd_bus_open_system) open_system = nullptr;
+    decltype(&sd_bus_close_unref) close_unref = nullptr;
+    decltype(&sd_bus_call_method_async) call_method_async = nullptr;
+    decltype(&sd_bus_process) process = nullptr;
+    decltype(&sd_bus_wait) wait = nullptr;
+    decltype(&sd_bus_message_get_error) get_error = nullptr;
+    decltype(&sd_bus_message_has_signature) has_signature = nullptr;
+    decltype(&sd_bus_message_enter_container) enter_container = nullptr;
+    decltype(&sd_bus_message_read) read = nullptr;
 };
-using Bus = std::unique_ptr<sd_bus, CloseBus>;
+
+template <typename Function> bool find(void *library, const char *name, Function *function) {
+    *function = reinterpret_cast<Function>(dlsym(library, name));
+    return *function != nullptr;
+}
+
+/// Loads the library, until the program ends. On failure dlerror() says why.
+bool load(SystemdBus *bus) {
+    void *const library = dlopen("libsystemd.so.0", RTLD_NOW | RTLD_NODELETE);
+    return library != nullptr && find(library, "sd_bus_open_system", &bus->open_system) &&
+           find(library, "sd_bus_close_unref", &bus->close_unref) &&
+           find(library, "sd_bus_call_method_async", &bus->call_method_async) &&
+           find(library, "sd_bus_process", &bus->process) && find(library, "sd_bus_wait", &bus->wait) &&
+           find(library, "sd_bus_message_get_error", &bus->get_error) &&
+           find(library, "sd_bus_message_has_signature", &bus->has_signature) &&
+           find(library, "sd_bus_message_enter_container", &bus->enter_container) &&
+           find(library, "sd_bus_message_read", &bus->read);
+}
 
 /// The result of the call.
 struct Listing {
+    SystemdBus systemd;
     bool is_complete = false;
     std::optional<Issues> issues;
     std::string problem;
 };
 
 /// The issues of a reply. Without raised issues it has no argument at all. Texts of another form are left out.
-std::optional<Issues> issues_in(sd_bus_message *reply) {
+std::optional<Issues> issues_in(const SystemdBus &systemd, sd_bus_message *reply) {
     Issues issues;
-    if (sd_bus_message_has_signature(reply, "") > 0) {
+    if (systemd.has_signature(reply, "") > 0) {
         return issues;
     }
-    if (sd_bus_message_has_signature(reply, "a(us)") <= 0 || sd_bus_message_enter_container(reply, 'a', "(us)") <= 0) {
+    if (systemd.has_signature(reply, "a(us)") <= 0 || systemd.enter_container(reply, 'a', "(us)") <= 0) {
         return std::nullopt;
     }
     const char *label = nullptr;
     int result = 0;
-    while ((result = sd_bus_message_read(reply, "(us)", nullptr, &label)) > 0) {
+    while ((result = systemd.read(reply, "(us)", nullptr, &label)) > 0) {
         if (const std::optional<std::int16_t> issue = issue_of(label)) {
             issues.insert(*issue);
         }
@@ -56,9 +84,9 @@ std::optional<Issues> issues_in(sd_bus_message *reply) {
 int take_reply(sd_bus_message *reply, void *data, sd_bus_error * /*error*/) {
     auto *listing = static_cast<Listing *>(data);
     listing->is_complete = true;
-    if (const sd_bus_error *error = sd_bus_message_get_error(reply)) {
+    if (const sd_bus_error *error = listing->systemd.get_error(reply)) {
         listing->problem = error->message != nullptr ? error->message : error->name;
-    } else if (!(listing->issues = issues_in(reply))) {
+    } else if (!(listing->issues = issues_in(listing->systemd, reply))) {
         listing->problem = "the reply is no listing";
     }
     return 0;
@@ -73,9 +101,9 @@ int await(sd_bus *bus, const Listing &listing) {
         if (left.count() <= 0) {
             return -ETIMEDOUT;
         }
-        int result = sd_bus_process(bus, nullptr);
+        int result = listing.systemd.process(bus, nullptr);
         if (result == 0 && !listing.is_complete) {
-            result = sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
+            result = listing.systemd.wait(bus, static_cast<std::uint64_t>(left.count()));
         }
         if (result < 0 && result != -EINTR) {
             return result;
@@ -84,13 +112,14 @@ int await(sd_bus *bus, const Listing &listing) {
     return 0;
 }
 
-int ask(Bus *bus, Listing *listing) {
+/// Negative errno if there is no reply.
+int ask(Listing *listing) {
     sd_bus *opened = nullptr;
-    int result = sd_bus_open_system(&opened);
-    bus->reset(opened);
+    int result = listing->systemd.open_system(&opened);
+    const std::unique_ptr<sd_bus, decltype(&sd_bus_close_unref)> bus(opened, listing->systemd.close_unref);
     if (result >= 0) {
-        result = sd_bus_call_method_async(opened, nullptr, NAME, PATH, INTERFACE, "GetListing", take_reply, listing,
-                                          nullptr);
+        result = listing->systemd.call_method_async(opened, nullptr, NAME, PATH, INTERFACE, "GetListing", take_reply,
+                                                    listing, nullptr);
     }
     return result < 0 ? result : await(opened, *listing);
 }
@@ -98,10 +127,10 @@ int ask(Bus *bus, Listing *listing) {
 } // namespace
 
 std::optional<Issues> raised_issues(std::string *problem) {
-    Listing listing; // outlives the bus, which refers to it
-    Bus bus;
-    const int result = ask(&bus, &listing);
-    if (result < 0) {
+    Listing listing;
+    if (!load(&listing.systemd)) {
+        listing.problem = dlerror();
+    } else if (const int result = ask(&listing); result < 0) {
         listing.problem = std::strerror(-result);
     }
     if (!listing.issues) {

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 namespace {
 
 struct RaisedIssues : Program {
-    RaisedIssues() { log = scratch.write("logfile", TEXT); }
+    RaisedIssues() { log = scratch.write("logfile", records); }
 
     [[nodiscard]] std::string words(const std::string &options = " --bus") const {
         return "export --textfile " + (scratch / "v.prom") + options + " " + log;
@@ -40,7 +40,8 @@ struct RaisedIssues : Program {
         EXPECT_THAT(text, HasSubstr("vigmond_check_value{issue=\"CB20\""));
     }
 
-    const std::string TEXT = header("2024-05-01 10:00:00", "START") + record("2024-05-01 10:00:00", "OK", "CB20", "42");
+    const std::string records =
+        header("2024-05-01 10:00:00", "START") + record("2024-05-01 10:00:00", "OK", "CB20", "42");
     std::string log;
 };
 
@@ -55,6 +56,23 @@ struct OtherOwner {
     }
     static constexpr const char *INTERFACE = "com.corvana.State2.Issues";
     BusClient client;
+};
+
+/// The program with --bus while another client owns the daemon's name, and its call.
+struct AnsweredByOther {
+    explicit AnsweredByOther(const std::string &words)
+        : program({"/bin/sh", "-c", "exec " VIGMOND_LOG " " + words}, {bus.variable(), "TZ=UTC"}),
+          call(other.wait_for_call()) {}
+    /// A reply without arguments.
+    [[nodiscard]] BusMessage reply() const { return BusMessage(dbus_message_new_method_return(call.get())); }
+    void send(const BusMessage &reply) {
+        other.client.send(reply);
+        dbus_connection_flush(other.client.connection());
+    }
+    PrivateBus bus;
+    OtherOwner other{bus};
+    ChildProcess program;
+    BusMessage call;
 };
 
 void append_issue(DBusMessageIter *array, dbus_uint32_t time, const char *label) {
@@ -107,6 +125,14 @@ TEST_F(RaisedIssues, AreLeftOutWithoutABus) {
                          "No such file or directory");
 }
 
+// Only --bus loads it, so that an export without is fast.
+TEST_F(RaisedIssues, AreLeftOutWithoutTheLibrary) {
+    const std::string library = scratch.write("libsystemd.so.0", "");
+    const std::string search = "LD_LIBRARY_PATH=" + (scratch / "");
+    EXPECT_EQ(run(words(""), search).status, 0);
+    expect_only_the_rest(run_on(search), library + ": file too short");
+}
+
 TEST_F(RaisedIssues, AreLeftOutWithoutADaemon) {
     const PrivateBus bus;
     expect_only_the_rest(run_on(bus.variable()), "The name com.corvana.vigmond was not provided by any .service files");
@@ -131,28 +157,21 @@ TEST_F(RaisedIssues, AreNotAwaitedFromASilentBus) {
 }
 
 TEST_F(RaisedIssues, AreOnlyReadFromAListing) {
-    const PrivateBus bus;
-    OtherOwner other(bus);
-    ChildProcess program({"/bin/sh", "-c", "exec " VIGMOND_LOG " " + words()}, {bus.variable(), "TZ=UTC"});
-    const BusMessage call = other.wait_for_call();
-    ASSERT_NE(call, nullptr);
-    const BusMessage reply(dbus_message_new_method_return(call.get()));
+    AnsweredByOther run(words());
+    ASSERT_NE(run.call, nullptr);
+    const BusMessage reply = run.reply();
     const char *const text = "CB20";
     dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, static_cast<const void *>(&text), DBUS_TYPE_INVALID);
-    other.client.send(reply);
-    dbus_connection_flush(other.client.connection());
-    EXPECT_TRUE(program.errors().wait_for("vigmond-log: raised issues: the reply is no listing"));
-    EXPECT_EQ(program.wait(), 1);
+    run.send(reply);
+    EXPECT_TRUE(run.program.errors().wait_for("vigmond-log: raised issues: the reply is no listing"));
+    EXPECT_EQ(run.program.wait(), 1);
     EXPECT_EQ(issues(), "");
 }
 
 TEST_F(RaisedIssues, HaveTheLabelsOfIssues) {
-    const PrivateBus bus;
-    OtherOwner other(bus);
-    ChildProcess program({"/bin/sh", "-c", "exec " VIGMOND_LOG " " + words()}, {bus.variable(), "TZ=UTC"});
-    const BusMessage call = other.wait_for_call();
-    ASSERT_NE(call, nullptr);
-    const BusMessage reply(dbus_message_new_method_return(call.get()));
+    AnsweredByOther run(words());
+    ASSERT_NE(run.call, nullptr);
+    const BusMessage reply = run.reply();
     DBusMessageIter body{};
     DBusMessageIter array{};
     dbus_message_iter_init_append(reply.get(), &body);
@@ -161,9 +180,8 @@ TEST_F(RaisedIssues, HaveTheLabelsOfIssues) {
         append_issue(&array, 1714557600, label);
     }
     dbus_message_iter_close_container(&body, &array);
-    other.client.send(reply);
-    dbus_connection_flush(other.client.connection());
-    EXPECT_EQ(program.wait(), 0);
+    run.send(reply);
+    EXPECT_EQ(run.program.wait(), 0);
     EXPECT_THAT(issues(), EndsWith("\nvigmond_issue_raised{issue=\"CBnn\",label=\"\"} 1\n"
                                    "vigmond_issue_raised{issue=\"CB20\",label=\"temperature\"} 1\n"
                                    "vigmond_issue_raised{issue=\"CB21\",label=\"memoryusage\"} 0\n"

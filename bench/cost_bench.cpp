@@ -24,8 +24,6 @@
 
 namespace {
 
-void sleep_for(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
-
 /// The main thread's calls per heartbeat: the difference of a longer and a shorter run.
 CallCounts system_calls_of(const std::function<Command(int heartbeats)> &command, const std::string &report) {
     constexpr int few = 20;
@@ -38,7 +36,7 @@ CallCounts system_calls_of(const std::function<Command(int heartbeats)> &command
         }
         waitpid(start(words), nullptr, 0);
         for (int patience = 100; counts_of(report)["total"] == 0 && patience > 0; --patience) {
-            sleep_for(10); // strace ends after the program
+            std::this_thread::sleep_for(std::chrono::milliseconds(10)); // strace ends after the program
         }
         return counts_of(report);
     };

@@ -81,28 +81,6 @@ double system_calls_within(pid_t pid, const std::string &report, int seconds) {
     return counts_of(report)["total"];
 }
 
-/// Starts all programs 250 ms apart, so that their heartbeats do not coincide, and records the processor time of
-/// each after its first two seconds.
-void start_all(std::vector<Subject> *subjects) {
-    constexpr int apart_ms = 250;
-    constexpr int first_ms = 2000;
-    for (Subject &each : *subjects) {
-        each.program = start_apart(each.command);
-        sleep_for(apart_ms);
-    }
-    sleep_for(first_ms - apart_ms * static_cast<int>(subjects->size()));
-    for (Subject &each : *subjects) {
-        each.cycle.start_microseconds = microseconds_of(each.program.pid);
-        sleep_for(apart_ms);
-    }
-}
-
-} // namespace
-
-Memory memory_of(pid_t pid) {
-    return {.resident = kib_of(pid, "Rss"), .proportional = kib_of(pid, "Pss"), .dirty = kib_of(pid, "Private_Dirty")};
-}
-
 ApartProgram start_apart(const Command &command) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -129,6 +107,28 @@ ApartProgram start_apart(const Command &command) {
     close(ends[0]);
     close(ends[1]);
     return program;
+}
+
+/// Starts all programs 250 ms apart, so that their heartbeats do not coincide, and records the processor time of
+/// each after its first two seconds.
+void start_all(std::vector<Subject> *subjects) {
+    constexpr int apart_ms = 250;
+    constexpr int first_ms = 2000;
+    for (Subject &each : *subjects) {
+        each.program = start_apart(each.command);
+        sleep_for(apart_ms);
+    }
+    sleep_for(first_ms - apart_ms * static_cast<int>(subjects->size()));
+    for (Subject &each : *subjects) {
+        each.cycle.start_microseconds = microseconds_of(each.program.pid);
+        sleep_for(apart_ms);
+    }
+}
+
+} // namespace
+
+Memory memory_of(pid_t pid) {
+    return {.resident = kib_of(pid, "Rss"), .proportional = kib_of(pid, "Pss"), .dirty = kib_of(pid, "Private_Dirty")};
 }
 
 void watch(std::vector<Subject> *subjects, const std::string &scratch) {

@@ -27,8 +27,6 @@ struct ApartProgram {
     pid_t pid;
 };
 
-ApartProgram start_apart(const Command &command);
-
 struct Subject {
     const char *name;
     Command command;

@@ -44,7 +44,7 @@ void uncounted(void *memory) { heap_now -= malloc_usable_size(memory); }
 } // namespace
 
 // Replace the C library's functions, also for libbz2.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming,readability-inconsistent-declaration-parameter-name)
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 void *__libc_malloc(std::size_t size);
 void *__libc_calloc(std::size_t count, std::size_t size);
@@ -62,7 +62,7 @@ void free(void *memory) {
     __libc_free(memory);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming,readability-inconsistent-declaration-parameter-name)
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace {
 

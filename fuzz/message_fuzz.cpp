@@ -47,7 +47,6 @@ bool fails() { return calls_to_failure > 0 && --calls_to_failure == 0; }
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 DBusMessage *__real_dbus_message_new_method_return(DBusMessage *call);
 dbus_bool_t __real_dbus_message_iter_append_basic(DBusMessageIter *iter, int type, const void *value);
@@ -87,7 +86,6 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*connection*/, DBusMes
 }
 void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

@@ -16,7 +16,6 @@ std::string opened; // the last path that could be opened
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" int __real_open64(const char *path, int flags, ...);
 
 /// A path of an odd length cannot be opened.
@@ -28,7 +27,6 @@ extern "C" int __wrap_open64(const char *path, int /*flags*/, ...) {
     opened = path;
     return __real_open64("/dev/null", O_WRONLY | O_CLOEXEC);
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

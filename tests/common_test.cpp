@@ -28,7 +28,7 @@ using Node = std::unique_ptr<DListNode, DeleteNode>;
 Node new_node() { return Node(d_list_create()); }
 
 // Created before any test, so it is the first in the process.
-const Node first_node = new_node();
+const Node FIRST_NODE = new_node();
 
 std::string links(const DListNode *node, const DListNode *prev, const DListNode *next) {
     const auto id = [](const DListNode *other) { return std::to_string(other == nullptr ? -1 : other->id); };
@@ -49,8 +49,8 @@ std::vector<std::string> texts(const CapturedTraces &traces) {
 class List : public testing::Test {
   protected:
     void SetUp() override {
-        d_list_add(a_.get(), c_.get());
-        d_list_add(a_.get(), b_.get());
+        d_list_add(a.get(), c.get());
+        d_list_add(a.get(), b.get());
     }
     static void expect_order(const std::vector<Node *> &order) {
         DListNode *prev = nullptr;
@@ -64,9 +64,9 @@ class List : public testing::Test {
         EXPECT_EQ(node, nullptr);
     }
 
-    Node a_ = new_node();
-    Node b_ = new_node();
-    Node c_ = new_node();
+    Node a = new_node();
+    Node b = new_node();
+    Node c = new_node();
 };
 
 int is_same_text(const void *data, const void *key) {
@@ -78,10 +78,10 @@ int never(const void * /*data*/, const void * /*key*/) { return 0; }
 } // namespace
 
 TEST(ListCreate, NumbersNodesFromOne) {
-    EXPECT_EQ(first_node->id, 1);
+    EXPECT_EQ(FIRST_NODE->id, 1);
     const Node second = new_node();
     const Node third = new_node();
-    EXPECT_GT(second->id, first_node->id);
+    EXPECT_GT(second->id, FIRST_NODE->id);
     EXPECT_EQ(third->id, second->id + 1);
 }
 
@@ -129,10 +129,10 @@ TEST(ListDelete, AcceptsNull) {
 }
 
 TEST_F(List, DeletingDoesNotUnlink) {
-    const DListNode *deleted = b_.get();
-    b_.reset();
-    EXPECT_EQ(a_->next, deleted); // only compared, not dereferenced
-    EXPECT_EQ(c_->prev, deleted);
+    const DListNode *deleted = b.get();
+    b.reset();
+    EXPECT_EQ(a->next, deleted); // only compared, not dereferenced
+    EXPECT_EQ(c->prev, deleted);
 }
 
 TEST(ListDelete, LeavesTheDataAlone) {
@@ -144,10 +144,10 @@ TEST(ListDelete, LeavesTheDataAlone) {
 }
 
 TEST_F(List, AddInsertsDirectlyAfterThePosition) {
-    expect_order({&a_, &b_, &c_});
+    expect_order({&a, &b, &c});
     const Node d = new_node();
-    EXPECT_EQ(d_list_add(b_.get(), d.get()), d.get());
-    DListNode *const order[] = {a_.get(), b_.get(), d.get(), c_.get()};
+    EXPECT_EQ(d_list_add(b.get(), d.get()), d.get());
+    DListNode *const order[] = {a.get(), b.get(), d.get(), c.get()};
     for (std::size_t i = 0; i < 4; ++i) {
         EXPECT_EQ(order[i]->prev, i == 0 ? nullptr : order[i - 1]);
         EXPECT_EQ(order[i]->next, i == 3 ? nullptr : order[i + 1]);
@@ -156,9 +156,9 @@ TEST_F(List, AddInsertsDirectlyAfterThePosition) {
 
 TEST_F(List, AddAppendsAfterTheLast) {
     const Node d = new_node();
-    d_list_add(c_.get(), d.get());
-    EXPECT_EQ(c_->next, d.get());
-    EXPECT_EQ(d->prev, c_.get());
+    d_list_add(c.get(), d.get());
+    EXPECT_EQ(c->next, d.get());
+    EXPECT_EQ(d->prev, c.get());
     EXPECT_EQ(d->next, nullptr);
 }
 
@@ -166,49 +166,49 @@ TEST_F(List, AddTracesTheNumbersBeforeLinking) {
     const Node d = new_node();
     const Node e = new_node();
     const CapturedTraces traces;
-    d_list_add(a_.get(), d.get());
-    d_list_add(c_.get(), e.get());
-    EXPECT_THAT(texts(traces), testing::ElementsAre(links(d.get(), a_.get(), b_.get()), "DONE",
-                                                    links(e.get(), c_.get(), nullptr), "DONE"));
+    d_list_add(a.get(), d.get());
+    d_list_add(c.get(), e.get());
+    EXPECT_THAT(texts(traces), testing::ElementsAre(links(d.get(), a.get(), b.get()), "DONE",
+                                                    links(e.get(), c.get(), nullptr), "DONE"));
     EXPECT_THAT(traces.texts_of("d_list_add"), testing::SizeIs(4));
 }
 
 TEST_F(List, AddOfNullChangesNothing) {
     const CapturedTraces traces;
-    EXPECT_EQ(d_list_add(b_.get(), nullptr), nullptr);
+    EXPECT_EQ(d_list_add(b.get(), nullptr), nullptr);
     EXPECT_EQ(d_list_add(nullptr, nullptr), nullptr);
     EXPECT_TRUE(traces.all().empty());
-    expect_order({&a_, &b_, &c_});
+    expect_order({&a, &b, &c});
 }
 
 TEST_F(List, AddWithoutPositionTracesAndChangesNothing) {
     const CapturedTraces traces;
-    EXPECT_EQ(d_list_add(nullptr, b_.get()), nullptr);
-    EXPECT_THAT(texts(traces), testing::ElementsAre(links(b_.get(), nullptr, nullptr)));
-    expect_order({&a_, &b_, &c_});
+    EXPECT_EQ(d_list_add(nullptr, b.get()), nullptr);
+    EXPECT_THAT(texts(traces), testing::ElementsAre(links(b.get(), nullptr, nullptr)));
+    expect_order({&a, &b, &c});
 }
 
 TEST_F(List, RemoveOfTheMiddleClosesTheGap) {
     const CapturedTraces traces;
-    EXPECT_EQ(d_list_remove(b_.get()), b_.get());
-    EXPECT_THAT(texts(traces), testing::ElementsAre(links(b_.get(), a_.get(), c_.get())));
-    EXPECT_EQ(b_->next, nullptr);
-    EXPECT_EQ(b_->prev, nullptr);
-    expect_order({&a_, &c_});
+    EXPECT_EQ(d_list_remove(b.get()), b.get());
+    EXPECT_THAT(texts(traces), testing::ElementsAre(links(b.get(), a.get(), c.get())));
+    EXPECT_EQ(b->next, nullptr);
+    EXPECT_EQ(b->prev, nullptr);
+    expect_order({&a, &c});
 }
 
 TEST_F(List, RemoveOfTheFirstLeavesTheSecondWithoutPredecessor) {
     const CapturedTraces traces;
-    EXPECT_EQ(d_list_remove(a_.get()), a_.get());
-    EXPECT_THAT(texts(traces), testing::ElementsAre(links(a_.get(), nullptr, b_.get())));
-    EXPECT_EQ(a_->next, nullptr);
-    expect_order({&b_, &c_});
+    EXPECT_EQ(d_list_remove(a.get()), a.get());
+    EXPECT_THAT(texts(traces), testing::ElementsAre(links(a.get(), nullptr, b.get())));
+    EXPECT_EQ(a->next, nullptr);
+    expect_order({&b, &c});
 }
 
 TEST_F(List, RemoveOfTheLastLeavesTheOneBeforeWithoutSuccessor) {
-    EXPECT_EQ(d_list_remove(c_.get()), c_.get());
-    EXPECT_EQ(c_->prev, nullptr);
-    expect_order({&a_, &b_});
+    EXPECT_EQ(d_list_remove(c.get()), c.get());
+    EXPECT_EQ(c->prev, nullptr);
+    expect_order({&a, &b});
 }
 
 TEST(ListRemove, ReturnsASingleNodeUnchanged) {
@@ -229,13 +229,13 @@ TEST(ListRemove, AcceptsNull) {
 TEST_F(List, SearchFindsTheFirstMatchFromItsStart) {
     std::string text = "wlan0";
     std::string other = "eth0";
-    a_->data = text.data();
-    b_->data = other.data();
-    c_->data = text.data();
-    EXPECT_EQ(d_list_search(a_.get(), is_same_text, "wlan0"), a_.get());
-    EXPECT_EQ(d_list_search(b_.get(), is_same_text, "wlan0"), c_.get());
-    EXPECT_EQ(d_list_search(a_.get(), is_same_text, "eth0"), b_.get());
-    EXPECT_EQ(d_list_search(c_.get(), is_same_text, "eth0"), nullptr);
+    a->data = text.data();
+    b->data = other.data();
+    c->data = text.data();
+    EXPECT_EQ(d_list_search(a.get(), is_same_text, "wlan0"), a.get());
+    EXPECT_EQ(d_list_search(b.get(), is_same_text, "wlan0"), c.get());
+    EXPECT_EQ(d_list_search(a.get(), is_same_text, "eth0"), b.get());
+    EXPECT_EQ(d_list_search(c.get(), is_same_text, "eth0"), nullptr);
 }
 
 TEST_F(List, SearchSkipsNodesWithoutData) {
@@ -246,33 +246,32 @@ TEST_F(List, SearchSkipsNodesWithoutData) {
         return is_same_text(data, key);
     };
     std::string text = "wlan0";
-    b_->data = text.data();
+    b->data = text.data();
     const CapturedTraces traces;
-    EXPECT_EQ(d_list_search(a_.get(), compare, "wlan0"), b_.get());
+    EXPECT_EQ(d_list_search(a.get(), compare, "wlan0"), b.get());
     EXPECT_EQ(calls, 1);
-    EXPECT_THAT(texts(traces),
-                testing::ElementsAre(links(a_.get(), nullptr, b_.get()), links(b_.get(), a_.get(), c_.get()),
-                                     "FOUND: " + std::to_string(b_->id)));
+    EXPECT_THAT(texts(traces), testing::ElementsAre(links(a.get(), nullptr, b.get()), links(b.get(), a.get(), c.get()),
+                                                    "FOUND: " + std::to_string(b->id)));
     EXPECT_THAT(traces.texts_of("d_list_search"), testing::SizeIs(3));
 }
 
 TEST_F(List, SearchTakesAnyNonZeroResultAsAMatch) {
     std::string text = "x";
-    a_->data = text.data();
-    b_->data = text.data();
-    EXPECT_EQ(d_list_search(a_.get(), never, "x"), nullptr);
+    a->data = text.data();
+    b->data = text.data();
+    EXPECT_EQ(d_list_search(a.get(), never, "x"), nullptr);
     EXPECT_EQ(d_list_search(
-                  a_.get(), [](const void *, const void *) { return -1; }, "x"),
-              a_.get());
+                  a.get(), [](const void *, const void *) { return -1; }, "x"),
+              a.get());
 }
 
 TEST_F(List, SearchWithoutAnArgumentFindsNone) {
     std::string text = "x";
-    a_->data = text.data();
+    a->data = text.data();
     const CapturedTraces traces;
     EXPECT_EQ(d_list_search(nullptr, is_same_text, "x"), nullptr);
-    EXPECT_EQ(d_list_search(a_.get(), nullptr, "x"), nullptr);
-    EXPECT_EQ(d_list_search(a_.get(), is_same_text, nullptr), nullptr);
+    EXPECT_EQ(d_list_search(a.get(), nullptr, "x"), nullptr);
+    EXPECT_EQ(d_list_search(a.get(), is_same_text, nullptr), nullptr);
     EXPECT_TRUE(traces.all().empty());
 }
 
@@ -346,7 +345,7 @@ class Zone {
 class TimeStamp : public testing::Test {
   protected:
     void TearDown() override { chosen_time.reset(); }
-    std::array<char, 64> text_{};
+    std::array<char, 64> text{};
 };
 
 constexpr const char *FORMAT = "%Y-%m-%d %H:%M:%S";
@@ -358,43 +357,43 @@ constexpr std::size_t FORMATTED_SIZE = sizeof "2038-01-19 03:14:07";
 TEST_F(TimeStamp, FormatsTheLocalTimeAndReturnsTheSeconds) {
     const Zone zone("XXX-05:30"); // 5 h 30 min ahead
     chosen_time = BEFORE_2038;
-    EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), BEFORE_2038);
-    EXPECT_STREQ(text_.data(), "2038-01-19 08:44:07");
+    EXPECT_EQ(time_stamp(text.data(), text.size(), FORMAT), BEFORE_2038);
+    EXPECT_STREQ(text.data(), "2038-01-19 08:44:07");
 }
 
 TEST_F(TimeStamp, FollowsAChangeOfZone) {
     chosen_time = BEFORE_2038;
     for (const auto &[name, hour] : {std::pair{"XXX0", "03"}, {"XXX+01", "02"}, {"XXX-09", "12"}}) {
         const Zone zone(name);
-        EXPECT_EQ(time_stamp(text_.data(), text_.size(), "%H"), BEFORE_2038);
-        EXPECT_STREQ(text_.data(), hour);
+        EXPECT_EQ(time_stamp(text.data(), text.size(), "%H"), BEFORE_2038);
+        EXPECT_STREQ(text.data(), hour);
     }
 }
 
 TEST_F(TimeStamp, ContinuesAfterTheEndOf32BitTime) {
     const Zone zone("UTC0");
     chosen_time = BEFORE_2038 + 1;
-    EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), BEFORE_2038 + 1);
-    EXPECT_STREQ(text_.data(), "2038-01-19 03:14:08");
+    EXPECT_EQ(time_stamp(text.data(), text.size(), FORMAT), BEFORE_2038 + 1);
+    EXPECT_STREQ(text.data(), "2038-01-19 03:14:08");
 }
 
 TEST_F(TimeStamp, NeedsRoomForTheTextAndItsTerminator) {
-    EXPECT_EQ(time_stamp(text_.data(), 5, FORMAT), -1);
-    EXPECT_EQ(time_stamp(text_.data(), 0, FORMAT), -1);
-    EXPECT_EQ(time_stamp(text_.data(), FORMATTED_SIZE - 1, FORMAT), -1);
-    EXPECT_GT(time_stamp(text_.data(), FORMATTED_SIZE, FORMAT), 0);
+    EXPECT_EQ(time_stamp(text.data(), 5, FORMAT), -1);
+    EXPECT_EQ(time_stamp(text.data(), 0, FORMAT), -1);
+    EXPECT_EQ(time_stamp(text.data(), FORMATTED_SIZE - 1, FORMAT), -1);
+    EXPECT_GT(time_stamp(text.data(), FORMATTED_SIZE, FORMAT), 0);
 }
 
 TEST_F(TimeStamp, FailsWhenThereIsNoLocalTime) {
     chosen_time = -1; // the result of a failed clock
-    EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), -1);
+    EXPECT_EQ(time_stamp(text.data(), text.size(), FORMAT), -1);
     chosen_time = INT64_MAX; // the year does not fit
-    EXPECT_EQ(time_stamp(text_.data(), text_.size(), FORMAT), -1);
+    EXPECT_EQ(time_stamp(text.data(), text.size(), FORMAT), -1);
 }
 
 TEST_F(TimeStamp, ReadsTheClock) {
     const std::time_t before = std::time(nullptr);
-    const std::time_t stamp = time_stamp(text_.data(), text_.size(), FORMAT);
+    const std::time_t stamp = time_stamp(text.data(), text.size(), FORMAT);
     EXPECT_GE(stamp, before);
     EXPECT_LE(stamp, std::time(nullptr));
 }

@@ -39,7 +39,6 @@ std::vector<std::int64_t> dates_at_creation; ///< the first issue's date at each
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's name
 extern "C" int __wrap_pthread_create(pthread_t * /*thread*/, const pthread_attr_t *attributes,
                                      void *(* /*start*/)(void *), void *argument) {
     sigset_t mask;
@@ -50,7 +49,6 @@ extern "C" int __wrap_pthread_create(pthread_t * /*thread*/, const pthread_attr_
     EXPECT_EQ(argument, nullptr);
     return threads_left-- == 0 ? EAGAIN : 0;
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 
@@ -108,27 +106,27 @@ bool is_return(const BusMessage &message) {
 
 class BusServiceTest : public testing::Test {
   protected:
-    BusServiceTest() { owner_ = client_.wait_for_owner(SERVICE_NAME); }
+    BusServiceTest() { owner = client.wait_for_owner(SERVICE_NAME); }
 
-    PrivateBus bus_;
-    BusClient client_{bus_};
-    BusDaemon daemon_{bus_};
-    std::string owner_;
+    PrivateBus bus;
+    BusClient client{bus};
+    BusDaemon daemon{bus};
+    std::string owner;
 };
 
 TEST_F(BusServiceTest, ACallRightAfterTheStartIsAnswered) {
-    const BusMessage reply = client_.call(listing_call());
+    const BusMessage reply = client.call(listing_call());
     ASSERT_TRUE(is_return(reply));
     EXPECT_STREQ(dbus_message_get_signature(reply.get()), "");
-    EXPECT_EQ(dbus_message_get_sender(reply.get()), owner_);
+    EXPECT_EQ(dbus_message_get_sender(reply.get()), owner);
 }
 
 TEST_F(BusServiceTest, RaisedIssuesAreListedInRowOrder) {
     const auto before = static_cast<std::uint32_t>(std::time(nullptr));
-    daemon_.obey("update 99 1");
-    daemon_.obey("update 3 -2");
+    daemon.obey("update 99 1");
+    daemon.obey("update 3 -2");
     const auto after = static_cast<std::uint32_t>(std::time(nullptr));
-    const BusMessage reply = client_.call(listing_call());
+    const BusMessage reply = client.call(listing_call());
     ASSERT_TRUE(is_return(reply));
     const std::string body = body_bytes(reply.get());
     bool found = false;
@@ -143,18 +141,18 @@ TEST_F(BusServiceTest, RaisedIssuesAreListedInRowOrder) {
 }
 
 TEST_F(BusServiceTest, InterfaceAndPathOfACallAreIgnored) {
-    EXPECT_TRUE(is_return(client_.call(method_call("/some/where", ISSUES, "GetListing"))));
-    EXPECT_TRUE(is_return(client_.call(method_call(PATH, nullptr, "GetListing"))));
-    EXPECT_EQ(text_of(client_.call(method_call("/", nullptr, "Introspect"))), "<node>\n</node>\n");
-    EXPECT_TRUE(text_of(client_.call(method_call(PATH, INTROSPECTABLE, "Introspect"))).ends_with("</node>\n"));
+    EXPECT_TRUE(is_return(client.call(method_call("/some/where", ISSUES, "GetListing"))));
+    EXPECT_TRUE(is_return(client.call(method_call(PATH, nullptr, "GetListing"))));
+    EXPECT_EQ(text_of(client.call(method_call("/", nullptr, "Introspect"))), "<node>\n</node>\n");
+    EXPECT_TRUE(text_of(client.call(method_call(PATH, INTROSPECTABLE, "Introspect"))).ends_with("</node>\n"));
 }
 
 TEST_F(BusServiceTest, SwitchesAndMalformedCallsAreAnswered) {
-    EXPECT_EQ(text_of(client_.call(switch_call("Cell", FALSE))), "failed");
-    EXPECT_EQ(text_of(client_.call(switch_call("Bluetooth", TRUE))), "accepted");
-    EXPECT_EQ(text_of(client_.call(method_call(PATH, NETWORK, "ChangeInterfaceAvailability"))), "failed");
+    EXPECT_EQ(text_of(client.call(switch_call("Cell", FALSE))), "failed");
+    EXPECT_EQ(text_of(client.call(switch_call("Bluetooth", TRUE))), "accepted");
+    EXPECT_EQ(text_of(client.call(method_call(PATH, NETWORK, "ChangeInterfaceAvailability"))), "failed");
     const std::string oversized(1000000, 'x');
-    EXPECT_EQ(text_of(client_.call(switch_call(oversized.c_str(), TRUE))), "accepted");
+    EXPECT_EQ(text_of(client.call(switch_call(oversized.c_str(), TRUE))), "accepted");
 }
 
 /// Calls are answered in order: a call without a reply before that of a later call gets none.
@@ -173,74 +171,74 @@ TEST_F(BusServiceTest, CallsThatWantNoReplyGetNone) {
     std::vector<dbus_uint32_t> serials;
     for (const BusMessage &call : calls) {
         dbus_message_set_no_reply(call.get(), TRUE);
-        serials.push_back(client_.send(call));
+        serials.push_back(client.send(call));
     }
-    expect_no_answer(client_, serials);
+    expect_no_answer(client, serials);
 }
 
 TEST_F(BusServiceTest, UnknownCallsGetNoReply) {
     std::vector<dbus_uint32_t> unanswered;
     for (const auto &[interface, member] : std::vector<std::pair<const char *, const char *>>{
              {ISSUES, "NoSuchMethod"}, {"no.such.interface", "GetListing"}, {DBUS_INTERFACE_PEER, "Ping"}}) {
-        unanswered.push_back(client_.send(method_call(PATH, interface, member)));
+        unanswered.push_back(client.send(method_call(PATH, interface, member)));
     }
-    expect_no_answer(client_, unanswered);
+    expect_no_answer(client, unanswered);
 }
 
 TEST_F(BusServiceTest, SignalsComeFromTheOwnerOfTheNameNewBeforeCleared) {
-    client_.watch(std::string("type='signal',sender='") + SERVICE_NAME + "'");
-    daemon_.obey("update 5 1");
-    daemon_.obey("send " + std::to_string(LONG_AGO)); // announces CB05 as new and the others as cleared
+    client.watch(std::string("type='signal',sender='") + SERVICE_NAME + "'");
+    daemon.obey("update 5 1");
+    daemon.obey("send " + std::to_string(LONG_AGO)); // announces CB05 as new and the others as cleared
     const auto is_issue_signal = [](DBusMessage *message) {
         return dbus_message_get_interface(message) != nullptr &&
                std::string(dbus_message_get_interface(message)) == ISSUES;
     };
-    const BusMessage first = client_.wait_for(is_issue_signal);
-    const BusMessage second = client_.wait_for(is_issue_signal);
+    const BusMessage first = client.wait_for(is_issue_signal);
+    const BusMessage second = client.wait_for(is_issue_signal);
     ASSERT_TRUE(first && second);
     EXPECT_STREQ(dbus_message_get_member(first.get()), "NewIssues");
     EXPECT_STREQ(dbus_message_get_member(second.get()), "ClearedIssues");
-    EXPECT_EQ(dbus_message_get_sender(first.get()), owner_);
+    EXPECT_EQ(dbus_message_get_sender(first.get()), owner);
     EXPECT_STREQ(dbus_message_get_path(first.get()), PATH);
     EXPECT_EQ(body_bytes(first.get()), wire(1) + wire(9) + wire(std::string("CB05")));
 }
 
 TEST_F(BusServiceTest, AHundredCallsTogetherAreAnsweredWhileSignalsAreSent) {
-    client_.watch("type='signal',member='NewIssues'");
-    daemon_.tell("flood 200");
+    client.watch("type='signal',member='NewIssues'");
+    daemon.tell("flood 200");
     std::vector<dbus_uint32_t> serials;
     serials.reserve(100);
     for (int i = 0; i < 100; ++i) {
-        serials.push_back(client_.send(listing_call()));
+        serials.push_back(client.send(listing_call()));
     }
     for (const dbus_uint32_t serial : serials) {
-        ASSERT_TRUE(is_return(client_.wait_for(
+        ASSERT_TRUE(is_return(client.wait_for(
             [serial](DBusMessage *message) { return dbus_message_get_reply_serial(message) == serial; })));
     }
     for (int signal = 0; signal < 100; ++signal) { // every second pass raises
-        ASSERT_NE(client_.wait_for_signal("NewIssues"), nullptr);
+        ASSERT_NE(client.wait_for_signal("NewIssues"), nullptr);
     }
 }
 
 TEST_F(BusServiceTest, NoCallIsLostToASenderThatReadsItIn) {
-    daemon_.tell("flood 20000"); // also changes the registry that the calls read and write
+    daemon.tell("flood 20000"); // also changes the registry that the calls read and write
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_TRUE(is_return(client_.call(i % 2 == 0 ? listing_call() : switch_call("WiFi", i % 4 == 1)))) << i;
+        ASSERT_TRUE(is_return(client.call(i % 2 == 0 ? listing_call() : switch_call("WiFi", i % 4 == 1)))) << i;
     }
 }
 
 TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {
     const auto call_all = [this](int rounds) {
         for (int i = 0; i < rounds; ++i) {
-            ASSERT_TRUE(is_return(client_.call(listing_call())));
-            ASSERT_TRUE(is_return(client_.call(method_call("/", INTROSPECTABLE, "Introspect"))));
-            ASSERT_TRUE(is_return(client_.call(switch_call("LAN", TRUE))));
-            ASSERT_TRUE(is_return(client_.call(method_call(PATH, NETWORK, "ChangeInterfaceAvailability"))));
+            ASSERT_TRUE(is_return(client.call(listing_call())));
+            ASSERT_TRUE(is_return(client.call(method_call("/", INTROSPECTABLE, "Introspect"))));
+            ASSERT_TRUE(is_return(client.call(switch_call("LAN", TRUE))));
+            ASSERT_TRUE(is_return(client.call(method_call(PATH, NETWORK, "ChangeInterfaceAvailability"))));
         }
     };
-    daemon_.obey("update 5 1");
+    daemon.obey("update 5 1");
     call_all(100);
-    const pid_t pid = daemon_.process().pid();
+    const pid_t pid = daemon.process().pid();
     const std::size_t descriptors = descriptors_of(pid);
     [[maybe_unused]] const long memory = memory_of(pid);
     call_all(2500);
@@ -251,57 +249,57 @@ TEST_F(BusServiceTest, TenThousandCallsLeaveDescriptorsAndMemoryAsTheyWere) {
 }
 
 TEST_F(BusServiceTest, DescriptorsThatAClientPassesAreClosed) {
-    const std::size_t descriptors = descriptors_of(daemon_.process().pid());
+    const std::size_t descriptors = descriptors_of(daemon.process().pid());
     for (int i = 0; i < 50; ++i) {
         const BusMessage call = listing_call();
         const int passed = STDIN_FILENO;
         ASSERT_NE(dbus_message_append_args(call.get(), DBUS_TYPE_UNIX_FD, &passed, DBUS_TYPE_INVALID), 0U);
-        ASSERT_TRUE(is_return(client_.call(call)));
+        ASSERT_TRUE(is_return(client.call(call)));
     }
-    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the previous message has been released by now
-    EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
+    ASSERT_TRUE(is_return(client.call(listing_call()))); // the previous message has been released by now
+    EXPECT_EQ(descriptors_of(daemon.process().pid()), descriptors);
 }
 
 // A system bus accepts 16 per message by default.
 TEST_F(BusServiceTest, NoNumberOfDescriptorsCostsTheConnection) {
     constexpr int most = 253; // the kernel's limit
-    dbus_connection_set_max_message_unix_fds(client_.connection(), most);
+    dbus_connection_set_max_message_unix_fds(client.connection(), most);
     const BusMessage call = listing_call();
     for (int i = 0; i < most; ++i) {
         const int passed = STDIN_FILENO;
         ASSERT_NE(dbus_message_append_args(call.get(), DBUS_TYPE_UNIX_FD, &passed, DBUS_TYPE_INVALID), 0U);
     }
-    ASSERT_TRUE(is_return(client_.call(call)));
-    EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
+    ASSERT_TRUE(is_return(client.call(call)));
+    EXPECT_EQ(text_of(client.ask_bus("GetNameOwner", SERVICE_NAME)), owner);
 }
 
 // Close to the limit of a system bus: 32 MiB.
 TEST_F(BusServiceTest, LargeMessagesAreAnsweredAndLeaveNoMemoryBehind) {
-    ASSERT_TRUE(is_return(client_.call(listing_call())));
-    [[maybe_unused]] const long memory = memory_of(daemon_.process().pid());
+    ASSERT_TRUE(is_return(client.call(listing_call())));
+    [[maybe_unused]] const long memory = memory_of(daemon.process().pid());
     const std::string oversized(31U << 20U, 'x');
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(text_of(client_.call(switch_call(oversized.c_str(), TRUE))), "accepted");
+        EXPECT_EQ(text_of(client.call(switch_call(oversized.c_str(), TRUE))), "accepted");
     }
-    ASSERT_TRUE(is_return(client_.call(listing_call()))); // the previous message has been released by now
-    EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
-#ifndef SANITIZED                                                // sanitizers keep freed memory
-    EXPECT_LT(memory_of(daemon_.process().pid()) - memory, 256); // pages; each message has 8,000
+    ASSERT_TRUE(is_return(client.call(listing_call()))); // the previous message has been released by now
+    EXPECT_EQ(text_of(client.ask_bus("GetNameOwner", SERVICE_NAME)), owner);
+#ifndef SANITIZED                                               // sanitizers keep freed memory
+    EXPECT_LT(memory_of(daemon.process().pid()) - memory, 256); // pages; each message has 8,000
 #endif
 }
 
 TEST_F(BusServiceTest, NobodyCanTakeOverTheName) {
-    EXPECT_EQ(number_of(client_.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_REPLACE_EXISTING)),
+    EXPECT_EQ(number_of(client.ask_bus("RequestName", SERVICE_NAME, DBUS_NAME_FLAG_REPLACE_EXISTING)),
               static_cast<dbus_uint32_t>(DBUS_REQUEST_NAME_REPLY_IN_QUEUE));
-    EXPECT_EQ(text_of(client_.ask_bus("GetNameOwner", SERVICE_NAME)), owner_);
+    EXPECT_EQ(text_of(client.ask_bus("GetNameOwner", SERVICE_NAME)), owner);
 }
 
 /// The daemon's signals as bits of a mask in /proc.
 constexpr std::uint64_t bit_of(int signo) { return std::uint64_t{1} << static_cast<unsigned>(signo - 1); }
 
 TEST_F(BusServiceTest, BusThreadsSeeNoneOfTheSignals) {
-    ASSERT_TRUE(is_return(client_.call(listing_call())));
-    const std::string tasks = "/proc/" + std::to_string(daemon_.process().pid()) + "/task";
+    ASSERT_TRUE(is_return(client.call(listing_call())));
+    const std::string tasks = "/proc/" + std::to_string(daemon.process().pid()) + "/task";
     int holding = 0;
     for (const auto &task : std::filesystem::directory_iterator(tasks)) {
         const std::string status = read_file(task.path() / "status");

@@ -61,12 +61,12 @@ constinit const char *syslog_path = nullptr; ///< replaces /dev/log
 struct Syslog : JournalPauses {
     Syslog() {
         const sockaddr_un address = address_of(path);
-        EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
         syslog_path = path.c_str();
     }
 
     void fill() const {
-        const Descriptor writer(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const Descriptor writer(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         const sockaddr_un address = address_of(path);
         ASSERT_EQ(connect(writer.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
         while (send(writer.get(), "x", 1, MSG_DONTWAIT) == 1) {
@@ -76,12 +76,12 @@ struct Syslog : JournalPauses {
 
     void read_one() const {
         char message = 0;
-        ASSERT_EQ(recv(socket_.get(), &message, 1, 0), 1);
+        ASSERT_EQ(recv(socket.get(), &message, 1, 0), 1);
     }
 
     ScratchFolder folder;
     std::string path = folder / "log";
-    Descriptor socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    Descriptor socket{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
 
 } // namespace
@@ -242,6 +242,6 @@ TEST_F(Syslog, IsTriedAgainAfterTenSeconds) {
 
 TEST_F(Syslog, HasRoomWhenNobodyListens) {
     fill();
-    socket_.reset();
+    socket.reset();
     EXPECT_TRUE(syslog_has_room());
 }

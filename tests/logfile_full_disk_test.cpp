@@ -18,7 +18,7 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr const char *x_record = "<time>\tOK\tx\n"; // 25 bytes with its 19-byte stamp
+constexpr const char *X_RECORD = "<time>\tOK\tx\n"; // 25 bytes with its 19-byte stamp
 
 using FullDiskTest = LogfileTest;
 
@@ -29,10 +29,10 @@ TEST_F(FullDiskTest, LosesARecordThatDoesNotFitAtAll) {
         const FileSizeLimit full(25);
         lf_print(0, "lost", 0);
     }
-    EXPECT_EQ(log(), x_record);
+    EXPECT_EQ(log(), X_RECORD);
     EXPECT_TRUE(traces.has("lf_print", path + ": File too large"));
     lf_print(0, "y", 0);
-    EXPECT_EQ(log(), std::string(x_record) + "<time>\tOK\ty\n");
+    EXPECT_EQ(log(), std::string(X_RECORD) + "<time>\tOK\ty\n");
 }
 
 TEST_F(FullDiskTest, RemovesAPartlyWrittenRecord) {
@@ -41,12 +41,12 @@ TEST_F(FullDiskTest, RemovesAPartlyWrittenRecord) {
     for (rlim_t room = 1; room < 25; ++room) {
         const FileSizeLimit full(25 + room);
         lf_print(0, "y", 0);
-        EXPECT_EQ(log(), x_record) << room;
+        EXPECT_EQ(log(), X_RECORD) << room;
         EXPECT_EQ(std::filesystem::file_size(path), 25U) << room;
     }
     const FileSizeLimit just_enough(50);
     lf_print(0, "y", 0);
-    EXPECT_EQ(log(), std::string(x_record) + "<time>\tOK\ty\n");
+    EXPECT_EQ(log(), std::string(X_RECORD) + "<time>\tOK\ty\n");
 }
 
 TEST_F(FullDiskTest, TracesThatTheRecordIsLost) {
@@ -112,7 +112,7 @@ TEST_F(FullDiskTest, RemovesAPartlyWrittenClosingBlock) {
         const FileSizeLimit full(40);
         logfile_cleanup();
     }
-    EXPECT_EQ(log(), x_record);
+    EXPECT_EQ(log(), X_RECORD);
 }
 
 TEST_F(FullDiskTest, RemovesAPartlyWrittenHeaderWhichThenIsNotTheFirst) {
@@ -144,7 +144,7 @@ TEST_F(FullDiskTest, RotatesTheFullFileAndMayLackTheHeader) {
         lf_print(0, "x", 0);
     }
     ASSERT_EQ(rotations().calls.size(), 1U);
-    EXPECT_EQ(mask_times(rotations().calls[0].content), x_record);
+    EXPECT_EQ(mask_times(rotations().calls[0].content), X_RECORD);
     EXPECT_EQ(log(), "");
     logfile_state().logsize = 10240;
     lf_print(0, "y", 0);
@@ -248,7 +248,7 @@ TEST_F(SmallDiskTest, EndsInAWholeRecordAndContinuesWhenThereIsRoom) {
     lf_print(0, "x", 0);
     const std::string after = read_file(disk + "/logfile");
     ASSERT_EQ(after.size(), full.size() + 25);
-    EXPECT_EQ(mask_times(after.substr(full.size())), x_record);
+    EXPECT_EQ(mask_times(after.substr(full.size())), X_RECORD);
 }
 
 } // namespace

@@ -49,12 +49,12 @@ namespace {
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr const char *columns = "##\tname        \t    ID\t    ID\tinter-\t   min\t   min\t   max\t   max\tparam\n"
+constexpr const char *COLUMNS = "##\tname        \t    ID\t    ID\tinter-\t   min\t   min\t   max\t   max\tparam\n"
                                 "##\t            \t      \t index\t   val\t  fail\t  warn\t  warn\t  fail\t\n"
                                 "## date    time    \tstate\tID\tindex\tvalue\n";
-const std::string start_header = std::string("##\n##\t<time>\tSTART\tvigmond\n##\n") + columns;
-const std::string rotate_header = std::string("##\n##\t<time>\tROTATE\tvigmond\n##\n") + columns;
-constexpr const char *finished = "##\n##\t<time>\tFINISHED\tvigmond\n##\n";
+const std::string START_HEADER = std::string("##\n##\t<time>\tSTART\tvigmond\n##\n") + COLUMNS;
+const std::string ROTATE_HEADER = std::string("##\n##\t<time>\tROTATE\tvigmond\n##\n") + COLUMNS;
+constexpr const char *FINISHED = "##\n##\t<time>\tFINISHED\tvigmond\n##\n";
 
 class LogRotationTest : public LogfileTest {
   protected:
@@ -93,11 +93,11 @@ TEST_F(LogRotationTest, GetsTheClosedFileItsNameAndTheCount) {
 TEST_F(LogRotationTest, IsFollowedByAHeaderAndANewStream) {
     full_file(100, 100);
     lf_print(0, "x", 0);
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(log(), ROTATE_HEADER);
     EXPECT_FALSE(logfile_state().logfile_stream);
     logfile_state().logsize = 10240;
     lf_print(0, "y", 0);
-    EXPECT_EQ(log(), rotate_header + "<time>\tOK\ty\n");
+    EXPECT_EQ(log(), ROTATE_HEADER + "<time>\tOK\ty\n");
     EXPECT_THAT(rotations().calls, SizeIs(1));
 }
 
@@ -108,10 +108,10 @@ TEST_F(LogRotationTest, HappensAfterEveryLineAtALimitOfOne) {
     lf_print(0, "y", 0);
     lf_print(0, "z", 0);
     ASSERT_THAT(rotations().calls, SizeIs(3));
-    EXPECT_EQ(mask_times(rotations().calls[0].content), start_header + "<time>\tOK\tx\n");
-    EXPECT_EQ(mask_times(rotations().calls[1].content), rotate_header + "<time>\tOK\ty\n");
-    EXPECT_EQ(mask_times(rotations().calls[2].content), rotate_header + "<time>\tOK\tz\n");
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(mask_times(rotations().calls[0].content), START_HEADER + "<time>\tOK\tx\n");
+    EXPECT_EQ(mask_times(rotations().calls[1].content), ROTATE_HEADER + "<time>\tOK\ty\n");
+    EXPECT_EQ(mask_times(rotations().calls[2].content), ROTATE_HEADER + "<time>\tOK\tz\n");
+    EXPECT_EQ(log(), ROTATE_HEADER);
 }
 
 TEST_F(LogRotationTest, HappensWithARecordThatWasFilteredOut) {
@@ -120,33 +120,33 @@ TEST_F(LogRotationTest, HappensWithARecordThatWasFilteredOut) {
     lf_print(0, "x", 0);
     ASSERT_THAT(rotations().calls, SizeIs(1));
     EXPECT_EQ(rotations().calls[0].content, std::string(100, 'x'));
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(log(), ROTATE_HEADER);
 }
 
 TEST_F(LogRotationTest, HappensWithTheClosingBlockTooSoThatAHeaderEndsTheLog) {
     full_file(100, 100);
     logfile_cleanup();
     ASSERT_THAT(rotations().calls, SizeIs(1));
-    EXPECT_EQ(mask_times(rotations().calls[0].content), std::string(100, 'x') + finished);
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(mask_times(rotations().calls[0].content), std::string(100, 'x') + FINISHED);
+    EXPECT_EQ(log(), ROTATE_HEADER);
 }
 
 TEST_F(LogRotationTest, OfAnOversizeFileHappensWithTheFirstRecordNotAtTheStart) {
     folder.write("logfile", std::string(20000, 'x'));
     gdata_record().logsize = 10240;
     start(path.c_str());
-    EXPECT_EQ(log(), std::string(20000, 'x') + start_header);
+    EXPECT_EQ(log(), std::string(20000, 'x') + START_HEADER);
     EXPECT_THAT(rotations().calls, IsEmpty());
     lf_print(0, "x", 0);
     EXPECT_THAT(rotations().calls, SizeIs(1));
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(log(), ROTATE_HEADER);
 }
 
 TEST_F(LogRotationTest, IsTriedAgainWithTheNextRecordIfTheFileRemains) {
     rotations().remove = false;
     full_file(100, 100);
     lf_print(0, "x", 0);
-    EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n" + rotate_header);
+    EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n" + ROTATE_HEADER);
     lf_print(0, "y", 0);
     EXPECT_THAT(rotations().calls, SizeIs(2));
 }
@@ -197,7 +197,7 @@ TEST_F(AbortedRotationTest, LeavesTheFileToTheClosingBlockAndToTheNextStart) {
         sigwait(&held, &taken);
         logfile_cleanup();
         EXPECT_THAT(rotations().calls, SizeIs(1));
-        EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n" + finished);
+        EXPECT_EQ(log(), std::string(100, 'x') + "<time>\tOK\tx\n" + FINISHED);
     }
 }
 
@@ -215,18 +215,18 @@ TEST_F(AbortedRotationTest, IsNotCausedByOtherSignals) {
     raise(SIGUSR1);
     raise(SIGCHLD);
     lf_print(0, "x", 0);
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(log(), ROTATE_HEADER);
 }
 
 TEST_F(AbortedRotationTest, IsNotPossibleAfterTenSeconds) {
     clock_step_seconds = 10;
     full_file(100, 100);
     logfile_cleanup();
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(log(), ROTATE_HEADER);
     clock_step_seconds = 11;
     full_file(100, 100);
     logfile_cleanup();
-    EXPECT_EQ(log(), std::string(100, 'x') + finished);
+    EXPECT_EQ(log(), std::string(100, 'x') + FINISHED);
 }
 
 // --- a file that is removed
@@ -240,9 +240,9 @@ TEST_F(LostFileTest, IsWrittenToUntilTheNextHeartbeat) {
     lf_print(0, "lost with the file", 0);
     EXPECT_FALSE(std::filesystem::exists(path));
     logfile_follow_name();
-    EXPECT_EQ(log(), rotate_header);
+    EXPECT_EQ(log(), ROTATE_HEADER);
     lf_print(0, "y", 0);
-    EXPECT_EQ(log(), rotate_header + "<time>\tOK\ty\n");
+    EXPECT_EQ(log(), ROTATE_HEADER + "<time>\tOK\ty\n");
 }
 
 TEST_F(LostFileTest, IsFollowedByTheFileThatTookItsPlace) {
@@ -252,8 +252,8 @@ TEST_F(LostFileTest, IsFollowedByTheFileThatTookItsPlace) {
     folder.write("logfile", "another\n");
     logfile_follow_name();
     lf_print(0, "y", 0);
-    EXPECT_EQ(log(), "another\n" + rotate_header + "<time>\tOK\ty\n");
-    EXPECT_EQ(mask_times(read_file(folder / "moved")), start_header + "<time>\tOK\tx\n");
+    EXPECT_EQ(log(), "another\n" + ROTATE_HEADER + "<time>\tOK\ty\n");
+    EXPECT_EQ(mask_times(read_file(folder / "moved")), START_HEADER + "<time>\tOK\tx\n");
 }
 
 TEST_F(LostFileTest, IsKeptUntilItCanBeReplaced) {
@@ -269,10 +269,10 @@ TEST_F(LostFileTest, IsKeptUntilItCanBeReplaced) {
     logfile_follow_name();
     lf_print(0, "z", 0);
     EXPECT_EQ(mask_times(read_file(folder / "moved/logfile")),
-              start_header + "<time>\tOK\tx\n<time>\tOK\ty\n<time>\tOK\tz\n");
+              START_HEADER + "<time>\tOK\tx\n<time>\tOK\ty\n<time>\tOK\tz\n");
     std::filesystem::remove(file);
     logfile_follow_name();
-    EXPECT_EQ(mask_times(read_file(file)), rotate_header);
+    EXPECT_EQ(mask_times(read_file(file)), ROTATE_HEADER);
 }
 
 TEST_F(LostFileTest, IsNotReopenedWhileItsNameLeadsToIt) {
@@ -288,7 +288,7 @@ TEST_F(LostFileTest, IsNotReopenedWhileItsNameLeadsToIt) {
     stat_fails = true;
     logfile_follow_name();
     stat_fails = false;
-    EXPECT_EQ(log(), start_header + "<time>\tOK\tx\n");
+    EXPECT_EQ(log(), START_HEADER + "<time>\tOK\tx\n");
     EXPECT_THAT(traces.texts_of("logfile_follow_name"), IsEmpty());
 }
 

@@ -367,12 +367,12 @@ std::pair<std::string, std::string> outputs_of(const char *name) {
     return {mask_times(testing::internal::GetCapturedStdout()), mask_times(testing::internal::GetCapturedStderr())};
 }
 
-constexpr const char *bare_log = "<time>\tOK\tx\n##\n##\t<time>\tFINISHED\tvigmond\n##\n";
+constexpr const char *BARE_LOG = "<time>\tOK\tx\n##\n##\t<time>\tFINISHED\tvigmond\n##\n";
 
 TEST_F(StandardStreamTest, StderrTakesRecordsWithoutHeaderOrRotation) {
     for (const char *name : {"stderr", "STDERR", "StdErr"}) {
         logfile_state() = {};
-        EXPECT_THAT(outputs_of(name), testing::Pair("", bare_log)) << name;
+        EXPECT_THAT(outputs_of(name), testing::Pair("", BARE_LOG)) << name;
         EXPECT_EQ(logfile_state().logfile_is_file, 0);
         EXPECT_EQ(logfile_state().logfile_header_written, 0);
     }
@@ -382,7 +382,7 @@ TEST_F(StandardStreamTest, StderrTakesRecordsWithoutHeaderOrRotation) {
 TEST_F(StandardStreamTest, StdoutTakesRecordsWithoutHeaderOrRotation) {
     for (const char *name : {"stdout", "STDOUT", "StdOut"}) {
         logfile_state() = {};
-        EXPECT_THAT(outputs_of(name), testing::Pair(bare_log, "")) << name;
+        EXPECT_THAT(outputs_of(name), testing::Pair(BARE_LOG, "")) << name;
         EXPECT_EQ(logfile_state().logfile_is_file, 0);
         EXPECT_EQ(logfile_state().logfile_header_written, 0);
     }

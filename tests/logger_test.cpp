@@ -235,7 +235,7 @@ struct SentenceCase {
     const char *line;
 };
 
-constexpr std::array<SentenceCase, 8> threshold_sentences{{
+constexpr std::array<SentenceCase, 8> THRESHOLD_SENTENCES{{
     {-2, ERROR, "[failed] ID: CB22[3]: value: 91 is below minimum failure threshold -40"},
     {-1, WARNING, "[warning] ID: CB22[3]: value: 91 is below minimum warning threshold 20"},
     {0, NOTICE, "[notice] ID: CB22[3]: value: 91 is OK"},
@@ -247,7 +247,7 @@ constexpr std::array<SentenceCase, 8> threshold_sentences{{
 }};
 
 TEST_F(LoggerTest, ThresholdSaysWhereTheValueIs) {
-    for (const SentenceCase &given : threshold_sentences) {
+    for (const SentenceCase &given : THRESHOLD_SENTENCES) {
         EXPECT_THAT(written_by(threshold_logger, marked_task(given.state)),
                     ElementsAre(SyslogMessage{given.priority, given.line}));
     }
@@ -312,7 +312,7 @@ TEST_F(LoggerTest, ThresholdTracesTheIssueAndTheState) {
 }
 
 TEST_F(LoggerTest, CommonLogsAsThreshold) {
-    for (const SentenceCase &given : threshold_sentences) {
+    for (const SentenceCase &given : THRESHOLD_SENTENCES) {
         EXPECT_THAT(written_by(common_logger, marked_task(given.state)),
                     ElementsAre(SyslogMessage{given.priority, given.line}));
     }

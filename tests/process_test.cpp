@@ -86,7 +86,7 @@ class ProcessTest : public testing::Test {
     ProcessTest &operator=(const ProcessTest &) = delete;
 
   private:
-    HangGuard guard;
+    HangGuard guard_;
 };
 
 TEST_F(ProcessTest, InstallsItsHandlerWithInformationAndWithoutStops) {

@@ -291,7 +291,7 @@ class SignalledPass : public SchedulerTest {
   public:
     SignalledPass() {
         const sigset_t all = signals_all();
-        pthread_sigmask(SIG_BLOCK, &all, &mask_before);
+        pthread_sigmask(SIG_BLOCK, &all, &mask_before_);
         struct sigaction action {};
         action.sa_handler = [](int) { record("reinit"); };
         sigaction(SIGUSR1, &action, nullptr);
@@ -300,14 +300,14 @@ class SignalledPass : public SchedulerTest {
         struct sigaction action {};
         action.sa_handler = SIG_DFL;
         sigaction(SIGUSR1, &action, nullptr);
-        pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
     }
     SignalledPass(const SignalledPass &) = delete;
     SignalledPass &operator=(const SignalledPass &) = delete;
 
   private:
-    sigset_t mask_before{};
-    HangGuard guard;
+    sigset_t mask_before_{};
+    HangGuard guard_;
 };
 
 Task signalling_task(const char *name, std::int32_t interval) {

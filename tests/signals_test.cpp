@@ -72,7 +72,7 @@ class SignalsTest : public testing::Test {
         events().clear();
         signal_to_raise = 0;
         const sigset_t all = signals_all();
-        pthread_sigmask(SIG_BLOCK, &all, &mask_before);
+        pthread_sigmask(SIG_BLOCK, &all, &mask_before_);
         for (const int signo : SEVEN) {
             install(signo, recording_handler);
         }
@@ -82,14 +82,14 @@ class SignalsTest : public testing::Test {
             install(signo, SIG_IGN); // drops what is pending
             install(signo, SIG_DFL);
         }
-        pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
     }
     SignalsTest(const SignalsTest &) = delete;
     SignalsTest &operator=(const SignalsTest &) = delete;
 
   private:
-    sigset_t mask_before{};
-    HangGuard guard;
+    sigset_t mask_before_{};
+    HangGuard guard_;
 };
 
 using Events = std::vector<std::string>;

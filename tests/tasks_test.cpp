@@ -50,7 +50,7 @@ const std::string UNITS = "hostapd nginx ocppd rauc stationd wpa_supplicant corv
 const std::string LOADER = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 
 // clang-format off
-const std::vector<Expected> expected{
+const std::vector<Expected> EXPECTED{
     {"temperature", temperature_init, temperature_exec, 20, 0, "common",    "common",      10, {-40, -30, 70, 80},  5,  5, ALL_FORMAT_PARAMETER, THERMAL,    "CPU temperature %D %T threshold."},
     {"bluetooth",   bluetooth_init,   bluetooth_exec,    5, 0, "bool",      "bluetooth",   60, {0, 0, 0, 1},        0, 10, MAXFAIL_PARAMETER,    BLUETOOTH,  ""},
     {"internet",    internet_init,    internet_exec,    10, 0, "common",    "common",      60, {0, 0, 5, 10},       2, 10, MAX_FORMAT_PARAMETER, "eth0",     "internet connection via ethernet %D %T threshold."},
@@ -114,7 +114,7 @@ std::string text(const char *slot) { return slot == nullptr ? "" : slot; }
 
 class BuiltInTask : public testing::TestWithParam<std::size_t> {
   protected:
-    const Expected &row = expected.at(GetParam());
+    const Expected &row = EXPECTED.at(GetParam());
     const Task &task = *walk().at(GetParam());
 };
 
@@ -170,15 +170,15 @@ TEST_P(BuiltInTask, StartsWithNothingMeasured) {
     EXPECT_EQ(task.do_logfile, 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, BuiltInTask, testing::Range(std::size_t{0}, expected.size()), [](const auto &row) {
-    return std::to_string(row.param + 1) + "_" + expected.at(row.param).name;
+INSTANTIATE_TEST_SUITE_P(Rows, BuiltInTask, testing::Range(std::size_t{0}, EXPECTED.size()), [](const auto &row) {
+    return std::to_string(row.param + 1) + "_" + EXPECTED.at(row.param).name;
 });
 
 TEST(BuiltInTasks, AreALinkedListOfTheseRows) {
     const TaskList list = builtin_tasks();
     const std::vector<const Task *> tasks = walk();
-    EXPECT_EQ(list.count, static_cast<std::int32_t>(expected.size()));
-    ASSERT_EQ(tasks.size(), expected.size());
+    EXPECT_EQ(list.count, static_cast<std::int32_t>(EXPECTED.size()));
+    ASSERT_EQ(tasks.size(), EXPECTED.size());
     EXPECT_EQ(tasks.front()->prev, nullptr);
     EXPECT_EQ(tasks.back(), list.last);
     EXPECT_EQ(list.last->next, nullptr);

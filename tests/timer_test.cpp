@@ -41,7 +41,7 @@ class TimerTest : public testing::Test {
         system_calls() = {};
         reinits = 0;
         const sigset_t all = signals_all();
-        pthread_sigmask(SIG_BLOCK, &all, &mask_before);
+        pthread_sigmask(SIG_BLOCK, &all, &mask_before_);
         struct sigaction action {};
         action.sa_handler = count_reinit;
         sigaction(SIGUSR1, &action, nullptr);
@@ -54,15 +54,15 @@ class TimerTest : public testing::Test {
             action.sa_handler = SIG_DFL;
             sigaction(signo, &action, nullptr);
         }
-        pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
         system_calls() = {};
     }
     TimerTest(const TimerTest &) = delete;
     TimerTest &operator=(const TimerTest &) = delete;
 
   private:
-    sigset_t mask_before{};
-    HangGuard guard;
+    sigset_t mask_before_{};
+    HangGuard guard_;
 };
 
 // The start. -------------------------------------------------------------------------------------

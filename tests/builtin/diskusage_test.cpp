@@ -116,14 +116,14 @@ struct statvfs file_system(std::uint64_t total, std::uint64_t free, std::uint64_
 class Diskusage : public testing::Test {
   protected:
     [[nodiscard]] Task file_task(const std::string &content) {
-        path_ = scratch_.write("counts", content);
-        return probe_task(path_.c_str());
+        path = scratch.write("counts", content);
+        return probe_task(path.c_str());
     }
 
-    ScratchFolder scratch_;
-    std::string path_;
-    CallResults calls_;
-    const Task folder_task_ = probe_task(scratch_.path().c_str());
+    ScratchFolder scratch;
+    std::string path;
+    CallResults calls;
+    const Task folder_task = probe_task(scratch.path().c_str());
 };
 
 } // namespace
@@ -132,13 +132,13 @@ TEST_F(Diskusage, ReadsARegularFileInPlaceOfItsFileSystem) {
     expect_measured(diskusage_exec, file_task("fs x 1000 500 250\n"), 25);
     expect_measured(diskusage_exec, file_task("fs x 1000 500 250 6 7 8"), 25);
     expect_measured(diskusage_exec, file_task("fs x 1000 500 250\nfs x 1000 500 900\n"), 25);
-    EXPECT_EQ(calls_.count(Call::statvfs), 0);
-    EXPECT_TRUE(calls_.opened_close_on_exec());
+    EXPECT_EQ(calls.count(Call::statvfs), 0);
+    EXPECT_TRUE(calls.opened_close_on_exec());
 }
 
 TEST_F(Diskusage, FollowsALinkToAFile) {
-    scratch_.write("counts", "fs x 1000 500 250\n");
-    const std::string link = scratch_ / "link";
+    scratch.write("counts", "fs x 1000 500 250\n");
+    const std::string link = scratch / "link";
     std::filesystem::create_symlink("counts", link);
     expect_measured(diskusage_exec, probe_task(link.c_str()), 25);
 }
@@ -165,57 +165,57 @@ TEST_F(Diskusage, ReadsAtMost1022CharactersOfTheLine) {
 }
 
 TEST_F(Diskusage, AsksTheFileSystemForAnythingElse) {
-    calls_.file_system(file_system(1000, 500, 250));
-    expect_measured(diskusage_exec, folder_task_, 25);
+    calls.file_system(file_system(1000, 500, 250));
+    expect_measured(diskusage_exec, folder_task, 25);
     expect_measured(diskusage_exec, probe_task("/dev/null"), 25);
-    EXPECT_EQ(calls_.count(Call::fopen), 0);
+    EXPECT_EQ(calls.count(Call::fopen), 0);
 }
 
 TEST_F(Diskusage, MeasuresNothingAvailableAsZero) {
-    calls_.file_system(file_system(1000, 500, 0));
-    expect_measured(diskusage_exec, folder_task_, 0);
+    calls.file_system(file_system(1000, 500, 0));
+    expect_measured(diskusage_exec, folder_task, 0);
 }
 
 TEST_F(Diskusage, FailsOnAFileSystemWithoutBlocks) {
-    calls_.file_system(file_system(0, 0, 0));
-    expect_failed(diskusage_exec, folder_task_, EINVAL);
-    calls_.file_system(file_system(0, 400, 100)); // the same counts in a file are 25 %
-    expect_failed(diskusage_exec, folder_task_, EINVAL);
+    calls.file_system(file_system(0, 0, 0));
+    expect_failed(diskusage_exec, folder_task, EINVAL);
+    calls.file_system(file_system(0, 400, 100)); // the same counts in a file are 25 %
+    expect_failed(diskusage_exec, folder_task, EINVAL);
 }
 
 TEST_F(Diskusage, Keeps32BitsOfTheBlockCounts) {
     constexpr std::uint64_t beyond = std::uint64_t{1} << 32;
-    calls_.file_system(file_system(beyond + 1000, beyond + 500, beyond + 250));
-    expect_measured(diskusage_exec, folder_task_, 25);
-    calls_.file_system(file_system(beyond, 400, 100));
-    expect_failed(diskusage_exec, folder_task_, EINVAL);
-    calls_.file_system(file_system(62500000, 56250000, 56250000));
-    expect_measured(diskusage_exec, folder_task_, 21); // 256 GB: the product wraps
+    calls.file_system(file_system(beyond + 1000, beyond + 500, beyond + 250));
+    expect_measured(diskusage_exec, folder_task, 25);
+    calls.file_system(file_system(beyond, 400, 100));
+    expect_failed(diskusage_exec, folder_task, EINVAL);
+    calls.file_system(file_system(62500000, 56250000, 56250000));
+    expect_measured(diskusage_exec, folder_task, 21); // 256 GB: the product wraps
 }
 
 TEST_F(Diskusage, FailsWithTheErrorOfTheStat) {
-    const std::string missing = scratch_ / "missing";
+    const std::string missing = scratch / "missing";
     expect_failed(diskusage_exec, probe_task(missing.c_str()), ENOENT);
-    calls_.fail(Call::stat, ELOOP);
-    expect_failed(diskusage_exec, folder_task_, ELOOP);
+    calls.fail(Call::stat, ELOOP);
+    expect_failed(diskusage_exec, folder_task, ELOOP);
 }
 
 TEST_F(Diskusage, FailsWithTheErrorOfTheOpen) {
-    calls_.fail(Call::fopen, EACCES);
+    calls.fail(Call::fopen, EACCES);
     expect_failed(diskusage_exec, file_task("fs x 1000 500 250\n"), EACCES);
 }
 
 TEST_F(Diskusage, FailsWithTheErrorOfTheFileSystem) {
-    calls_.fail(Call::statvfs, ENOSYS);
-    expect_failed(diskusage_exec, folder_task_, ENOSYS);
+    calls.fail(Call::statvfs, ENOSYS);
+    expect_failed(diskusage_exec, folder_task, ENOSYS);
 }
 
 TEST_F(Diskusage, CountsAFailureWithoutErrorNumberAsZero) {
-    calls_.fail(Call::statvfs, 0);
-    expect_measured(diskusage_exec, folder_task_, 0);
-    calls_.fail(Call::fopen, 0);
+    calls.fail(Call::statvfs, 0);
+    expect_measured(diskusage_exec, folder_task, 0);
+    calls.fail(Call::fopen, 0);
     expect_measured(diskusage_exec, file_task("fs x 1000 500 250\n"), 0);
-    calls_.fail(Call::stat, 0);
+    calls.fail(Call::stat, 0);
     expect_measured(diskusage_exec, probe_task("/nowhere"), 0);
 }
 
@@ -233,7 +233,7 @@ TEST_F(Diskusage, TracesTheFailureWithItsPath) {
 }
 
 TEST_F(Diskusage, MeasuresARealFileSystem) {
-    Task task = folder_task_;
+    Task task = folder_task;
     EXPECT_EQ(diskusage_exec(&task), 0);
     EXPECT_GE(task.value, 0);
     EXPECT_LE(task.value, 100);
@@ -243,7 +243,7 @@ TEST_F(Diskusage, MeasuresARealFileSystem) {
 TEST_F(Diskusage, LeaksNoDescriptor) {
     expect_no_descriptor_kept(diskusage_exec, file_task("fs x 1000 500 250\n"), 0);
     expect_no_descriptor_kept(diskusage_exec, file_task(""), -1);
-    expect_no_descriptor_kept(diskusage_exec, folder_task_, 0);
+    expect_no_descriptor_kept(diskusage_exec, folder_task, 0);
     expect_no_descriptor_kept(diskusage_exec, probe_task("/nowhere"), -1);
 }
 

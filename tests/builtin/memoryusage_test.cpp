@@ -130,105 +130,105 @@ namespace {
 class Memoryusage : public testing::Test {
   protected:
     /// The probe finds this in /proc/meminfo.
-    void meminfo(const std::string &content) { scratch_.write("meminfo", content); }
-    void SetUp() override { calls_.redirect("/proc/meminfo", scratch_ / "meminfo"); }
+    void meminfo(const std::string &content) { scratch.write("meminfo", content); }
+    void SetUp() override { calls.redirect("/proc/meminfo", scratch / "meminfo"); }
 
-    const Task task_ = probe_task(nullptr);
-    ScratchFolder scratch_;
-    CallResults calls_;
+    const Task task = probe_task(nullptr);
+    ScratchFolder scratch;
+    CallResults calls;
 };
 
 } // namespace
 
 TEST_F(Memoryusage, MeasuresTheFreeShare) {
     meminfo("MemTotal:        1024000 kB\nMemFree:          256000 kB\nMemAvailable:     900000 kB\nBuffers: 1 kB\n");
-    expect_measured(memoryusage_exec, task_, 25);
-    EXPECT_TRUE(calls_.opened_close_on_exec());
+    expect_measured(memoryusage_exec, task, 25);
+    EXPECT_TRUE(calls.opened_close_on_exec());
 }
 
 TEST_F(Memoryusage, CountsMissingLinesAsZero) {
     meminfo("MemTotal: 150 kB\n"); // 1 kB free would be 1 %
-    expect_measured(memoryusage_exec, task_, 0);
+    expect_measured(memoryusage_exec, task, 0);
     meminfo("MemTotal: 1000 kB\nMemAvailable: 900 kB\nMemFree:\n");
-    expect_measured(memoryusage_exec, task_, 0);
+    expect_measured(memoryusage_exec, task, 0);
 }
 
 TEST_F(Memoryusage, FailsWithoutATotal) {
     for (const char *content : {"", "\n\n", "MemFree: 500 kB\n", "MemTotal:\nMemFree: 500 kB\n", "MemTotal: 0 kB\n",
                                 "MemTotal: none\n", "garbage\x01\xff"}) {
         meminfo(content);
-        expect_failed(memoryusage_exec, task_, EINVAL);
+        expect_failed(memoryusage_exec, task, EINVAL);
     }
 }
 
 TEST_F(Memoryusage, LetsLaterLinesOverwriteEarlierOnes) {
     meminfo("MemFree: 900\nMemTotal: 5\nMEMTOTAL: 1000\nmemfree: 100\n");
-    expect_measured(memoryusage_exec, task_, 10); // (10000 + 499) / 1000
+    expect_measured(memoryusage_exec, task, 10); // (10000 + 499) / 1000
     meminfo("MemTotal: 1000\nMemFree: 900\nMemFree: kB\n");
-    expect_measured(memoryusage_exec, task_, 0);
+    expect_measured(memoryusage_exec, task, 0);
     meminfo("MemTotal: 1000\nMemFree: 100\nMemFree:\n"); // no second word: nothing to take
-    expect_measured(memoryusage_exec, task_, 10);
+    expect_measured(memoryusage_exec, task, 10);
 }
 
 TEST_F(Memoryusage, MeasuresATruncatedFile) {
     meminfo("MemTotal: 1000 kB\nMemFree: 25");
-    expect_measured(memoryusage_exec, task_, 2); // (2500 + 499) / 1000
+    expect_measured(memoryusage_exec, task, 2); // (2500 + 499) / 1000
 }
 
 TEST_F(Memoryusage, ReadsLinesOfAtMost1023Characters) {
     const std::string name = "MemTotal:"; // 9 characters, so 1010 blanks and 4 digits make 1023
     meminfo("MemFree: 50\n" + name + std::string(1010, ' ') + "1000\n");
-    expect_measured(memoryusage_exec, task_, 5); // (5000 + 499) / 1000
+    expect_measured(memoryusage_exec, task, 5); // (5000 + 499) / 1000
     meminfo("MemFree: 50\n" + name + std::string(1011, ' ') + "1000\n");
-    expect_measured(memoryusage_exec, task_, 50); // (5000 + 49) / 100
+    expect_measured(memoryusage_exec, task, 50); // (5000 + 49) / 100
 }
 
 TEST_F(Memoryusage, TakesTheRestOfALongerLineAsALine) {
     meminfo("MemTotal: 1000\n" + std::string(1023, 'x') + "MemFree: 100\n");
-    expect_measured(memoryusage_exec, task_, 10);
+    expect_measured(memoryusage_exec, task, 10);
     meminfo("MemTotal: 1000\n" + std::string(1022, 'x') + "MemFree: 100\n");
-    expect_measured(memoryusage_exec, task_, 0);
+    expect_measured(memoryusage_exec, task, 0);
 }
 
 TEST_F(Memoryusage, FailsWithTheErrorOfTheOpen) {
-    expect_failed(memoryusage_exec, task_, ENOENT);
-    calls_.fail(Call::fopen, EMFILE);
-    expect_failed(memoryusage_exec, task_, EMFILE);
+    expect_failed(memoryusage_exec, task, ENOENT);
+    calls.fail(Call::fopen, EMFILE);
+    expect_failed(memoryusage_exec, task, EMFILE);
 }
 
 TEST_F(Memoryusage, CountsAFailedOpenWithoutErrorNumberAsZero) {
     meminfo("MemTotal: 1000 kB\nMemFree: 500 kB\n");
-    calls_.fail(Call::fopen, 0);
-    expect_measured(memoryusage_exec, task_, 0);
+    calls.fail(Call::fopen, 0);
+    expect_measured(memoryusage_exec, task, 0);
 }
 
 TEST_F(Memoryusage, TracesOnlyTheEntryOfAGoodRun) {
     meminfo("MemTotal: 1000 kB\nMemFree: 500 kB\n");
     const CapturedTraces traces;
-    expect_measured(memoryusage_exec, task_, 50); // (50000 + 499) / 1000
+    expect_measured(memoryusage_exec, task, 50); // (50000 + 499) / 1000
     expect_traces(traces, "memoryusage", {});
 }
 
 TEST_F(Memoryusage, TracesTheFailure) {
     const CapturedTraces traces;
-    expect_failed(memoryusage_exec, task_, ENOENT);
+    expect_failed(memoryusage_exec, task, ENOENT);
     expect_traces(traces, "memoryusage", {"FAILED!"});
 }
 
 TEST_F(Memoryusage, ReadsTheMachinesOwnFile) {
-    calls_.redirect({}, {});
-    Task task = task_;
-    EXPECT_EQ(memoryusage_exec(&task), 0);
-    EXPECT_GE(task.value, 0);
-    EXPECT_LE(task.value, 100);
+    calls.redirect({}, {});
+    Task read = task;
+    EXPECT_EQ(memoryusage_exec(&read), 0);
+    EXPECT_GE(read.value, 0);
+    EXPECT_LE(read.value, 100);
 }
 
 TEST_F(Memoryusage, LeaksNoDescriptor) {
-    expect_no_descriptor_kept(memoryusage_exec, task_, -1);
+    expect_no_descriptor_kept(memoryusage_exec, task, -1);
     meminfo("MemFree: 500 kB\n");
-    expect_no_descriptor_kept(memoryusage_exec, task_, -1);
+    expect_no_descriptor_kept(memoryusage_exec, task, -1);
     meminfo("MemTotal: 1000 kB\nMemFree: 500 kB\n");
-    expect_no_descriptor_kept(memoryusage_exec, task_, 0);
+    expect_no_descriptor_kept(memoryusage_exec, task, 0);
 }
 
 TEST(MemoryusageInit, MarksTheTask) { expect_init_marks(memoryusage_init, "memoryusage_init"); }

@@ -31,7 +31,6 @@ std::vector<int> pauses; // in milliseconds
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 void __real__Z13signals_pausei(int milliseconds);
 
@@ -40,7 +39,6 @@ void __wrap__Z13signals_pausei(int milliseconds) {
     __real__Z13signals_pausei(milliseconds);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

@@ -33,7 +33,6 @@ constinit bool asked_with_a_valid_value = false;
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_sd_bus_get_property_string(sd_bus *bus, const char *destination, const char *path, const char *interface,
                                       const char *member, sd_bus_error *error, char **text);
@@ -46,7 +45,6 @@ int __wrap_sd_bus_get_property_string(sd_bus *bus, const char *destination, cons
                : __real_sd_bus_get_property_string(bus, destination, path, interface, member, error, text);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

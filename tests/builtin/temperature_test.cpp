@@ -104,12 +104,12 @@ namespace {
 class Temperature : public testing::Test {
   protected:
     [[nodiscard]] const char *file(const std::string &content) {
-        path_ = scratch_.write("temp", content);
+        path_ = scratch.write("temp", content);
         return path_.c_str();
     }
 
-    ScratchFolder scratch_;
-    CallResults calls_;
+    ScratchFolder scratch;
+    CallResults calls;
 
   private:
     std::string path_;
@@ -121,7 +121,7 @@ TEST_F(Temperature, MeasuresTheFirstLine) {
     expect_measured(temperature_exec, probe_task(file("42999\n")), 43);
     expect_measured(temperature_exec, probe_task(file("42999")), 43);
     expect_measured(temperature_exec, probe_task(file("42999\n80000\n")), 43);
-    EXPECT_TRUE(calls_.opened_close_on_exec());
+    EXPECT_TRUE(calls.opened_close_on_exec());
 }
 
 TEST_F(Temperature, ReadsAtMost127Characters) {
@@ -141,20 +141,20 @@ TEST_F(Temperature, FailsWithoutANumberInTheFirstLine) {
 }
 
 TEST_F(Temperature, FailsWithTheErrorOfTheOpen) {
-    const std::string missing = scratch_ / "missing";
+    const std::string missing = scratch / "missing";
     expect_failed(temperature_exec, probe_task(missing.c_str()), ENOENT);
     const std::string below_a_file = std::string(file("42999\n")) + "/temp";
     expect_failed(temperature_exec, probe_task(below_a_file.c_str()), ENOTDIR);
-    calls_.fail(Call::fopen, EACCES);
+    calls.fail(Call::fopen, EACCES);
     expect_failed(temperature_exec, probe_task(file("42999\n")), EACCES);
 }
 
 TEST_F(Temperature, FindsNoLineInAFolder) {
-    expect_failed(temperature_exec, probe_task(scratch_.path().c_str()), EINVAL);
+    expect_failed(temperature_exec, probe_task(scratch.path().c_str()), EINVAL);
 }
 
 TEST_F(Temperature, CountsAFailedOpenWithoutErrorNumberAsAbsoluteZero) {
-    calls_.fail(Call::fopen, 0);
+    calls.fail(Call::fopen, 0);
     const CapturedTraces traces;
     expect_measured(temperature_exec, probe_task(file("42999\n")), -273);
     expect_traces(traces, "temperature", {"CPU temp: -273 Celsius"});
@@ -173,10 +173,10 @@ TEST_F(Temperature, TracesTheFailure) {
 }
 
 TEST_F(Temperature, RecoversFromAFailedRun) {
-    const std::string path = scratch_ / "temp";
+    const std::string path = scratch / "temp";
     Task task = probe_task(path.c_str());
     EXPECT_EQ(temperature_exec(&task), -1);
-    scratch_.write("temp", "50000\n");
+    scratch.write("temp", "50000\n");
     EXPECT_EQ(temperature_exec(&task), 0);
     EXPECT_EQ(task.value, 50); // 50.499
     EXPECT_TRUE(task_has(&task, TASK_VALUE_VALID));
@@ -185,7 +185,7 @@ TEST_F(Temperature, RecoversFromAFailedRun) {
 TEST_F(Temperature, LeaksNoDescriptor) {
     expect_no_descriptor_kept(temperature_exec, probe_task(file("42999\n")), 0);
     expect_no_descriptor_kept(temperature_exec, probe_task(file("")), -1);
-    expect_no_descriptor_kept(temperature_exec, probe_task(scratch_.path().c_str()), -1);
+    expect_no_descriptor_kept(temperature_exec, probe_task(scratch.path().c_str()), -1);
     expect_no_descriptor_kept(temperature_exec, probe_task("/nowhere"), -1);
 }
 

@@ -91,41 +91,41 @@ class Wearout : public testing::Test {
   protected:
     /// The device answers with these registers.
     void device(const ExtCsd &answer) {
-        calls_.command([answer](int /*fd*/, unsigned long /*request*/, void *argument) {
+        calls.command([answer](int /*fd*/, unsigned long /*request*/, void *argument) {
             const auto *command = static_cast<mmc_ioc_cmd *>(argument);
             std::copy(answer.begin(), answer.end(), buffer_of(*command));
             return 0;
         });
     }
 
-    ScratchFolder scratch_;
-    std::string path_ = scratch_.write("mmcblk1", "");
-    Task task_ = probe_task(path_.c_str());
-    CallResults calls_;
+    ScratchFolder scratch;
+    std::string path = scratch.write("mmcblk1", "");
+    Task task = probe_task(path.c_str());
+    CallResults calls;
 };
 
 } // namespace
 
 TEST_F(Wearout, MeasuresTheUsedShare) {
     device(registers(WITH_ESTIMATE, 1, 3));
-    expect_measured(wearout_exec, task_, 30);
+    expect_measured(wearout_exec, task, 30);
     device(registers(WITH_ESTIMATE, 0, 0));
-    expect_measured(wearout_exec, task_, 0);
+    expect_measured(wearout_exec, task, 0);
 }
 
 TEST_F(Wearout, SendsOneCommandForTheRegisters) {
     mmc_ioc_cmd sent{};
     unsigned long sent_request = 0;
     std::vector<std::uint8_t> buffer;
-    calls_.command([&](int /*fd*/, unsigned long request, void *argument) {
+    calls.command([&](int /*fd*/, unsigned long request, void *argument) {
         sent_request = request;
         sent = *static_cast<mmc_ioc_cmd *>(argument);
         const std::uint8_t *data = buffer_of(sent);
         buffer.assign(data, data + EXT_CSD_SIZE);
         return 0;
     });
-    wearout_exec(&task_);
-    EXPECT_EQ(calls_.count(Call::ioctl), 1);
+    wearout_exec(&task);
+    EXPECT_EQ(calls.count(Call::ioctl), 1);
     EXPECT_EQ(sent_request, 0xC048B300UL);
     EXPECT_EQ(sizeof sent, 72U);
     EXPECT_EQ(sent.write_flag, 0);
@@ -145,21 +145,21 @@ TEST_F(Wearout, SendsOneCommandForTheRegisters) {
 
 TEST_F(Wearout, OpensTheDeviceReadOnlyAndCloseOnExecAndClosesIt) {
     int device = -1;
-    calls_.command([&](int fd, unsigned long /*request*/, void * /*argument*/) {
+    calls.command([&](int fd, unsigned long /*request*/, void * /*argument*/) {
         device = fd;
         EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
         EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
         return 0;
     });
-    wearout_exec(&task_);
+    wearout_exec(&task);
     ASSERT_GE(device, 0);
     EXPECT_EQ(fcntl(device, F_GETFD), -1) << "still open";
-    EXPECT_TRUE(calls_.opened_close_on_exec());
+    EXPECT_TRUE(calls.opened_close_on_exec());
 }
 
 TEST_F(Wearout, DoesNotBlockOnAPipeInPlaceOfTheDevice) {
     const HangGuard guard;
-    const std::string pipe = scratch_ / "pipe";
+    const std::string pipe = scratch / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     expect_failed(wearout_exec, probe_task(pipe.c_str()), ENOTTY);
 }
@@ -179,78 +179,78 @@ TEST_F(Wearout, MaySendRawCommandsForTheOneCommandOnly) {
         capabilities_lower_raw_io();
         EXPECT_FALSE(may_send_raw_commands());
         int commands = 0;
-        calls_.command([&](int /*fd*/, unsigned long /*request*/, void * /*argument*/) {
+        calls.command([&](int /*fd*/, unsigned long /*request*/, void * /*argument*/) {
             ++commands;
             EXPECT_TRUE(may_send_raw_commands());
             errno = EIO;
             return -1;
         });
-        expect_failed(wearout_exec, task_, EIO);
+        expect_failed(wearout_exec, task, EIO);
         EXPECT_EQ(commands, 1);
         EXPECT_FALSE(may_send_raw_commands());
     });
 }
 
 TEST_F(Wearout, ClearsTheValidMarkBeforeItReads) {
-    calls_.command([&](int /*fd*/, unsigned long /*request*/, void * /*argument*/) {
-        EXPECT_FALSE(task_has(&task_, TASK_VALUE_VALID));
+    calls.command([&](int /*fd*/, unsigned long /*request*/, void * /*argument*/) {
+        EXPECT_FALSE(task_has(&task, TASK_VALUE_VALID));
         return 0;
     });
-    wearout_exec(&task_);
-    EXPECT_EQ(calls_.count(Call::ioctl), 1);
+    wearout_exec(&task);
+    EXPECT_EQ(calls.count(Call::ioctl), 1);
 }
 
 TEST_F(Wearout, FailsWithoutAUsableEstimate) {
     device(registers(6, 1, 3));
-    expect_failed(wearout_exec, task_, EINVAL);
+    expect_failed(wearout_exec, task, EINVAL);
     device(registers(WITH_ESTIMATE, 0x0B, 0));
-    expect_failed(wearout_exec, task_, EINVAL);
+    expect_failed(wearout_exec, task, EINVAL);
     device(registers(0, 0, 0)); // as if the device had written nothing
-    expect_failed(wearout_exec, task_, EINVAL);
+    expect_failed(wearout_exec, task, EINVAL);
 }
 
 TEST_F(Wearout, FailsWithTheErrorOfTheOpen) {
-    const std::string missing = scratch_ / "missing";
+    const std::string missing = scratch / "missing";
     expect_failed(wearout_exec, probe_task(missing.c_str()), ENOENT);
-    calls_.fail(Call::open, EACCES);
-    expect_failed(wearout_exec, task_, EACCES);
-    EXPECT_EQ(calls_.count(Call::ioctl), 0);
+    calls.fail(Call::open, EACCES);
+    expect_failed(wearout_exec, task, EACCES);
+    EXPECT_EQ(calls.count(Call::ioctl), 0);
 }
 
 TEST_F(Wearout, FailsWithTheErrorOfTheCommand) {
-    calls_.fail(Call::ioctl, ENOTTY);
-    expect_failed(wearout_exec, task_, ENOTTY);
-    calls_.fail(Call::ioctl, ETIMEDOUT);
-    expect_failed(wearout_exec, task_, ETIMEDOUT);
+    calls.fail(Call::ioctl, ENOTTY);
+    expect_failed(wearout_exec, task, ENOTTY);
+    calls.fail(Call::ioctl, ETIMEDOUT);
+    expect_failed(wearout_exec, task, ETIMEDOUT);
 }
 
 TEST_F(Wearout, CountsAFailureWithoutErrorNumberAsZero) {
-    calls_.fail(Call::ioctl, 0);
-    expect_measured(wearout_exec, task_, 0);
-    calls_.fail(Call::open, 0);
-    expect_measured(wearout_exec, task_, 0);
+    calls.fail(Call::ioctl, 0);
+    expect_measured(wearout_exec, task, 0);
+    calls.fail(Call::open, 0);
+    expect_measured(wearout_exec, task, 0);
 }
 
 TEST_F(Wearout, TracesTheMeasurement) {
     device(registers(WITH_ESTIMATE, 1, 3));
     const CapturedTraces traces;
-    expect_measured(wearout_exec, task_, 30);
-    expect_traces(traces, "wearout", {path_ + ": 30%"});
+    expect_measured(wearout_exec, task, 30);
+    expect_traces(traces, "wearout", {path + ": 30%"});
 }
 
 TEST_F(Wearout, TracesTheFailure) {
-    calls_.fail(Call::ioctl, ENOTTY);
+    calls.fail(Call::ioctl, ENOTTY);
     const CapturedTraces traces;
-    expect_failed(wearout_exec, task_, ENOTTY);
+    expect_failed(wearout_exec, task, ENOTTY);
     expect_traces(traces, "wearout", {"reading wearout FAILED!"});
 }
 
 TEST_F(Wearout, LeaksNoDescriptor) {
-    expect_no_descriptor_kept(wearout_exec, task_, -1); // the kernel knows no such command for a file
+    expect_no_descriptor_kept(wearout_exec, task, -1); // the kernel knows no such command for a file
     device(registers(6, 1, 3));
-    expect_no_descriptor_kept(wearout_exec, task_, -1);
+    expect_no_descriptor_kept(wearout_exec, task, -1);
     device(registers(WITH_ESTIMATE, 1, 3));
-    expect_no_descriptor_kept(wearout_exec, task_, 0);
+    expect_no_descriptor_kept(wearout_exec, task, 0);
     expect_no_descriptor_kept(wearout_exec, probe_task("/nowhere"), -1);
 }
 

@@ -61,7 +61,6 @@ template <typename Time> int read_clock(Time *now) {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 BZFILE *__real_BZ2_bzWriteOpen(int *error, std::FILE *file, int block_size, int verbosity, int work_factor);
 void __real_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned *in_low, unsigned *in_high,
@@ -111,7 +110,6 @@ int __wrap_fclose(std::FILE *file) {
 int __wrap_gettimeofday(timeval *now, void * /*zone*/) { return read_clock(now); }
 int __wrap___gettimeofday64(timeval *now, void * /*zone*/) { return read_clock(now); }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

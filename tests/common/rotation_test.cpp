@@ -47,7 +47,6 @@ void step(const std::string &call) {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_malloc_trim(std::size_t keep);
 int __wrap_malloc_trim(std::size_t keep) {
@@ -100,7 +99,6 @@ void __wrap_BZ2_bzWriteClose64(int *error, BZFILE *stream, int abandon, unsigned
     __real_BZ2_bzWriteClose64(error, stream, abandon, in_low, in_high, out_low, out_high);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

@@ -24,7 +24,6 @@ std::vector<std::string> lock_traces;
 } // namespace
 
 // Linked in place of the real trace function.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_sd_journal_print_with_location(int priority, const char *file, const char *line, const char *function,
                                           const char *format, ...);
@@ -52,7 +51,6 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*unused*/, DBusMessage
 }
 void __wrap_dbus_connection_flush(DBusConnection * /*unused*/) {}
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

@@ -28,7 +28,6 @@ constinit long descriptors_while_sending = 0;
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 DBusMessage *__real_dbus_message_new_method_call(const char *destination, const char *path, const char *interface,
                                                  const char *method);
@@ -46,7 +45,6 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection *connection, DBusMessage 
     return out_of_messages ? FALSE : __real_dbus_connection_send(connection, message, serial);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 
@@ -85,33 +83,33 @@ struct IssueWatcher : BusClient {
 class OwnConnectionTest : public testing::Test {
   protected:
     OwnConnectionTest() {
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.address().c_str(), 1);
-        connection_ = bus_connect(error_);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+        connection = bus_connect(error);
     }
     /// Otherwise the library keeps the connection for the next test.
     ~OwnConnectionTest() override {
-        bus_.stop();
-        while (dbus_connection_read_write(connection_.get(), -1) != 0) {
+        bus.stop();
+        while (dbus_connection_read_write(connection.get(), -1) != 0) {
         }
-        bus_drop_messages(connection_);
+        bus_drop_messages(connection);
     }
     void read_all_accepted() {
         for (int i = 0; i < 5000; ++i) {
-            dbus_connection_read_write(connection_.get(), 0);
+            dbus_connection_read_write(connection.get(), 0);
         }
     }
     /// Reads all that the connection accepts, handling nothing; returns the number of signals queued.
     std::size_t queued_signals() {
         read_all_accepted();
         std::size_t signals = 0;
-        while (const BusMessage message{dbus_connection_pop_message(connection_.get())}) {
+        while (const BusMessage message{dbus_connection_pop_message(connection.get())}) {
             signals += dbus_message_is_signal(message.get(), "a.b", "C") != 0 ? 1 : 0;
         }
         return signals;
     }
     /// Everything that was sent arrives, never more than `most` at once.
     void expect_read_in_parts(std::size_t count, std::size_t most) {
-        ASSERT_NE(client_.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
+        ASSERT_NE(client.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         std::size_t taken = 0;
         while (taken < count && std::chrono::steady_clock::now() < deadline) {
@@ -124,7 +122,7 @@ class OwnConnectionTest : public testing::Test {
     /// A signal addressed to the connection.
     [[nodiscard]] BusMessage signal() const {
         BusMessage signal(dbus_message_new_signal("/", "a.b", "C"));
-        dbus_message_set_destination(signal.get(), dbus_bus_get_unique_name(connection_.get()));
+        dbus_message_set_destination(signal.get(), dbus_bus_get_unique_name(connection.get()));
         return signal;
     }
     /// Sends a signal with a text of `size` bytes.
@@ -133,7 +131,7 @@ class OwnConnectionTest : public testing::Test {
         const char *const first = text.c_str();
         const BusMessage message = signal();
         dbus_message_append_args(message.get(), DBUS_TYPE_STRING, static_cast<const void *>(&first), DBUS_TYPE_INVALID);
-        client_.send(message);
+        client.send(message);
     }
     static const std::string &folder() {
         static const ScratchFolder scratch;
@@ -141,56 +139,56 @@ class OwnConnectionTest : public testing::Test {
         return path;
     }
 
-    PrivateBus bus_{folder()};
-    BusClient client_{bus_};
-    BusConnection connection_;
-    BusError error_;
-    EarlyMessages early_;
+    PrivateBus bus{folder()};
+    BusClient client{bus};
+    BusConnection connection;
+    BusError error;
+    EarlyMessages early;
 };
 
 TEST_F(OwnConnectionTest, OutOfMemoryIsNoRefusal) {
     out_of_messages = true;
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::none);
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::none);
     out_of_messages = false;
-    EXPECT_TRUE(error_.has_name(DBUS_ERROR_NO_MEMORY));
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::owner);
+    EXPECT_TRUE(error.has_name(DBUS_ERROR_NO_MEMORY));
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::owner);
 }
 
 TEST_F(OwnConnectionTest, NoReplyInTimeIsNoRefusal) {
     EXPECT_EQ(NAME_TIMEOUT, std::chrono::seconds(25)) << "the library's default";
-    kill(bus_.pid(), SIGSTOP);
-    EXPECT_EQ(bus_own_name(connection_, early_, error_, std::chrono::milliseconds(10)), NameAnswer::none);
-    kill(bus_.pid(), SIGCONT);
-    EXPECT_TRUE(error_.has_name(DBUS_ERROR_NO_REPLY));
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::owner) << "the late name was released";
+    kill(bus.pid(), SIGSTOP);
+    EXPECT_EQ(bus_own_name(connection, early, error, std::chrono::milliseconds(10)), NameAnswer::none);
+    kill(bus.pid(), SIGCONT);
+    EXPECT_TRUE(error.has_name(DBUS_ERROR_NO_REPLY));
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::owner) << "the late name was released";
 }
 
 TEST_F(OwnConnectionTest, ALostConnectionIsNoRefusal) {
-    bus_.stop();
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::none);
-    EXPECT_TRUE(error_.has_name(DBUS_ERROR_DISCONNECTED));
+    bus.stop();
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::none);
+    EXPECT_TRUE(error.has_name(DBUS_ERROR_DISCONNECTED));
 }
 
 TEST_F(OwnConnectionTest, TheBusMayRefuseTheName) {
-    ASSERT_EQ(number_of(client_.ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::refused);
-    EXPECT_FALSE(error_.is_set());
+    ASSERT_EQ(number_of(client.ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::refused);
+    EXPECT_FALSE(error.is_set());
 }
 
 // The listener traces them.
 TEST_F(OwnConnectionTest, MessagesOfTheBusBeforeTheReplyAreKept) {
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::owner);
-    EXPECT_EQ(text_of(early_.take()), dbus_bus_get_unique_name(connection_.get()));
-    EXPECT_EQ(text_of(early_.take()), SERVICE_NAME);
-    EXPECT_EQ(early_.take(), nullptr);
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::owner);
+    EXPECT_EQ(text_of(early.take()), dbus_bus_get_unique_name(connection.get()));
+    EXPECT_EQ(text_of(early.take()), SERVICE_NAME);
+    EXPECT_EQ(early.take(), nullptr);
 }
 
 TEST_F(OwnConnectionTest, AFloodBeforeTheReplyIsDroppedAndNotQueued) {
     for (int i = 0; i < 8; ++i) {
         send_text(1024 * 1024); // more than is read at once
     }
-    ASSERT_NE(client_.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
-    EXPECT_EQ(bus_own_name(connection_, early_, error_), NameAnswer::owner);
+    ASSERT_NE(client.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
+    EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::owner);
     EXPECT_EQ(bytes_while_sending, 64L * 1024);
     EXPECT_EQ(descriptors_while_sending, 16);
     EXPECT_EQ(queued_signals(), 0U);
@@ -208,9 +206,9 @@ TEST_F(OwnConnectionTest, NoMoreIsReadThanIsHandledAndNothingIsLost) {
 TEST_F(OwnConnectionTest, SmallMessagesTakeLittleMemory) {
     constexpr std::size_t count = 10000;
     for (std::size_t i = 0; i < count; ++i) {
-        client_.send(signal());
+        client.send(signal());
     }
-    ASSERT_NE(client_.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
+    ASSERT_NE(client.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
     const std::size_t before = heap_in_use();
     read_all_accepted();
     EXPECT_LT(heap_in_use() - before, 512U * 1024);
@@ -231,7 +229,7 @@ TEST_F(OwnConnectionTest, DescriptorsAreReadOneMessageAtATime) {
             const int descriptor = STDIN_FILENO;
             dbus_message_append_args(message.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_INVALID);
         }
-        client_.send(message);
+        client.send(message);
     }
     expect_read_in_parts(3, 1);
 }
@@ -262,26 +260,26 @@ class BusLossTest : public testing::Test {
   protected:
     /// Both threads are running: the tests lose an established bus.
     BusLossTest() {
-        IssueWatcher client(bus_);
+        IssueWatcher client(bus);
         client.wait_for_owner(SERVICE_NAME);
         pass(1);
         EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{1});
-        EXPECT_TRUE(daemon_.traced("wait for request"));
+        EXPECT_TRUE(daemon.traced("wait for request"));
     }
 
     /// One pass with this number, which announces CB05.
     void pass(int number) {
-        daemon_.obey("update 5 1");
-        daemon_.obey("send " + std::to_string(number));
+        daemon.obey("update 5 1");
+        daemon.obey("send " + std::to_string(number));
     }
 
     void lose_the_bus() {
-        bus_.stop();
-        EXPECT_TRUE(daemon_.traced("the bus is gone"));
+        bus.stop();
+        EXPECT_TRUE(daemon.traced("the bus is gone"));
     }
 
-    PrivateBus bus_;
-    BusDaemon daemon_{bus_, Traces::to_stderr};
+    PrivateBus bus;
+    BusDaemon daemon{bus, Traces::to_stderr};
 };
 
 TEST_F(BusLossTest, RestoresNameCallsAndQueuedSignalsInOrder) {
@@ -289,8 +287,8 @@ TEST_F(BusLossTest, RestoresNameCallsAndQueuedSignalsInOrder) {
     for (int number = 2; number <= 6; ++number) {
         pass(number);
     }
-    bus_.start();
-    BusClient client(bus_);
+    bus.start();
+    BusClient client(bus);
     client.watch(std::string("type='signal',sender='") + SERVICE_NAME + "',interface='com.corvana.State2.Issues'");
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_EQ(announced(client, 5), (std::vector<std::uint32_t>{2, 3, 4, 5, 6}));
@@ -300,76 +298,76 @@ TEST_F(BusLossTest, RestoresNameCallsAndQueuedSignalsInOrder) {
 }
 
 TEST_F(BusLossTest, ASignalInFlightIsSentAgain) {
-    daemon_.obey("lose-bus " + std::to_string(bus_.pid()));
+    daemon.obey("lose-bus " + std::to_string(bus.pid()));
     pass(2);
-    EXPECT_TRUE(daemon_.traced("the bus is gone"));
+    EXPECT_TRUE(daemon.traced("the bus is gone"));
     pass(3);
-    bus_.stop();
-    bus_.start();
-    IssueWatcher client(bus_);
+    bus.stop();
+    bus.start();
+    IssueWatcher client(bus);
     EXPECT_EQ(announced(client, 2), (std::vector<std::uint32_t>{2, 3}));
 }
 
 TEST_F(BusLossTest, IsReportedOnceAndDoesNotSpin) {
     lose_the_bus();
-    const std::size_t waits = daemon_.count_traces("wait for request");
+    const std::size_t waits = daemon.count_traces("wait for request");
     pass(1);
-    bus_.start();
-    ASSERT_TRUE(daemon_.traced("the bus is back"));
-    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
-    EXPECT_LE(daemon_.count_traces("wait for request"), waits + 20); // a spin makes thousands
-    EXPECT_LE(daemon_.count_traces("check request"), 20U);
+    bus.start();
+    ASSERT_TRUE(daemon.traced("the bus is back"));
+    EXPECT_EQ(daemon.count_traces("the bus is gone"), 1U);
+    EXPECT_LE(daemon.count_traces("wait for request"), waits + 20); // a spin makes thousands
+    EXPECT_LE(daemon.count_traces("check request"), 20U);
 }
 
 TEST_F(BusLossTest, MayHappenRepeatedly) {
-    const std::size_t descriptors = descriptors_of(daemon_.process().pid());
+    const std::size_t descriptors = descriptors_of(daemon.process().pid());
     for (std::uint32_t round = 1; round <= 3; ++round) {
-        bus_.stop();
+        bus.stop();
         pass(static_cast<int>(round)); // the sender may notice the loss before the listener
-        bus_.start();
-        IssueWatcher client(bus_);
+        bus.start();
+        IssueWatcher client(bus);
         EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{round});
         client.wait_for_owner(SERVICE_NAME);
         EXPECT_TRUE(is_listed(client));
     }
-    EXPECT_EQ(descriptors_of(daemon_.process().pid()), descriptors);
+    EXPECT_EQ(descriptors_of(daemon.process().pid()), descriptors);
 }
 
 TEST_F(BusLossTest, WhileAClientFloods) {
     {
-        BusClient client(bus_);
+        BusClient client(bus);
         for (int i = 0; i < 5000; ++i) {
             client.send(method_call(PATH, ISSUES, "GetListing"));
         }
         dbus_connection_flush(client.connection());
-        bus_.stop();
+        bus.stop();
     }
-    bus_.start();
-    BusClient client(bus_);
+    bus.start();
+    BusClient client(bus);
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
 }
 
 TEST_F(BusLossTest, AStoppedBusBlocksNobody) {
-    IssueWatcher client(bus_);
-    kill(bus_.pid(), SIGSTOP);
+    IssueWatcher client(bus);
+    kill(bus.pid(), SIGSTOP);
     std::vector<std::uint32_t> passes;
     for (std::uint32_t number = 2; number <= 1000; ++number) { // more than the socket holds
         pass(static_cast<int>(number));
         passes.push_back(number);
     }
-    kill(bus_.pid(), SIGCONT);
+    kill(bus.pid(), SIGCONT);
     EXPECT_EQ(announced(client, static_cast<int>(passes.size())), passes);
     EXPECT_TRUE(is_listed(client));
-    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 0U);
+    EXPECT_EQ(daemon.count_traces("the bus is gone"), 0U);
 }
 
 TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsRequestedAgain) {
     lose_the_bus();
-    daemon_.obey("miss-answer");
-    bus_.start();
-    ASSERT_TRUE(daemon_.traced("the bus is back"));
-    IssueWatcher client(bus_);
+    daemon.obey("miss-answer");
+    bus.start();
+    ASSERT_TRUE(daemon.traced("the bus is back"));
+    IssueWatcher client(bus);
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
     pass(2);
@@ -378,8 +376,8 @@ TEST_F(BusLossTest, ANameThatIsGrantedTooLateIsRequestedAgain) {
 
 TEST_F(BusLossTest, ExitDoesNotWaitForTheBus) {
     lose_the_bus();
-    daemon_.tell("exit");
-    EXPECT_EQ(daemon_.process().wait(), 1);
+    daemon.tell("exit");
+    EXPECT_EQ(daemon.process().wait(), 1);
 }
 
 /// The daemon's next pause, from line `line` of its stderr; 0 if none comes.
@@ -395,49 +393,49 @@ class NamelessTest : public testing::Test {
   protected:
     NamelessTest() {
         std::size_t line = 0;
-        EXPECT_TRUE(daemon_.traced("wait for request"));
-        bus_.stop();
-        EXPECT_EQ(next_pause(daemon_, line), 1U);
-        bus_.start();
-        owner_.emplace(bus_);
-        EXPECT_EQ(number_of(owner_->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
-        owner_->watch("type='signal',interface='com.corvana.State2.Issues'");
-        daemon_.obey("go");
+        EXPECT_TRUE(daemon.traced("wait for request"));
+        bus.stop();
+        EXPECT_EQ(next_pause(daemon, line), 1U);
+        bus.start();
+        owner.emplace(bus);
+        EXPECT_EQ(number_of(owner->ask_bus("RequestName", SERVICE_NAME, 0)), 1U);
+        owner->watch("type='signal',interface='com.corvana.State2.Issues'");
+        daemon.obey("go");
     }
     /// One pass with this number, which announces CB05.
     void pass(int number) {
-        daemon_.obey("update 5 1");
-        daemon_.obey("send " + std::to_string(number));
+        daemon.obey("update 5 1");
+        daemon.obey("send " + std::to_string(number));
     }
 
-    PrivateBus bus_;
-    BusDaemon daemon_{bus_, Traces::to_stderr, "held-pauses"};
-    std::optional<BusClient> owner_;
+    PrivateBus bus;
+    BusDaemon daemon{bus, Traces::to_stderr, "held-pauses"};
+    std::optional<BusClient> owner;
 };
 
 TEST_F(NamelessTest, StillSendsAndRequestsTheNameAgain) {
     pass(1);
-    EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
+    EXPECT_EQ(announced(*owner, 1), std::vector<std::uint32_t>{1});
     pass(2);
-    EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{2});
-    EXPECT_EQ(daemon_.count_traces("the bus is back"), 0U);
-    ASSERT_EQ(number_of(owner_->ask_bus("ReleaseName", SERVICE_NAME)), 1U);
-    EXPECT_EQ(dbus_message_get_type(owner_->ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR)
+    EXPECT_EQ(announced(*owner, 1), std::vector<std::uint32_t>{2});
+    EXPECT_EQ(daemon.count_traces("the bus is back"), 0U);
+    ASSERT_EQ(number_of(owner->ask_bus("ReleaseName", SERVICE_NAME)), 1U);
+    EXPECT_EQ(dbus_message_get_type(owner->ask_bus("GetNameOwner", SERVICE_NAME).get()), DBUS_MESSAGE_TYPE_ERROR)
         << "the daemon is not in the queue";
-    EXPECT_NE(owner_->wait_for_owner(SERVICE_NAME), "");
-    EXPECT_TRUE(is_listed(*owner_));
-    EXPECT_EQ(daemon_.count_traces("the bus is gone"), 1U);
+    EXPECT_NE(owner->wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(*owner));
+    EXPECT_EQ(daemon.count_traces("the bus is gone"), 1U);
 }
 
 TEST_F(NamelessTest, RecoversFromAnotherLoss) {
     pass(1);
-    EXPECT_EQ(announced(*owner_, 1), std::vector<std::uint32_t>{1});
-    owner_.reset();
-    bus_.stop();
+    EXPECT_EQ(announced(*owner, 1), std::vector<std::uint32_t>{1});
+    owner.reset();
+    bus.stop();
     pass(2);
-    bus_.start();
-    IssueWatcher client(bus_);
-    daemon_.obey("go"); // ends the pause in which the bus was lost
+    bus.start();
+    IssueWatcher client(bus);
+    daemon.obey("go"); // ends the pause in which the bus was lost
     EXPECT_EQ(announced(client, 1), std::vector<std::uint32_t>{2});
     EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
     EXPECT_TRUE(is_listed(client));
@@ -446,7 +444,7 @@ TEST_F(NamelessTest, RecoversFromAnotherLoss) {
 // Otherwise the bus would have to queue it.
 TEST_F(NamelessTest, DropsWhatIsSentToIt) {
     pass(1);
-    const BusMessage announced = owner_->wait_for_signal("NewIssues");
+    const BusMessage announced = owner->wait_for_signal("NewIssues");
     ASSERT_NE(announced, nullptr);
     const std::string text(1U << 20U, 'x');
     const char *const first = text.c_str();
@@ -454,12 +452,12 @@ TEST_F(NamelessTest, DropsWhatIsSentToIt) {
         const BusMessage signal(dbus_message_new_signal("/", "a.b", "C"));
         dbus_message_set_destination(signal.get(), dbus_message_get_sender(announced.get()));
         dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, static_cast<const void *>(&first), DBUS_TYPE_INVALID);
-        owner_->send(signal);
-        dbus_connection_flush(owner_->connection());
+        owner->send(signal);
+        dbus_connection_flush(owner->connection());
     }
-    ASSERT_EQ(number_of(owner_->ask_bus("ReleaseName", SERVICE_NAME)), 1U);
-    EXPECT_NE(owner_->wait_for_owner(SERVICE_NAME), "");
-    EXPECT_TRUE(is_listed(*owner_));
+    ASSERT_EQ(number_of(owner->ask_bus("ReleaseName", SERVICE_NAME)), 1U);
+    EXPECT_NE(owner->wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(*owner));
 }
 
 TEST(BusLossLongTest, EverythingRecoversInOrderAfterMinutes) {

@@ -32,7 +32,6 @@ bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 } // namespace
 
 // Linked in place of libdbus: the handlers need no bus.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 DBusMessage *__real_dbus_message_new_method_return(DBusMessage *call);
 
@@ -70,7 +69,6 @@ dbus_bool_t __wrap_dbus_message_iter_append_basic(DBusMessageIter *array, int ty
     return fails_now(failing_element) ? FALSE : __real_dbus_message_iter_append_basic(array, type, value);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

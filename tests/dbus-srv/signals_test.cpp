@@ -35,7 +35,6 @@ bool fails_now(int &countdown) { return countdown > 0 && --countdown == 0; }
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_pthread_cond_signal(pthread_cond_t *condition);
 
@@ -54,7 +53,6 @@ dbus_bool_t __wrap_dbus_message_append_args(DBusMessage *message, int first, ...
     return result;
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

@@ -38,7 +38,6 @@ int answer_ioctl(int fd, unsigned long request, void *argument) {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 std::FILE *__real_fopen64(const char *path, const char *mode);
 int __real_statvfs64(const char *path, struct statvfs *counts);
@@ -92,7 +91,6 @@ int __wrap___ioctl_time64(int fd, unsigned long request, ...) {
     return answer_ioctl(fd, request, argument);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 CallResults::CallResults() {
     EXPECT_EQ(current, nullptr) << "one at a time";

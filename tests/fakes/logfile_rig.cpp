@@ -10,15 +10,15 @@
 
 namespace {
 
-constexpr std::string_view stamp_shape = "dddd-dd-dd dd:dd:dd";
+constexpr std::string_view STAMP_SHAPE = "dddd-dd-dd dd:dd:dd";
 
 bool starts_with_stamp(std::string_view text) {
-    if (text.size() < stamp_shape.size()) {
+    if (text.size() < STAMP_SHAPE.size()) {
         return false;
     }
-    for (std::size_t i = 0; i < stamp_shape.size(); ++i) {
+    for (std::size_t i = 0; i < STAMP_SHAPE.size(); ++i) {
         const bool digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
-        if (stamp_shape[i] == 'd' ? !digit : text[i] != stamp_shape[i]) {
+        if (STAMP_SHAPE[i] == 'd' ? !digit : text[i] != STAMP_SHAPE[i]) {
             return false;
         }
     }
@@ -37,7 +37,7 @@ std::string mask_times(const std::string &text) {
     for (std::size_t i = 0; i < text.size();) {
         if (starts_with_stamp(std::string_view(text).substr(i))) {
             masked += "<time>";
-            i += stamp_shape.size();
+            i += STAMP_SHAPE.size();
         } else {
             masked += text[i++];
         }

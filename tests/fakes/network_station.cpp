@@ -18,7 +18,6 @@ constinit NetworkCalls calls;
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_open64(const char *path, int flags, ...);
 int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
@@ -38,7 +37,6 @@ int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message) {
     return __real_sd_bus_process(bus, message);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 void use_system_bus(const std::string &address) { setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1); }
 

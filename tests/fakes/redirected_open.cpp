@@ -10,7 +10,6 @@ constinit RedirectedOpen *current = nullptr;
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 std::FILE *__real_fopen64(const char *path, const char *mode);
 
@@ -19,7 +18,6 @@ std::FILE *__wrap_fopen64(const char *path, const char *mode) {
     return chosen == nullptr ? nullptr : __real_fopen64(chosen, mode);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 RedirectedOpen::RedirectedOpen() {
     EXPECT_EQ(current, nullptr) << "one at a time";

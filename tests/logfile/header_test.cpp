@@ -13,13 +13,13 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char *headings = "##\tname        \t    ID\t    ID\tinter-\t   min\t   min\t   max\t   max\tparam\n"
+constexpr const char *HEADINGS = "##\tname        \t    ID\t    ID\tinter-\t   min\t   min\t   max\t   max\tparam\n"
                                  "##\t            \t      \t index\t   val\t  fail\t  warn\t  warn\t  fail\t\n";
-constexpr const char *record_heading = "## date    time    \tstate\tID\tindex\tvalue\n";
+constexpr const char *RECORD_HEADING = "## date    time    \tstate\tID\tindex\tvalue\n";
 
 /// A header with the current time and no tasks.
 std::string empty_header(const std::string &occasion) {
-    return "##\n##\t<time>\t" + occasion + "\tvigmond\n##\n" + headings + record_heading;
+    return "##\n##\t<time>\t" + occasion + "\tvigmond\n##\n" + HEADINGS + RECORD_HEADING;
 }
 
 // --- the block's text
@@ -43,8 +43,8 @@ std::string line_of(Task task) {
     gdata_record().tasks = {.first = &task, .last = &task, .count = 1};
     std::string text = logfile_header_text("<time>", "START").get();
     gdata_record().tasks = {};
-    const std::string before = std::string("##\n##\t<time>\tSTART\tvigmond\n##\n") + headings;
-    const std::string after = record_heading;
+    const std::string before = std::string("##\n##\t<time>\tSTART\tvigmond\n##\n") + HEADINGS;
+    const std::string after = RECORD_HEADING;
     if (!text.starts_with(before) || !text.ends_with(after)) {
         return text;
     }
@@ -117,8 +117,8 @@ TEST_F(HeaderTextTest, TakesAMissingTextAsEmpty) {
 TEST_F(HeaderTextTest, TakesTheCommandLineAsItIs) {
     set_commandline({"vigmond", "-L", "tab\there\nand %s"});
     EXPECT_EQ(logfile_header_text("<time>", "START").get(),
-              std::string("##\n##\t<time>\tSTART\tvigmond \"-L\" \"tab\there\nand %s\"\n##\n") + headings +
-                  record_heading);
+              std::string("##\n##\t<time>\tSTART\tvigmond \"-L\" \"tab\there\nand %s\"\n##\n") + HEADINGS +
+                  RECORD_HEADING);
 }
 
 TEST_F(HeaderTextTest, TakesACommandLineThatWasLostAsEmpty) {
@@ -128,7 +128,7 @@ TEST_F(HeaderTextTest, TakesACommandLineThatWasLostAsEmpty) {
     }
     ASSERT_EQ(gdata_get_commandline(), nullptr);
     EXPECT_EQ(logfile_header_text("<time>", "START").get(),
-              std::string("##\n##\t<time>\tSTART\t\n##\n") + headings + record_heading);
+              std::string("##\n##\t<time>\tSTART\t\n##\n") + HEADINGS + RECORD_HEADING);
 }
 
 TEST_F(HeaderTextTest, IsNoneWithoutMemory) {

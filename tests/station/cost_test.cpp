@@ -30,12 +30,12 @@ constexpr int DISKS = 8;
 
 // On a board without a bus and without WiFi: five tasks (ids 1, 2, 4, 9, 13) write no record and read
 // no file.
-const int records = static_cast<int>(even_checks().size());
-const int tasks = static_cast<int>(names_of_checks().size());
-const std::vector budgets{
-    Budget{SYS_writev, records, "one a record"},
-    Budget{SYS_lseek, records, "one a record: is the file full"},
-    Budget{TAKE_SIGNAL, tasks + 2, "one before each task, one at the end of the pass, one after the wait"},
+const int RECORDS = static_cast<int>(even_checks().size());
+const int TASKS = static_cast<int>(names_of_checks().size());
+const std::vector BUDGETS{
+    Budget{SYS_writev, RECORDS, "one a record"},
+    Budget{SYS_lseek, RECORDS, "one a record: is the file full"},
+    Budget{TAKE_SIGNAL, TASKS + 2, "one before each task, one at the end of the pass, one after the wait"},
     Budget{SYS_rt_sigprocmask, 4, "the heartbeat is held back for the pass, let in, and held back for the wait"},
     Budget{SYS_rt_sigaction, 1, "which handler the heartbeat has"},
     Budget{SYS_openat, FILES + 2, "two with the settings of the network"},
@@ -56,8 +56,8 @@ const std::vector budgets{
 
 int most_of(long call) {
     const auto budget =
-        std::find_if(budgets.begin(), budgets.end(), [call](const Budget &each) { return each.call == call; });
-    return budget == budgets.end() ? 0 : budget->most;
+        std::find_if(BUDGETS.begin(), BUDGETS.end(), [call](const Budget &each) { return each.call == call; });
+    return budget == BUDGETS.end() ? 0 : budget->most;
 }
 
 /// The journal lines of the main thread.

@@ -7,9 +7,9 @@
 
 namespace {
 
-const std::string golden_file = STATION_GOLDEN "/dump.txt";
+const std::string GOLDEN_FILE = STATION_GOLDEN "/dump.txt";
 
-std::string golden() { return read_file(golden_file); }
+std::string golden() { return read_file(GOLDEN_FILE); }
 
 std::string with(std::string text, const std::string &line, const std::string &instead) {
     const std::size_t at = text.find(line);
@@ -20,7 +20,7 @@ std::string with(std::string text, const std::string &line, const std::string &i
 } // namespace
 
 TEST(Dump, ShowsTheBuiltInSettingsAndTasks) {
-    ASSERT_FALSE(golden().empty()) << golden_file;
+    ASSERT_FALSE(golden().empty()) << GOLDEN_FILE;
     Station station;
     for (const char *option : {"-d", "--dump"}) {
         const Outcome dump = station.run({option});

@@ -10,11 +10,11 @@ using testing::ElementsAre;
 
 namespace {
 
-const std::string temperature_issue = "CB20[0]";
-const std::string memory_issue = "CB21[0]";
-const std::string emmc_issue = "CB07[0]";
-constexpr const char *unchanged = "do_log: N, do_notify: N";
-constexpr const char *changed = "do_log: Y, do_notify: Y";
+const std::string TEMPERATURE_ISSUE = "CB20[0]";
+const std::string MEMORY_ISSUE = "CB21[0]";
+const std::string EMMC_ISSUE = "CB07[0]";
+constexpr const char *UNCHANGED = "do_log: N, do_notify: N";
+constexpr const char *CHANGED = "do_log: Y, do_notify: Y";
 
 /// The value and marks of the last evaluation of an issue: "43 (VALID) -- do_log: N, do_notify: N".
 std::string last_of(Station &station, const std::string &issue) {
@@ -28,8 +28,8 @@ std::string last_of(Station &station, const std::string &issue) {
     return last;
 }
 
-std::string valid(int value, const char *marks = unchanged) { return std::to_string(value) + " (VALID) -- " + marks; }
-std::string invalid(int value) { return std::to_string(value) + " (INVALID) -- " + unchanged; }
+std::string valid(int value, const char *marks = UNCHANGED) { return std::to_string(value) + " (VALID) -- " + marks; }
+std::string invalid(int value) { return std::to_string(value) + " (INVALID) -- " + UNCHANGED; }
 
 /// The marks of `count` heartbeats' evaluations of an issue, "Y" for a change of state.
 std::string changes_in(Station &station, const std::string &issue, int count) {
@@ -38,7 +38,7 @@ std::string changes_in(Station &station, const std::string &issue, int count) {
         station.forget();
         station.step();
         const std::string last = last_of(station, issue);
-        changes += last.ends_with(changed) ? "Y" : last.ends_with(unchanged) ? "N" : "?";
+        changes += last.ends_with(CHANGED) ? "Y" : last.ends_with(UNCHANGED) ? "N" : "?";
     }
     return changes;
 }
@@ -55,7 +55,7 @@ class Temperature : public testing::TestWithParam<Sample> {};
 TEST_P(Temperature, IsRead) {
     Station station(Board().file(TEMPERATURE_FILE, GetParam().content));
     station.start();
-    EXPECT_EQ(last_of(station, temperature_issue), GetParam().evaluation);
+    EXPECT_EQ(last_of(station, TEMPERATURE_ISSUE), GetParam().evaluation);
 }
 
 // (millidegrees + 499) / 1000, cut towards zero.
@@ -65,16 +65,16 @@ INSTANTIATE_TEST_SUITE_P(Good, Temperature,
                                          Sample{"1500\n", valid(1)}, Sample{"1501\n", valid(2)},
                                          Sample{"-1500\n", valid(-1)}, Sample{"  42000 and more", valid(42)},
                                          Sample{"4.2e4\n", valid(42)}, Sample{"42000\n99000\n", valid(42)}));
-const std::string long_number(4000, '9');
+const std::string LONG_NUMBER(4000, '9');
 INSTANTIATE_TEST_SUITE_P(Bad, Temperature,
                          testing::Values(Sample{"", invalid(0)}, Sample{"\n", invalid(0)}, Sample{"warm\n", invalid(0)},
                                          Sample{"inf\n", invalid(0)}, Sample{"nan\n", invalid(0)},
-                                         Sample{"1e300\n", invalid(0)}, Sample{long_number.c_str(), invalid(0)}));
+                                         Sample{"1e300\n", invalid(0)}, Sample{LONG_NUMBER.c_str(), invalid(0)}));
 
 TEST(TemperatureFile, ThatIsMissingMakesTheValueInvalid) {
     Station station(Board().without(TEMPERATURE_FILE));
     station.start();
-    EXPECT_EQ(last_of(station, temperature_issue), invalid(0));
+    EXPECT_EQ(last_of(station, TEMPERATURE_ISSUE), invalid(0));
     EXPECT_THAT(station.trace().messages_of("temperature_exec"), ElementsAre(" ", "FAILED!"));
 }
 
@@ -89,33 +89,33 @@ TEST(TemperatureState, ChangesWithTheFifthSample) {
     Station station;
     station.start();
     station.temperature(72000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 8), "NNNNYNNN");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 8), "NNNNYNNN");
 }
 
 TEST(TemperatureState, HoldsDownTo65AndLeavesAt64) {
     Station station;
     station.start();
     station.temperature(70000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 5), "NNNNY");
     station.temperature(65000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 7), "NNNNNNN");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 7), "NNNNNNN");
     station.temperature(64000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNYN");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 6), "NNNNYN");
     station.temperature(69000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNNN") << "OK again: the limit is 70 again";
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 6), "NNNNNN") << "OK again: the limit is 70 again";
 }
 
 TEST(TemperatureState, ChangesFromWarningToFailureAndBack) {
     Station station;
     station.start();
     station.temperature(79000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 5), "NNNNY");
     station.temperature(80000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 5), "NNNNY");
     station.temperature(75000); // 80 - 5 is still a failure
-    EXPECT_EQ(changes_in(station, temperature_issue, 6), "NNNNNN");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 6), "NNNNNN");
     station.temperature(74000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 4), "NNNY") << "the sixth failure also counts for the warning";
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 4), "NNNY") << "the sixth failure also counts for the warning";
 }
 
 TEST(TemperatureState, IgnoresFlutter) {
@@ -123,9 +123,9 @@ TEST(TemperatureState, IgnoresFlutter) {
     station.start();
     for (int i = 0; i < 6; ++i) {
         station.temperature(72000);
-        EXPECT_EQ(changes_in(station, temperature_issue, 4), "NNNN");
+        EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 4), "NNNN");
         station.temperature(42000);
-        EXPECT_EQ(changes_in(station, temperature_issue, 1), "N");
+        EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 1), "N");
     }
 }
 
@@ -133,23 +133,23 @@ TEST(TemperatureState, KeepsCountingAfterAFailedRead) {
     Station station;
     station.start();
     station.temperature(72000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 4), "NNNN");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 4), "NNNN");
     station.files().write(TEMPERATURE_FILE, "no number\n");
-    EXPECT_EQ(changes_in(station, temperature_issue, 3), "NNN");
-    EXPECT_EQ(last_of(station, temperature_issue), invalid(72)) << "the stale value is shown";
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 3), "NNN");
+    EXPECT_EQ(last_of(station, TEMPERATURE_ISSUE), invalid(72)) << "the stale value is shown";
     station.temperature(72000);
-    EXPECT_EQ(changes_in(station, temperature_issue, 1), "Y") << "four before the gap and one after it";
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 1), "Y") << "four before the gap and one after it";
 }
 
 TEST(TemperatureState, BelowFreezingWarnsAndFails) {
     Station station;
     station.start();
     station.temperature(-30500); // -30001 / 1000
-    EXPECT_EQ(changes_in(station, temperature_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 5), "NNNNY");
     station.temperature(-40500);
-    EXPECT_EQ(changes_in(station, temperature_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 5), "NNNNY");
     station.temperature(-24000); // -23 is above -30 + 5
-    EXPECT_EQ(changes_in(station, temperature_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, TEMPERATURE_ISSUE, 5), "NNNNY");
 }
 
 struct MemoryContent {
@@ -162,7 +162,7 @@ class MemoryShare : public testing::TestWithParam<MemoryContent> {};
 TEST_P(MemoryShare, IsRead) {
     Station station(Board().file(MEMORY_FILE, GetParam().content));
     station.start();
-    EXPECT_EQ(last_of(station, memory_issue), GetParam().evaluation);
+    EXPECT_EQ(last_of(station, MEMORY_ISSUE), GetParam().evaluation);
 }
 
 // (100 * free + total / 2 - 1) / total, truncated.
@@ -183,11 +183,11 @@ TEST(MemoryState, FollowsTheFileWhileTheDaemonRuns) {
     Station station(Board().memory(1000, 500));
     station.start();
     station.files().write(MEMORY_FILE, meminfo(1000, 250)); // 25 % is a warning
-    EXPECT_EQ(changes_in(station, memory_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, MEMORY_ISSUE, 5), "NNNNY");
     station.files().write(MEMORY_FILE, meminfo(1000, 350)); // 25 + 10
-    EXPECT_EQ(changes_in(station, memory_issue, 6), "NNNNNN");
+    EXPECT_EQ(changes_in(station, MEMORY_ISSUE, 6), "NNNNNN");
     station.files().write(MEMORY_FILE, meminfo(1000, 360));
-    EXPECT_EQ(changes_in(station, memory_issue, 5), "NNNNY");
+    EXPECT_EQ(changes_in(station, MEMORY_ISSUE, 5), "NNNNY");
 }
 
 struct Emmc {
@@ -203,15 +203,15 @@ TEST_P(EmmcWear, IsRead) {
     const Emmc &emmc = GetParam();
     Station station(Board().emmc(emmc.revision, emmc.type_a, emmc.type_b));
     station.start();
-    EXPECT_EQ(last_of(station, emmc_issue), emmc.evaluation);
+    EXPECT_EQ(last_of(station, EMMC_ISSUE), emmc.evaluation);
 }
 
 // Warning from 50 on, failure from 90 on, with the first sample.
 INSTANTIATE_TEST_SUITE_P(Registers, EmmcWear,
                          testing::Values(Emmc{7, 0x01, 0x03, valid(30)}, Emmc{7, 0x03, 0x01, valid(30)},
                                          Emmc{8, 0xF2, 0x00, valid(20)}, Emmc{7, 0x00, 0x00, valid(0)},
-                                         Emmc{7, 0x04, 0x05, valid(50, changed)},
-                                         Emmc{7, 0x0A, 0x00, valid(100, changed)}, Emmc{7, 0x0B, 0x00, invalid(0)},
+                                         Emmc{7, 0x04, 0x05, valid(50, CHANGED)},
+                                         Emmc{7, 0x0A, 0x00, valid(100, CHANGED)}, Emmc{7, 0x0B, 0x00, invalid(0)},
                                          Emmc{7, 0x01, 0x0F, invalid(0)}, Emmc{6, 0x01, 0x03, invalid(0)},
                                          Emmc{0, 0, 0, invalid(0)}));
 
@@ -234,12 +234,12 @@ TEST(Emmc, ReadsTheExtendedRegisterOnce) {
 TEST(Emmc, FailureMakesTheValueInvalid) {
     Station failing(Board().emmc_fails(EIO));
     failing.start();
-    EXPECT_EQ(last_of(failing, emmc_issue), invalid(0));
+    EXPECT_EQ(last_of(failing, EMMC_ISSUE), invalid(0));
     EXPECT_THAT(failing.trace().messages_of("wearout_exec"), ElementsAre(" ", "reading wearout FAILED!"));
 
     Station missing(Board().without(EMMC_DEVICE));
     missing.start();
-    EXPECT_EQ(last_of(missing, emmc_issue), invalid(0));
+    EXPECT_EQ(last_of(missing, EMMC_ISSUE), invalid(0));
     EXPECT_EQ(missing.emmc().commands, 0U);
 }
 
@@ -247,7 +247,7 @@ TEST(Emmc, FailureMakesTheValueInvalid) {
 TEST(Emmc, FailureWithoutAnErrorNumberReadsAsUnworn) {
     Station station(Board().emmc_fails(0));
     station.start();
-    EXPECT_EQ(last_of(station, emmc_issue), valid(0));
+    EXPECT_EQ(last_of(station, EMMC_ISSUE), valid(0));
 }
 
 TEST(Disks, AreReadByTheirMountPoint) {
@@ -303,7 +303,7 @@ TEST(DiskState, ChangesWithinTheHourAsTheDiskFills) {
     for (int beat = 1; beat <= 540; ++beat) { // an hour and a half
         station.forget();
         station.step();
-        if (last_of(station, "CB22[1]") == valid(25, changed)) {
+        if (last_of(station, "CB22[1]") == valid(25, CHANGED)) {
             ++changes;
             changed_at = beat;
         }

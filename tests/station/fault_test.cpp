@@ -34,7 +34,7 @@ struct Kind {
     Loss loss;
 };
 
-constexpr std::array<Kind, 25> kinds{{
+constexpr std::array<Kind, 25> KINDS{{
     {"Open", StationCall::open, EMFILE, Loss::a_file},
     {"Fopen", StationCall::fopen, EMFILE, Loss::a_file},
     {"Read", StationCall::read, EIO, Loss::nothing},
@@ -238,7 +238,7 @@ TEST_P(Fault, ThatLastsLeavesTheDaemonAliveAndItsLogWhole) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Fault, testing::ValuesIn(kinds),
+INSTANTIATE_TEST_SUITE_P(Of, Fault, testing::ValuesIn(KINDS),
                          [](const testing::TestParamInfo<Kind> &kind) { return std::string(kind.param.name); });
 
 // Not for a sanitized daemon; see spares_threads().

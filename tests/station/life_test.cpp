@@ -13,7 +13,7 @@ constexpr int HOUR = 360; // heartbeats
 constexpr int DAY = 24 * HOUR;
 constexpr std::int64_t NOON = 1709294400; // of 2024-03-01
 
-const std::string bluetooth_file = "/sys/class/bluetooth/hci0/power/runtime_status";
+const std::string BLUETOOTH_FILE = "/sys/class/bluetooth/hci0/power/runtime_status";
 
 void put_temperature(Station &station, const std::string &content) { station.files().write(TEMPERATURE_FILE, content); }
 
@@ -32,9 +32,9 @@ void put_wear(Station &station, const std::string &tenths) {
 
 void put_bluetooth(Station &station, const std::string &presence) {
     if (presence == "present") {
-        station.files().write(bluetooth_file, "active\n");
+        station.files().write(BLUETOOTH_FILE, "active\n");
     } else {
-        station.files().remove(bluetooth_file);
+        station.files().remove(BLUETOOTH_FILE);
     }
 }
 

@@ -136,7 +136,7 @@ struct LinkFiles : testing::Test {
     Station station{connected_board()};
 };
 
-const std::string megabytes(8'000'000, 'u');
+const std::string MEGABYTES(8'000'000, 'u');
 
 } // namespace
 
@@ -153,8 +153,8 @@ TEST_F(LinkFiles, OfTheEthernetStateAreParsedByTheirBeginning) {
                     {" up\n", {"OK 0", "OK 1"}},
                     {"\0up\n"s, {"OK 0", "OK 1"}},
                     {"\xff\xfe\x80", {"OK 0", "OK 1"}},
-                    {megabytes, {"OK 0", "OK 1"}},
-                    {"up" + megabytes, {"OK 0", "OK 0"}},
+                    {MEGABYTES, {"OK 0", "OK 1"}},
+                    {"up" + MEGABYTES, {"OK 0", "OK 0"}},
                     {std::nullopt, {"OK 1", "WARN NaN"}}}); // ... without a file its state is unknown
     put_folder(ETHERNET_FILE);
     EXPECT_THAT(last_records({"CB11", "CB12"}), ElementsAre("OK 0", "WARN NaN"));
@@ -167,8 +167,8 @@ TEST_F(LinkFiles, OfTheWirelessStateAreParsedByTheirBeginning) {
                     {"unknown\n", {"OK 0", "OK 1"}},
                     {"", {"OK 0", "WARN NaN"}}, // unlike Ethernet
                     {"\xff\xfe\x80", {"OK 0", "OK 1"}},
-                    {megabytes, {"OK 0", "OK 1"}},
-                    {"up" + megabytes, {"OK 0", "OK 0"}},
+                    {MEGABYTES, {"OK 0", "OK 1"}},
+                    {"up" + MEGABYTES, {"OK 0", "OK 0"}},
                     {std::nullopt, {"OK 1", "WARN NaN"}}});
     put_folder(WIRELESS_FILE);
     EXPECT_THAT(last_records({"CB01", "CB02"}), ElementsAre("OK 0", "WARN NaN"));
@@ -180,7 +180,7 @@ TEST_F(LinkFiles, OfBluetoothNeedOnlyExist) {
                     {"", {"OK 0"}},
                     {"error", {"OK 0"}},
                     {"\xff", {"OK 0"}},
-                    {megabytes, {"OK 0"}},
+                    {MEGABYTES, {"OK 0"}},
                     {std::nullopt, {"OK 1"}}});
     std::filesystem::create_symlink("/nowhere", station.files().host_path(BLUETOOTH_FILE));
     samples(&station, 1, 60);
@@ -211,8 +211,8 @@ TEST_F(LinkFiles, OfTheTrafficAreParsedLineByLine) {
                     {"  eth0: 0 49 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"s, {"OK -2", "WARN NaN"}}, // 100 * -1 / 49
                     {"  eth0: 0 x y z 0 0 0 0 0 1 -1 0\n"s, {"OK -200", "WARN NaN"}},       // 100 * (-1 - 1) / 1
                     {"\xff\xfe\0 garbage\n"s + ethernet + wifi, {"OK 11", "OK 1"}},         //
-                    {megabytes + "\n" + ethernet + wifi, {"OK 11", "OK 1"}},                //
-                    {megabytes, unknown},                                                   //
+                    {MEGABYTES + "\n" + ethernet + wifi, {"OK 11", "OK 1"}},                //
+                    {MEGABYTES, unknown},                                                   //
                     {std::string(20'000, '\n') + wifi + ethernet + wifi, {"OK 11", "OK 1"}}}); //
     put_folder(TRAFFIC_FILE);
     EXPECT_THAT(last_records({"CB10", "CB13"}), ElementsAreArray(unknown));
@@ -235,8 +235,8 @@ TEST_F(LinkFiles, OfTheSignalAreParsedLineByLine) {
                     {"wlan1: 0 70 -20 0 0\n", unknown},
                     {"wlan0sta: 0 70 -20 0", {"OK 70", "OK -20"}},
                     {"\xff\xfe\0 garbage\n"s + good, {"OK 70", "OK -20"}},
-                    {megabytes + "\n" + good, {"OK 70", "OK -20"}},
-                    {megabytes, unknown}});
+                    {MEGABYTES + "\n" + good, {"OK 70", "OK -20"}},
+                    {MEGABYTES, unknown}});
     put_folder(SIGNAL_FILE);
     EXPECT_THAT(last_records({"CB04", "CB09"}), ElementsAreArray(unknown));
 }

@@ -35,7 +35,7 @@ constexpr const char *LOAD_LOGGER = "/usr/bin/load_logger";
 constexpr const char *COMMAND = "/usr/bin/load_logger -t 10 -c 120 -d /var/lib/evse/vigmond/";
 constexpr const char *WARNING = "4 [warning] ID: CB31[0]: value: 95 is above maximum warning threshold 75";
 constexpr const char *FAILURE = "3 [failed] ID: CB32[0]: value: 95 is above maximum failure threshold 90";
-constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+constexpr std::array TERMINATIONS{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 constexpr int A_MINUTE_MS = 60000;
 
 /// A station whose load the test sets, with the reporting program in place of the load logger.
@@ -398,7 +398,7 @@ TEST(LoadLogger, IsEndedByTerminationsAtRandomInstantsAfterTheFork) {
     for (int i = 0; i < count; ++i) {
         const std::size_t traces = 1 + random() % most_traces;
         const std::chrono::microseconds pause(random() % longest_us);
-        const int signo = terminations.at(random() % terminations.size());
+        const int signo = TERMINATIONS.at(random() % TERMINATIONS.size());
         SCOPED_TRACE("signal " + std::to_string(signo) + " after " + std::to_string(traces) + " traces and " +
                      std::to_string(pause.count()) + " us");
         station.bring_to_the_brink();

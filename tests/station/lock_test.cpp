@@ -13,8 +13,8 @@ using testing::HasSubstr;
 
 namespace {
 
-const std::string lock_file = std::string(STATUS_FOLDER) + "/.lock";
-constexpr const char *running = "vigmond is already running --> terminating\n";
+const std::string LOCK_FILE = std::string(STATUS_FOLDER) + "/.lock";
+constexpr const char *RUNNING = "vigmond is already running --> terminating\n";
 
 std::string own_line(const Station &station) { return std::to_string(station.pid()) + "\n"; }
 
@@ -48,7 +48,7 @@ pid_t owner_of_lock(const std::string &path) {
 TEST(LockFile, HoldsTheProcessIdUnderAWriteLock) {
     Station station;
     station.start();
-    const std::string path = station.files().host_path(lock_file);
+    const std::string path = station.files().host_path(LOCK_FILE);
     EXPECT_EQ(read_file(path), own_line(station));
     EXPECT_EQ(owner_of_lock(path), station.pid());
     EXPECT_NE(open_flags(station.pid(), path) & O_CLOEXEC, 0);
@@ -60,7 +60,7 @@ TEST(LockFile, IsCreatedReadableForAllAndWritableForItsOwner) {
     station.umask = 0;
     station.start();
     struct stat status {};
-    ASSERT_EQ(stat(station.files().host_path(lock_file).c_str(), &status), 0);
+    ASSERT_EQ(stat(station.files().host_path(LOCK_FILE).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0644U);
 }
 
@@ -71,10 +71,10 @@ TEST(SecondDaemon, TruncatesTheLockFileOfTheFirstAndExits) {
     const std::string status_log = station.read(std::string(STATUS_FOLDER) + "/logfile");
     const Outcome second = station.run({"-D"});
     EXPECT_EQ(second.status, 255);
-    EXPECT_THAT(second.err, EndsWith(running));
-    EXPECT_EQ(station.read(lock_file), "");
+    EXPECT_THAT(second.err, EndsWith(RUNNING));
+    EXPECT_EQ(station.read(LOCK_FILE), "");
     EXPECT_EQ(station.read(std::string(STATUS_FOLDER) + "/logfile"), status_log) << "its cleanup writes nothing";
-    EXPECT_EQ(owner_of_lock(station.files().host_path(lock_file)), station.pid());
+    EXPECT_EQ(owner_of_lock(station.files().host_path(LOCK_FILE)), station.pid());
 
     station.step();
     EXPECT_EQ(station.run({"-D"}).status, 255) << "the first still holds its lock";
@@ -111,12 +111,12 @@ TEST(Lock, IsReleasedWhenItsOwnerEnds) {
     Station station;
     for (const int signo : {SIGTERM, SIGKILL}) {
         station.start();
-        EXPECT_EQ(station.read(lock_file), own_line(station));
+        EXPECT_EQ(station.read(LOCK_FILE), own_line(station));
         station.send(signo);
         station.await_exit();
     }
     station.start();
-    EXPECT_EQ(station.read(lock_file), own_line(station));
+    EXPECT_EQ(station.read(LOCK_FILE), own_line(station));
 }
 
 TEST(Lock, InAMissingFolderIsReportedAsRunning) {
@@ -125,7 +125,7 @@ TEST(Lock, InAMissingFolderIsReportedAsRunning) {
     const Outcome outcome = station.run({"-D"});
     EXPECT_EQ(outcome.status, 255);
     EXPECT_THAT(outcome.err, HasSubstr(") No such file or directory\n"));
-    EXPECT_THAT(outcome.err, EndsWith(running));
+    EXPECT_THAT(outcome.err, EndsWith(RUNNING));
 }
 
 TEST(Lock, InAReadOnlyFolderIsReportedAsRunning) {
@@ -133,14 +133,14 @@ TEST(Lock, InAReadOnlyFolderIsReportedAsRunning) {
     const Outcome outcome = station.run({"-D"});
     EXPECT_EQ(outcome.status, 255);
     EXPECT_THAT(outcome.err, HasSubstr(") Read-only file system\n"));
-    EXPECT_THAT(outcome.err, EndsWith(running));
+    EXPECT_THAT(outcome.err, EndsWith(RUNNING));
 }
 
 TEST(Lock, IsNextToTheLogFileHoweverShortItsName) {
     Station station;
     station.start({"-D", "-L", "x"});
     EXPECT_EQ(read_file(station.files().scratch() + "/work/.lock"), own_line(station));
-    EXPECT_FALSE(std::filesystem::exists(station.files().host_path(lock_file)));
+    EXPECT_FALSE(std::filesystem::exists(station.files().host_path(LOCK_FILE)));
 }
 
 // The lock takes the names of streams as paths.

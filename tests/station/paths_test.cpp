@@ -15,8 +15,8 @@ using testing::StartsWith;
 
 namespace {
 
-const std::vector<std::string> lan_issues{"CB10", "CB11", "CB12"};
-const std::vector<std::string> wifi_issues{"CB13", "CB01", "CB02", "CB04", "CB09"};
+const std::vector<std::string> LAN_ISSUES{"CB10", "CB11", "CB12"};
+const std::vector<std::string> WIFI_ISSUES{"CB13", "CB01", "CB02", "CB04", "CB09"};
 
 /// A station with both paths in use. A path is in use if its checks were recorded in the last pass.
 struct PathStation : testing::Test {
@@ -46,8 +46,8 @@ struct PathStation : testing::Test {
         }
         return first;
     }
-    [[nodiscard]] bool lan_in_use() const { return in_use(lan_issues); }
-    [[nodiscard]] bool wifi_in_use() const { return in_use(wifi_issues); }
+    [[nodiscard]] bool lan_in_use() const { return in_use(LAN_ISSUES); }
+    [[nodiscard]] bool wifi_in_use() const { return in_use(WIFI_ISSUES); }
 
     Station station{connected_board()};
     std::size_t lan_seen = 0;
@@ -276,7 +276,7 @@ struct SettingsCase {
     bool in_use = false;
 };
 
-const std::string kilobytes(100'000, 'x');
+const std::string KILOBYTES(100'000, 'x');
 
 /// Whether the LAN is in use when the first pass finds this file.
 bool lan_after_start(const Content &content) {
@@ -312,8 +312,8 @@ TEST(LanSettings, DecideWhetherTheLanIsInUse) {
         {"\xEF\xBB\xBF[Link]\nUnmanaged=yes\n", true},
         {"\0\0\0\0"s, false}, // empty lines
         {"\xff\xfe\x01\x02\n", true},
-        {kilobytes, true},
-        {"[Link]\nUnmanaged=yes\nName=" + kilobytes + "\n", true}, // the later pieces have no separator
+        {KILOBYTES, true},
+        {"[Link]\nUnmanaged=yes\nName=" + KILOBYTES + "\n", true}, // the later pieces have no separator
         {"[Link]\nUnmanaged=no\n;" + std::string(4000, 'x') + "\n", true},
         {"[Link]\nUnmanaged=n", false}, // truncated
         {"[" + std::string(60, 'L') + "]\nUnmanaged=no\n", false}};
@@ -367,8 +367,8 @@ TEST_F(PathStation, TreatTheWifiAsOnUnlessItsFileIsAnObject) {
                                {"{}\0["s, false},
                                {"{\"a\":\"" + std::string(2038, 'x') + "\"}", false}, // 2046 bytes
                                {"{\"a\":\"" + std::string(2041, 'x') + "\"}", true},  // 2049
-                               {"{}" + kilobytes, true},
-                               {kilobytes, true},
+                               {"{}" + KILOBYTES, true},
+                               {KILOBYTES, true},
                                {"{}" + std::string(100'000, ' '), false}};
     for (const SettingsCase &given : cases) {
         put(station, WIFI_SETTINGS, given.content);

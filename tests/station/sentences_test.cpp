@@ -13,8 +13,8 @@ using testing::SizeIs;
 
 namespace {
 
-const std::string bluetooth_file = "/sys/class/bluetooth/hci0/power/runtime_status";
-const std::string operstate_file = "/sys/class/net/eth0/operstate";
+const std::string BLUETOOTH_FILE = "/sys/class/bluetooth/hci0/power/runtime_status";
+const std::string OPERSTATE_FILE = "/sys/class/net/eth0/operstate";
 
 void keep_step(Station &station, std::int64_t period) { station.step(period - station.clock() % period); }
 
@@ -109,15 +109,15 @@ TEST_P(SentencesBySeverity, SelectsTheSentences) {
     EXPECT_THAT(sentences_of(station), ElementsAreArray(GetParam().sentences));
 }
 
-const std::string hot_warning = "4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.";
-const std::string hot_failure = "3 [failed] ID: CB20[0]: value: 80 CPU temperature above 80 threshold.";
-const std::string cool_again = "5 [notice] ID: CB20[0]: value: 42 CPU temperature at normal threshold.";
+const std::string HOT_WARNING = "4 [warning] ID: CB20[0]: value: 72 CPU temperature above 70 threshold.";
+const std::string HOT_FAILURE = "3 [failed] ID: CB20[0]: value: 80 CPU temperature above 80 threshold.";
+const std::string COOL_AGAIN = "5 [notice] ID: CB20[0]: value: 42 CPU temperature at normal threshold.";
 INSTANTIATE_TEST_SUITE_P(Names, SentencesBySeverity,
-                         testing::Values(Severity{{"-s", "critical"}, {}}, Severity{{"-s", "failed"}, {hot_failure}},
-                                         Severity{{"-s", "warning"}, {hot_warning, hot_failure}},
-                                         Severity{{"-s", "OK"}, {hot_warning, hot_failure, cool_again}},
-                                         Severity{{"-D"}, {hot_warning, hot_failure, cool_again}},
-                                         Severity{{"-s", "none"}, {hot_warning, hot_failure, cool_again}}));
+                         testing::Values(Severity{{"-s", "critical"}, {}}, Severity{{"-s", "failed"}, {HOT_FAILURE}},
+                                         Severity{{"-s", "warning"}, {HOT_WARNING, HOT_FAILURE}},
+                                         Severity{{"-s", "OK"}, {HOT_WARNING, HOT_FAILURE, COOL_AGAIN}},
+                                         Severity{{"-D"}, {HOT_WARNING, HOT_FAILURE, COOL_AGAIN}},
+                                         Severity{{"-s", "none"}, {HOT_WARNING, HOT_FAILURE, COOL_AGAIN}}));
 
 // --- the checks
 
@@ -189,12 +189,12 @@ TEST(WearoutSentences, ComeWithTheFirstSample) {
 }
 
 TEST(BluetoothSentences, ComeAfterTenSamplesWithoutItsFile) {
-    Station station(even_board().without(bluetooth_file));
+    Station station(even_board().without(BLUETOOTH_FILE));
     station.start();
     samples(station, 8, 60);
     EXPECT_THAT(station.syslog(), IsEmpty());
     samples(station, 3, 60);
-    station.files().write(bluetooth_file, "");
+    station.files().write(BLUETOOTH_FILE, "");
     samples(station, 12, 60);
     EXPECT_THAT(sentences_of(station),
                 ElementsAre("3 [failed] ID: CB05[0]: value: 1 Bluetooth hardware is not available.",
@@ -204,11 +204,11 @@ TEST(BluetoothSentences, ComeAfterTenSamplesWithoutItsFile) {
 TEST(EthernetSentences, CoverTheLinkAndTheHardware) {
     Station station(even_board());
     station.start();
-    station.files().write(operstate_file, "down\n");
+    station.files().write(OPERSTATE_FILE, "down\n");
     samples(station, 10, 60);
-    station.files().remove(operstate_file);
+    station.files().remove(OPERSTATE_FILE);
     samples(station, 10, 60);
-    station.files().write(operstate_file, "up\n");
+    station.files().write(OPERSTATE_FILE, "up\n");
     samples(station, 10, 60);
     EXPECT_THAT(sentences_of(station),
                 ElementsAre("3 [failed] ID: CB12[0]: value: 1 Ethernet connection could not be established.",

@@ -24,7 +24,7 @@ constexpr const char *NGINX = "nginx_2eservice";
 constexpr const char *OCPPD = "ocppd_2eservice";
 
 /// In the order of the questions: the last of the parameter first.
-const Texts units{"corvana_2dportapi_2eservice",
+const Texts UNITS{"corvana_2dportapi_2eservice",
                   "wpa_5fsupplicant_2eservice",
                   "stationd_2eservice",
                   "rauc_2eservice",
@@ -35,7 +35,7 @@ const Texts units{"corvana_2dportapi_2eservice",
 /// A station with a private bus on which all units run.
 struct StationWithBus {
     StationWithBus() {
-        for (const std::string &unit : units) {
+        for (const std::string &unit : UNITS) {
             systemd.load(unit);
             systemd.activate(unit);
         }
@@ -154,11 +154,11 @@ struct Refusal {
 
 void PrintTo(const Refusal &refusal, std::ostream *out) { *out << refusal.error; }
 
-constexpr Refusal interrupted{.error = "System.Error.EINTR", .trace = "-4 (Interrupted system call)"};
-constexpr Refusal invalid{.error = "System.Error.EINVAL", .trace = "-22 (Invalid argument)"};
-constexpr Refusal unreachable{.error = "System.Error.EHOSTUNREACH", .trace = "-113 (No route to host)"};
-constexpr Refusal timed_out{.error = "System.Error.ETIMEDOUT", .trace = "-110 (Connection timed out)"};
-constexpr Refusal unconnected{.error = "System.Error.ENOTCONN", .trace = "-107 (Transport endpoint is not connected)"};
+constexpr Refusal INTERRUPTED{.error = "System.Error.EINTR", .trace = "-4 (Interrupted system call)"};
+constexpr Refusal INVALID{.error = "System.Error.EINVAL", .trace = "-22 (Invalid argument)"};
+constexpr Refusal UNREACHABLE{.error = "System.Error.EHOSTUNREACH", .trace = "-113 (No route to host)"};
+constexpr Refusal TIMED_OUT{.error = "System.Error.ETIMEDOUT", .trace = "-110 (Connection timed out)"};
+constexpr Refusal UNCONNECTED{.error = "System.Error.ENOTCONN", .trace = "-107 (Transport endpoint is not connected)"};
 
 std::string failed_trace(const Refusal &refusal) {
     return std::string("GET PROPERTY FAILED: ret : ") + refusal.trace + " -- err.name: " + refusal.error +
@@ -168,7 +168,7 @@ std::string failed_trace(const Refusal &refusal) {
 class RefusedQuestion : public testing::TestWithParam<Refusal> {};
 
 TEST_P(RefusedQuestion, IsRepeatedAtTheStartUnlessItIsInvalid) {
-    const bool is_final = std::string_view(GetParam().error) == invalid.error;
+    const bool is_final = std::string_view(GetParam().error) == INVALID.error;
     StationWithBus rig;
     rig.systemd.fail(NGINX, LOAD_STATE, GetParam().error, 2);
     rig.station.start();
@@ -180,7 +180,7 @@ TEST_P(RefusedQuestion, IsRepeatedAtTheStartUnlessItIsInvalid) {
 }
 
 TEST_P(RefusedQuestion, IsRepeatedInAHeartbeatOnlyIfInterrupted) {
-    const bool is_repeated = std::string_view(GetParam().error) == interrupted.error;
+    const bool is_repeated = std::string_view(GetParam().error) == INTERRUPTED.error;
     StationWithBus rig;
     rig.station.start();
     const int before = rig.asked(NGINX);
@@ -192,7 +192,7 @@ TEST_P(RefusedQuestion, IsRepeatedInAHeartbeatOnlyIfInterrupted) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Errors, RefusedQuestion,
-                         testing::Values(interrupted, invalid, unreachable, timed_out, unconnected));
+                         testing::Values(INTERRUPTED, INVALID, UNREACHABLE, TIMED_OUT, UNCONNECTED));
 
 class RefusedForEver : public testing::TestWithParam<Refusal> {};
 
@@ -207,7 +207,7 @@ TEST_P(RefusedForEver, IsAFailureThatNamesNoUnitUntilItIsAnswered) {
     EXPECT_THAT(rig.sentences(), ElementsAre(NONE_NAMED, ALL_UP));
 }
 
-INSTANTIATE_TEST_SUITE_P(Errors, RefusedForEver, testing::Values(invalid, unreachable, timed_out, unconnected));
+INSTANTIATE_TEST_SUITE_P(Errors, RefusedForEver, testing::Values(INVALID, UNREACHABLE, TIMED_OUT, UNCONNECTED));
 
 class RefusedStart : public testing::TestWithParam<Refusal> {
   protected:
@@ -239,16 +239,16 @@ TEST_P(RefusedStart, EndsOnATermination) {
     EXPECT_THAT(rig.station.read(STATUS_LOG), EndsWith("\tFINISHED\tvigmond \"-D\"\n##\n"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Errors, RefusedStart, testing::Values(interrupted, unreachable, timed_out, unconnected));
+INSTANTIATE_TEST_SUITE_P(Errors, RefusedStart, testing::Values(INTERRUPTED, UNREACHABLE, TIMED_OUT, UNCONNECTED));
 
 /// Starts the daemon, interrupts the questions of its second pass and waits for many of them.
 void interrupt_for_ever(StationWithBus &rig) {
     rig.station.start();
-    rig.systemd.fail(NGINX, ACTIVE_STATE, interrupted.error);
+    rig.systemd.fail(NGINX, ACTIVE_STATE, INTERRUPTED.error);
     rig.station.advance(10);
     rig.station.send(SIGALRM);
     rig.station.await("a hundred questions",
-                      [&] { return rig.station.trace().messages_with(interrupted.error).size() > 100; });
+                      [&] { return rig.station.trace().messages_with(INTERRUPTED.error).size() > 100; });
 }
 
 TEST(InterruptedForEver, BlocksThePassUntilItIsAnswered) {
@@ -282,7 +282,7 @@ TEST(SilentSystemd, DoesNotDelayATerminationOfTheStart) {
 // Each question takes five seconds, so one unit is enough.
 TEST(SilentSystemd, EndsThePassAtATimeoutAndIsAskedAgainInTheNext) {
     StationWithBus rig;
-    for (const std::string &unit : units) {
+    for (const std::string &unit : UNITS) {
         rig.systemd.load(unit, unit == NGINX ? "loaded" : "masked");
     }
     rig.station.start();

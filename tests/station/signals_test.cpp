@@ -19,8 +19,8 @@ using testing::SizeIs;
 
 namespace {
 
-constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
-constexpr std::array handled{SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+constexpr std::array TERMINATIONS{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+constexpr std::array HANDLED{SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 
 /// A signal mask from /proc/PID/status.
 std::uint64_t mask_of(pid_t pid, const std::string &name) {
@@ -90,7 +90,7 @@ TEST_P(Termination, DuringAPassEndsItBeforeTheNextTask) {
     EXPECT_THAT(station.trace().messages_of("cleanup"), Contains("DONE"));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Termination, testing::ValuesIn(terminations));
+INSTANTIATE_TEST_SUITE_P(All, Termination, testing::ValuesIn(TERMINATIONS));
 
 TEST(Reinit, ChangesNothingButItsOwnTraces) {
     Station station;
@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(Any, StartWithout,
 TEST(Handlers, AreInstalledForAllSevenSignals) {
     Station station;
     station.start();
-    for (const int signo : handled) {
+    for (const int signo : HANDLED) {
         EXPECT_TRUE(has_signal(mask_of(station.pid(), "SigCgt"), signo)) << signo;
     }
 }
@@ -172,7 +172,7 @@ TEST(Handlers, AreInstalledForAllSevenSignals) {
 TEST(Pass, BlocksAllSevenSignals) {
     Station station;
     const HeldFile held = hold_second_pass(station);
-    for (const int signo : handled) {
+    for (const int signo : HANDLED) {
         EXPECT_TRUE(has_signal(mask_of(station.pid(), "SigBlk"), signo)) << signo;
     }
     const unsigned before = station.waits();

@@ -64,13 +64,13 @@ struct Soak : testing::Test {
     Station station{connected_board()};
 };
 
-constexpr const char *services[]{"hostapd",          "nginx", "ocppd", "rauc", "stationd", "wpa_5fsupplicant",
+constexpr const char *SERVICES[]{"hostapd",          "nginx", "ocppd", "rauc", "stationd", "wpa_5fsupplicant",
                                  "corvana_2dportapi"};
 
 struct SoakOnABus : Soak {
     SoakOnABus() {
         bus.systemd.change_time("7");
-        for (const std::string service : services) {
+        for (const std::string service : SERVICES) {
             bus.systemd.load(service + "_2eservice");
             bus.systemd.activate(service + "_2eservice");
         }

@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string start_stamp = "2024-03-01 12:00:07";
+const std::string START_STAMP = "2024-03-01 12:00:07";
 
 std::string log_of(const Station &station) { return station.read(STATUS_LOG); }
 
@@ -57,7 +57,7 @@ TEST_F(StatusLog, BeginsWithTheHeaderOfTheBuiltInChecks) {
     station.argv0 = "/usr/bin/vigmond";
     life.start(&station, {"-S", "200"});
     EXPECT_EQ(log_of(station),
-              header_text(start_stamp, "START", "/usr/bin/vigmond \"-S\" \"200\"") + text_of(life.records()));
+              header_text(START_STAMP, "START", "/usr/bin/vigmond \"-S\" \"200\"") + text_of(life.records()));
 }
 
 TEST_F(StatusLog, IsAppendedToByEveryStart) {
@@ -66,7 +66,7 @@ TEST_F(StatusLog, IsAppendedToByEveryStart) {
     const std::string before = log_of(station);
     ASSERT_THAT(before, HasSubstr("FINISHED"));
     life.start(&station, {"-D"});
-    EXPECT_EQ(log_of(station), before + header_text(start_stamp, "START", "vigmond \"-D\"") + text_of(life.records()));
+    EXPECT_EQ(log_of(station), before + header_text(START_STAMP, "START", "vigmond \"-D\"") + text_of(life.records()));
 }
 
 // In the order of the checks, without those of the WiFi, which is off.
@@ -74,7 +74,7 @@ TEST_F(StatusLog, HasARecordOfEachCheckAfterTheFirstPass) {
     station.start();
     std::vector<std::string> expected;
     for (const Check &check : even_checks()) {
-        expected.push_back(start_stamp + "\tOK\t" + check.issue + "\t" + check.plateaus.front().value);
+        expected.push_back(START_STAMP + "\tOK\t" + check.issue + "\t" + check.plateaus.front().value);
     }
     EXPECT_EQ(records_in(log_of(station)), expected);
 }
@@ -100,7 +100,7 @@ TEST_F(StatusLog, HasTheFailedProbesAsWarningsWithoutAValue) {
     std::vector<std::string> failed;
     for (const std::string &record : records_in(log_of(station))) {
         if (record.ends_with("NaN")) {
-            failed.push_back(record.substr(start_stamp.size() + 1));
+            failed.push_back(record.substr(START_STAMP.size() + 1));
         }
     }
     EXPECT_THAT(failed, ElementsAre("WARN\tCB20\t0\tNaN", "WARN\tCB10\t0\tNaN", "WARN\tCB12\t0\tNaN",
@@ -177,7 +177,7 @@ TEST_F(StatusLog, LosesNothingInAKillAfterTheHeartbeat) {
     life.steps(&station, 7);
     station.send(SIGKILL);
     EXPECT_EQ(station.await_exit(), -SIGKILL);
-    EXPECT_EQ(log_of(station), header_text(start_stamp, "START", "vigmond \"-S\" \"200\"") + text_of(life.records()));
+    EXPECT_EQ(log_of(station), header_text(START_STAMP, "START", "vigmond \"-S\" \"200\"") + text_of(life.records()));
 }
 
 // --- links
@@ -363,7 +363,7 @@ TEST_F(StatusLog, MixesWithTheTracesOnStderrInWholeLines) {
 
 /// Steps until the open file, wherever it is, has reached its 10240 bytes.
 void fill(Station *station, StationLife *life, const std::string &command_line) {
-    const std::size_t header = header_text(start_stamp, "START", command_line).size();
+    const std::size_t header = header_text(START_STAMP, "START", command_line).size();
     while (header + text_of(life->records()).size() < 10240) {
         life->step(station);
     }

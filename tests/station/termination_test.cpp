@@ -30,7 +30,7 @@ using std::chrono::steady_clock;
 
 const unsigned DEFAULT_COUNT = sanitized_daemon() != nullptr ? 50 : 200;
 constexpr unsigned PASSES = 8; // the load logger is forked in the sixth
-constexpr std::array terminations{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
+constexpr std::array TERMINATIONS{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 constexpr std::chrono::seconds LONGEST{5};
 
 /// This process's children, adopted orphans included.
@@ -124,8 +124,8 @@ class Terminations : public testing::Test {
     void expect_proper_end(BusyStation &station) {
         const auto sent = steady_clock::now();
         ASSERT_EQ(station.await_exit(), 1);
-        longest_ = std::max(longest_, steady_clock::now() - sent);
-        ASSERT_LT(longest_, LONGEST);
+        longest = std::max(longest, steady_clock::now() - sent);
+        ASSERT_LT(longest, LONGEST);
         ASSERT_THAT(station.trace().messages_of("sig_exit_handler"), SizeIs(1));
         const TraceLine last = lines_of_main_thread(station).back();
         ASSERT_EQ(last.function, "cleanup");
@@ -141,13 +141,13 @@ class Terminations : public testing::Test {
     }
 
     void report() const {
-        std::cout << "longest end: " << std::chrono::duration_cast<std::chrono::milliseconds>(longest_).count()
+        std::cout << "longest end: " << std::chrono::duration_cast<std::chrono::milliseconds>(longest).count()
                   << " ms\n";
     }
 
     BusyWorld world;
     const std::set<pid_t> world_children = children();
-    steady_clock::duration longest_{};
+    steady_clock::duration longest{};
 };
 
 } // namespace
@@ -160,7 +160,7 @@ TEST_F(Terminations, AtRandomInstantsAllEndWithStatus1) {
     std::uniform_int_distribution<std::size_t> instant(rehearsal.handlers_installed, rehearsal.traces);
     for (unsigned i = 0; i < from_environment("STATION_TERMINATIONS", DEFAULT_COUNT); ++i) {
         const std::size_t line = instant(random);
-        const int signo = terminations.at(random() % terminations.size());
+        const int signo = TERMINATIONS.at(random() % TERMINATIONS.size());
         SCOPED_TRACE("signal " + std::to_string(signo) + " at trace " + std::to_string(line));
         BusyStation station(world);
         station.launch_busy({"-D"});
@@ -177,7 +177,7 @@ TEST_F(Terminations, WhileSystemdIsAskedAllEndWithStatus1) {
     std::mt19937 random(seed_of_the_day());
     for (unsigned i = 0; i < from_environment("STATION_TERMINATIONS", DEFAULT_COUNT) / 4; ++i) {
         const int question = 1 + static_cast<int>(random() % static_cast<unsigned>(rehearsal.questions));
-        const int signo = terminations.at(random() % terminations.size());
+        const int signo = TERMINATIONS.at(random() % TERMINATIONS.size());
         SCOPED_TRACE("signal " + std::to_string(signo) + " at question " + std::to_string(question));
         BusyStation station(world);
         station.launch_busy({"-D"});

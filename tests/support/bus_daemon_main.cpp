@@ -139,7 +139,6 @@ void end_bus(pid_t bus, DBusConnection *connection) {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 dbus_bool_t __real_dbus_connection_send(DBusConnection *connection, DBusMessage *message, dbus_uint32_t *serial);
 
@@ -193,7 +192,6 @@ int sd_journal_print_with_location(int /*priority*/, const char * /*file*/, cons
     return 0;
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 int main(int argc, char *argv[]) {
     for (int i = 1; i < argc; ++i) {

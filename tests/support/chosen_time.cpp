@@ -16,9 +16,7 @@ std::time_t answer_time(std::time_t *result) {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 std::time_t __wrap_time(std::time_t *result) { return answer_time(result); }
 std::time_t __wrap___time64(std::time_t *result) { return answer_time(result); }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

@@ -21,7 +21,6 @@ bool fails_now() {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 void *__real_malloc(std::size_t size);
 void *__real_calloc(std::size_t count, std::size_t size);
@@ -31,7 +30,6 @@ void *__wrap_malloc(std::size_t size) { return fails_now() ? nullptr : __real_ma
 void *__wrap_calloc(std::size_t count, std::size_t size) { return fails_now() ? nullptr : __real_calloc(count, size); }
 char *__wrap_strdup(const char *text) { return fails_now() ? nullptr : __real_strdup(text); }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 MemoryFault::MemoryFault(int nth) { countdown = nth; }
 

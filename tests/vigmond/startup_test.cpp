@@ -33,7 +33,6 @@ int sigaction_calls = 0;   ///< counted while one must fail
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 int __real_sigaction(int signo, const struct sigaction *action, struct sigaction *previous);
 
@@ -45,7 +44,6 @@ int __wrap_sigaction(int signo, const struct sigaction *action, struct sigaction
     return __real_sigaction(signo, action, previous);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 TEST(StandardStreams, AreOpenedWhereTheyAreClosed) {
     in_child([] {

@@ -58,7 +58,6 @@ bool is_blocked(int signo) {
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 pid_t __real_fork();
 
@@ -87,7 +86,6 @@ int __wrap_kill(pid_t pid, int signo) noexcept {
     return kills_are_real ? __real_kill(pid, signo) : 0;
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 

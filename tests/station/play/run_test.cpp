@@ -26,7 +26,7 @@ std::string joined(const std::vector<std::string> &lines) {
     return text;
 }
 
-constexpr std::array terminations{SIGINT, SIGTERM, SIGHUP};
+constexpr std::array TERMINATIONS{SIGINT, SIGTERM, SIGHUP};
 
 std::vector<std::string> with_script(std::vector<std::string> options) {
     options.insert(options.begin(), RUN_SCRIPT);
@@ -37,7 +37,7 @@ class Run : public testing::Test {
   protected:
     Run() {
         prctl(PR_SET_CHILD_SUBREAPER, 1); // processes left by the script become children of the test
-        for (const int signo : terminations) {
+        for (const int signo : TERMINATIONS) {
             std::signal(signo, SIG_DFL); // a shell cannot trap a signal that was ignored at its start
         }
     }
@@ -149,7 +149,7 @@ TEST_F(Run, IgnoresFurtherSignals) {
     start({"--station", "--speed", "100"});
     sees("  heartbeat");
     for (int burst = 0; burst < 5; ++burst) {
-        for (const int signo : terminations) {
+        for (const int signo : TERMINATIONS) {
             script->kill(signo);
         }
     }

@@ -13,26 +13,26 @@ constexpr std::int64_t MARCH_1_2024_12_00_07 = 1709294407; // 19783 days and 432
 
 /// A zone file for UTC: the magic, a version and fifteen reserved bytes, six counts (one local time, four bytes
 /// of names), the local time, its name.
-constexpr char zone_of_utc[] = "TZif\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+constexpr char ZONE_OF_UTC[] = "TZif\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
                                "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\4"
                                "\0\0\0\0\0\0UTC";
 
-static_assert(sizeof zone_of_utc == 44 + 6 + 4);
+static_assert(sizeof ZONE_OF_UTC == 44 + 6 + 4);
 
-constexpr Disk half_free{.blocks = 1000, .free = 500, .available = 500};
+constexpr Disk HALF_FREE{.blocks = 1000, .free = 500, .available = 500};
 
 } // namespace
 
 Board::Board() : clock_(MARCH_1_2024_12_00_07) {
     folder(STATUS_FOLDER)
         .file(EMMC_DEVICE, "")
-        .file(ZONE_FILE, {zone_of_utc, sizeof zone_of_utc})
+        .file(ZONE_FILE, {ZONE_OF_UTC, sizeof ZONE_OF_UTC})
         .temperature(42000)
         .memory(512000, 256000)
         .emmc(7, 1, 1);
     for (const char *path :
          {"/rw-root", "/", "/tmp", "/run", "/var/lib/evse", "/var/lib/persistent", "/var/lib/parameter"}) {
-        disk(path, half_free);
+        disk(path, HALF_FREE);
     }
 }
 

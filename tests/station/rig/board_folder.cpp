@@ -14,9 +14,9 @@ namespace {
 
 constexpr const char *PROC = "/proc/";
 constexpr const char *PROC_NET = "/proc/net/";
-constexpr const char *host_folders[] = {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32", "/usr", "/opt"};
-constexpr const char *host_files[] = {"/etc/ld.so.cache", "/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
-constexpr const char *devices[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom"};
+constexpr const char *HOST_FOLDERS[] = {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32", "/usr", "/opt"};
+constexpr const char *HOST_FILES[] = {"/etc/ld.so.cache", "/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
+constexpr const char *DEVICES[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom"};
 
 bool is_in_proc(const std::string &path) { return path.starts_with(PROC); }
 
@@ -127,7 +127,7 @@ void BoardFolder::show_at_same_path(const std::string &folder, std::vector<Mount
 }
 
 void BoardFolder::show_devices(std::vector<Mount> *mounts) const {
-    for (const char *device : devices) {
+    for (const char *device : DEVICES) {
         write_file(root_ + device, "");
         mounts->push_back({.source = device, .target = root_ + device});
     }
@@ -135,7 +135,7 @@ void BoardFolder::show_devices(std::vector<Mount> *mounts) const {
 
 /// Of the host's /etc the board only sees what programs need to start, and the names of users.
 void BoardFolder::show_host_files(std::vector<Mount> *mounts) const {
-    for (const char *file : host_files) {
+    for (const char *file : HOST_FILES) {
         std::error_code error;
         if (fs::is_regular_file(file, error)) {
             make_folders(fs::path(root_ + file).parent_path());
@@ -160,7 +160,7 @@ void BoardFolder::show_proc(std::vector<Mount> *mounts) const {
 
 Sandbox BoardFolder::sandbox(const std::vector<std::string> &programs) const {
     Sandbox result{.root = root_, .mounts = {}, .directory = scratch_ + "/work"};
-    for (const char *folder : host_folders) {
+    for (const char *folder : HOST_FOLDERS) {
         show_host_folder(folder, &result.mounts);
     }
     show_at_same_path(scratch_, &result.mounts);

@@ -36,20 +36,20 @@ void leave_namespaces() {
     become_root_of(uid, gid);
 }
 
-void make(const Mount &mount_) {
-    const char *target = mount_.target.c_str();
-    if (mount_.memory != 0) {
-        const std::string size = "size=" + std::to_string(mount_.memory);
-        if (mount("tmpfs", target, "tmpfs", 0, size.c_str()) != 0) {
-            rig_failure_of("disk in memory " + mount_.target);
+void make(const Mount &mount) {
+    const char *target = mount.target.c_str();
+    if (mount.memory != 0) {
+        const std::string size = "size=" + std::to_string(mount.memory);
+        if (::mount("tmpfs", target, "tmpfs", 0, size.c_str()) != 0) {
+            rig_failure_of("disk in memory " + mount.target);
         }
-    } else if (!mount_.source.empty()) {
-        if (mount(mount_.source.c_str(), target, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-            rig_failure_of("mount " + mount_.target);
+    } else if (!mount.source.empty()) {
+        if (::mount(mount.source.c_str(), target, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            rig_failure_of("mount " + mount.target);
         }
-    } else if (mount(target, target, nullptr, MS_BIND, nullptr) != 0 ||
-               mount(nullptr, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
-        rig_failure_of("read-only " + mount_.target);
+    } else if (::mount(target, target, nullptr, MS_BIND, nullptr) != 0 ||
+               ::mount(nullptr, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+        rig_failure_of("read-only " + mount.target);
     }
 }
 
@@ -57,11 +57,11 @@ void make(const Mount &mount_) {
 
 void enter_sandbox(const Sandbox &sandbox) {
     leave_namespaces();
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         rig_failure_of("private mounts");
     }
-    for (const Mount &mount_ : sandbox.mounts) {
-        make(mount_);
+    for (const Mount &mount : sandbox.mounts) {
+        make(mount);
     }
     if (chroot(sandbox.root.c_str()) != 0) {
         rig_failure_of("chroot " + sandbox.root);

@@ -164,7 +164,7 @@ TEST_F(LogRotationTest, UsesTheNewSizeOfATruncatedFile) {
 // --- a rotation that a termination aborts
 
 class AbortedRotationTest : public LogRotationTest {
-  protected:
+  public:
     AbortedRotationTest() {
         rotations().is_long = true;
         sigset_t held = signals_handled();

@@ -111,7 +111,7 @@ TEST_F(Supervision, ReportsProblemsInItsStatus) {
 TEST_F(Supervision, HasRoomForAllProblemsAtOnce) {
     std::string labels = "CBnn";
     for (int id = 32; id >= 0; --id) {
-        labels = "CB" + std::to_string(id) + ", " + labels;
+        labels.insert(0, "CB" + std::to_string(id) + ", ");
     }
     start();
     supervision_pass_done({.raised_issues = labels.c_str(),

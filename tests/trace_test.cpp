@@ -403,15 +403,17 @@ TEST(AllocationCount, SeesNewMemory) {
 constexpr int THREADS = 4;
 constexpr int ROUNDS = 100;
 
+void lose_traces() {
+    for (int round = 0; round < ROUNDS; ++round) {
+        trace(TRACE_INFO, "lost");
+    }
+}
+
 TEST_F(RefusingJournal, CountsTheLossesOfAllThreads) {
     std::vector<std::thread> threads;
     threads.reserve(THREADS);
     for (int number = 0; number < THREADS; ++number) {
-        threads.emplace_back([] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                trace(TRACE_INFO, "lost");
-            }
-        });
+        threads.emplace_back(lose_traces);
     }
     for (std::thread &thread : threads) {
         thread.join();

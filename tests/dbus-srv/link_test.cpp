@@ -81,7 +81,7 @@ struct IssueWatcher : BusClient {
 /// The test's own connection, made by the code under test. The library reads the bus's address from the environment
 /// once.
 class OwnConnectionTest : public testing::Test {
-  protected:
+  public:
     OwnConnectionTest() {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
         connection = bus_connect(error);
@@ -93,6 +93,8 @@ class OwnConnectionTest : public testing::Test {
         }
         bus_drop_messages(connection);
     }
+
+  protected:
     void read_all_accepted() {
         for (int i = 0; i < 5000; ++i) {
             dbus_connection_read_write(connection.get(), 0);
@@ -185,7 +187,7 @@ TEST_F(OwnConnectionTest, MessagesOfTheBusBeforeTheReplyAreKept) {
 
 TEST_F(OwnConnectionTest, AFloodBeforeTheReplyIsDroppedAndNotQueued) {
     for (int i = 0; i < 8; ++i) {
-        send_text(1024 * 1024); // more than is read at once
+        send_text(1024UL * 1024); // more than is read at once
     }
     ASSERT_NE(client.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
     EXPECT_EQ(bus_own_name(connection, early, error), NameAnswer::owner);

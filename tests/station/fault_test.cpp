@@ -13,7 +13,6 @@
 #include <limits>
 #include <numeric>
 
-using testing::AnyOf;
 using testing::IsEmpty;
 
 namespace {

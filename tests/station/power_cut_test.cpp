@@ -62,7 +62,7 @@ class PowerCut : public testing::Test {
     void SetUp() override {
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        std::ofstream{image};
+        std::ofstream(image).close();
         fs::resize_file(image, IMAGE_SIZE);
         ASSERT_NO_FATAL_FAILURE(run("/sbin/mkfs.ext4 -q -F '" + image + "'"));
         fs::create_directory(disk);

@@ -28,7 +28,8 @@ class Supervision : public BusStation {
     /// Runs heartbeats until the status message arrives.
     void expect_status(const std::string &text) {
         std::vector<std::string> messages;
-        for (int i = 0; i < 1000 && !std::count(messages.begin(), messages.end(), "WATCHDOG=1\nSTATUS=" + text); ++i) {
+        for (int i = 0; i < 1000 && std::count(messages.begin(), messages.end(), "WATCHDOG=1\nSTATUS=" + text) == 0;
+             ++i) {
             station.step();
             messages = manager.take();
         }

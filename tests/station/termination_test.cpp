@@ -51,7 +51,7 @@ std::vector<int> reap_others(const std::set<pid_t> &known) {
     std::vector<int> statuses;
     for (const pid_t pid : children()) {
         int status = 0;
-        if (known.count(pid) == 0 && waitpid(pid, &status, 0) == pid) {
+        if (!known.contains(pid) && waitpid(pid, &status, 0) == pid) {
             statuses.push_back(WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
         }
     }
@@ -99,10 +99,11 @@ struct Rehearsal {
 };
 
 class Terminations : public testing::Test {
-  protected:
+  public:
     Terminations() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
     ~Terminations() override { prctl(PR_SET_CHILD_SUBREAPER, 0); }
 
+  protected:
     Rehearsal rehearse() {
         Rehearsal result;
         const int before = world.systemd().total();

@@ -17,7 +17,9 @@ namespace {
 
 constexpr std::int64_t NOON = 1709294400; // 2024-03-01
 constexpr std::int64_t HOUR = 3600;
-constexpr std::int64_t YEAR = 365 * 24 * HOUR;
+constexpr std::int64_t DAY = 24 * HOUR;
+constexpr std::int64_t YEAR = 365 * DAY;
+constexpr std::int64_t HEARTBEAT = 10;
 
 struct Announcement {
     std::string member;
@@ -130,10 +132,10 @@ TEST_F(Time, SetBackAnHourDoesNotStopThePasses) {
     beat_at(NOON + 10);
     const std::size_t records = records_in(station().recorded()).size();
     for (int beat = 1; beat <= 3; ++beat) {
-        beat_at(NOON - HOUR + 10 * beat);
+        beat_at(NOON - HOUR + HEARTBEAT * beat);
         const Announcement cleared = next_announcement();
         EXPECT_EQ(cleared.member, "ClearedIssues");
-        EXPECT_EQ(cleared.time, NOON - HOUR + 10 * beat);
+        EXPECT_EQ(cleared.time, NOON - HOUR + HEARTBEAT * beat);
         EXPECT_THAT(cleared.labels, SizeIs(34)); // CB00 to CB32 and CBnn
     }
     EXPECT_THAT(records_in(station().recorded()), SizeIs(records)) << "nothing is due for an hour";
@@ -141,7 +143,7 @@ TEST_F(Time, SetBackAnHourDoesNotStopThePasses) {
     beat_at(NOON + 20);
     EXPECT_GT(records_in(station().recorded()).size(), records);
     for (int beat = 3; beat <= 4; ++beat) {
-        beat_at(NOON + 10 * beat);
+        beat_at(NOON + HEARTBEAT * beat);
     }
     const Announcement raised = next_announcement();
     EXPECT_EQ(raised.member, "NewIssues") << "no signal in between";
@@ -161,7 +163,7 @@ TEST_F(Time, SetForwardAYearRunsEachTaskOnce) {
     EXPECT_THAT(run_times(station().trace(), "temperature"), ElementsAre("12:00:20"));
     EXPECT_THAT(run_times(station().trace(), "wearout"), IsEmpty());
     for (int beat = 3; beat <= 4; ++beat) {
-        beat_at(NOON + YEAR + 10 * beat);
+        beat_at(NOON + YEAR + HEARTBEAT * beat);
     }
     EXPECT_EQ(next_announcement().time, NOON + YEAR + 40) << "the fifth sample";
     EXPECT_EQ(station().stop(), 1);

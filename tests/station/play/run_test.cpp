@@ -173,12 +173,14 @@ TEST_F(Run, WritesItsHintsToAFile) {
 
 namespace {
 
+constexpr const char *BUS_CONFIGURATION = "--config-file=" SUPPORT_FOLDER "/private_bus.conf";
+
 /// A machine with systemd and with only this policy on its system bus.
 class RunUnderSystemd : public Run {
   protected:
     RunUnderSystemd()
-        : bus_({"dbus-daemon", "--config-file=" SUPPORT_FOLDER "/private_bus.conf", "--address=" + address(),
-                "--nofork", "--nopidfile", "--nosyslog", "--print-address=1"}) {
+        : bus_({"dbus-daemon", BUS_CONFIGURATION, "--address=" + address(), "--nofork", "--nopidfile", "--nosyslog",
+                "--print-address=1"}) {
         EXPECT_TRUE(bus_.output().wait_for("unix:"));
     }
     void start_with_policy(const std::string &policy) {

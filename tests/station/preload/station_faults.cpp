@@ -10,7 +10,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-extern "C" __attribute__((weak)) StationPage *station_page();
+extern "C" __attribute__((weak)) StationPage *station_page(); // NOLINT(readability-redundant-declaration): weak here
 
 namespace {
 

@@ -32,7 +32,7 @@ inline std::vector<std::string> names_of_checks() {
         std::string label;
         std::string index;
         if (cells >> mark >> name >> label >> index && label.starts_with("CB")) {
-            names.push_back(name + "(" + label + "[" + index + "])");
+            names.push_back(name.append("(").append(label).append("[").append(index).append("])"));
         }
     }
     return names;

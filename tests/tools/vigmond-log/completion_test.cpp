@@ -60,7 +60,7 @@ TEST(Completion, OffersEachOption) {
         options.insert((*match)[1].str() + (*match)[2].str() + (*match)[3].str());
     }
     std::set<std::string> completed;
-    for (std::string option : offered("show --")) {
+    for (const std::string &option : offered("show --")) {
         completed.insert(option.substr(0, option.find('=')));
     }
     EXPECT_EQ(completed, options);

@@ -58,12 +58,12 @@ TEST(RecordLine, MayBeOfAnUnsetIssueAnUnknownStateAndTheLargestValues) {
 
 TEST(RecordLine, IsReadQuicklyWhenItLooksLikeMost) {
     const std::string front = "2024-05-01 10:00:00\t";
-    const std::string more(64, 'x');
+    const std::string following = "\n" + std::string(64, 'x');
     for (const char *const rest : {"OK\tCB20\t0\t45", "WARN\tCB05\t7\t-42", "FAIL\tCB00\t9\t999999999"}) {
         const std::string line = front + rest;
         RecordReader reader;
         Record record;
-        EXPECT_EQ(reader.read_usual(line + "\n" + more, &record), line.size() + 1) << rest;
+        EXPECT_EQ(reader.read_usual(line + following, &record), line.size() + 1) << rest;
         const Record careful = read(line);
         EXPECT_EQ(record.local, MAY_FIRST);
         EXPECT_EQ(record.state, careful.state) << rest;

@@ -65,7 +65,7 @@ struct AnsweredByOther {
           call(other.wait_for_call()) {}
     /// A reply without arguments.
     [[nodiscard]] BusMessage reply() const { return BusMessage(dbus_message_new_method_return(call.get())); }
-    void send(const BusMessage &reply) {
+    void send(const BusMessage &reply) const {
         other.client.send(reply);
         dbus_connection_flush(other.client.connection());
     }

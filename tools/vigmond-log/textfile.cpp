@@ -22,12 +22,18 @@ constexpr const char *STATE = "vigmond_check_state";
 constexpr const char *LAST = "vigmond_check_last_record_timestamp_seconds";
 constexpr const char *RAISED = "vigmond_issue_raised";
 
-/// Up to `size` bytes of the file from offset `at`.
-std::string piece_of(const Descriptor &file, off_t at, std::size_t size) {
-    std::string text(size, '\0');
+/// Up to `most` bytes of the file from offset `at`.
+std::string piece_of(const Descriptor &file, off_t at, std::size_t most) {
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0 || status.st_size <= at) {
+        return {};
+    }
+    const auto left = static_cast<std::uint64_t>(status.st_size - at);
+    std::string text(static_cast<std::size_t>(std::min<std::uint64_t>(most, left)), '\0');
     std::size_t count = 0;
-    while (count < size) {
-        const ssize_t more = pread(file.get(), text.data() + count, size - count, at + static_cast<off_t>(count));
+    while (count < text.size()) {
+        const ssize_t more =
+            pread(file.get(), text.data() + count, text.size() - count, at + static_cast<off_t>(count));
         if (more <= 0) {
             break;
         }

@@ -84,7 +84,7 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*connection*/, DBusMes
     sent.reset(dbus_message_ref(message));
     return TRUE;
 }
-void __wrap_dbus_connection_flush(DBusConnection * /*connection*/) {}
+dbus_bool_t __wrap_dbus_connection_has_messages_to_send(DBusConnection * /*connection*/) { return FALSE; }
 }
 
 namespace {

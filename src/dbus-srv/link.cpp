@@ -9,6 +9,7 @@
 
 #include <array>
 #include <chrono>
+#include <limits>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -29,6 +30,8 @@ constexpr long MAX_INPUT_DESCRIPTORS = 16;
 // The kernel's limit. A message with more descriptors than our limit would close the connection, and the bus may
 // allow more than the library's default.
 constexpr long DESCRIPTORS_PER_MESSAGE = 253;
+
+constexpr int FLUSH_RECHECK_MS = 1000; // the other thread may close the socket just before the wait
 
 constinit pthread_mutex_t link_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit BusLink link_state = BusLink::starting;
@@ -194,6 +197,21 @@ void bus_read(const BusConnection &connection, int wakeup, int timeout_ms) {
     if (awaited[1].revents != 0) {
         eventfd_t ignored = 0;
         eventfd_read(wakeup, &ignored);
+    }
+}
+
+// In place of dbus_connection_flush(), which never returns if the bus dies while the library has read as much as it
+// may: it then reads no further, so not to the end, and does not take a failing write for the end.
+void bus_flush(DBusConnection *connection) {
+    while (dbus_connection_has_messages_to_send(connection) != 0 && dbus_connection_get_is_connected(connection) != 0) {
+        int socket = -1;
+        dbus_connection_get_unix_fd(connection, &socket);
+        pollfd awaited{socket, POLLOUT, 0};
+        poll(&awaited, 1, FLUSH_RECHECK_MS);
+        if ((awaited.revents & (POLLHUP | POLLERR)) != 0) { // the rest is not more than the socket's buffer
+            dbus_connection_set_max_received_size(connection, std::numeric_limits<long>::max());
+        }
+        dbus_connection_read_write(connection, 0);
     }
 }
 

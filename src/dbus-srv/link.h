@@ -70,6 +70,8 @@ NameAnswer bus_own_name(const BusConnection &connection, EarlyMessages &early, B
 /// Waits until data arrives or `wakeup` (an eventfd or -1) is set, then reads the data and clears `wakeup`. Returns
 /// early if the sender reads the data first.
 void bus_read(const BusConnection &connection, int wakeup, int timeout_ms);
+/// Writes all sent messages. Waits as long as the bus does not read; returns early if the connection is lost.
+void bus_flush(DBusConnection *connection);
 /// Drops all received messages. The last one on a dead connection is the library's own "Disconnected": until it is
 /// removed, the library returns the dead connection again.
 void bus_drop_messages(const BusConnection &connection);

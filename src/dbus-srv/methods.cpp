@@ -2,6 +2,7 @@
 
 #include "dbus-srv/bus_handle.h"
 #include "dbus-srv/issues.h"
+#include "dbus-srv/link.h"
 #include "dbus-srv/mutex_lock.h"
 #include "trace.h"
 
@@ -113,7 +114,7 @@ int send_reply(DBusConnection *connection, DBusMessage *call, const BusMessage &
     if (dbus_connection_send(connection, reply.get(), nullptr) == 0) {
         return -1;
     }
-    dbus_connection_flush(connection);
+    bus_flush(connection);
     return 0;
 }
 

@@ -46,7 +46,7 @@ void send_signal(Sender &sender, BusMessage message) {
         return;
     }
     trace_as(SENDER, TRACE_TRACE, "FLUSH");
-    dbus_connection_flush(connection);
+    bus_flush(connection);
     if (!bus_is_connected(sender.connection)) {
         sender.unsent.reset(dbus_message_copy(message.get())); // without the serial number of this connection
         return;

@@ -49,7 +49,7 @@ dbus_bool_t __wrap_dbus_connection_send(DBusConnection * /*unused*/, DBusMessage
                                         dbus_uint32_t * /*unused*/) {
     return TRUE;
 }
-void __wrap_dbus_connection_flush(DBusConnection * /*unused*/) {}
+dbus_bool_t __wrap_dbus_connection_has_messages_to_send(DBusConnection * /*unused*/) { return FALSE; }
 }
 
 namespace {

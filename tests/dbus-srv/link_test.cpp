@@ -350,6 +350,32 @@ TEST_F(BusLossTest, WhileAClientFloods) {
     EXPECT_TRUE(is_listed(client));
 }
 
+// The library reads no more than its limit. Then it does not see that the bus has closed the connection.
+TEST_F(BusLossTest, BeforeTheReplyToTheFirstOfManyLargeCalls) {
+    daemon.obey("lose-bus " + std::to_string(bus.pid()));
+    kill(daemon.process().pid(), SIGSTOP);
+    {
+        BusClient client(bus);
+        const std::string text(8192, 'x');
+        const char *const argument = text.c_str();
+        for (int i = 0; i < 100; ++i) {
+            const BusMessage call = method_call(PATH, ISSUES, "GetListing");
+            dbus_message_append_args(call.get(), DBUS_TYPE_STRING, static_cast<const void *>(&argument),
+                                     DBUS_TYPE_INVALID);
+            client.send(call);
+        }
+        client.call(
+            BusMessage(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetId")));
+        kill(daemon.process().pid(), SIGCONT);
+        EXPECT_TRUE(daemon.traced("the bus is gone"));
+        bus.stop();
+    }
+    bus.start();
+    BusClient client(bus);
+    EXPECT_NE(client.wait_for_owner(SERVICE_NAME), "");
+    EXPECT_TRUE(is_listed(client));
+}
+
 TEST_F(BusLossTest, AStoppedBusBlocksNobody) {
     IssueWatcher client(bus);
     kill(bus.pid(), SIGSTOP);

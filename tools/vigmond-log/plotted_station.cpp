@@ -9,6 +9,7 @@ namespace vlog {
 namespace {
 
 constexpr std::size_t MOST_EVENTS = 5000;  // in the list of changes, and as many starts in the strips
+constexpr std::size_t MOST_UNFOLDED = 500; // of them; a browser needs a second for the layout of thousands
 constexpr Moment CLOCK_IS_SET = 946684800; // 2000-01-01; a controller without its time starts in 1970
 
 std::string number_text(std::optional<std::int32_t> number) { return number ? std::to_string(*number) : "null"; }
@@ -137,12 +138,12 @@ void PlottedStation::record(const Event &event) {
 
 void PlottedStation::write_notes(std::size_t number, Output *output) const {
     const std::vector<std::size_t> strips = shown();
-    output->print(
-        "<details open><summary>%zu changes and events%s</summary>\n<div class=\"scroll\" tabindex=\"0\"><table>"
-        "<thead><tr><th scope=\"col\">time</th><th scope=\"col\">check</th><th scope=\"col\">what</th></tr>"
-        "</thead><tbody>\n",
-        notes_.size(),
-        notes_left_out_ > 0 ? (", the last of " + std::to_string(notes_.size() + notes_left_out_)).c_str() : "");
+    output->print("<details%s><summary>%zu changes and events%s</summary>\n<div class=\"scroll\" tabindex=\"0\"><table>"
+                  "<thead><tr><th scope=\"col\">time</th><th scope=\"col\">check</th><th scope=\"col\">what</th></tr>"
+                  "</thead><tbody>\n",
+                  notes_.size() <= MOST_UNFOLDED ? " open" : "", notes_.size(),
+                  notes_left_out_ > 0 ? (", the last of " + std::to_string(notes_.size() + notes_left_out_)).c_str()
+                                      : "");
     for (const Note &note : notes_) {
         std::string strip;
         if (note.check) {

@@ -54,6 +54,10 @@ const box = document.getElementById('strip-0-0').getBoundingClientRect();
 result.spike = [box.left + graph.toDomXCoord((%(begin)d + 10 * %(spike)d) * 1000), box.top + graph.toDomYCoord(85)];
 result.base = box.top + graph.toDomYCoord(42);
 result.area = [box.left + area.x, box.left + area.x + area.w];
+const list = document.querySelector('details');
+list.open = false;
+window.dispatchEvent(new Event('beforeprint'));
+result.printed = list.open;
 result.said = said;
 const text = document.createElement('pre');
 text.id = 'result';
@@ -174,6 +178,7 @@ def main():
         change = BEGIN + 10 * SPIKE
         expect(result["jumped"] == [[change - 1800, change + 1800]] * 2, f"a click jumps there: {result['jumped']}")
         expect(result["back"] == [whole] * 2, f"and back: {result['back']}")
+        expect(result["printed"], "a folded list of changes is printed")
         chromium(folder, page, f"--screenshot={folder}/page.png")
         check_picture(folder + "/page.png", result)
     print("passed")

@@ -5,6 +5,8 @@
 #include "bzip2_tool.h"
 #include "program.h"
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <random>
 
@@ -98,6 +100,28 @@ TEST_F(Plot, ListsChangesAsTextAndSkipsAnUnsetClock) {
                                 "<td>CB20[0] temperature</td><td>OK \xE2\x86\x92 FAIL, value 85, after 10s</td>"));
     EXPECT_THAT(page, HasSubstr("\"begin\":1714557600,\"count\":2}"));
     EXPECT_THAT(page, Not(HasSubstr("http://")));
+}
+
+// A browser needs a second for the layout of thousands of rows.
+TEST_F(Plot, FoldsMoreThanFiveHundredChanges) {
+    std::string log = header("2024-05-01 10:00:00", "START");
+    const auto add = [&log](int i) { // a change every ten seconds
+        std::array<char, 32> time{};
+        std::snprintf(time.data(), time.size(), "2024-05-01 %02d:%02d:%02d", 10 + i / 360, i / 6 % 60, i % 6 * 10);
+        log += record(time.data(), i % 2 == 0 ? "OK" : "FAIL", "CB20", i % 2 == 0 ? "42" : "85");
+    };
+    const auto page = [&] {
+        const Ran ran = run("plot -o " + (scratch / "page.html") + " " + scratch.write("logfile", log));
+        EXPECT_EQ(ran.status, 0) << ran.err;
+        const std::string text = read_file(scratch / "page.html");
+        return text.substr(std::min(text.find("<details"), text.size()), 60);
+    };
+    for (int i = 0; i < 500; ++i) { // the first is no change
+        add(i);
+    }
+    EXPECT_THAT(page(), HasSubstr("<details open><summary>500 changes and events</summary>")); // with the start
+    add(500);
+    EXPECT_THAT(page(), HasSubstr("<details><summary>501 changes and events</summary>"));
 }
 
 TEST_F(Plot, LeavesNoPartialPageOnAFullDisk) {

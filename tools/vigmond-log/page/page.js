@@ -196,6 +196,9 @@
       addStrip(check, station.starts, document.getElementById('strip-' + number + '-' + place));
     });
   });
+  window.addEventListener('beforeprint', () => {
+    for (const list of document.querySelectorAll('details')) list.open = true;
+  });
   const whole = () => show(data.begin, data.end);
   document.getElementById('whole').addEventListener('click', whole);
   document.addEventListener('click', (event) => {

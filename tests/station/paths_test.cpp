@@ -1,13 +1,15 @@
 // Which network paths are in use: when the two settings files are read, and how they are parsed.
 
-#include "issue_records.h"
 #include "network_paths.h"
 #include "station_bus.h"
+#include "station_life.h"
+#include "status_log.h"
 
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -17,6 +19,22 @@ namespace {
 
 const std::vector<std::string> LAN_ISSUES{"CB10", "CB11", "CB12"};
 const std::vector<std::string> WIFI_ISSUES{"CB13", "CB01", "CB02", "CB04", "CB09"};
+
+/// Label and value of the issue's record in the last pass, "OK 0"; empty without one.
+std::string last_record_of(const Station &station, const std::string &issue) {
+    const std::string begin = stamp_of(station.clock()) + "\t";
+    for (const std::string &line : records_in(station.read(STATUS_LOG))) {
+        std::istringstream fields(line.starts_with(begin) ? line.substr(begin.size()) : "");
+        std::string label;
+        std::string id;
+        std::string index;
+        std::string value;
+        if (fields >> label >> id >> index >> value && id == issue) {
+            return label + " " + value;
+        }
+    }
+    return "";
+}
 
 /// A station with both paths in use. A path is in use if its checks were recorded in the last pass.
 struct PathStation : testing::Test {

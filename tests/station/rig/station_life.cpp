@@ -74,7 +74,7 @@ StationLife::StationLife(std::vector<Check> checks) {
 
 void StationLife::start(Station *station, const std::vector<std::string> &arguments) {
     station->start(arguments);
-    skip(station->clock());
+    predict_pass(station->clock());
 }
 
 void StationLife::step(Station *station) {
@@ -82,7 +82,7 @@ void StationLife::step(Station *station) {
     const std::int64_t now = station->clock() + seconds;
     put_inputs(station, now);
     station->step(seconds);
-    skip(now);
+    predict_pass(now);
 }
 
 void StationLife::steps(Station *station, int count) {
@@ -91,7 +91,7 @@ void StationLife::steps(Station *station, int count) {
     }
 }
 
-void StationLife::skip(std::int64_t now) {
+void StationLife::predict_pass(std::int64_t now) {
     last_ = records_.size();
     for (Course &course : courses_) {
         if (is_due(course, now)) {

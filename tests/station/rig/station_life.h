@@ -49,8 +49,6 @@ class StationLife {
     /// Runs a heartbeat at the next multiple of ten seconds.
     void step(Station *station);
     void steps(Station *station, int count);
-    /// Predicts the records of a pass without running it.
-    void skip(std::int64_t now);
 
     /// The records of all passes so far, one line each.
     [[nodiscard]] const std::vector<std::string> &records() const { return records_; }
@@ -69,6 +67,7 @@ class StationLife {
 
     [[nodiscard]] bool is_due(const Course &course, std::int64_t now) const;
     void put_inputs(Station *station, std::int64_t now);
+    void predict_pass(std::int64_t now);
     void take_sample(Course *course, std::int64_t now);
 
     std::vector<Course> courses_;

@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr std::array<const char *, 4> KINDS{"daemon", "daemon_without_journal", "bare", "bare_with_traces"};
+constexpr std::array<const char *, 4> KIND_NAMES{"daemon", "daemon_without_journal", "bare", "bare_with_traces"};
 constexpr dbus_uint32_t CHANGED = 1700000000;
 constexpr std::uint32_t SWITCHED_ISSUE = 7;
 
@@ -119,7 +119,7 @@ void bare_answer(DBusConnection *connection, DBusMessage *call, const std::vecto
 } // namespace
 
 std::vector<std::string> server_command(Server kind, int issues, const std::string &name) {
-    return {"/proc/self/exe", "serve", KINDS[static_cast<std::size_t>(kind)], std::to_string(issues), name};
+    return {"/proc/self/exe", "serve", KIND_NAMES[static_cast<std::size_t>(kind)], std::to_string(issues), name};
 }
 
 void serve_if_asked(int argc, char **argv) {
@@ -129,11 +129,11 @@ void serve_if_asked(int argc, char **argv) {
     const std::string_view kind = argv[2];
     int issues = 0;
     std::from_chars(argv[3], argv[3] + std::strlen(argv[3]), issues);
-    if (kind.starts_with(KINDS[0])) {
-        line_tap = kind == KINDS[0] ? nullptr : drop_line;
+    if (kind.starts_with(KIND_NAMES[0])) {
+        line_tap = kind == KIND_NAMES[0] ? nullptr : drop_line;
         serve_as_daemon(argv[4], issues);
     }
-    serve_bare(argv[4], issues, kind == KINDS[3]);
+    serve_bare(argv[4], issues, kind == KIND_NAMES[3]);
 }
 
 Process::Process(std::vector<std::string> command) {

@@ -66,7 +66,7 @@ struct AttackCampaign : testing::Test {
         const long now = usage_of(station.pid()).resident_kb;
         first_kb = first_kb.value_or(now);
         most_kb = std::max(most_kb, now - *first_kb);
-        const long limit = sanitized_daemon() == nullptr ? *first_kb + MORE_KB : now;
+        const long limit = !is_sanitized() ? *first_kb + MORE_KB : now;
         ASSERT_LE(now, limit) << "resident after " << beats_of_life << " heartbeats";
     }
 

@@ -72,7 +72,7 @@ class BusFault : public BusStation {
 
     /// One leaked reply per call would be a thousand pages for ten thousand calls; a burst needs a hundred.
     void expect_same_memory(long pages) {
-        if (sanitized_daemon() == nullptr) { // a sanitizer keeps freed memory
+        if (!is_sanitized()) { // a sanitizer keeps freed memory
             EXPECT_LT(memory_of(station.pid()) - pages, 256);
         }
     }

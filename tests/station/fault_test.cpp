@@ -64,7 +64,7 @@ constexpr std::array<Kind, 25> KINDS{{
 constexpr unsigned FOR_EVER = std::numeric_limits<unsigned>::max();
 
 /// The sanitizer aborts if it has no memory to start a thread.
-bool spares_threads() { return sanitized_daemon() != nullptr; }
+bool spares_threads() { return is_sanitized(); }
 
 StationFault fault_of(const Kind &kind, unsigned first, unsigned last) {
     return {.call = kind.call,

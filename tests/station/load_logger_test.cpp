@@ -388,7 +388,7 @@ void spin(std::chrono::microseconds time) {
 
 // The child is then between fork and exec.
 TEST(LoadLogger, IsEndedByTerminationsAtRandomInstantsAfterTheFork) {
-    const int count = sanitized_daemon() != nullptr ? 60 : 200;
+    const int count = is_sanitized() ? 60 : 200;
     constexpr std::size_t most_traces = 12;
     constexpr int longest_us = 2000;
     const Subreaper orphans;

@@ -26,7 +26,7 @@ namespace {
 
 constexpr unsigned LIFE = 2500; // heartbeats
 
-unsigned usual_length() { return sanitized_daemon() != nullptr ? LIFE / 10 : LIFE; }
+unsigned usual_length() { return is_sanitized() ? LIFE / 10 : LIFE; }
 
 constexpr std::uint64_t FIRST_SEED = 1;
 constexpr std::uint64_t LAST_SEED = 3;

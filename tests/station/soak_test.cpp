@@ -12,11 +12,11 @@
 namespace {
 
 /// Under a sanitizer, whose memory cannot be compared, the descriptors show within few heartbeats.
-const int MANY = sanitized_daemon() != nullptr ? 500 : 10'000;
-const int FEWER = sanitized_daemon() != nullptr ? 200 : 2'000; ///< for slower heartbeats
-constexpr int SETTLED = 500; ///< heartbeats after which all buffers have their final size
+const int MANY = is_sanitized() ? 500 : 10'000;
+const int FEWER = is_sanitized() ? 200 : 2'000; ///< for slower heartbeats
+constexpr int SETTLED = 500;                    ///< heartbeats after which all buffers have their final size
 /// Allowed growth in kB for pages touched late; a sanitizer keeps freed memory for a while.
-const long PAGES = sanitized_daemon() != nullptr ? 1'000'000 : 64;
+const long PAGES = is_sanitized() ? 1'000'000 : 64;
 
 std::size_t descriptors_of(pid_t pid) {
     const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");

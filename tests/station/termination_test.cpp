@@ -28,7 +28,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-const unsigned DEFAULT_COUNT = sanitized_daemon() != nullptr ? 50 : 200;
+const unsigned DEFAULT_COUNT = is_sanitized() ? 50 : 200;
 constexpr unsigned PASSES = 8; // the load logger is forked in the sixth
 constexpr std::array TERMINATIONS{SIGTERM, SIGQUIT, SIGHUP, SIGINT};
 constexpr std::chrono::seconds LONGEST{5};

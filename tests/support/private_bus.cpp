@@ -7,7 +7,7 @@
 namespace {
 
 /// Half of the listener's wait, so that what arrives only at its end is too late.
-constexpr std::chrono::seconds PATIENCE{30};
+constexpr std::chrono::seconds MESSAGE_PATIENCE{30};
 
 constexpr const char *OPEN_RULES = "  <policy context='default'>\n"
                                    "    <allow user='*'/>\n"
@@ -118,7 +118,7 @@ BusMessage BusClient::wait_for(const std::function<bool(DBusMessage *)> &wanted)
             return found;
         }
     }
-    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    const auto deadline = std::chrono::steady_clock::now() + MESSAGE_PATIENCE;
     while (std::chrono::steady_clock::now() < deadline) {
         while (BusMessage message{dbus_connection_pop_message(connection_.get())}) {
             if (wanted(message.get())) {

@@ -102,7 +102,7 @@ bool is_station_name(const std::string &name) {
     });
 }
 
-class Arguments {
+class NamedPaths {
   public:
     bool take(const std::string &argument) {
         const std::size_t equals = argument.find('=');
@@ -203,7 +203,7 @@ std::optional<std::vector<std::string>> log_paths(const std::string &folder, std
 
 std::optional<std::vector<StationFiles>> stations_of(const std::vector<std::string> &arguments, std::string *problem,
                                                      bool *is_usage) {
-    Arguments all;
+    NamedPaths all;
     for (const std::string &argument : arguments) {
         if (!all.take(argument)) {
             *problem = all.problem();

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <ratio>
 
 namespace {
 
-constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 constexpr std::int64_t MARCH_1_2024_12_00_07 = 1709294407; // 19783 days and 43207 seconds
 
 /// A zone file for UTC: the magic, a version and fifteen reserved bytes, six counts (one local time, four bytes
@@ -92,7 +92,7 @@ Board &Board::clock(std::int64_t seconds) {
 }
 
 void Board::fill(StationPage *page) const {
-    page->now.store(clock_ * NANOSECONDS);
+    page->now.store(clock_ * std::nano::den);
     page->mmc = mmc_;
     for (const auto &[path, answer] : disks_) {
         put_disk(page, path, answer);

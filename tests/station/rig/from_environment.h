@@ -12,9 +12,14 @@ inline unsigned from_environment(const char *name, unsigned usual) {
     return given == nullptr ? usual : static_cast<unsigned>(std::strtoul(given, nullptr, 10));
 }
 
-/// The path of a daemon built with the address sanitizer, to be tested instead of the one built with the tests:
-/// STATION_SANITIZED_DAEMON, or null.
-inline const char *sanitized_daemon() { return std::getenv("STATION_SANITIZED_DAEMON"); }
+/// Whether the daemon is built with the address sanitizer, which makes it slower and larger.
+inline bool is_sanitized() { return std::getenv("STATION_SANITIZED") != nullptr; }
+
+/// The path of the daemon to test: STATION_DAEMON, or the one that is built with the tests.
+inline const char *daemon_or(const char *built) {
+    const char *given = std::getenv("STATION_DAEMON");
+    return given == nullptr ? built : given;
+}
 
 /// STATION_SEED, or a random seed; printed, so that a run can be repeated.
 inline unsigned seed_of_the_day() {

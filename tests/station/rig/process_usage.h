@@ -35,7 +35,7 @@ inline ProcessUsage usage_of(pid_t pid) {
 /// record.
 inline void expect_as_before(const ProcessUsage &now, const ProcessUsage &before) {
     // A sanitizer keeps freed memory for a while and reports leaks at the end.
-    const long allocator_kb = sanitized_daemon() != nullptr ? 1'000'000 : 512;
+    const long allocator_kb = is_sanitized() ? 1'000'000 : 512;
     EXPECT_LE(now.resident_kb, before.resident_kb + allocator_kb);
     EXPECT_LE(now.descriptors, before.descriptors + 1);
     EXPECT_EQ(now.threads, before.threads);

@@ -8,10 +8,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <ratio>
 
 namespace {
 
-constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 constexpr std::chrono::seconds FAIL_SAFE{30};
 
 std::string tail_of(const std::string &text) {
@@ -22,8 +22,7 @@ std::string tail_of(const std::string &text) {
 } // namespace
 
 Station::Station(Board board)
-    : program(sanitized_daemon() != nullptr ? sanitized_daemon() : STATION_DAEMON), board_(std::move(board)),
-      folder_(board_, scratch_.path()),
+    : program(daemon_or(STATION_DAEMON)), board_(std::move(board)), folder_(board_, scratch_.path()),
       journal_socket_(folder_.host_path("/run/systemd/journal/socket"), DatagramSocket::Queue::roomy),
       syslog_socket_(folder_.host_path("/dev/log")) {}
 
@@ -111,11 +110,11 @@ void Station::signal(int signo) {
     await_wait_after(before);
 }
 
-void Station::advance(std::int64_t seconds) { daemon().page().now.fetch_add(seconds * NANOSECONDS); }
+void Station::advance(std::int64_t seconds) { daemon().page().now.fetch_add(seconds * std::nano::den); }
 
-void Station::set_clock(std::int64_t seconds) { daemon().page().now.store(seconds * NANOSECONDS); }
+void Station::set_clock(std::int64_t seconds) { daemon().page().now.store(seconds * std::nano::den); }
 
-std::int64_t Station::clock() const { return daemon().page().now.load() / NANOSECONDS; }
+std::int64_t Station::clock() const { return daemon().page().now.load() / std::nano::den; }
 
 void Station::await_wait_after(unsigned count) {
     await("the wait", [this, count] { return waits() > count; });

@@ -3,6 +3,7 @@
 #include "raised_issues.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <set>
@@ -12,8 +13,9 @@ namespace vlog {
 
 namespace {
 
-constexpr std::size_t HEADER_SIZE = 16384; // every file starts with the table of checks, about 3 kB
-constexpr std::size_t TAIL_SIZE = 131072;  // more than an hour of records, so that it contains every check
+constexpr off_t HEADER_SIZE = 16384;      // every file starts with the table of checks, about 3 kB
+constexpr off_t TAIL_SIZE = 131072;       // more than an hour of records, so that it contains every check
+constexpr std::size_t PIECE_SIZE = 16384; // of both; a page less to touch saves more time than it takes to read it
 constexpr std::size_t MOST_BEFORE = 262144;
 constexpr std::int64_t MOST_SILENCE = 60; // six heartbeats
 
@@ -22,18 +24,16 @@ constexpr const char *STATE = "vigmond_check_state";
 constexpr const char *LAST = "vigmond_check_last_record_timestamp_seconds";
 constexpr const char *RAISED = "vigmond_issue_raised";
 
-/// Up to `most` bytes of the file from offset `at`.
-std::string piece_of(const Descriptor &file, off_t at, std::size_t most) {
+/// Up to `most` bytes of the file.
+std::string begin_of(const Descriptor &file, std::size_t most) {
     struct stat status {};
-    if (fstat(file.get(), &status) != 0 || status.st_size <= at) {
+    if (fstat(file.get(), &status) != 0) {
         return {};
     }
-    const auto left = static_cast<std::uint64_t>(status.st_size - at);
-    std::string text(static_cast<std::size_t>(std::min<std::uint64_t>(most, left)), '\0');
+    std::string text(std::min(most, static_cast<std::size_t>(status.st_size)), '\0');
     std::size_t count = 0;
     while (count < text.size()) {
-        const ssize_t more =
-            pread(file.get(), text.data() + count, text.size() - count, at + static_cast<off_t>(count));
+        const ssize_t more = pread(file.get(), text.data() + count, text.size() - count, static_cast<off_t>(count));
         if (more <= 0) {
             break;
         }
@@ -43,18 +43,62 @@ std::string piece_of(const Descriptor &file, off_t at, std::size_t most) {
     return text;
 }
 
+/// Whole lines of a part of a file, piece by piece.
+class Pieces {
+  public:
+    Pieces(const Descriptor &file, off_t begin, off_t end) : file_(file), at_(begin), end_(end), in_line_(begin > 0) {}
+
+    /// Reads on; false at the end.
+    bool read() {
+        const auto most = std::min<std::uint64_t>(bytes_.size() - size_, static_cast<std::uint64_t>(end_ - at_));
+        const ssize_t more = pread(file_.get(), bytes_.data() + size_, static_cast<std::size_t>(most), at_);
+        if (more <= 0) {
+            return false;
+        }
+        at_ += more;
+        size_ += static_cast<std::size_t>(more);
+        if (in_line_) {
+            const std::size_t line_end = text().find('\n');
+            in_line_ = line_end == std::string_view::npos;
+            drop(in_line_ ? size_ : line_end + 1);
+        }
+        return true;
+    }
+
+    [[nodiscard]] std::string_view text() const { return {bytes_.data(), size_}; }
+
+    /// Keeps the rest, which has no line feed, before the next piece. Skips a line that is longer than a piece.
+    void drop(std::size_t used) {
+        size_ -= used;
+        std::memmove(bytes_.data(), bytes_.data() + used, size_);
+        if (size_ == bytes_.size()) {
+            in_line_ = true;
+            size_ = 0;
+        }
+    }
+
+  private:
+    const Descriptor &file_;
+    off_t at_;
+    off_t end_;
+    std::array<char, PIECE_SIZE> bytes_{};
+    std::size_t size_ = 0;
+    bool in_line_; ///< whose beginning is not read
+};
+
 class Tail {
   public:
-    void read(std::string_view text) {
+    void read(const Descriptor &file, off_t begin, off_t end) {
         TextReader reader;
-        Chunk chunk;
-        for (std::size_t used = 1; used > 0;) {
-            used = reader.read(text, &chunk);
-            text.remove_prefix(used);
-            for (const Item &item : chunk.items) {
-                take(item, chunk);
+        for (Pieces pieces(file, begin, end); pieces.read();) {
+            for (std::size_t used = 1; used > 0;) {
+                used = reader.read(pieces.text(), &chunk_);
+                pieces.drop(used);
+                for (const Item &item : chunk_.items) {
+                    take(item, chunk_);
+                }
+                chunk_.clear();
             }
-            chunk.clear();
         }
     }
 
@@ -111,6 +155,7 @@ class Tail {
         present->state = item.readable() ? std::optional(item.state()) : present->state;
     }
 
+    Chunk chunk_;
     PresentLog found_;
     LocalClock clock_;
     std::optional<Moment> before_;
@@ -159,12 +204,9 @@ std::optional<PresentLog> read_present(const std::string &path, std::string *pro
         return std::nullopt;
     }
     Tail tail;
-    const off_t begin = std::max<off_t>(status.st_size - static_cast<off_t>(TAIL_SIZE), 0);
-    if (begin > 0) {
-        tail.read(piece_of(file, 0, std::min(HEADER_SIZE, static_cast<std::size_t>(begin))));
-    }
-    const std::string text = piece_of(file, begin, TAIL_SIZE);
-    tail.read(begin == 0 ? text : std::string_view(text).substr(std::min(text.find('\n') + 1, text.size())));
+    const off_t begin = std::max<off_t>(status.st_size - TAIL_SIZE, 0);
+    tail.read(file, 0, std::min(HEADER_SIZE, begin));
+    tail.read(file, begin, status.st_size);
     return tail.finish();
 }
 
@@ -207,7 +249,7 @@ int export_textfile(Session *session, Moment now) {
     }
     const Descriptor old(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     Output output(path);
-    output.write(textfile_text(*log, old ? piece_of(old, 0, MOST_BEFORE) : "", now, raised));
+    output.write(textfile_text(*log, old ? begin_of(old, MOST_BEFORE) : "", now, raised));
     session->note_read();
     return session->finish(&output);
 }

@@ -151,6 +151,42 @@ TEST_F(Textfile, IsMadeFromTheTailOnly) {
     EXPECT_EQ(present->last, 1714557600 + 99990);
 }
 
+// It is read in pieces of 16 KiB, which end within lines.
+TEST_F(Textfile, ReadsEveryRecordOfTheTail) {
+    ASSERT_TRUE(vlog::zone_set("UTC"));
+    const std::string other = record("2024-05-01 10:00:00", "OK", "CB20", "42");
+    const std::string wanted = record("2024-05-01 10:00:10", "OK", "CB21", "7");
+    const std::string begin = header("2024-05-01 10:00:00", "START");
+    for (std::size_t size = 16384 - wanted.size(); size <= 16384; ++size) { // of the text before the record
+        std::string text = begin;
+        while (text.size() + other.size() < size) {
+            text += other;
+        }
+        text += std::string(size - text.size() - 1, '#') + "\n" + wanted;
+        std::string problem;
+        const auto present = vlog::read_present(scratch.write("logfile", text), &problem);
+        ASSERT_TRUE(present) << problem;
+        ASSERT_EQ(present->checks.size(), 2U) << size;
+        EXPECT_EQ(present->checks[1].time, 1714557610) << size;
+    }
+}
+
+TEST_F(Textfile, TakesNoRecordFromAnOverlongLine) {
+    ASSERT_TRUE(vlog::zone_set("UTC"));
+    std::string line;
+    while (line.size() < 50000) {
+        line += "2024-05-01 10:00:10\tFAIL\tCB21\t0\t1";
+    }
+    std::string problem;
+    const auto present =
+        vlog::read_present(scratch.write("logfile", header("2024-05-01 10:00:00", "START") + line + "\n" +
+                                                        record("2024-05-01 10:00:20", "OK", "CB20", "42")),
+                           &problem);
+    ASSERT_TRUE(present) << problem;
+    ASSERT_EQ(present->checks.size(), 1U);
+    EXPECT_EQ(present->checks[0].time, 1714557620);
+}
+
 TEST_F(Textfile, ShowsWhetherTheDaemonRuns) {
     vlog::PresentLog present;
     present.last = 1000;

@@ -30,7 +30,7 @@ std::string last_record_of(const Station &station, const std::string &issue) {
         std::string index;
         std::string value;
         if (fields >> label >> id >> index >> value && id == issue) {
-            return label + " " + value;
+            return label.append(" ").append(value);
         }
     }
     return "";

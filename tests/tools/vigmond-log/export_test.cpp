@@ -173,15 +173,26 @@ TEST_F(Textfile, ReadsEveryRecordOfTheTail) {
 
 TEST_F(Textfile, TakesNoRecordFromAnOverlongLine) {
     ASSERT_TRUE(vlog::zone_set("UTC"));
-    std::string line;
-    while (line.size() < 50000) {
-        line += "2024-05-01 10:00:10\tFAIL\tCB21\t0\t1";
-    }
+    const std::string line = std::string(16384, 'x') + "2024-05-01 10:00:10\tFAIL\tCB21\t0\t1";
     std::string problem;
     const auto present =
         vlog::read_present(scratch.write("logfile", header("2024-05-01 10:00:00", "START") + line + "\n" +
                                                         record("2024-05-01 10:00:20", "OK", "CB20", "42")),
                            &problem);
+    ASSERT_TRUE(present) << problem;
+    ASSERT_EQ(present->checks.size(), 1U);
+    EXPECT_EQ(present->checks[0].time, 1714557620);
+}
+
+// The tail, the last 128 KiB, begins within a line, whose rest looks like a record.
+TEST_F(Textfile, TakesNoRecordFromACutLine) {
+    ASSERT_TRUE(vlog::zone_set("UTC"));
+    const std::string rest = record("2024-05-01 10:00:10", "FAIL", "CB21", "1");
+    const std::string last = record("2024-05-01 10:00:20", "OK", "CB20", "42");
+    const std::string filler = std::string(131072 - rest.size() - last.size() - 1, '#') + "\n";
+    std::string problem;
+    const auto present = vlog::read_present(
+        scratch.write("logfile", header("2024-05-01 10:00:00", "START") + "x" + rest + filler + last), &problem);
     ASSERT_TRUE(present) << problem;
     ASSERT_EQ(present->checks.size(), 1U);
     EXPECT_EQ(present->checks[0].time, 1714557620);

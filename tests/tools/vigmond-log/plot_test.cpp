@@ -4,6 +4,7 @@
 
 #include "bzip2_tool.h"
 #include "program.h"
+#include "zone.h"
 
 #include <algorithm>
 #include <array>
@@ -105,10 +106,10 @@ TEST_F(Plot, ListsChangesAsTextAndSkipsAnUnsetClock) {
 // A browser needs a second for the layout of thousands of rows.
 TEST_F(Plot, FoldsMoreThanFiveHundredChanges) {
     std::string log = header("2024-05-01 10:00:00", "START");
+    ASSERT_TRUE(vlog::zone_set("UTC"));
     const auto add = [&log](int i) { // a change every ten seconds
-        std::array<char, 32> time{};
-        std::snprintf(time.data(), time.size(), "2024-05-01 %02d:%02d:%02d", 10 + i / 360, i / 6 % 60, i % 6 * 10);
-        log += record(time.data(), i % 2 == 0 ? "OK" : "FAIL", "CB20", i % 2 == 0 ? "42" : "85");
+        const std::string time = vlog::local_text(1714557600 + 10 * i);
+        log += record(time, i % 2 == 0 ? "OK" : "FAIL", "CB20", i % 2 == 0 ? "42" : "85");
     };
     const auto page = [&] {
         const Ran ran = run("plot -o " + (scratch / "page.html") + " " + scratch.write("logfile", log));

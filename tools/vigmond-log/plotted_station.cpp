@@ -12,7 +12,7 @@ constexpr std::size_t MOST_EVENTS = 5000;  // in the list of changes, and as man
 constexpr std::size_t MOST_UNFOLDED = 500; // of them; a browser needs a second for the layout of thousands
 constexpr Moment CLOCK_IS_SET = 946684800; // 2000-01-01; a controller without its time starts in 1970
 
-std::string number_text(std::optional<std::int32_t> number) { return number ? std::to_string(*number) : "null"; }
+std::string json_number(std::optional<std::int32_t> number) { return number ? std::to_string(*number) : "null"; }
 
 } // namespace
 
@@ -164,8 +164,8 @@ void PlottedStation::write_check(std::size_t check, std::uint64_t group, Output 
     output->print(R"({"name":"%s","interval":%s,"minfail":%s,"minwarn":%s,"maxwarn":%s,"maxfail":%s,"data":")",
                   json_text(title(check)).c_str(),
                   std::to_string(definition.interval.value_or(0) * static_cast<std::int64_t>(group)).c_str(),
-                  number_text(definition.minfail).c_str(), number_text(definition.minwarn).c_str(),
-                  number_text(definition.maxwarn).c_str(), number_text(definition.maxfail).c_str());
+                  json_number(definition.minfail).c_str(), json_number(definition.minwarn).c_str(),
+                  json_number(definition.maxwarn).c_str(), json_number(definition.maxfail).c_str());
     RecordPacker packer;
     Thinner thinner(group);
     std::string text;

@@ -8,8 +8,6 @@ if(NOT CLANG_FORMAT OR NOT CLANG_TIDY)
 endif()
 
 file(GLOB_RECURSE HEADERS CONFIGURE_DEPENDS include/*.h tests/*.h bench/*.h fuzz/*.h tools/*.h)
-file(GLOB_RECURSE SOURCES_TO_TIDY CONFIGURE_DEPENDS src/*.cpp)
-file(GLOB_RECURSE TOOLS_TO_TIDY CONFIGURE_DEPENDS tools/*.cpp)
 file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp docs/*.cpp)
 file(GLOB_RECURSE FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
 
@@ -31,34 +29,54 @@ function(add_tidy_stamps stamps options)
     set(${stamps} ${${stamps}} PARENT_SCOPE)
 endfunction()
 
-# Most checks walk through all headers of a source, which takes most of the time in tools. So there they take two groups
-# of sources. The analyzer takes each by itself, which also shows whether it includes what it uses.
-list(LENGTH TOOLS_TO_TIDY count)
-math(EXPR half "${count} / 2")
-list(SUBLIST TOOLS_TO_TIDY 0 ${half} tools_0)
-list(SUBLIST TOOLS_TO_TIDY ${half} -1 tools_1)
-foreach(group tools_0 tools_1)
-    list(TRANSFORM ${group} REPLACE "(.+)" "#include \"\\1\" // NOLINT(bugprone-suspicious-include)\n")
-    list(JOIN ${group} "" text)
-    file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/lint/${group}.cpp CONTENT "${text}" @ONLY)
-    list(APPEND GROUPS ${CMAKE_BINARY_DIR}/lint/${group}.cpp)
+# Writes a source that includes those given, each with the definition that it is compiled with.
+function(write_group path)
+    set(text "")
+    foreach(source ${ARGN})
+        get_source_file_property(definition ${source} COMPILE_DEFINITIONS)
+        if(definition MATCHES "^TRACE_FILE=(.+)")
+            string(APPEND text "#undef TRACE_FILE\n#define TRACE_FILE ${CMAKE_MATCH_1}\n")
+        endif()
+        string(APPEND text "#include \"${source}\" // NOLINT(bugprone-suspicious-include)\n")
+    endforeach()
+    file(CONFIGURE OUTPUT ${path} CONTENT "${text}" @ONLY)
+endfunction()
+
+# Most checks walk through all headers of a source, so they take groups of sources. The others, and the analyzer, take
+# each source by itself; this also shows whether it includes what it uses.
+set(checks_of_sources clang-analyzer-*,misc-unused-using-decls,misc-unused-alias-decls)
+set(checks_of_groups -clang-analyzer-*)
+set(lint_stamps)
+foreach(folder src tools)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${folder}/*.cpp)
+    add_tidy_stamps(lint_stamps --checks=-*,${checks_of_sources} ${sources})
+    list(APPEND SOURCES_TO_TIDY ${sources})
+    list(LENGTH sources count)
+    math(EXPR half "${count} / 2")
+    list(SUBLIST sources 0 ${half} half_0)
+    list(SUBLIST sources ${half} -1 half_1)
+    foreach(half half_0 half_1)
+        set(group ${CMAKE_BINARY_DIR}/lint/${folder}_${half}.cpp)
+        write_group(${group} ${${half}})
+        set(GROUPED ${sources})
+        add_tidy_stamps(lint_stamps --checks=${checks_of_groups} ${group})
+        set(GROUPED)
+        list(APPEND groups ${group})
+    endforeach()
 endforeach()
-add_library(lint_groups OBJECT EXCLUDE_FROM_ALL ${GROUPS}) # for the compile commands
-target_link_libraries(lint_groups PRIVATE vigmond_log_core vigmond_revision)
+
+# Never built: gives clang-tidy the options of the groups.
+add_library(lint_groups OBJECT EXCLUDE_FROM_ALL ${groups})
+target_link_libraries(lint_groups PRIVATE vigmond_core vigmond_log_core)
 target_include_directories(lint_groups PRIVATE $<TARGET_PROPERTY:vigmond_log_core,INCLUDE_DIRECTORIES>)
+set_source_files_properties(${groups} PROPERTIES COMPILE_OPTIONS -Wno-shadow) # a name of one source may be local in another
 set_target_properties(lint_groups PROPERTIES UNITY_BUILD OFF)
 
-set(lint_stamps)
 set(lint_tests_stamps)
-add_tidy_stamps(lint_stamps "" ${SOURCES_TO_TIDY})
-add_tidy_stamps(lint_stamps "--checks=-*,clang-analyzer-*,misc-unused-using-decls,misc-unused-alias-decls" ${TOOLS_TO_TIDY})
-set(GROUPED ${TOOLS_TO_TIDY})
-add_tidy_stamps(lint_stamps "--checks=-clang-analyzer-*" ${GROUPS})
-set(GROUPED)
 add_tidy_stamps(lint_tests_stamps "" ${TESTS_TO_TIDY})
 add_custom_target(
     lint
-    COMMAND ${CLANG_FORMAT} --dry-run --Werror ${HEADERS} ${SOURCES_TO_TIDY} ${TOOLS_TO_TIDY} ${TESTS_TO_TIDY} ${FUZZ_SOURCES}
+    COMMAND ${CLANG_FORMAT} --dry-run --Werror ${HEADERS} ${SOURCES_TO_TIDY} ${TESTS_TO_TIDY} ${FUZZ_SOURCES}
     COMMAND ${PROJECT_SOURCE_DIR}/script/layers
     DEPENDS ${lint_stamps}
     COMMENT "format, layers")

@@ -1,6 +1,7 @@
 #include "log_sockets.h"
 
 #include "handle.h"
+#include "monotonic_clock.h"
 
 #include <atomic>
 #include <cerrno>
@@ -19,12 +20,6 @@ namespace {
 constexpr int LONGEST_WAIT_MS = 100;
 constexpr int SEND_WAIT_MS = 40; // the library sends twice, and the kernel rounds up to ticks
 constexpr std::int64_t PAUSE_SECONDS = 10;
-
-std::int64_t monotonic_seconds() {
-    std::timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
 
 /// A period in which a socket is not used. Thread-safe.
 class Pause {

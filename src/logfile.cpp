@@ -3,6 +3,7 @@
 #include "common.h"
 #include "logfile/header.h"
 #include "logfile/whole_write.h"
+#include "monotonic_clock.h"
 #include "no_destructor.h"
 #include "rotation.h"
 #include "signals.h"
@@ -34,12 +35,12 @@ namespace {
 constinit NoDestructor<LogfileState> the_state;
 
 /// For a state without a row: written at every level.
-constexpr LogfileStateRow UNKNOWN_STATE{0, -1, "INV"};
+constexpr LogfileStateRow UNKNOWN_STATE_ROW{0, -1, "INV"};
 
-const LogfileStateRow &row_of(std::int32_t state) {
+const LogfileStateRow &state_row_of(std::int32_t state) {
     const auto *const row = std::find_if(logfile_state_table.begin(), logfile_state_table.end(),
                                          [state](const LogfileStateRow &each) { return each.state == state; });
-    return row == logfile_state_table.end() ? UNKNOWN_STATE : *row;
+    return row == logfile_state_table.end() ? UNKNOWN_STATE_ROW : *row;
 }
 
 bool same_name(const char *name, const char *other) { return strcasecmp(name, other) == 0; }
@@ -140,7 +141,7 @@ void flush_standard_streams(const LogfileState &log) {
 
 /// Writes a marker if `mark` is 1, otherwise a record if the level permits; false, with errno set, if it was lost.
 bool write_entry(LogfileState &log, std::int32_t state, const char *text, int mark) {
-    const LogfileStateRow &row = row_of(state);
+    const LogfileStateRow &row = state_row_of(state);
     if (mark != 1 && row.level > log.loglevel) {
         return true;
     }
@@ -152,12 +153,6 @@ bool write_entry(LogfileState &log, std::int32_t state, const char *text, int ma
 /// Seconds for the rotation at the end of the process. Compressing a log of the default size takes about 4 s on the
 /// board; the service manager waits 30 s.
 constexpr std::int64_t LONGEST_LAST_ROTATION = 10;
-
-std::int64_t monotonic_seconds() {
-    std::timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
 
 /// Called by file_rotate. True if the process is to end or the last rotation takes too long: other programs may have
 /// made the log very large. The next start repeats an interrupted rotation.

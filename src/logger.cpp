@@ -19,7 +19,7 @@ constinit const std::array<LoggerState, 7> logger_state_table{{
 
 namespace {
 
-constexpr std::size_t LINE_SIZE = 1023;
+constexpr std::size_t SENTENCE_SIZE = 1023;
 
 /// For a state without a row: passes every severity level, with its own priority.
 constexpr LoggerState UNKNOWN_STATE{.state = 0, .priority = -1, .label = "unknown", .description = "unknown"};
@@ -210,7 +210,7 @@ int bool_logger(Task *task) {
     trace(TRACE_DEBUG, " ");
     if (task->do_log == 1) {
         trace(TRACE_TRACE, "ID: CB%02d[%d], state: %d", task->id, task->index, task->state);
-        std::array<char, LINE_SIZE> line{};
+        std::array<char, SENTENCE_SIZE> line{};
         logger_id_prefix(line.data(), line.size(), task);
         if (has_sentence(task)) {
             logger_format(line.data(), line.size(), task); // overwrites the prefix, unlike threshold_logger
@@ -227,7 +227,7 @@ int threshold_logger(Task *task) {
     trace(TRACE_DEBUG, " ");
     if (task->do_log == 1) {
         trace(TRACE_TRACE, "ID: CB%02d[%d], state: %d", task->id, task->index, task->state);
-        std::array<char, LINE_SIZE> buffer{};
+        std::array<char, SENTENCE_SIZE> buffer{};
         TextBuffer line = logger_value_line(buffer, task);
         if (has_sentence(task)) {
             logger_format(line.end(), line.remaining() + 1, task);

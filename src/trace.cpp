@@ -25,7 +25,7 @@ constinit int trace_mode = TRACE_DEBUG;
 namespace {
 
 constexpr int MODE_STDERR = 3;
-constexpr std::size_t LINE_SIZE = 1024;
+constexpr std::size_t TRACE_SIZE = 1024;
 
 /// ") [thread] hh:mm:ss ", part of each line. Each thread formats it once a second.
 struct Stamp {
@@ -35,9 +35,9 @@ struct Stamp {
     std::array<char, 32> text;
 };
 
-constinit thread_local Stamp stamp{};
+constinit thread_local Stamp last_stamp{};
 
-void forget_stamp() { stamp = {}; }
+void forget_stamp() { last_stamp = {}; }
 
 [[maybe_unused]] const int FORGOTTEN_IN_CHILDREN = pthread_atfork(nullptr, nullptr, forget_stamp);
 
@@ -67,28 +67,28 @@ char *put_two_digits(char *at, int number) {
 }
 
 void renew_stamp(std::time_t second) {
-    char *const start = stamp.text.data();
-    if (stamp.time_at == 0) {
+    char *const start = last_stamp.text.data();
+    if (last_stamp.time_at == 0) {
         const char *end = put_text(put_number(put_text(start, ") ["), gettid()), "] ");
-        stamp.time_at = static_cast<std::size_t>(end - start);
+        last_stamp.time_at = static_cast<std::size_t>(end - start);
     }
     const TimeOfDay now = utc_time_of_day(second);
-    char *at = put_two_digits(start + stamp.time_at, now.hour);
+    char *at = put_two_digits(start + last_stamp.time_at, now.hour);
     at = put_two_digits(put_text(at, ":"), now.minute);
     at = put_text(put_two_digits(put_text(at, ":"), now.second), " ");
-    stamp.length = static_cast<std::size_t>(at - start);
-    stamp.second = second;
+    last_stamp.length = static_cast<std::size_t>(at - start);
+    last_stamp.second = second;
 }
 
 /// Writes "(level) [thread] hh:mm:ss " and returns its end. It always fits in a line.
 char *put_head(char *line, int level) {
     const std::time_t now = std::time(nullptr);
-    if (now != stamp.second || stamp.time_at == 0) {
+    if (now != last_stamp.second || last_stamp.time_at == 0) {
         renew_stamp(now);
     }
     char *const at = put_number(put_text(line, "("), level);
-    std::copy(stamp.text.begin(), stamp.text.end(), at); // all of it: a constant size needs no call of memcpy
-    return at + stamp.length;
+    std::copy(last_stamp.text.begin(), last_stamp.text.end(), at); // all of it: a constant size needs no call of memcpy
+    return at + last_stamp.length;
 }
 
 /// The location of a trace; the first two as journal fields.
@@ -98,7 +98,7 @@ struct Place {
     const char *function;
 };
 
-using LineText = std::array<char, LINE_SIZE>;
+using LineText = std::array<char, TRACE_SIZE>;
 
 /// Writes everything that precedes the message.
 TextBuffer begin_line(LineText *text, int level, const Place &place) {

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr int MAX_TOKENS = 6;
+constexpr int MAX_FIELDS = 6;
 
 std::uint32_t to_blocks(const char *text) {
     return static_cast<std::uint32_t>(std::clamp<long long>(std::strtoll(text, nullptr, 10), 0, UINT32_MAX));
@@ -28,8 +28,8 @@ std::uint32_t to_blocks(const char *text) {
 
 bool diskusage_parse_line(char *line, BlockCounts *counts) {
     constexpr int needed = 5;
-    std::array<char *, MAX_TOKENS + 1> tokens{};
-    if (strsplit(line, tokens.data(), MAX_TOKENS) < needed) {
+    std::array<char *, MAX_FIELDS + 1> tokens{};
+    if (strsplit(line, tokens.data(), MAX_FIELDS) < needed) {
         return false;
     }
     *counts = {.total = to_blocks(tokens[2]), .free = to_blocks(tokens[3]), .available = to_blocks(tokens[4])};

@@ -21,8 +21,8 @@ Reading operstate_parse(const char *line) {
 
 namespace {
 
-constexpr std::int32_t ID_HARDWARE = 11;
-constexpr std::int32_t ID_LINK = 12;
+constexpr std::int32_t ID_LAN_HARDWARE = 11;
+constexpr std::int32_t ID_LAN_LINK = 12;
 Reading read_link(std::FILE *file) {
     constexpr std::size_t line_size = 1024;
     std::array<char, line_size> line{};
@@ -36,9 +36,9 @@ Reading read_link(std::FILE *file) {
 Reading ethernet_read(const Task *task) {
     const FileHandle file(std::fopen(task->parameter, "re"));
     switch (task->id) {
-    case ID_HARDWARE:
+    case ID_LAN_HARDWARE:
         return Reading::of(file ? 0 : 1);
-    case ID_LINK:
+    case ID_LAN_LINK:
         return file ? read_link(file.get()) : Reading::failed(EINVAL);
     default:
         return Reading::failed(EINVAL);
@@ -63,7 +63,7 @@ int ethernet_exec(Task *task) {
     task->do_logfile = 1;
     const Reading reading = ethernet_read(task);
     if (reading.error != 0) {
-        trace(TRACE_TRACE, "%s FAILED!", task->id == ID_HARDWARE ? "CB11" : "CB12");
+        trace(TRACE_TRACE, "%s FAILED!", task->id == ID_LAN_HARDWARE ? "CB11" : "CB12");
         return probe_fail(task, reading.error);
     }
     return probe_succeed(task, reading.value);
@@ -79,10 +79,10 @@ int ethernet_logger(Task *task) {
     std::array<char, PROBE_LINE_SIZE> buffer{};
     TextBuffer line = logger_value_line(buffer, task);
     switch (task->id) {
-    case ID_HARDWARE:
+    case ID_LAN_HARDWARE:
         line.append_format("Ethernet hardware %s.", good ? "available and usable" : "not available or not usable");
         break;
-    case ID_LINK:
+    case ID_LAN_LINK:
         line.append_format("Ethernet connection %s established.", good ? "is" : "could not be");
         break;
     default:

@@ -20,10 +20,10 @@
 
 namespace {
 
-constexpr int MAX_TOKENS = 16; // one less than in the line: the last counter is not used
-constexpr int MIN_TOKENS = 11;
+constexpr int MAX_COLUMNS = 16; // one less than in the line: the last counter is not used
+constexpr int MIN_COLUMNS = 11;
 
-using Tokens = std::array<char *, MAX_TOKENS + 1>;
+using Tokens = std::array<char *, MAX_COLUMNS + 1>;
 
 /// A counter that is missing from a short line is 0.
 std::uint64_t to_counter(const char *text) {
@@ -45,7 +45,7 @@ bool names_interface(char *word, const char *interface) {
 
 bool internet_parse_line(char *line, const char *interface, TrafficCounters *counters) {
     Tokens tokens{};
-    if (strsplit(line, tokens.data(), MAX_TOKENS) < MIN_TOKENS || !names_interface(tokens[0], interface)) {
+    if (strsplit(line, tokens.data(), MAX_COLUMNS) < MIN_COLUMNS || !names_interface(tokens[0], interface)) {
         return false;
     }
     *counters = {.packets = to_counter(tokens[2]) + to_counter(tokens[10]),

@@ -18,23 +18,23 @@
 
 namespace {
 
-constexpr int MAX_TOKENS = 8;
+constexpr int MAX_WORDS = 8;
 
-bool begins_with(const char *line, const char *name) { return strncasecmp(line, name, std::strlen(name)) == 0; }
+bool is_named(const char *line, const char *name) { return strncasecmp(line, name, std::strlen(name)) == 0; }
 
 } // namespace
 
 void memoryusage_parse_line(char *line, MemoryFigures *figures) {
     std::uint64_t *figure = nullptr;
-    if (begins_with(line, "MemTotal:")) {
+    if (is_named(line, "MemTotal:")) {
         figure = &figures->total;
-    } else if (begins_with(line, "MemFree:")) {
+    } else if (is_named(line, "MemFree:")) {
         figure = &figures->free;
     } else {
         return;
     }
-    std::array<char *, MAX_TOKENS + 1> tokens{};
-    if (strsplit(line, tokens.data(), MAX_TOKENS) >= 2) {
+    std::array<char *, MAX_WORDS + 1> tokens{};
+    if (strsplit(line, tokens.data(), MAX_WORDS) >= 2) {
         *figure = static_cast<std::uint64_t>(std::strtoll(tokens[1], nullptr, 10));
     }
 }

@@ -19,8 +19,8 @@
 
 namespace {
 
-constexpr std::int32_t ID_HARDWARE = 1;
-constexpr std::int32_t ID_LINK = 2;
+constexpr std::int32_t ID_WIFI_HARDWARE = 1;
+constexpr std::int32_t ID_WIFI_LINK = 2;
 constexpr std::int32_t ID_QUALITY = 4;
 constexpr std::int32_t ID_STRENGTH = 9;
 
@@ -68,7 +68,7 @@ int wp_cmp(const void *left, const void *right) {
 namespace {
 
 bool is_wireless_id(std::int32_t id) {
-    return id == ID_HARDWARE || id == ID_LINK || id == ID_QUALITY || id == ID_STRENGTH;
+    return id == ID_WIFI_HARDWARE || id == ID_WIFI_LINK || id == ID_QUALITY || id == ID_STRENGTH;
 }
 
 /// The file that a task reads. The text exists until the process ends; null when out of memory.
@@ -121,7 +121,7 @@ const Record *wireless_psearch(const Task *task) {
 Reading wireless_state(const Record *record) {
     trace(TRACE_TRACE, "%s %d", record->file, record->id);
     const FileHandle file(std::fopen(record->file, "re"));
-    if (record->id == ID_HARDWARE) {
+    if (record->id == ID_WIFI_HARDWARE) {
         return Reading::of(file ? 0 : 1);
     }
     std::array<char, 1024> line{};
@@ -184,8 +184,8 @@ Reading wireless_read(const Record *record) {
         return wireless_quality(record);
     case ID_STRENGTH:
         return wireless_strength(record);
-    case ID_HARDWARE:
-    case ID_LINK:
+    case ID_WIFI_HARDWARE:
+    case ID_WIFI_LINK:
         return wireless_state(record);
     default:
         trace_as("wireless_exec", TRACE_TRACE, "%s(%d) FAILED!", "default", record->id);
@@ -208,10 +208,10 @@ bool append_sentence(TextBuffer *line, const Task *task) {
     }
     trace_as("wireless_logger", TRACE_TRACE, "Issue CB%02d", task->id);
     switch (task->id) {
-    case ID_HARDWARE:
+    case ID_WIFI_HARDWARE:
         line->append_format("Wireless hardware %s available.", good ? "is" : "is not");
         break;
-    case ID_LINK:
+    case ID_WIFI_LINK:
         line->append_format("Wireless hardware %s working.", good ? "is" : "is not");
         break;
     case ID_QUALITY:

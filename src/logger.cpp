@@ -32,6 +32,8 @@ const LoggerState &row_of(int state) {
     return row == nullptr ? UNKNOWN_STATE : *row;
 }
 
+void open_syslog() { openlog("vigmond", LOG_PID | LOG_CONS, LOG_DAEMON); }
+
 bool has_template(const Task *task) { return task_has(task, TASK_HAS_FORMAT) && task->format != nullptr; }
 
 bool has_sentence(const Task *task) { return has_template(task) && *task->format != '\0'; }
@@ -106,7 +108,7 @@ const LoggerState *logger_state_row(std::span<const LoggerState> table, int stat
 int logger_init() {
     trace(TRACE_INFO, " ");
     if (syslog_opened == 0) {
-        openlog("vigmond", LOG_PID | LOG_CONS, LOG_DAEMON);
+        open_syslog();
     }
     const std::int32_t severity = gdata_set_severitylevel(gdata_get_severitylevel());
     // The severity level is looked up as if it were a state; the resulting labels are kept.
@@ -142,6 +144,10 @@ void logger_syslog(int state, const char *text) {
         return;
     }
     syslog(row.priority, "[%s] %s", row.label, text);
+    // Unread sentences fill the send buffer of their socket, which can block while the reader's queue still has room.
+    // So each sentence gets a socket of its own.
+    closelog();
+    open_syslog();
 }
 
 void logger_tell_lost() {

@@ -1,6 +1,6 @@
 # The targets lint and lint_tests. lint checks the format of everything and runs clang-tidy on src and tools; lint_tests
-# runs it on tests, benchmarks and docs, which takes a quarter of an hour. clang-tidy has one stamp per source, so that
-# only changed files are checked again.
+# runs it on tests, benchmarks and docs, which takes a quarter of an hour. clang-tidy has one stamp per source or group
+# of sources, so that only what changed is checked again.
 find_program(CLANG_FORMAT clang-format)
 find_program(CLANG_TIDY clang-tidy)
 if(NOT CLANG_FORMAT OR NOT CLANG_TIDY)
@@ -11,8 +11,9 @@ file(GLOB_RECURSE HEADERS CONFIGURE_DEPENDS include/*.h tests/*.h bench/*.h fuzz
 file(GLOB_RECURSE TESTS_TO_TIDY CONFIGURE_DEPENDS tests/*.cpp bench/*.cpp docs/*.cpp)
 file(GLOB_RECURSE FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
 
-# add_tidy_stamps(STAMPS OPTIONS FILE...): appends one stamp per file to STAMPS, created when clang-tidy finds nothing.
-function(add_tidy_stamps stamps options)
+# add_tidy_stamps(STAMPS OPTIONS DEPENDENCIES FILE...): appends one stamp per file to STAMPS, created when clang-tidy
+# finds nothing.
+function(add_tidy_stamps stamps options dependencies)
     foreach(file ${ARGN})
         string(REGEX REPLACE "^(${CMAKE_BINARY_DIR}/lint|${PROJECT_SOURCE_DIR})/" "" name ${file})
         set(stamp ${CMAKE_BINARY_DIR}/lint/${name}.tidy)
@@ -22,7 +23,7 @@ function(add_tidy_stamps stamps options)
             OUTPUT ${stamp}
             COMMAND ${CLANG_TIDY} --quiet -p ${CMAKE_BINARY_DIR} ${options} ${file} 2>/dev/null # hides the count of findings in system headers
             COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
-            DEPENDS ${file} ${HEADERS} ${GROUPED} ${PROJECT_SOURCE_DIR}/.clang-tidy
+            DEPENDS ${file} ${HEADERS} ${dependencies} ${PROJECT_SOURCE_DIR}/.clang-tidy
             COMMENT "tidy ${name}")
         list(APPEND ${stamps} ${stamp})
     endforeach()
@@ -49,7 +50,7 @@ set(checks_of_groups -clang-analyzer-*)
 set(lint_stamps)
 foreach(folder src tools)
     file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${folder}/*.cpp)
-    add_tidy_stamps(lint_stamps --checks=-*,${checks_of_sources} ${sources})
+    add_tidy_stamps(lint_stamps --checks=-*,${checks_of_sources} "" ${sources})
     list(APPEND SOURCES_TO_TIDY ${sources})
     list(LENGTH sources count)
     math(EXPR half "${count} / 2")
@@ -58,9 +59,7 @@ foreach(folder src tools)
     foreach(half half_0 half_1)
         set(group ${CMAKE_BINARY_DIR}/lint/${folder}_${half}.cpp)
         write_group(${group} ${${half}})
-        set(GROUPED ${sources})
-        add_tidy_stamps(lint_stamps --checks=${checks_of_groups} ${group})
-        set(GROUPED)
+        add_tidy_stamps(lint_stamps --checks=${checks_of_groups} "${sources}" ${group})
         list(APPEND groups ${group})
     endforeach()
 endforeach()
@@ -73,7 +72,7 @@ set_source_files_properties(${groups} PROPERTIES COMPILE_OPTIONS -Wno-shadow) # 
 set_target_properties(lint_groups PROPERTIES UNITY_BUILD OFF)
 
 set(lint_tests_stamps)
-add_tidy_stamps(lint_tests_stamps "" ${TESTS_TO_TIDY})
+add_tidy_stamps(lint_tests_stamps "" "" ${TESTS_TO_TIDY})
 add_custom_target(
     lint
     COMMAND ${CLANG_FORMAT} --dry-run --Werror ${HEADERS} ${SOURCES_TO_TIDY} ${TESTS_TO_TIDY} ${FUZZ_SOURCES}

@@ -1,5 +1,6 @@
 #include "log_sockets.h"
 
+#include "datagram_queue.h"
 #include "handle.h"
 #include "hang_guard.h"
 #include "in_child.h"
@@ -65,20 +66,7 @@ struct Syslog : JournalPauses {
         syslog_path = path.c_str();
     }
 
-    /// A queue as long as systemd makes it takes more than one writer, each of which has its own limit.
-    void fill() const {
-        const sockaddr_un address = address_of(path);
-        bool has_room = true;
-        while (has_room) {
-            const Descriptor writer(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-            ASSERT_EQ(connect(writer.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-            has_room = false;
-            while (send(writer.get(), "x", 1, MSG_DONTWAIT) == 1) {
-                has_room = true;
-            }
-            ASSERT_EQ(errno, EAGAIN);
-        }
-    }
+    void fill() const { EXPECT_TRUE(fill_datagram_queue(address_of(path), "x")); }
 
     void read_one() const {
         char message = 0;

@@ -14,7 +14,7 @@ namespace {
 /// The smallest leak, 32 bytes a heartbeat, exceeds PAGES after 2,048. Under a sanitizer, whose memory cannot be
 /// compared, the descriptors show within few heartbeats.
 const int MANY = is_sanitized() ? 500 : 3'000;
-const int FEWER = is_sanitized() ? 200 : 2'000; ///< for slower heartbeats
+const int FEWER = is_sanitized() ? 200 : 2'500; ///< for slower heartbeats
 constexpr int SETTLED = 500;                    ///< heartbeats after which all buffers have their final size
 /// Allowed growth in kB for pages touched late; a sanitizer keeps freed memory for a while.
 const long PAGES = is_sanitized() ? 1'000'000 : 64;

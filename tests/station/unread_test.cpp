@@ -1,5 +1,6 @@
 // A journal or syslog daemon that has stopped reading stops no heartbeat, and the lost messages are reported.
 
+#include "datagram_queue.h"
 #include "passes.h"
 #include "station.h"
 #include "station_life.h"
@@ -8,11 +9,9 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <regex>
-#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
@@ -26,14 +25,9 @@ namespace {
 /// The number of unread messages that the kernel keeps.
 std::size_t room_in_a_socket() { return std::stoul(read_file("/proc/sys/net/unix/max_dgram_qlen")) + 1; }
 
-/// Queues as long as systemd makes them, if the test may have a network namespace. They hold more sentences than the
-/// send buffer of one socket.
+/// Queues as long as systemd makes them, which hold more sentences than the send buffer of one socket.
 struct LongQueues {
-    LongQueues() {
-        if (unshare(CLONE_NEWNET) == 0) {
-            std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << "512";
-        }
-    }
+    LongQueues() { EXPECT_TRUE(lengthen_datagram_queues(512)) << "needs the right to create a network namespace"; }
 };
 
 struct Unread : LongQueues, testing::Test {

@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr int MAX_ARGUMENTS = 8;
+constexpr int MAX_TOKENS = 8;
 constexpr std::size_t ARGUMENTS = 9;
 
 /// The load logger's command line, with its own copies of the texts.
@@ -27,7 +27,7 @@ struct Command {
     TextHandle parameter;
     TextHandle directory;
     std::array<char, 31> issue;
-    std::array<char *, MAX_ARGUMENTS + 1> tokens;
+    std::array<char *, MAX_TOKENS + 1> tokens;
     std::array<const char *, ARGUMENTS + 1> arguments;
 };
 
@@ -79,7 +79,7 @@ bool build_command(const Task *task, Command *command) {
     }
     std::snprintf(command->issue.data(), command->issue.size(), "CB%02d[%d]", task->id, task->index);
     command->arguments = {nullptr, "-c", "150", "-t", "6", "-d", command->directory.get(), "-i", command->issue.data()};
-    const int count = strsplit(command->parameter.get(), command->tokens.data(), MAX_ARGUMENTS);
+    const int count = strsplit(command->parameter.get(), command->tokens.data(), MAX_TOKENS);
     if (count > 0) {
         command->arguments[0] = base_name(command->tokens[0]);
         take_options(command, count); // permutes all tokens but the first

@@ -1,5 +1,6 @@
 #include "capture.h"
 
+#include "datagram_queue.h"
 #include "rig_failure.h"
 
 #include <array>
@@ -8,8 +9,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -17,14 +16,16 @@
 
 namespace {
 
-/// An address has room for 107 characters; a name relative to an open folder always fits.
-sockaddr_un short_address(const Descriptor &folder, const std::string &name) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = "/proc/self/fd/" + std::to_string(folder.get()) + "/" + name;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-}
+/// The address of the socket at `path`. It has room for 107 characters; a name relative to an open folder always fits.
+struct SocketAddress {
+    explicit SocketAddress(const std::filesystem::path &path)
+        : folder(open(path.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+        const std::string name = "/proc/self/fd/" + std::to_string(folder.get()) + "/" + path.filename().string();
+        name.copy(address.sun_path, sizeof address.sun_path - 1);
+    }
+    Descriptor folder;
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+};
 
 std::uint64_t little_endian(const char *bytes) {
     std::uint64_t number = 0;
@@ -36,25 +37,20 @@ std::uint64_t little_endian(const char *bytes) {
 
 Descriptor datagram_socket() { return Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
 
-/// A socket with room for everything that the daemon writes before the rig reads it. The queue length belongs to
-/// the network namespace; without the right to create one the socket has the usual length.
+/// A socket with room for everything that the daemon writes before the rig reads it, if the rig may have a network
+/// namespace; the usual room otherwise.
 Descriptor roomy_socket() {
     Descriptor fd;
     std::thread([&fd] {
-        if (unshare(CLONE_NEWNET) == 0) {
-            std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << "2000";
-        }
+        lengthen_datagram_queues(2000);
         fd = datagram_socket();
     }).join();
     return fd;
 }
 
-/// Binds or connects the socket at `path`; `join` is bind or connect.
-Descriptor socket_at(const std::string &path, Descriptor fd, int (*join)(int, const sockaddr *, socklen_t)) {
-    const std::filesystem::path whole(path);
-    const Descriptor folder(open(whole.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const sockaddr_un address = short_address(folder, whole.filename());
-    if (!fd || !folder || join(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+Descriptor bound_socket(const std::string &path, Descriptor fd) {
+    const SocketAddress at(path);
+    if (!fd || bind(fd.get(), reinterpret_cast<const sockaddr *>(&at.address), sizeof at.address) != 0) {
         rig_failure_of("socket " + path);
     }
     return fd;
@@ -63,17 +59,11 @@ Descriptor socket_at(const std::string &path, Descriptor fd, int (*join)(int, co
 } // namespace
 
 DatagramSocket::DatagramSocket(const std::string &path, Queue queue)
-    : fd_(socket_at(path, queue == Queue::roomy ? roomy_socket() : datagram_socket(), bind)) {}
+    : fd_(bound_socket(path, queue == Queue::roomy ? roomy_socket() : datagram_socket())) {}
 
 void fill_socket(const std::string &path) {
-    const std::string message = "A=x\n";
-    bool has_room = true;
-    while (has_room) { // each sender has its own limit
-        const Descriptor sender = socket_at(path, datagram_socket(), connect);
-        has_room = false;
-        while (send(sender.get(), message.c_str(), message.size(), 0) > 0) {
-            has_room = true;
-        }
+    if (!fill_datagram_queue(SocketAddress(path).address, "A=x\n")) {
+        rig_failure_of("fill " + path);
     }
 }
 

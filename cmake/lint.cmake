@@ -43,8 +43,8 @@ function(write_group path)
     file(CONFIGURE OUTPUT ${path} CONTENT "${text}" @ONLY)
 endfunction()
 
-# Most checks walk through all headers of a source, so they take groups of sources. The others, and the analyzer, take
-# each source by itself; this also shows whether it includes what it uses.
+# Most checks walk through all headers of a source, so they take groups of sources. The others take each source by
+# itself, which also shows whether it includes what it uses. So does the analyzer, which skips included sources.
 set(checks_of_sources clang-analyzer-*,misc-unused-using-decls,misc-unused-alias-decls)
 set(checks_of_groups -clang-analyzer-*)
 set(lint_stamps)

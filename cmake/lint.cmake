@@ -66,7 +66,7 @@ endforeach()
 
 # Never built: gives clang-tidy the options of the groups.
 add_library(lint_groups OBJECT EXCLUDE_FROM_ALL ${groups})
-target_link_libraries(lint_groups PRIVATE vigmond_core vigmond_log_core)
+target_link_libraries(lint_groups PRIVATE vigmond_core vigmond_log_core vigmond_revision)
 target_include_directories(lint_groups PRIVATE $<TARGET_PROPERTY:vigmond_log_core,INCLUDE_DIRECTORIES>)
 set_source_files_properties(${groups} PROPERTIES COMPILE_OPTIONS -Wno-shadow) # a name of one source may be local in another
 set_target_properties(lint_groups PROPERTIES UNITY_BUILD OFF)

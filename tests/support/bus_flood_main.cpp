@@ -3,8 +3,8 @@
 //   bus_flood PID BYTES       signals of BYTES bytes each, as fast as possible, until killed
 //   bus_flood PID descriptor  one signal with a socket whose last close blocks for a minute
 //   bus_flood announce UID    as root: signals of the issues' interface from that user to a listener, "2 heard"
-// Writes "4 MB sent to NAME" and so on, "refused: ERROR" when the bus starts to refuse them, and "sent to all" after
-// the first round.
+// Writes "4 MB sent to NAME" and so on, and "sent to all" after the first round. Ends with "refused: ERROR" when the
+// bus refuses a signal.
 
 #include "dbus-srv/bus_handle.h"
 #include "handle.h"
@@ -33,7 +33,6 @@ constexpr std::size_t OVERHEAD = 400; ///< of a signal, roughly
 DBusConnection *connection = nullptr;
 std::map<std::string, std::size_t> targets; ///< bytes sent to each
 std::uint32_t victim = 0;
-bool refused = false;
 
 /// Calls a method of the bus, with `name` unless it is empty.
 BusMessage ask_bus(const char *member, const std::string &name = "") {
@@ -101,9 +100,9 @@ void take_in_news() {
     while (const BusMessage message{dbus_connection_pop_message(connection)}) {
         if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_DBUS, "NameOwnerChanged") != 0) {
             follow(message.get());
-        } else if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_ERROR && !refused) {
-            refused = true;
+        } else if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_ERROR) {
             std::printf("refused: %s\n", dbus_message_get_error_name(message.get()));
+            std::_Exit(0); // closes no lingering socket, which would block
         }
     }
 }
@@ -168,9 +167,6 @@ void send_descriptor() {
     }
     ask_bus("GetId"); // the bus answers after it has handled all of them
     take_in_news();
-    while (refused) { // its own close would block
-        pause();
-    }
 }
 
 BusMessage announcement(const char *destination) {

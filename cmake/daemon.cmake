@@ -1,3 +1,4 @@
+# The daemon, and the library with all of it but main.
 file(GLOB_RECURSE SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/src/vigmond.cpp)
 

@@ -3,8 +3,8 @@
 //   bus_flood PID BYTES       signals of BYTES bytes each, as fast as possible, until killed
 //   bus_flood PID descriptor  one signal with a socket whose last close blocks for a minute
 //   bus_flood announce UID    as root: signals of the issues' interface from that user to a listener, "2 heard"
-// Writes "4 MB sent to NAME" and so on, and "sent to all" after the first round. Ends with "refused: ERROR" when the
-// bus refuses a signal.
+// Writes "4 MB sent to NAME" and so on, and "sent to all" after the first round. Ends with "refused: ERROR" when
+// the policy of the bus refuses a signal.
 
 #include "dbus-srv/bus_handle.h"
 #include "handle.h"
@@ -100,8 +100,8 @@ void take_in_news() {
     while (const BusMessage message{dbus_connection_pop_message(connection)}) {
         if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_DBUS, "NameOwnerChanged") != 0) {
             follow(message.get());
-        } else if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_ERROR) {
-            std::printf("refused: %s\n", dbus_message_get_error_name(message.get()));
+        } else if (dbus_message_is_error(message.get(), DBUS_ERROR_ACCESS_DENIED) != 0) { // other: the target is gone
+            std::puts("refused: " DBUS_ERROR_ACCESS_DENIED);
             std::_Exit(0); // closes no lingering socket, which would block
         }
     }

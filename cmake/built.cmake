@@ -15,4 +15,5 @@ target_link_libraries(vigmond_log_core INTERFACE vigmond_options BZip2::BZip2 Th
 foreach(program vigmond vigmond-log)
     add_executable(${program} IMPORTED GLOBAL)
     set_target_properties(${program} PROPERTIES IMPORTED_LOCATION ${VIGMOND_BUILT}/${program})
+    file(CREATE_LINK ${VIGMOND_BUILT}/${program} ${CMAKE_BINARY_DIR}/${program} SYMBOLIC) # for script/run
 endforeach()

@@ -22,12 +22,13 @@ if(VIGMOND_SANITIZE)
     target_compile_options(vigmond_options INTERFACE -fsanitize=${VIGMOND_SANITIZE} -fno-omit-frame-pointer
                                                      -fno-sanitize-recover=all)
     target_link_options(vigmond_options INTERFACE -fsanitize=${VIGMOND_SANITIZE})
-    if(VIGMOND_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND NOT VIGMOND_FUZZ)
-        # Shared, so that preloaded libraries come first and can replace malloc.
+    if(VIGMOND_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        # Shared, so that preloaded libraries come first and can replace malloc. A fuzzer works only with a static one.
         execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so
                         OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
         cmake_path(GET runtime PARENT_PATH runtime_folder)
-        target_link_options(vigmond_options INTERFACE -shared-libasan -Wl,-rpath,${runtime_folder})
+        target_link_options(vigmond_options INTERFACE
+                            $<IF:$<BOOL:$<TARGET_PROPERTY:FUZZER>>,-static-libsan,-shared-libasan> -Wl,-rpath,${runtime_folder})
     endif()
 endif()
 

@@ -11,8 +11,8 @@
 
 namespace {
 
-/// The smallest leak, 32 bytes a heartbeat, exceeds PAGES after 768. Under a sanitizer, whose memory cannot be compared,
-/// the descriptors show within few heartbeats.
+/// The smallest leak, 32 bytes a heartbeat, exceeds PAGES after 768. Under a sanitizer, whose memory cannot be
+/// compared, the descriptors show within few heartbeats.
 const int MANY = is_sanitized() ? 200 : 1'200;
 const int SETTLED = is_sanitized() ? 100 : 500; ///< heartbeats after which all buffers have their final size
 /// Allowed growth in kB for pages touched late; a sanitizer keeps freed memory for a while.

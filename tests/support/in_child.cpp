@@ -1,22 +1,17 @@
 #include "in_child.h"
 
+#include "ended_by_exception.h"
+
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
-
-/// An exception in the body ends the child: it must not continue with its parent's tests.
-void run(const std::function<void()> &body) noexcept { body(); }
-
-} // namespace
-
 int run_child(const std::function<void()> &body) {
     std::fflush(nullptr); // otherwise both processes write what is buffered now
     const pid_t child = fork();
     if (child == 0) {
-        run(body);
+        ended_by_exception(body); // it must not continue with its parent's tests
         std::fflush(nullptr);
         _exit(testing::Test::HasFailure() ? CHILD_FAILED : CHILD_DONE);
     }

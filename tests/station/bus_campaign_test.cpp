@@ -26,7 +26,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr unsigned DEFAULT_FAULTS = 4;
-constexpr unsigned DEFAULT_FLOOD_SECONDS = 2;
+constexpr unsigned DEFAULT_FLOOD_SECONDS = 1;
 constexpr int CLIENTS = 50;
 constexpr int SAMPLES = 5; ///< the fifth changes the state of the temperature
 constexpr const char *PATH = "/com/corvana/Monitoring1";

@@ -110,13 +110,17 @@ void drop_connection() {
 void discard_leftovers(sd_bus *bus) {
     const Deadline deadline = steady_clock::now() + MAX_DISCARD_TIME;
     int bytes = unread_bytes(bus);
-    for (int count = 0; bytes > 0 || has_leftovers(bus); ++count) {
+    int count = 0;
+    for (; bytes > 0 || has_leftovers(bus); ++count) {
         const bool is_flooded = count == MAX_UNREAD || bytes > MAX_UNREAD_BYTES || steady_clock::now() > deadline;
         if (is_flooded || sd_bus_process(bus, nullptr) <= 0 || sd_bus_is_open(bus) <= 0) {
             drop_connection();
             return;
         }
         bytes = unread_bytes(bus);
+    }
+    if (count > 0) {
+        release_memory();
     }
 }
 

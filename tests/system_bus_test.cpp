@@ -143,16 +143,19 @@ constexpr long MOST_KB = 1'000'000; // the sanitizer keeps freed memory for a wh
 constexpr long MOST_KB = 16'000; // the flood brings several times that in a second
 #endif
 
-/// The largest resident size since `forget_peak`, in kB.
-long peak_kb() {
+/// A field of this process's status, in kB.
+long status_kb(const std::string &field) {
     std::ifstream status("/proc/self/status");
     std::string word;
-    while (status >> word && word != "VmHWM:") {
+    while (status >> word && word != field) {
     }
     long kilobytes = 0;
     status >> kilobytes;
     return kilobytes;
 }
+
+/// The largest resident size since `forget_peak`, in kB.
+long peak_kb() { return status_kb("VmHWM:"); }
 
 void forget_peak() { std::ofstream("/proc/self/clear_refs") << 5; }
 
@@ -200,6 +203,18 @@ TEST(SystemBusFlood, UsesNoMemoryWhileNothingIsAnswered) {
         EXPECT_LT(rig.grown_kb(), MOST_KB);
         rig.systemd.obey("release");
         EXPECT_EQ(ask_text().text, "active") << "not the reply to the previous call";
+    });
+}
+
+// Too few for a new connection.
+TEST(SystemBusFlood, LeavesNoMemoryOfDiscardedMessages) {
+    in_child([] {
+        Rig rig;
+        EXPECT_EQ(ask_number().number, 7U);
+        const long before_kb = status_kb("VmRSS:");
+        rig.systemd.obey("noise 20 64000");
+        EXPECT_EQ(ask_number().number, 7U);
+        EXPECT_LT(status_kb("VmRSS:"), before_kb + 512);
     });
 }
 

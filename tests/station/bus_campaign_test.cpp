@@ -26,7 +26,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr unsigned DEFAULT_FAULTS = 4;
-constexpr unsigned DEFAULT_FLOOD_SECONDS = 1;
+constexpr unsigned DEFAULT_FLOOD_SECONDS = 2;
 constexpr int CLIENTS = 50;
 constexpr int SAMPLES = 5; ///< the fifth changes the state of the temperature
 constexpr const char *PATH = "/com/corvana/Monitoring1";
@@ -265,16 +265,12 @@ TEST_F(Campaign, LosesNoHeartbeatInAFloodOfSignals) {
     const ProcessUsage before = usage_of(station.pid());
     int states = 1;
     for (const char *size : {"10", "4000", "1000000"}) {
-        {
-            const SignalFlood flood(world.bus(), station.pid(), size);
-            const auto end = std::chrono::steady_clock::now() + duration;
-            while (std::chrono::steady_clock::now() < end) {
-                ASSERT_NO_FATAL_FAILURE(change_state([] {}));
-                ++states;
-            }
+        const SignalFlood flood(world.bus(), station.pid(), size);
+        const auto end = std::chrono::steady_clock::now() + duration;
+        while (std::chrono::steady_clock::now() < end) {
+            ASSERT_NO_FATAL_FAILURE(change_state([] {}));
+            ++states;
         }
-        ASSERT_NO_FATAL_FAILURE(change_state([] {})); // after it, no message of the flood is in memory
-        ++states;
         SCOPED_TRACE(size);
         expect_as_before(usage_of(station.pid()), before);
     }

@@ -7,7 +7,7 @@
 //   hold                             from now on no call is answered
 //   release                          answers the held calls, late, and all later ones
 //   delay MS                         each answer is delayed by MS
-//   noise COUNT                      sends COUNT signals to the caller before each answer
+//   noise COUNT [BYTES]              sends COUNT signals with that much content to the caller before each answer
 //   strike PID SIGNAL NTH            sends SIGNAL to process PID at the NTH call from now
 //   count UNIT PROPERTY              answers "ok N": the number of calls for that property
 //   total                            answers "ok N": the number of all calls
@@ -62,6 +62,7 @@ Strike strike;
 bool holding = false;
 int delay_ms = 0;
 int noise = 0;
+std::size_t noise_bytes = 0;
 int total = 0;
 
 /// systemd's answer for a unit that is not installed.
@@ -132,9 +133,12 @@ std::string property_asked(DBusMessage *call) {
 }
 
 void send_noise(const char *to) {
+    const std::string content(noise_bytes, 'x');
+    const char *const text = content.c_str();
     for (int i = 0; i < noise; ++i) {
         const BusMessage signal(dbus_message_new_signal("/noise", "noise.Noise", "Noise"));
         dbus_message_set_destination(signal.get(), to);
+        dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, static_cast<const void *>(&text), DBUS_TYPE_INVALID);
         dbus_connection_send(connection.get(), signal.get(), nullptr);
     }
 }
@@ -230,7 +234,7 @@ int obey(const std::string &line) {
     } else if (command == "delay") {
         words >> delay_ms;
     } else if (command == "noise") {
-        words >> noise;
+        words >> noise >> noise_bytes; // 0 if it is not there
     } else if (command == "strike") {
         words >> strike.pid >> strike.signo >> strike.questions_left;
     }

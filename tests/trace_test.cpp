@@ -23,7 +23,9 @@
 #include <unistd.h>
 #include <vector>
 
-// Also counts allocations with new. If inlined, the compiler would report mismatched pairs.
+// Also counts allocations with new. If inlined, the compiler would report mismatched pairs. The sanitizer for threads
+// has its own, which cannot be replaced.
+#ifndef SANITIZED_THREADS
 // NOLINTBEGIN(cppcoreguidelines-no-malloc)
 [[gnu::noinline]] void *operator new(std::size_t size) {
     void *memory = std::malloc(size == 0 ? 1 : size);
@@ -35,6 +37,7 @@
 [[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void *memory, std::size_t /*size*/) noexcept { std::free(memory); }
 // NOLINTEND(cppcoreguidelines-no-malloc)
+#endif
 
 namespace {
 

@@ -434,6 +434,16 @@ TEST(BusStartTest, ALargeCallIsOneWaitToo) {
 
 TEST(BusStartTest, ANoteOfTheSenderIsConsumedOnce) { expect_waits_at_most(2, "noted-message"); }
 
+TEST(BusStartTest, ACallThatTheSenderReadsIsServedAtOnce) {
+    PrivateBus bus;
+    BusClient client(bus);
+    BusDaemon daemon(bus, Traces::none, "sender-reads");
+    client.wait_for_owner(SERVICE_NAME);
+    ASSERT_TRUE(is_return(client.call(listing_call()))) << "perhaps read before the first wait";
+    EXPECT_TRUE(is_return(client.call(listing_call())));
+    EXPECT_TRUE(daemon.process().errors().wait_for("read in").has_value());
+}
+
 /// What the daemon did with its messages, from its traces so far.
 struct Fate {
     long served = 0;

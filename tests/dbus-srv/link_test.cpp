@@ -127,14 +127,15 @@ class OwnConnectionTest : public testing::Test {
         dbus_message_set_destination(signal.get(), dbus_bus_get_unique_name(connection.get()));
         return signal;
     }
-    /// Sends a signal with a text of `size` bytes.
-    void send_text(std::size_t size) {
+    /// The same with a text of `size` bytes.
+    [[nodiscard]] BusMessage text_signal(std::size_t size) const {
         const std::string text(size, 'x');
         const char *const first = text.c_str();
-        const BusMessage message = signal();
+        BusMessage message = signal();
         dbus_message_append_args(message.get(), DBUS_TYPE_STRING, static_cast<const void *>(&first), DBUS_TYPE_INVALID);
-        client.send(message);
+        return message;
     }
+    void send_text(std::size_t size) { client.send(text_signal(size)); }
     static const std::string &folder() {
         static const ScratchFolder scratch;
         static const std::string path = scratch.path();
@@ -202,6 +203,22 @@ TEST_F(OwnConnectionTest, NoMoreIsReadThanIsHandledAndNothingIsLost) {
         send_text(1000);
     }
     expect_read_in_parts(count, 64 * 1024 / 1000);
+}
+
+TEST_F(OwnConnectionTest, AFlushDoesNotRaiseTheBoundOfWhatIsRead) {
+    constexpr std::size_t count = 300;
+    for (std::size_t i = 0; i < count; ++i) {
+        send_text(1000);
+    }
+    ASSERT_NE(client.ask_bus("GetNameOwner", DBUS_SERVICE_DBUS), nullptr) << "the bus has it all";
+    kill(bus.pid(), SIGSTOP);
+    const BusMessage large = text_signal(1024UL * 1024); // more than the socket takes
+    dbus_connection_send(connection.get(), large.get(), nullptr);
+    EXPECT_NE(dbus_connection_has_messages_to_send(connection.get()), 0);
+    kill(bus.pid(), SIGCONT);
+    bus_flush(connection.get());
+    EXPECT_EQ(dbus_connection_has_messages_to_send(connection.get()), 0);
+    EXPECT_LE(queued_signals(), 64 * 1024 / 1000);
 }
 
 // In libdbus they take four times their size.

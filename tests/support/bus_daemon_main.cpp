@@ -16,8 +16,10 @@
 //   miss-answer       as the command
 //   no-eventfd        eventfd fails
 //   noted-message     starts as if a message had already been read
+//   sender-reads      before the listener waits, another thread reads the next message; then "read in" on stderr
 
 #include "dbus-srv.h"
+#include "dbus-srv/link.h"
 #include "dbus-srv/listener.h"
 #include "dbus-srv/queue.h"
 #include "dbus-srv/sender.h"
@@ -41,6 +43,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <thread>
 
 namespace {
 
@@ -53,6 +56,7 @@ std::binary_semaphore held_thread_may_continue{0};
 bool held_pauses = false;
 bool no_eventfd = false;
 bool noted_message = false;
+bool sender_reads = false;
 std::atomic<bool> send_fails = false;
 std::atomic<bool> answer_is_missed = false;
 std::atomic<pid_t> bus_to_end = 0;
@@ -104,6 +108,7 @@ void configure(std::string_view argument) {
     answer_is_missed = answer_is_missed || argument == "miss-answer";
     no_eventfd = no_eventfd || argument == "no-eventfd";
     noted_message = noted_message || argument == "noted-message";
+    sender_reads = sender_reads || argument == "sender-reads";
 }
 
 void hold(std::string_view thread) {
@@ -124,6 +129,14 @@ void *run_listener(void *argument) {
 void *run_sender(void *argument) {
     hold("sender");
     return tell_end("sender", d_bus_srv_msg_sender(argument));
+}
+
+/// What the sender does with messages that arrive while it sends.
+void read_in() {
+    if (const BusLinkView link = bus_link_get(); link.connection) {
+        dbus_connection_read_write(link.connection.get(), -1);
+        std::fputs("read in\n", stderr);
+    }
 }
 
 /// Ends the bus and waits until its end of the connection is closed. The other thread may close this end at once, and
@@ -184,6 +197,15 @@ int __wrap_eventfd(unsigned count, int flags) {
         return -1;
     }
     return __real_eventfd(noted_message ? 1 : count, flags);
+}
+
+int __real_poll(pollfd *awaited, nfds_t count, int timeout);
+
+int __wrap_poll(pollfd *awaited, nfds_t count, int timeout) {
+    if (sender_reads && count == 2) { // the listener's
+        std::thread(read_in).join();
+    }
+    return __real_poll(awaited, count, timeout);
 }
 
 // Linked before the library's own.

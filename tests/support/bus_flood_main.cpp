@@ -223,16 +223,19 @@ int main(int argc, char **argv) {
     const std::string what = argv[2];
     dbus_bus_add_match(connection, "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'", nullptr);
     consider_all();
-    if (what == "descriptor") {
+    const bool floods = what != "descriptor";
+    const std::string content(floods ? std::strtoul(argv[2], nullptr, 10) : 0, 'x');
+    if (floods) {
+        flood(content);
+    } else {
         send_descriptor();
     }
     std::printf("sent to all %zu\n", targets.size());
-    const std::string content(what == "descriptor" ? 0 : std::strtoul(argv[2], nullptr, 10), 'x');
     while (dbus_connection_get_is_connected(connection) != 0) {
-        if (what == "descriptor" || targets.empty()) {
-            dbus_connection_read_write(connection, 100);
-        } else {
+        if (floods && !targets.empty()) {
             flood(content);
+        } else {
+            dbus_connection_read_write(connection, 100);
         }
         take_in_news();
     }

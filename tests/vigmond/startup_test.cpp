@@ -72,6 +72,16 @@ TEST(StandardStreams, AreLeftAloneWhereTheyAreOpen) {
     });
 }
 
+TEST(StandardStreams, NoOtherDescriptorIsOpened) {
+    in_child([] {
+        const int lowest = dup(STDERR_FILENO);
+        close(lowest);
+        close(STDIN_FILENO);
+        standard_streams_init();
+        EXPECT_EQ(dup(STDERR_FILENO), lowest);
+    });
+}
+
 namespace {
 
 namespace fs = std::filesystem;

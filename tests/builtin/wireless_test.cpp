@@ -368,6 +368,16 @@ TEST_F(WirelessTest, MeasuresTheDeviceOfTheTask) {
     expect_measured(wireless_exec, wireless_task(QUALITY, "WLAN0STA"), 70);
 }
 
+TEST_F(WirelessTest, TracesNoFailureOfWhatItHasMeasured) {
+    show(table_line("wlan0sta", "70.", "-40."));
+    const CapturedTraces traces;
+    expect_measured(wireless_exec, wireless_task(QUALITY, "wlan0sta"), 70);
+    expect_measured(wireless_exec, wireless_task(STRENGTH, "wlan0sta"), -40);
+    EXPECT_THAT(traces.texts_of("wireless_quality"), ElementsAre("/proc/net/wireless wlan0sta"));
+    EXPECT_THAT(traces.texts_of("wireless_strength"),
+                ElementsAre("/proc/net/wireless wlan0sta", "value: -40 (-40.500000), level: -40.000000"));
+}
+
 TEST_F(WirelessTest, TruncatesTheQualityAndRoundsTheStrength) {
     struct Case {
         const char *number;

@@ -1,5 +1,5 @@
-# The board: 32-bit ARM with hardware floating point. The libraries come from the root file system that script/setup
-# extracts; test programs run under user-mode emulation.
+# The board: 32-bit ARM with hardware floating point. The libraries are those that `script/setup armhf` extracts; test
+# programs run under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # silences notes on ABI changes in older compilers
